@@ -1,0 +1,33 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace velum {
+
+/// What the system knows about an application that can be opened. A value, read once.
+struct Bundle {
+  /// As it was given: a bundle folder with Contents/Info.plist. Linux also takes a desktop entry
+  /// (*.desktop; identifier = its file name without the suffix) and a plain file (no identifier).
+  std::string path;
+  std::optional<std::string> identifier;
+  /// The program to start. For a bundle folder: Contents/MacOS/ and CFBundleExecutable, or the
+  /// folder's name without its suffix where the property list names none.
+  std::string executable;
+  /// Arguments for the program; only desktop entries have any.
+  std::vector<std::string> arguments;
+
+  /// Reads the bundle at `path`. Nothing when there is none: no such file, or a folder without
+  /// Contents. A malformed, huge or unreadable property list counts as an empty one. Never throws
+  /// for bad input, never blocks on a FIFO or device.
+  static std::optional<Bundle> at(const std::string& path);
+
+  /// The bundle whose main program is the file `executable`: the nearest enclosing folder that
+  /// is a bundle, when its `executable` is that very file. Other programs inside a bundle
+  /// (helpers, daemons) are not the application. A trailing " (deleted)" is understood, as
+  /// /proc shows it for a program that was replaced while it runs.
+  static std::optional<Bundle> ofExecutable(const std::string& executable);
+};
+
+}  // namespace velum

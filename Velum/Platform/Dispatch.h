@@ -1,0 +1,82 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace velum {
+
+using Work = std::function<void()>;
+
+/// A queue of work items. A serial queue runs one item at a time, in the order they were handed
+/// in, on some thread of a shared pool; it costs no thread of its own. The main queue runs on the
+/// thread that runs Application::run(); the global queue runs items side by side.
+///
+/// Every operation may be called from any thread. A work item must not throw: an exception that
+/// leaves it stops the process. After fork(2) the child's queues start empty, with threads of
+/// their own.
+class DispatchQueue {
+ public:
+  DispatchQueue() = default;
+  DispatchQueue(const DispatchQueue&) = delete;
+  DispatchQueue& operator=(const DispatchQueue&) = delete;
+  virtual ~DispatchQueue() = default;
+
+  static DispatchQueue& main();
+  static DispatchQueue& global();
+  /// A new serial queue. Work still waiting when the last reference goes is run all the same.
+  static std::shared_ptr<DispatchQueue> serial(std::string label);
+
+  virtual const std::string& label() const noexcept = 0;
+
+  /// Runs `work` later, never inside this call.
+  virtual void async(Work work) = 0;
+
+  /// Runs `work` no earlier than `delay` from now, measured on a clock that never jumps.
+  virtual void asyncAfter(std::chrono::nanoseconds delay, Work work) = 0;
+};
+
+/// Counts work in flight on any number of queues. Every `enter` needs its `leave`, and `leave` may
+/// come from any thread.
+class DispatchGroup {
+ public:
+  DispatchGroup();
+
+  void enter();
+  void leave();
+  /// Hands `work` to `queue` as part of the group.
+  void async(DispatchQueue& queue, Work work);
+  /// Blocks until nothing is in flight; false when `timeout` passed first.
+  bool wait(std::chrono::nanoseconds timeout = std::chrono::nanoseconds::max());
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
+
+/// An event source; it delivers to a queue until it is destroyed. May be destroyed inside its own
+/// handler. Destroyed elsewhere, a delivery that already began runs to its end beside it, so the
+/// handler should own or weakly hold what it touches. In a forked child, a source made by the
+/// parent delivers nothing.
+class DispatchSource {
+ public:
+  DispatchSource() = default;
+  DispatchSource(const DispatchSource&) = delete;
+  DispatchSource& operator=(const DispatchSource&) = delete;
+  virtual ~DispatchSource() = default;
+
+  /// Calls `handler` on `queue` each time `descriptor` is readable (or at its end), once per
+  /// state: the next call comes after the handler returned. The descriptor stays the caller's and
+  /// must stay open as long as the source lives. Throws SystemError when it can't be watched.
+  static std::unique_ptr<DispatchSource> readable(int descriptor, DispatchQueue& queue,
+                                                  Work handler);
+
+  /// Calls `handler` on `queue` once, when the child process `pid` has ended, with its wait(2)
+  /// status; the child is reaped by then. `pid` must be a child nobody else waits for.
+  /// Throws SystemError when there is no such child.
+  static std::unique_ptr<DispatchSource> childExit(int pid, DispatchQueue& queue,
+                                                   std::function<void(int status)> handler);
+};
+
+}  // namespace velum

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <ctime>
+#include <string>
+
+namespace velum {
+
+/// Copies a file, sharing its blocks where the volume can (copy on write), with its permissions
+/// and times. What stands at `target` is replaced in one step: a reader sees the old or the new
+/// file, and a failure leaves the old one. A symbolic link at `source` is followed.
+/// Returns 0 or an errno value.
+int cloneFile(const std::string& source, const std::string& target) noexcept;
+
+/// Sets the creation time of an open file. Returns 0 or an errno value. Linux keeps a creation
+/// time that nobody can set: the call then does nothing and succeeds.
+int setCreationTime(int descriptor, timespec time) noexcept;
+
+}  // namespace velum

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "Velum/Platform/Dispatch.h"
+
+namespace velum {
+
+/// What can happen to a watched file or folder. A set of bits.
+enum class FileEvent : std::uint8_t {
+  none = 0,
+  deleted = 1U << 0U,   ///< Its last name is gone.
+  written = 1U << 1U,   ///< Content changed; for a folder: an entry came, went or was renamed.
+  extended = 1U << 2U,  ///< It grew. Systems that can't tell report `written` only.
+  attribute = 1U << 3U,
+  link = 1U << 4U,     ///< Its number of names changed.
+  renamed = 1U << 5U,  ///< It was moved away from its path.
+  revoked = 1U << 6U,  ///< Its file system was unmounted.
+};
+
+constexpr FileEvent operator|(FileEvent a, FileEvent b) noexcept {
+  return static_cast<FileEvent>(static_cast<unsigned>(a) | static_cast<unsigned>(b));
+}
+constexpr FileEvent operator&(FileEvent a, FileEvent b) noexcept {
+  return static_cast<FileEvent>(static_cast<unsigned>(a) & static_cast<unsigned>(b));
+}
+
+/// Watches files and folders for changes (vnode sources on macOS, inotify on Linux). A watch
+/// follows the file that was at the path when it began, not the path.
+class FileEvents {
+ public:
+  /// Ends when destroyed, also inside its own handler; see DispatchSource for the details.
+  class Watch {
+   public:
+    Watch() = default;
+    Watch(const Watch&) = delete;
+    Watch& operator=(const Watch&) = delete;
+    virtual ~Watch() = default;
+  };
+  using Handler = std::function<void(FileEvent)>;
+
+  FileEvents() = default;
+  FileEvents(const FileEvents&) = delete;
+  FileEvents& operator=(const FileEvents&) = delete;
+  virtual ~FileEvents() = default;
+
+  static FileEvents& shared();
+
+  /// Calls `handler` on `queue` for those `events` that happen; events may arrive merged. When the
+  /// system drops events (its queue overflowed), every watcher is told all it asked for: look
+  /// again. Throws SystemError when the path can't be watched. A forked child inherits no watch.
+  virtual std::unique_ptr<Watch> watch(const std::string& path, FileEvent events,
+                                       std::shared_ptr<DispatchQueue> queue, Handler handler) = 0;
+};
+
+}  // namespace velum

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace velum {
+
+/// A handle to the machine's system log for one subsystem and category (os_log on macOS, the
+/// journal on Linux). Thread-safe.
+class SystemLog {
+ public:
+  /// The message types of the system log, mildest first; the journal's priorities in brackets.
+  enum class Type : std::uint8_t { normal, error, fault };  // [LOG_NOTICE, LOG_ERR, LOG_CRIT]
+
+  SystemLog() = default;
+  SystemLog(const SystemLog&) = delete;
+  SystemLog& operator=(const SystemLog&) = delete;
+  virtual ~SystemLog() = default;
+
+  static std::shared_ptr<SystemLog> open(std::string subsystem, std::string category);
+
+  /// Writes `text` as it stands, never as a format. Where the machine has no system log, errors
+  /// and faults go to standard error instead.
+  virtual void write(Type type, std::string_view text) noexcept = 0;
+};
+
+}  // namespace velum

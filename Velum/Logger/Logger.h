@@ -86,10 +86,24 @@ class Logger {
 };
 
 namespace detail {
-extern Logger& sharedLogger;
+// Constant-initialised, so that asking for it needs no guard and the level check stays one load.
+// The union keeps the destructor from running: records may come until the very end.
+union SharedLogger {
+  constexpr SharedLogger() noexcept : logger() {}
+  SharedLogger(const SharedLogger&) = delete;
+  SharedLogger& operator=(const SharedLogger&) = delete;
+  ~SharedLogger() {}  // NOLINT(modernize-use-equals-default): deleted otherwise
+  Logger logger;
+};
+extern SharedLogger sharedLogger;
+
 void logFormatted(LogLevel level, const LogSite& site, fmt::string_view format,
                   fmt::format_args arguments);
 }  // namespace detail
+
+inline Logger& Logger::shared() noexcept {
+  return detail::sharedLogger.logger;
+}
 
 /// Logs a formatted message on the shared logger. Formatting, and nothing else, is deferred:
 /// arguments are evaluated by the caller, so compute costly ones under `Logger::passes`.
@@ -127,6 +141,8 @@ inline void logError(const LogSite& site, fmt::format_string<Arguments...> forma
 }
 
 /// Logs "TRACE LINE " and the caller's line number at level debug.
-inline void logTrace(const LogSite& site) { logDebug(site, "TRACE LINE {}", site.line); }
+inline void logTrace(const LogSite& site) {
+  logDebug(site, "TRACE LINE {}", site.line);
+}
 
 }  // namespace velum

@@ -28,7 +28,8 @@ class ForkParticipant {
   explicit ForkParticipant(Stage stage) noexcept : stage_(stage) {}
   virtual ~ForkParticipant() = default;
 
-  /// First and last thing the most derived class does with itself, without holding its locks.
+  /// First and last thing the most derived class does with itself. Never called while a lock of
+  /// any participant is held: the fork holds the registry while it waits for those locks.
   void registerForFork();
   void unregisterForFork() noexcept;
 

@@ -1,0 +1,150 @@
+#include "Velum/Logger/LogRecord.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <cstdint>
+#include <ctime>
+#include <iterator>
+#include <mutex>
+
+#include "Velum/Platform/AtFork.h"
+#include "Velum/Platform/Thread.h"
+#include "Velum/UnfairLock.h"
+
+namespace velum {
+namespace {
+
+using std::chrono::floor;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+/// Breaks times down in the local zone. The C library guards its zone data with a lock that a
+/// forked child may inherit locked for ever; taking our own lock around it closes that hole.
+class LocalCalendar final : public ForkParticipant {
+ public:
+  static LocalCalendar& shared() {
+    static LocalCalendar& instance =
+        *new LocalCalendar;  // NOLINT(*-owning-memory): never destroyed
+    return instance;
+  }
+
+  std::tm breakDown(std::time_t time) {
+    const std::lock_guard guard(lock_);
+    std::tm result{};
+    ::localtime_r(&time, &result);
+    return result;
+  }
+
+  void prepareFork() noexcept override { lock_.lock(); }
+  void afterForkInParent() noexcept override { lock_.unlock(); }
+  void afterForkInChild() noexcept override { lock_.resetAfterFork(); }
+
+ private:
+  LocalCalendar() : ForkParticipant(Stage::leaf) {
+    ::tzset();
+    registerForFork();
+  }
+
+  UnfairLock lock_;
+};
+
+// Made when the program starts: making it registers it, which must not happen under a lock.
+[[maybe_unused]] const LocalCalendar& earlyCalendar = LocalCalendar::shared();
+
+// The text of one second; a thread's records mostly fall into the same one.
+struct SecondText {
+  std::chrono::sys_time<seconds> second = std::chrono::sys_time<seconds>::min();
+  std::string text;
+};
+
+const std::string& secondText(std::chrono::sys_time<seconds> second) {
+  static thread_local SecondText cache;
+  if (cache.second != second) {
+    const std::tm tm = LocalCalendar::shared().breakDown(second.time_since_epoch().count());
+    cache.text.clear();
+    fmt::format_to(std::back_inserter(cache.text), "{}-{:02}-{:02} {:02}:{:02}:{:02}.",
+                   tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    cache.second = second;
+  }
+  return cache.text;
+}
+
+// " 12345:1a03     ": the same for every record of a thread.
+const std::string& identifiersText() {
+  static thread_local std::string text;
+  static thread_local unsigned generation = 0;
+  if (text.empty() || generation != forkGeneration()) {
+    generation = forkGeneration();
+    text = fmt::format(" {:5}:{:<8x} ", currentProcessId(), currentThreadId());
+  }
+  return text;
+}
+
+}  // namespace
+
+void appendLogDate(std::string& out, LogDate date) {
+  const auto second = floor<seconds>(date);
+  const auto rest = static_cast<unsigned>(floor<milliseconds>(date - second).count());
+  const auto digit = [](unsigned value) { return static_cast<char>('0' + value % 10); };
+  out += secondText(second);
+  const std::array<char, 3> digits{digit(rest / 100), digit(rest / 10), digit(rest)};
+  out.append(digits.data(), digits.size());
+}
+
+void appendRecordPrefix(std::string& out, LogDate date, std::string_view subsystem) {
+  out += recordSeparator;
+  appendLogDate(out, date);
+  out += identifiersText();
+  out += '[';
+  out += subsystem;
+  out += "] ";
+}
+
+std::string makeRecordPrefix(LogDate date, std::string_view subsystem) {
+  std::string prefix;
+  appendRecordPrefix(prefix, date, subsystem);
+  return prefix;
+}
+
+namespace {
+
+// Where the extension's dot stands in `path`; its size when there is none. A leading dot of the
+// last component makes a hidden file, not an extension.
+std::size_t extensionDot(std::string_view path) noexcept {
+  const std::size_t slash = path.rfind('/');
+  const std::size_t name = slash == std::string_view::npos ? 0 : slash + 1;
+  const std::size_t dot = path.rfind('.');
+  return dot == std::string_view::npos || dot <= name ? path.size() : dot;
+}
+
+}  // namespace
+
+std::string rotatedFilePath(std::string_view path, int index) {
+  if (index < 1) return std::string(path);
+  const std::size_t dot = extensionDot(path);
+  const std::string_view extension = dot < path.size() ? path.substr(dot + 1) : "";
+  return fmt::format("{}.{}.{}", path.substr(0, dot), index, extension);
+}
+
+std::string_view fileStem(std::string_view path) noexcept {
+  path = path.substr(0, extensionDot(path));
+  return path.substr(path.rfind('/') + 1);  // npos + 1 is 0
+}
+
+std::string makeRecordText(LogLevel level, std::string_view file, std::string_view function,
+                           std::string_view message) {
+  const std::string_view stem = fileStem(file);
+  std::string text(1, letter(level));
+  if (namesFunction(level)) {
+    text += fmt::format(": ({}: {}) ", stem, function);
+  } else if (!stem.empty()) {
+    text += fmt::format(": ({}) ", stem);
+  } else {
+    text += ": ";
+  }
+  text += message;
+  return text;
+}
+
+}  // namespace velum

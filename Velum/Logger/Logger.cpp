@@ -1,0 +1,94 @@
+#include "Velum/Logger/Logger.h"
+
+#include <fmt/format.h>
+
+#include <mutex>
+
+#include "Velum/Fatal.h"
+#include "Velum/Logger/Handlers/NSLogHandler.h"
+#include "Velum/Logger/LogRecord.h"
+#include "Velum/Platform/AtFork.h"
+#include "Velum/String.h"
+#include "Velum/UnfairLock.h"
+
+namespace velum {
+
+/// The handler list. Readers share it for the time of one record; setters replace it.
+struct Logger::State final : ForkParticipant {
+  State() : ForkParticipant(Stage::handler), handlers(defaultHandlers()) { registerForFork(); }
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+  ~State() override { unregisterForFork(); }
+
+  static std::shared_ptr<const Handlers> defaultHandlers() {
+    return std::make_shared<const Handlers>(Handlers{std::make_shared<NSLogHandler>()});
+  }
+
+  void prepareFork() noexcept override { lock.lock(); }
+  void afterForkInParent() noexcept override { lock.unlock(); }
+  void afterForkInChild() noexcept override { lock.resetAfterFork(); }
+
+  std::shared_ptr<const Handlers> snapshot() const {
+    const std::lock_guard guard(lock);
+    return handlers;
+  }
+
+  mutable UnfairLock lock;
+  std::shared_ptr<const Handlers> handlers;
+};
+
+namespace detail {
+
+constinit SharedLogger sharedLogger;
+
+void logFormatted(LogLevel level, const LogSite& site, fmt::string_view format,
+                  fmt::format_args arguments) {
+  Logger::shared().log(
+      level, [&] { return fmt::vformat(format, arguments); }, site.file, site.function, site.line);
+}
+
+}  // namespace detail
+
+Logger::~Logger() {
+  delete state_.load(std::memory_order_acquire);
+}
+
+Logger::State& Logger::state() const {
+  State* current = state_.load(std::memory_order_acquire);
+  if (current != nullptr) return *current;
+  auto fresh = std::make_unique<State>();
+  if (state_.compare_exchange_strong(current, fresh.get(), std::memory_order_acq_rel)) {
+    return *fresh.release();
+  }
+  return *current;  // another thread was first
+}
+
+Logger::Handlers Logger::handlers() const {
+  return *state().snapshot();
+}
+
+void Logger::setHandlers(Handlers handlers) {
+  auto replaced = std::make_shared<const Handlers>(std::move(handlers));
+  State& current = state();
+  const std::lock_guard guard(current.lock);
+  current.handlers.swap(replaced);  // the old list goes after the lock
+}
+
+void Logger::deliver(LogLevel level, LogDate date, std::string_view message, const LogSite& site) {
+  std::string text = makeRecordText(level, site.file, site.function, message);
+  // Records are text. What came in as other bytes (a path, a tool's output) is made readable here,
+  // once for all handlers, instead of being refused further down.
+  if (!isValidUtf8(text)) text = repairedUtf8(text);
+  const auto handlers = state().snapshot();
+  for (const auto& handler : *handlers) handler->logWithLevel(level, date, text);
+}
+
+void Logger::objcLog(int rawLevel, std::string_view text, std::string_view file,
+                     std::string_view function, unsigned line) {
+  const auto level = velum::logLevel(rawLevel);
+  if (!level) fatal("Logger: log level out of range: " + std::to_string(rawLevel));
+  log(
+      *level, [text] { return text; }, file, function, line);
+}
+
+}  // namespace velum

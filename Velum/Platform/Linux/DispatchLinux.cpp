@@ -1,0 +1,413 @@
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <asio/bind_executor.hpp>
+#include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+#include <asio/strand.hpp>
+#include <atomic>
+#include <condition_variable>
+#include <csignal>
+#include <mutex>
+#include <thread>
+
+#include "Velum/Fatal.h"
+#include "Velum/Platform/AtFork.h"
+#include "Velum/Platform/Dispatch.h"
+#include "Velum/Platform/Linux/MainLoop.h"
+#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/SystemError.h"
+#include "Velum/UnfairLock.h"
+
+namespace velum {
+namespace {
+
+using Executor = asio::any_io_executor;
+
+/// Runs one item of work; what escapes from it would otherwise unwind a thread of the pool.
+void perform(const Work& work) noexcept {
+  work();
+}
+
+/// The worker threads. The first starts with the first work. When an item keeps the last idle
+/// thread busy, another one is added, so that work which blocks starves neither other work nor
+/// timers and sources.
+class Pool {
+ public:
+  asio::io_context& context() noexcept { return context_; }
+
+  /// Makes sure that there is a thread to poll for timers, sources and work.
+  void provideThread() {
+    if (threads_.load(std::memory_order_relaxed) == 0) growFrom(0);
+  }
+
+  /// `work` as a thread of the pool runs it.
+  Work item(Work work) {
+    return [this, work = std::move(work)] {
+      const int busy = busy_.fetch_add(1, std::memory_order_relaxed) + 1;
+      if (busy == threads_.load(std::memory_order_relaxed)) growFrom(busy);
+      perform(work);
+      busy_.fetch_sub(1, std::memory_order_relaxed);
+    };
+  }
+
+  UnfairLock& growthLock() noexcept { return growth_; }
+
+ private:
+  static constexpr int maxThreads = 64;
+
+  void growFrom(int threads) {
+    const std::lock_guard guard(growth_);
+    if (threads_.load(std::memory_order_relaxed) != threads || threads == maxThreads) return;
+    startThread();
+    threads_.store(threads + 1, std::memory_order_relaxed);
+  }
+
+  // Signals belong to the program's own threads: a worker is born with all of them blocked.
+  void startThread() {
+    sigset_t all{};
+    sigset_t old{};
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &old);
+    std::thread([this] {
+      ::pthread_setname_np(::pthread_self(), "velum-worker");
+      context_.run();
+    }).detach();  // the pool is never destroyed
+    ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  }
+
+  asio::io_context context_;
+  asio::executor_work_guard<asio::io_context::executor_type> keepsRunning_{context_.get_executor()};
+  std::atomic<int> threads_{0};
+  std::atomic<int> busy_{0};
+  UnfairLock growth_;
+};
+
+struct MainContext {
+  asio::io_context context{1};
+  asio::executor_work_guard<asio::io_context::executor_type> keepsRunning{context.get_executor()};
+};
+
+/// What of the machinery belongs to this process. A forked child gets new contexts: the threads
+/// of the old ones are gone, and their locks may have been held. The old ones stay allocated.
+class Runtime final : public ForkParticipant {
+ public:
+  static Runtime& shared() {
+    static Runtime& instance = *new Runtime;  // NOLINT(*-owning-memory): never destroyed
+    return instance;
+  }
+
+  Pool& pool() { return get(pool_); }
+  MainContext& main() { return get(main_); }
+
+  void prepareFork() noexcept override {
+    lock_.lock();
+    if (Pool* pool = pool_.load(std::memory_order_relaxed)) pool->growthLock().lock();
+  }
+  void afterForkInParent() noexcept override {
+    if (Pool* pool = pool_.load(std::memory_order_relaxed)) pool->growthLock().unlock();
+    lock_.unlock();
+  }
+  void afterForkInChild() noexcept override {
+    abandonedPool_ = pool_.exchange(nullptr, std::memory_order_relaxed);
+    abandonedMain_ = main_.exchange(nullptr, std::memory_order_relaxed);
+    lock_.resetAfterFork();
+  }
+
+ private:
+  Runtime() : ForkParticipant(Stage::leaf) { registerForFork(); }
+
+  template <class T>
+  T& get(std::atomic<T*>& slot) {
+    if (T* existing = slot.load(std::memory_order_acquire)) return *existing;
+    const std::lock_guard guard(lock_);
+    if (T* existing = slot.load(std::memory_order_relaxed)) return *existing;
+    T* fresh = new T;  // NOLINT(*-owning-memory): never destroyed, threads use it until the end
+    slot.store(fresh, std::memory_order_release);
+    return *fresh;
+  }
+
+  UnfairLock lock_;
+  std::atomic<Pool*> pool_{nullptr};
+  std::atomic<MainContext*> main_{nullptr};
+  // Kept reachable, so that leak checkers see what is deliberate.
+  Pool* abandonedPool_ = nullptr;
+  MainContext* abandonedMain_ = nullptr;
+};
+
+/// What sources and timers need to know of a queue beyond its public side.
+class QueueBase : public DispatchQueue, public std::enable_shared_from_this<QueueBase> {
+ public:
+  explicit QueueBase(std::string label) : label_(std::move(label)) {}
+
+  const std::string& label() const noexcept final { return label_; }
+
+  void async(Work work) override { asio::post(executor(), wrapped(std::move(work))); }
+
+  void asyncAfter(std::chrono::nanoseconds delay, Work work) override {
+    const auto limit = std::chrono::nanoseconds(std::chrono::hours(24 * 365));
+    const auto timer = std::make_shared<asio::steady_timer>(executor(), std::min(delay, limit));
+    timer->async_wait([timer, item = wrapped(std::move(work))](const asio::error_code& error) {
+      if (!error) item();
+    });
+  }
+
+  virtual Executor executor() = 0;
+  /// Where a source of this queue waits and delivers: one delivery at a time.
+  virtual Executor sourceExecutor() { return executor(); }
+  /// `work` as the queue's threads run it; also provides for a thread.
+  virtual Work wrapped(Work work) = 0;
+
+ private:
+  std::string label_;
+};
+
+class MainQueue final : public QueueBase {
+ public:
+  MainQueue() : QueueBase("main") {}
+  Executor executor() override { return Runtime::shared().main().context.get_executor(); }
+  Work wrapped(Work work) override {
+    return [work = std::move(work)] { perform(work); };
+  }
+};
+
+class GlobalQueue final : public QueueBase {
+ public:
+  GlobalQueue() : QueueBase("global") {}
+  Executor executor() override { return Runtime::shared().pool().context().get_executor(); }
+  Executor sourceExecutor() override {
+    return asio::make_strand(Runtime::shared().pool().context());
+  }
+  Work wrapped(Work work) override {
+    Pool& pool = Runtime::shared().pool();
+    pool.provideThread();
+    return pool.item(std::move(work));
+  }
+};
+
+/// Keeps itself alive until its last work item ran.
+class SerialQueue final : public QueueBase, public ForkParticipant {
+ public:
+  explicit SerialQueue(std::string label)
+      : QueueBase(std::move(label)), ForkParticipant(Stage::dispatch) {
+    Runtime::shared();  // registers itself, which must not happen under a lock
+    registerForFork();
+  }
+  SerialQueue(const SerialQueue&) = delete;
+  SerialQueue& operator=(const SerialQueue&) = delete;
+  ~SerialQueue() override {
+    unregisterForFork();
+    // The strand of a parent process is left alone: its locks may be held for ever.
+    if (generation_ != forkGeneration()) static_cast<void>(strand_.release());
+  }
+
+  Executor executor() override {
+    const std::lock_guard guard(lock_);
+    if (!strand_ || generation_ != forkGeneration()) {
+      static_cast<void>(strand_.release());
+      strand_ = std::make_unique<Strand>(Runtime::shared().pool().context().get_executor());
+      generation_ = forkGeneration();
+    }
+    return *strand_;
+  }
+
+  Work wrapped(Work work) override {
+    Pool& pool = Runtime::shared().pool();
+    pool.provideThread();
+    return pool.item([self = shared_from_this(), work = std::move(work)] { work(); });
+  }
+
+  void prepareFork() noexcept override { lock_.lock(); }
+  void afterForkInParent() noexcept override { lock_.unlock(); }
+  void afterForkInChild() noexcept override { lock_.resetAfterFork(); }
+
+ private:
+  using Strand = asio::strand<asio::io_context::executor_type>;
+
+  UnfairLock lock_;
+  std::unique_ptr<Strand> strand_;
+  unsigned generation_ = 0;
+};
+
+QueueBase& base(DispatchQueue& queue) {
+  // Tests may put their own queue behind the interface; sources need a real one.
+  auto* real = dynamic_cast<QueueBase*>(&queue);
+  if (real == nullptr) fatal("DispatchSource: not a queue of this library");
+  return *real;
+}
+
+enum class Repeat : bool { no, yes };
+
+/// A descriptor in the reactor. Owned by the source and by the wait in flight; whoever ends the
+/// source only marks it, and the wait that comes back sees the mark.
+class ReadableState : public std::enable_shared_from_this<ReadableState> {
+ public:
+  // A duplicate, because the reactor knows a descriptor only once and wants to close its own.
+  ReadableState(UniqueFd duplicate, QueueBase& queue, Repeat repeat, Work handler)
+      : owner_(queue.weak_from_this().lock()),
+        queue_(queue),
+        repeat_(repeat),
+        handler_(std::move(handler)),
+        stream_(queue.sourceExecutor()) {
+    asio::error_code error;
+    stream_.assign(duplicate.get(), error);
+    if (error) throw SystemError(error.value(), "DispatchSource::readable");
+    static_cast<void>(duplicate.release());
+  }
+
+  void wait() {
+    stream_.async_wait(asio::posix::stream_descriptor::wait_read,
+                       [self = shared_from_this(), item = queue_.wrapped([this] { deliver(); })](
+                           const asio::error_code& error) {
+                         if (!error) item();
+                       });
+  }
+
+  void cancel() {
+    cancelled_.store(true, std::memory_order_release);
+    asio::post(stream_.get_executor(), [self = shared_from_this()] {
+      asio::error_code ignored;
+      self->stream_.close(ignored);
+    });
+  }
+
+ private:
+  bool isCancelled() const noexcept { return cancelled_.load(std::memory_order_acquire); }
+
+  void deliver() {
+    if (isCancelled()) return;
+    handler_();
+    if (repeat_ == Repeat::yes && !isCancelled()) wait();
+  }
+
+  std::shared_ptr<QueueBase> owner_;  // of the queue; nothing for the two that live for ever
+  QueueBase& queue_;
+  Repeat repeat_;
+  Work handler_;
+  std::atomic<bool> cancelled_{false};
+  asio::posix::stream_descriptor stream_;
+};
+
+class ReadableSource final : public DispatchSource {
+ public:
+  ReadableSource(int descriptor, DispatchQueue& queue, Repeat repeat, Work handler)
+      : state_(std::make_shared<ReadableState>(duplicate(descriptor), base(queue), repeat,
+                                               std::move(handler))),
+        generation_(forkGeneration()) {
+    state_->wait();
+  }
+  ReadableSource(const ReadableSource&) = delete;
+  ReadableSource& operator=(const ReadableSource&) = delete;
+  ~ReadableSource() override {
+    if (generation_ == forkGeneration()) {
+      state_->cancel();
+    } else {
+      // Its reactor belongs to the parent, which may have held the locks: not even closed here.
+      [[maybe_unused]] const auto* const abandoned =
+          new std::shared_ptr<ReadableState>(state_);  // NOLINT(*-owning-memory)
+    }
+  }
+
+ private:
+  static UniqueFd duplicate(int descriptor) {
+    UniqueFd copy(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+    if (!copy) {
+      throw lastSystemError("DispatchSource::readable, fcntl (" + std::to_string(descriptor) + ")");
+    }
+    return copy;
+  }
+
+  std::shared_ptr<ReadableState> state_;
+  unsigned generation_;
+};
+
+UniqueFd openChild(int pid) {
+  // Not through <sys/pidfd.h>: that header of glibc 2.36 is not usable from C++.
+  UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
+  if (!process) {
+    throw lastSystemError("DispatchSource::childExit, pidfd_open (" + std::to_string(pid) + ")");
+  }
+  return process;
+}
+
+}  // namespace
+
+DispatchQueue& DispatchQueue::main() {
+  static MainQueue& instance = *new MainQueue;  // NOLINT(*-owning-memory): never destroyed
+  return instance;
+}
+
+DispatchQueue& DispatchQueue::global() {
+  static GlobalQueue& instance = *new GlobalQueue;  // NOLINT(*-owning-memory): never destroyed
+  return instance;
+}
+
+std::shared_ptr<DispatchQueue> DispatchQueue::serial(std::string label) {
+  return std::make_shared<SerialQueue>(std::move(label));
+}
+
+void runMainLoop() {
+  while (true) Runtime::shared().main().context.run();
+}
+
+struct DispatchGroup::State {
+  std::mutex mutex;
+  std::condition_variable empty;
+  int inFlight = 0;
+};
+
+DispatchGroup::DispatchGroup() : state_(std::make_shared<State>()) {}
+
+void DispatchGroup::enter() {
+  const std::lock_guard guard(state_->mutex);
+  ++state_->inFlight;
+}
+
+void DispatchGroup::leave() {
+  const std::lock_guard guard(state_->mutex);
+  if (state_->inFlight == 0) fatal("DispatchGroup: leave without enter");
+  if (--state_->inFlight == 0) state_->empty.notify_all();
+}
+
+void DispatchGroup::async(DispatchQueue& queue, Work work) {
+  enter();
+  queue.async([group = *this, work = std::move(work)]() mutable {
+    work();
+    group.leave();
+  });
+}
+
+bool DispatchGroup::wait(std::chrono::nanoseconds timeout) {
+  std::unique_lock guard(state_->mutex);
+  const auto isEmpty = [this] { return state_->inFlight == 0; };
+  if (timeout == std::chrono::nanoseconds::max()) {
+    state_->empty.wait(guard, isEmpty);
+    return true;
+  }
+  return state_->empty.wait_for(guard, timeout, isEmpty);
+}
+
+std::unique_ptr<DispatchSource> DispatchSource::readable(int descriptor, DispatchQueue& queue,
+                                                         Work handler) {
+  return std::make_unique<ReadableSource>(descriptor, queue, Repeat::yes, std::move(handler));
+}
+
+std::unique_ptr<DispatchSource> DispatchSource::childExit(int pid, DispatchQueue& queue,
+                                                          std::function<void(int)> handler) {
+  const UniqueFd process = openChild(pid);
+  // The id stays the child's until it is reaped, which happens nowhere but here.
+  auto reap = [pid, handler = std::move(handler)] {
+    int status = 0;
+    if (retryInterrupted([&] { return ::waitpid(pid, &status, 0); }) == pid) handler(status);
+  };
+  return std::make_unique<ReadableSource>(process.get(), queue, Repeat::no, std::move(reap));
+}
+
+}  // namespace velum

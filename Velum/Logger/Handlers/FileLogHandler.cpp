@@ -1,0 +1,278 @@
+#include "Velum/Logger/Handlers/FileLogHandler.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <exception>
+#include <mutex>
+#include <utility>
+
+#include "Velum/FileUtils.h"
+#include "Velum/Logger/LogRecord.h"
+#include "Velum/Platform/FileClone.h"
+#include "Velum/Platform/Posix/FileLock.h"
+#include "Velum/String.h"
+#include "Velum/SystemError.h"
+
+namespace velum {
+namespace {
+
+// One write(2) for a whole record. What comes of it is not examined: there is nobody to tell, and
+// the next record is as likely to succeed.
+void writeRecord(int fd, std::string_view record) noexcept {
+  [[maybe_unused]] const ssize_t written = ::write(fd, record.data(), record.size());
+}
+
+// A buffer for the record being built, kept between records of a thread unless a huge one blew it
+// up. Taken rather than referred to, so that a record logged while another is built gets its own.
+class RecordBuffer {
+ public:
+  RecordBuffer() : text(std::move(kept)) { text.clear(); }
+  RecordBuffer(const RecordBuffer&) = delete;
+  RecordBuffer& operator=(const RecordBuffer&) = delete;
+  ~RecordBuffer() {
+    if (text.capacity() <= mostKept) kept = std::move(text);
+  }
+
+  std::string text;
+
+ private:
+  static constexpr std::size_t mostKept = 65536;
+  static thread_local std::string kept;
+};
+
+thread_local std::string RecordBuffer::kept;
+
+}  // namespace
+
+std::shared_ptr<FileLogHandler> FileLogHandler::create(std::string subsystem, std::string filepath,
+                                                       bool addPrefix) {
+  return create(std::move(subsystem), std::move(filepath), addPrefix, {}, {});
+}
+
+std::shared_ptr<FileLogHandler> FileLogHandler::create(std::string subsystem, std::string filepath,
+                                                       bool addPrefix, RotationPolicy policy,
+                                                       Services services) {
+  auto handler = std::make_shared<FileLogHandler>(
+      Private{}, std::move(subsystem), std::move(filepath), addPrefix, policy, std::move(services));
+  handler->registerForFork();
+  {
+    const std::lock_guard guard(handler->lock_);
+    handler->openLogFileLk();
+    handler->startRemovalWatchLk();
+  }
+  handler->scheduleRotationCheck(policy.firstCheck);
+  return handler;
+}
+
+FileLogHandler::FileLogHandler(Private /*unused*/, std::string subsystem, std::string filepath,
+                               bool addPrefix, RotationPolicy policy, Services services)
+    : ForkParticipant(Stage::handler),
+      queue_(DispatchQueue::serial("FileLogHandler Queue")),
+      addPrefix_(addPrefix),
+      subsystem_(std::move(subsystem)),
+      filepath_(std::move(filepath)),
+      policy_(policy),
+      fileEvents_(*services.fileEvents),
+      oslog_(services.systemLog ? std::move(services.systemLog)
+                                : SystemLog::open(subsystem_, "logger")) {}
+
+FileLogHandler::~FileLogHandler() {
+  unregisterForFork();
+}
+
+void FileLogHandler::openLogFileLk() {
+  fd_.reset();
+  // Non-blocking, because opening a FIFO waits for a reader; a FIFO that has one is refused in the
+  // same way. Makes no difference to a regular file.
+  fd_.reset(retryInterrupted([this] {
+    return ::open(filepath_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, 0644);
+  }));
+  if (struct stat status{}; fd_ && ::fstat(fd_.get(), &status) == 0 && S_ISFIFO(status.st_mode)) {
+    fd_.reset();
+    errno = ENXIO;
+  }
+  if (!fd_) {
+    const std::string reason = systemErrorText(errno);
+    loggerLogLk("Failed to open " + filepath_ + ": " + reason, LogLevel::error);
+  }
+}
+
+void FileLogHandler::startRemovalWatchLk() {
+  constexpr int attempts = 10;  // against somebody who keeps replacing the file
+  fdSource_.reset();
+  for (int attempt = 0; fd_ && attempt < attempts; ++attempt) {
+    try {
+      fdSource_ = fileEvents_.watch(filepath_, FileEvent::deleted | FileEvent::renamed, queue_,
+                                    [weak = weak_from_this()](FileEvent) {
+                                      if (const auto self = weak.lock()) self->reopenOnRemoval();
+                                    });
+      if (isOpenFileAtPathLk()) return;
+    } catch (const SystemError& error) {
+      if (error.code() != ENOENT) {
+        loggerLogLk(std::string("Failed to watch ") + filepath_ + ": " + error.what(),
+                    LogLevel::error);
+        return;
+      }
+    }
+    // The file went away between its opening and the watch: no event will tell.
+    fdSource_.reset();
+    openLogFileLk();
+  }
+}
+
+bool FileLogHandler::isOpenFileAtPathLk() const {
+  struct stat open {};
+  struct stat named {};
+  return ::fstat(fd_.get(), &open) == 0 && ::stat(filepath_.c_str(), &named) == 0 &&
+         open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+}
+
+void FileLogHandler::reopenOnRemoval() {
+  const std::lock_guard guard(lock_);
+  if (!isForked_) reopenLk();  // else the parent's event: the first record opens the child's file
+}
+
+void FileLogHandler::reopenLk() {
+  {
+    // Wait for whoever is writing into the old file, in this process or another.
+    const FileLock writers(fd_.get());
+  }
+  fdSource_.reset();
+  openLogFileLk();
+  startRemovalWatchLk();
+  const FileLock writers(fd_.get());
+  loggerLogLk("Reopened the log file on removal", LogLevel::info);
+}
+
+void FileLogHandler::logWithLevel(LogLevel level, LogDate date, std::string_view message) {
+  logWithLevel(level, date, addPrefix_, message);
+}
+
+void FileLogHandler::logWithLevel(LogLevel /*level*/, LogDate date, bool addPrefix,
+                                  std::string_view message) {
+  if (message.empty() || !isValidUtf8(message)) return;
+  RecordBuffer record;
+  if (addPrefix) appendRecordPrefix(record.text, date, subsystem_);
+  appendStrippedHeaders(record.text, message);
+  record.text += '\n';
+
+  const std::lock_guard guard(lock_);
+  if (isForked_) reopenAfterForkLk();
+  if (!fd_) return;
+  const FileLock writers(fd_.get());
+  writeRecord(fd_.get(), record.text);
+}
+
+void FileLogHandler::loggerLogLk(std::string_view message, LogLevel level) {
+  lock_.assertHeld();
+  if (fd_.get() >= 1) {  // a log on descriptor 0 is a program that lost its standard input
+    RecordBuffer record;
+    appendRecordPrefix(record.text, std::chrono::system_clock::now(), subsystem_);
+    appendStrippedHeaders(
+        record.text, makeRecordText(level, "FileLogHandler", "loggerLogLk(_:level:)", message));
+    record.text += '\n';
+    writeRecord(fd_.get(), record.text);
+  }
+  oslog_->write(level == LogLevel::error ? SystemLog::Type::error : SystemLog::Type::normal,
+                message);
+}
+
+void FileLogHandler::scheduleRotationCheck(std::chrono::nanoseconds delay) {
+  queue_->asyncAfter(delay, [weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->checkRotation();
+  });
+}
+
+void FileLogHandler::checkRotation() {
+  {
+    const std::lock_guard guard(lock_);
+    if (!fd_) {
+      openLogFileLk();
+      startRemovalWatchLk();
+    }
+    if (fd_ && !isOpenFileAtPathLk()) reopenLk();  // its event is still on its way, or was lost
+    const FileLock writers(fd_.get());
+    rotateIfNeededLk();
+  }
+  scheduleRotationCheck(policy_.checkInterval);
+}
+
+void FileLogHandler::rotateIfNeededLk() try {
+  if (!shouldRotateLk()) return;
+  rotateFileLk();
+  loggerLogLk("Log file has been rotated", LogLevel::info);
+} catch (const std::exception& error) {
+  loggerLogLk("Failed to rotate file " + filepath_ + ": " + error.what(), LogLevel::error);
+}
+
+bool FileLogHandler::shouldRotateLk() {
+  struct stat status {};
+  if (::fstat(fd_.get(), &status) != 0) {
+    throw lastSystemError(descriptorText("shouldRotateLk(), fstat ("));
+  }
+  const auto size = static_cast<std::int64_t>(status.st_size);
+  if (size >= policy_.maxSize) {
+    loggerLogLk(fmt::format("Log file size is {} bytes, which is more than {}. "
+                            "It needs to be rotated.",
+                            size, policy_.maxSize),
+                LogLevel::info);
+    return true;
+  }
+  // By the modification time, so that a file in use never counts as old.
+  if (size >= policy_.minAgedSize && ::time(nullptr) - status.st_mtime >= policy_.maxAge.count()) {
+    loggerLogLk("File too old. It needs to be rotated.", LogLevel::info);
+    return true;
+  }
+  loggerLogLk(fmt::format("No need rotating the log file. File size is {} bytes.", size),
+              LogLevel::info);
+  return false;
+}
+
+void FileLogHandler::rotateFileLk() {
+  clonefile(filepath_, rotatedFilePath(filepath_, 1));
+  if (!isOpenFileAtPathLk()) {  // somebody moved it away just now: the clone is of another file
+    throw SystemError(ESTALE, descriptorText("rotateFileLk(), stat ("));
+  }
+  if (::ftruncate(fd_.get(), 0) != 0) {
+    throw lastSystemError(descriptorText("rotateFileLk(), truncate ("));
+  }
+  timeval now{};
+  ::gettimeofday(&now, nullptr);
+  if (const int error = setCreationTime(fd_.get(), {now.tv_sec, now.tv_usec * 1000})) {
+    throw SystemError(error, descriptorText("rotateFileLk(), fsetattrlist ("));
+  }
+}
+
+std::string FileLogHandler::descriptorText(std::string_view call) const {
+  return fmt::format("{}{}[{}])", call, fd_.get(), filepath_);
+}
+
+void FileLogHandler::prepareFork() noexcept {
+  lock_.lock();
+}
+
+void FileLogHandler::afterForkInParent() noexcept {
+  lock_.unlock();
+}
+
+void FileLogHandler::afterForkInChild() noexcept {
+  // The parent's file lock belongs to the open file description, which the child would share: it
+  // would keep a dead parent's lock alive, and its own unlock would free a living parent's.
+  fd_.reset();
+  isForked_ = true;
+  lock_.resetAfterFork();
+}
+
+void FileLogHandler::reopenAfterForkLk() {
+  isForked_ = false;
+  openLogFileLk();
+  startRemovalWatchLk();
+  scheduleRotationCheck(policy_.firstCheck);
+}
+
+}  // namespace velum

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <memory>
-#include <source_location>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -15,16 +14,26 @@
 
 namespace velum {
 
+/// The place of a call, taken by a default argument. (clang 14 has no std::source_location.)
+struct CallPlace {
+  const char* file;
+  unsigned line;
+
+  static constexpr CallPlace current(const char* file = __builtin_FILE(),
+                                     unsigned line = __builtin_LINE()) noexcept {
+    return {file, line};
+  }
+};
+
 /// Where a log call stands. `file` may carry folders and an extension; records show neither.
 /// `function` is the routine's full name as messages give it: "loadObject(key:service:)".
 struct LogSite {
   constexpr LogSite(std::string_view file_, std::string_view function_,
-                    std::source_location where = std::source_location::current()) noexcept
-      : file(file_), function(function_), line(where.line()) {}
+                    CallPlace where = CallPlace::current()) noexcept
+      : file(file_), function(function_), line(where.line) {}
   /// Names the source file of the call itself.
-  constexpr LogSite(std::string_view function_,
-                    std::source_location where = std::source_location::current()) noexcept
-      : LogSite(where.file_name(), function_, where) {}
+  constexpr LogSite(std::string_view function_, CallPlace where = CallPlace::current()) noexcept
+      : LogSite(where.file, function_, where) {}
 
   std::string_view file;
   std::string_view function;

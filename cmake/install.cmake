@@ -1,0 +1,23 @@
+# Installs the library, its headers and the helper, and what lets other projects find them:
+# a CMake package (find_package(Velum), target Velum::core) and velum.pc.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS velum_core EXPORT VelumTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS vpn_relauncher RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES docs/vpn_relauncher.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(DIRECTORY Velum DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h" PATTERN Linux EXCLUDE)
+
+set(package ${CMAKE_INSTALL_LIBDIR}/cmake/Velum)
+install(EXPORT VelumTargets NAMESPACE Velum:: DESTINATION ${package})
+configure_package_config_file(cmake/VelumConfig.cmake.in VelumConfig.cmake
+  INSTALL_DESTINATION ${package} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(VelumConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/VelumConfig.cmake ${PROJECT_BINARY_DIR}/VelumConfigVersion.cmake
+  DESTINATION ${package})
+
+# Relative to velum.pc itself, so that an installed tree can be moved.
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
+  BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig OUTPUT_VARIABLE prefix_from_pc)
+configure_file(cmake/velum.pc.in velum.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/velum.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,36 @@
+# Sourced by the scripts beside this file: steps that say one line each, and tell all when they
+# fail. Expects the current folder to be the project's.
+# shellcheck shell=bash
+
+logs=build/logs
+mkdir -p "$logs"
+# Compile again only what changed, also across build folders, where ccache is installed.
+if command -v ccache >/dev/null; then export CMAKE_CXX_COMPILER_LAUNCHER=ccache; fi
+
+# step <title> <command>...: runs the command quietly. Its output is kept in build/logs and shown
+# when it fails.
+step() {
+  local title=$1 log status=0 start=$EPOCHREALTIME
+  log=$logs/${title//[^a-zA-Z0-9]/-}.log
+  shift
+  printf '%-44s' "$title"
+  "$@" >"$log" 2>&1 </dev/null || status=$?
+  local verdict=ok
+  [[ $status -eq 0 ]] || verdict="FAILED, status $status"
+  printf '%6.1f s  %s\n' "$(bc_minus "$EPOCHREALTIME" "$start")" "$verdict"
+  if [[ $status -ne 0 ]]; then cat "$log"; fi
+  return "$status"
+}
+
+# The difference of two times in seconds with six decimals, as $EPOCHREALTIME gives them.
+bc_minus() {
+  local difference=$((${1/[.,]/} - ${2/[.,]/}))
+  printf '%d.%06d' $((difference / 1000000)) $((difference % 1000000))
+}
+
+# build <preset> [<target>...]: configures where needed, then builds.
+build() {
+  local preset=$1
+  shift
+  cmake --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}
+}

@@ -15,7 +15,7 @@ constexpr std::string_view relaunchWithRetriesName = "relaunchWithRetries()";
 // The pauses are 0.1 s times this to the power of 1 to 10: 0.15 s to 4.87 s, 14.83 s in all.
 constexpr double delayGrowth = 1.475;
 
-LogSite site(std::source_location where = std::source_location::current()) {
+LogSite site(CallPlace where = CallPlace::current()) {
   return {sourceFile, relaunchWithRetriesName, where};
 }
 

@@ -20,7 +20,7 @@ namespace {
 
 using velum::LogSite;
 
-constexpr LogSite site(std::source_location where = std::source_location::current()) {
+constexpr LogSite site(velum::CallPlace where = velum::CallPlace::current()) {
   return {"vpn_relauncher/main", "vpn_relauncher", where};
 }
 

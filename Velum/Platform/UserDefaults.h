@@ -11,7 +11,8 @@ namespace velum {
 
 /// The user's persistent settings of one domain. Linux: $XDG_CONFIG_HOME/<domain>/defaults.plist
 /// (default ~/.config), replaced atomically, read-modify-write under a file lock, so that several
-/// processes never lose each other's keys. Thread-safe.
+/// processes never lose each other's keys. A file that is no property list counts as empty and is
+/// kept as defaults.plist.damaged when the next change replaces it. Thread-safe.
 class UserDefaults {
  public:
   UserDefaults() = default;
@@ -21,6 +22,7 @@ class UserDefaults {
 
   /// The program's own domain: its bundle identifier, else its file name.
   static UserDefaults& standard();
+  /// Null for a name that cannot be a folder's: empty, or with a slash.
   static std::unique_ptr<UserDefaults> domain(std::string name);
 
   /// The stored value; nothing when absent or unreadable.

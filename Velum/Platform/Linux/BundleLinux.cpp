@@ -1,0 +1,142 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "Velum/Platform/Bundle.h"
+#include "Velum/Platform/Linux/DesktopEntry.h"
+#include "Velum/Platform/Linux/XdgFolders.h"
+#include "Velum/Platform/Posix/ReadFile.h"
+#include "Velum/Platform/PropertyList.h"
+
+namespace velum {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t maximumInfoSize = std::size_t{1} << 20U;
+constexpr std::string_view programFolder = "/Contents/MacOS/";
+constexpr std::string_view desktopSuffix = ".desktop";
+
+std::string withoutTrailingSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+/// `path` from the root on, its links left as they are: the opener works in another folder.
+std::string absolute(const std::string& path) {
+  std::error_code error;
+  const fs::path result = fs::absolute(path, error);
+  return error ? path : result.string();
+}
+
+/// A malformed, huge, unreadable or missing property list is an empty one.
+PropertyList info(const std::string& folder) {
+  const auto bytes = readRegularFile(folder + "/Contents/Info.plist", maximumInfoSize);
+  if (!bytes) return {};
+  return PropertyList::read(*bytes).value_or(PropertyList{});
+}
+
+/// The folder's own name without its suffix, where a link leads to in the end.
+std::string nameOfFolder(const std::string& folder) {
+  std::error_code error;
+  const fs::path real = fs::canonical(folder, error);
+  return (error ? fs::path(folder) : real).stem().string();
+}
+
+Bundle folderBundle(const std::string& path) {
+  const std::string folder = withoutTrailingSlashes(path);
+  const PropertyList properties = info(folder);
+  Bundle bundle{.path = path, .identifier = {}, .executable = {}, .arguments = {}};
+  const auto* identifier = properties.get<std::string>("CFBundleIdentifier");
+  if (identifier != nullptr && !identifier->empty()) bundle.identifier = *identifier;
+  // A name with a slash would reach out of the bundle.
+  const auto* program = properties.get<std::string>("CFBundleExecutable");
+  const bool isUsable = program != nullptr && isFileName(*program);
+  bundle.executable =
+      absolute(folder).append(programFolder).append(isUsable ? *program : nameOfFolder(folder));
+  return bundle;
+}
+
+/// The first executable file of that name in PATH.
+std::optional<std::string> programInPath(const std::string& name) {
+  const char* const variable = std::getenv("PATH");
+  std::string_view folders = variable != nullptr ? variable : "/usr/local/bin:/usr/bin:/bin";
+  while (!folders.empty()) {
+    const auto end = std::min(folders.find(':'), folders.size());
+    const std::string candidate = std::string(folders.substr(0, end)) + '/' + name;
+    folders.remove_prefix(std::min(end + 1, folders.size()));
+    struct stat status {};
+    if (candidate.front() == '/' && ::stat(candidate.c_str(), &status) == 0 &&
+        S_ISREG(status.st_mode) && ::access(candidate.c_str(), X_OK) == 0) {
+      return candidate;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<Bundle> desktopBundle(const std::string& path) {
+  const auto text = readRegularFile(path, maximumInfoSize);
+  if (!text) return std::nullopt;
+  auto entry = DesktopEntry::parse(*text, absolute(path));
+  if (!entry) return std::nullopt;
+  // Only a plain name is looked up; a relative path would depend on where the opener works.
+  std::optional<std::string> program;
+  if (entry->program.front() == '/') {
+    program = std::move(entry->program);
+  } else if (isFileName(entry->program)) {
+    program = programInPath(entry->program);
+  }
+  if (!program) return std::nullopt;
+  return Bundle{.path = path,
+                .identifier = fs::path(path).stem().string(),
+                .executable = std::move(*program),
+                .arguments = std::move(entry->arguments)};
+}
+
+bool isSameFile(const std::string& one, const std::string& other) {
+  struct stat first {};
+  struct stat second {};
+  return ::stat(one.c_str(), &first) == 0 && ::stat(other.c_str(), &second) == 0 &&
+         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+/// /proc marks a program whose file is gone; a file may also really have such a name.
+std::string withoutDeletedMark(std::string path) {
+  constexpr std::string_view mark = " (deleted)";
+  if (path.ends_with(mark) && ::access(path.c_str(), F_OK) != 0) {
+    path.resize(path.size() - mark.size());
+  }
+  return path;
+}
+
+}  // namespace
+
+std::optional<Bundle> Bundle::at(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+  if (S_ISREG(status.st_mode)) {
+    if (path.ends_with(desktopSuffix)) return desktopBundle(path);
+    return Bundle{.path = path, .identifier = {}, .executable = absolute(path), .arguments = {}};
+  }
+  const std::string contents = path + "/Contents";
+  if (::stat(contents.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
+  return folderBundle(path);
+}
+
+std::optional<Bundle> Bundle::ofExecutable(const std::string& executable) {
+  // Asked for every process of the machine: most are told by their path alone. The main program
+  // lies directly in its folder, so the last slash decides which bundle is the nearest.
+  const auto slash = executable.rfind('/');
+  if (slash == std::string::npos) return std::nullopt;
+  const auto folder = std::string_view(executable).substr(0, slash + 1);
+  if (!folder.ends_with(programFolder)) return std::nullopt;
+
+  const std::string file = withoutDeletedMark(executable);
+  auto bundle = at(std::string(folder.substr(0, folder.size() - programFolder.size())));
+  if (!bundle) return std::nullopt;
+  if (bundle->executable != file && !isSameFile(bundle->executable, file)) return std::nullopt;
+  return bundle;
+}
+
+}  // namespace velum

@@ -1,0 +1,173 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+
+#include "Velum/Platform/Bundle.h"
+#include "Velum/Platform/Linux/XdgFolders.h"
+#include "Velum/Platform/Posix/FileLock.h"
+#include "Velum/Platform/Posix/ReadFile.h"
+#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Platform/UserDefaults.h"
+
+namespace velum {
+namespace {
+
+constexpr std::size_t maximumFileSize = std::size_t{16} << 20U;
+constexpr mode_t ownerOnlyFile = 0600;
+constexpr mode_t ownerOnlyFolder = 0700;
+
+/// Writes a new file with its content on the disk; false when any step fails.
+bool writeNewFile(const std::string& path, std::string_view content) {
+  ::unlink(path.c_str());  // left by a process that was killed
+  const UniqueFd file(retryInterrupted([&] {
+    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, ownerOnlyFile);
+  }));
+  if (!file) return false;
+  while (!content.empty()) {
+    const ssize_t count =
+        retryInterrupted([&] { return ::write(file.get(), content.data(), content.size()); });
+    if (count <= 0) return false;
+    content.remove_prefix(static_cast<std::size_t>(count));
+  }
+  return retryInterrupted([&] { return ::fsync(file.get()); }) == 0;
+}
+
+/// Makes a rename in `folder` last. A file system that cannot is no failure: the rename is done.
+void syncFolder(const std::string& folder) {
+  const UniqueFd directory(
+      retryInterrupted([&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (directory) retryInterrupted([&] { return ::fsync(directory.get()); });
+}
+
+/// The file is the only state, and the file lock the only lock: every call opens the lock file
+/// anew, which excludes threads as well as processes and leaves nothing behind in a forked child.
+class UserDefaultsLinux final : public UserDefaults {
+ public:
+  explicit UserDefaultsLinux(std::string domain) : domain_(std::move(domain)) {}
+
+  std::optional<PropertyList> object(std::string_view key) override {
+    const auto folder = this->folder();
+    if (!folder) return std::nullopt;
+    const auto content = read(*folder + fileName);
+    if (!content.entries) return std::nullopt;
+    const auto entry = content.entries->find(key);
+    if (entry == content.entries->end()) return std::nullopt;
+    return entry->second;
+  }
+
+  bool setObject(std::string_view key, PropertyList value) override {
+    return change([&](PropertyList::Dictionary& entries) {
+      const auto entry = entries.find(key);
+      if (entry != entries.end() && entry->second == value) return false;
+      entries.insert_or_assign(std::string(key), std::move(value));
+      return true;
+    });
+  }
+
+  bool removeObject(std::string_view key) override {
+    return change([&](PropertyList::Dictionary& entries) {
+      const auto entry = entries.find(key);
+      if (entry == entries.end()) return false;
+      entries.erase(entry);
+      return true;
+    });
+  }
+
+ private:
+  static constexpr const char* fileName = "/defaults.plist";
+
+  /// No entries: the file holds something else, or (with isUnreadable) could not be looked at.
+  struct Content {
+    std::optional<PropertyList::Dictionary> entries;
+    bool isUnreadable = false;
+  };
+
+  /// Looked up for each call, so that the environment counts as it is.
+  std::optional<std::string> folder() const {
+    auto configuration = userFolder("XDG_CONFIG_HOME", ".config");
+    if (configuration) configuration->append("/").append(domain_);
+    return configuration;
+  }
+
+  static Content read(const std::string& path) {
+    const auto bytes = readRegularFile(path, maximumFileSize);
+    if (!bytes) {
+      if (errno == ENOENT) return {.entries = PropertyList::Dictionary{}};
+      return {.entries = {}, .isUnreadable = errno != EFBIG && errno != EINVAL};
+    }
+    auto list = PropertyList::read(*bytes);
+    auto* const entries = list ? std::get_if<PropertyList::Dictionary>(&list->value) : nullptr;
+    if (entries == nullptr) return {};
+    return {.entries = std::move(*entries)};
+  }
+
+  /// Applies `edit`, which returns whether there is anything to write, to the stored entries.
+  bool change(const std::function<bool(PropertyList::Dictionary&)>& edit) const {
+    const auto folder = this->folder();
+    if (!folder) return false;
+    std::error_code error;
+    std::filesystem::create_directories(std::filesystem::path(*folder).parent_path(), error);
+    ::mkdir(folder->c_str(), ownerOnlyFolder);  // what fails here shows when the lock is opened
+    const std::string path = *folder + fileName;
+    const UniqueFd lockFile(retryInterrupted([&] {
+      return ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, ownerOnlyFile);
+    }));
+    if (!lockFile) return false;
+    const FileLock lock(lockFile.get());
+
+    Content content = read(path);
+    if (content.isUnreadable) return false;
+    const bool isDamaged = !content.entries;
+    if (isDamaged) content.entries.emplace();
+    if (!edit(*content.entries)) return true;
+    return replace(*folder, path, {PropertyList::Value(std::move(*content.entries))}, isDamaged);
+  }
+
+  static bool replace(const std::string& folder, const std::string& path,
+                      const PropertyList& content, bool keepsOldFile) {
+    const std::string bytes = content.binary();
+    if (!PropertyList::read(bytes)) return false;  // too deep or too large to be read again
+    const std::string temporary = path + ".new";
+    const bool isReplaced =
+        writeNewFile(temporary, bytes) &&
+        (!keepsOldFile || ::rename(path.c_str(), (path + ".damaged").c_str()) == 0) &&
+        ::rename(temporary.c_str(), path.c_str()) == 0;
+    if (!isReplaced) {
+      ::unlink(temporary.c_str());
+      return false;
+    }
+    syncFolder(folder);
+    return true;
+  }
+
+  std::string domain_;
+};
+
+std::string ownDomain() {
+  std::error_code error;
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  if (error) return program_invocation_short_name;
+  const auto bundle = Bundle::ofExecutable(program.string());
+  if (bundle && bundle->identifier && isFileName(*bundle->identifier)) return *bundle->identifier;
+  return program.filename().string();
+}
+
+}  // namespace
+
+UserDefaults& UserDefaults::standard() {
+  static UserDefaultsLinux& instance =
+      *new UserDefaultsLinux(ownDomain());  // NOLINT: never destroyed
+  return instance;
+}
+
+std::unique_ptr<UserDefaults> UserDefaults::domain(std::string name) {
+  if (!isFileName(name)) return nullptr;
+  return std::make_unique<UserDefaultsLinux>(std::move(name));
+}
+
+}  // namespace velum

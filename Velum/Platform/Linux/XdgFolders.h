@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace velum {
+
+/// The value of an environment variable that holds a folder; relative or empty ones are ignored.
+inline std::optional<std::string> absoluteVariable(const char* name) {
+  const char* const value = std::getenv(name);
+  if (value == nullptr || *value != '/') return std::nullopt;
+  return value;
+}
+
+/// The user's folder of one kind: what `variable` names, else `belowHome` in the home folder.
+/// Without HOME the user database is asked; nothing when the user has no home.
+std::optional<std::string> userFolder(const char* variable, std::string_view belowHome);
+
+/// True for a text that can be the name of one file: not empty, no slash, no NUL, not "." or "..".
+inline bool isFileName(std::string_view text) {
+  return !text.empty() && text != "." && text != ".." &&
+         text.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
+}
+
+}  // namespace velum

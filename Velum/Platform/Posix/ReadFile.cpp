@@ -1,0 +1,45 @@
+#include "Velum/Platform/Posix/ReadFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "Velum/Platform/Posix/UniqueFd.h"
+
+namespace velum {
+
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t maximumSize) {
+  const UniqueFd file(retryInterrupted(
+      [&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }));
+  struct stat status {};
+  if (!file || ::fstat(file.get(), &status) != 0) return std::nullopt;
+  if (!S_ISREG(status.st_mode)) {
+    errno = EINVAL;
+    return std::nullopt;
+  }
+  if (static_cast<std::size_t>(status.st_size) > maximumSize) {
+    errno = EFBIG;
+    return std::nullopt;
+  }
+
+  // One byte more than the size tells the end from a file that grew meanwhile.
+  std::string content(static_cast<std::size_t>(status.st_size) + 1, '\0');
+  std::size_t length = 0;
+  for (;;) {
+    const ssize_t count = retryInterrupted(
+        [&] { return ::read(file.get(), content.data() + length, content.size() - length); });
+    if (count < 0) return std::nullopt;
+    if (count == 0) break;
+    length += static_cast<std::size_t>(count);
+    if (length > maximumSize) {
+      errno = EFBIG;
+      return std::nullopt;
+    }
+    if (length == content.size()) content.resize(content.size() * 2);
+  }
+  content.resize(length);
+  return content;
+}
+
+}  // namespace velum

@@ -1,0 +1,21 @@
+#include "Velum/Platform/PropertyList.h"
+
+#include "Velum/Platform/PropertyListFormats.h"
+
+namespace velum {
+
+std::optional<PropertyList> PropertyList::read(std::string_view bytes) {
+  if (bytes.size() > detail::PropertyListLimits::size) return std::nullopt;
+  if (bytes.starts_with(detail::binaryPropertyListMagic)) {
+    return detail::readBinaryPropertyList(bytes);
+  }
+  const auto binary = detail::binaryFromXmlPropertyList(bytes);
+  if (!binary) return std::nullopt;
+  return detail::readBinaryPropertyList(*binary);
+}
+
+std::string PropertyList::binary() const {
+  return detail::writeBinaryPropertyList(*this);
+}
+
+}  // namespace velum

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Velum/Platform/PropertyList.h"
+
+namespace velum::detail {
+
+/// What one property list may cost its reader. Documents come from anywhere, so each limit holds
+/// before the memory or the stack is used: 300 crafted bytes can name terabytes, and 100,000 levels
+/// overflow the stack of whoever walks or frees them.
+struct PropertyListLimits {
+  static constexpr std::size_t size = std::size_t{16} << 20U;  ///< Bytes of the document.
+  static constexpr unsigned depth = 512;                       ///< Arrays and dictionaries nested.
+  /// Bytes of the values read: `perObject` each time an object is reached (a shared one counts
+  /// every time) and the content of its text or data.
+  static constexpr std::size_t expandedSize = std::size_t{32} << 20U;
+  static constexpr std::size_t perObject = 64;
+  static constexpr std::size_t objects = expandedSize / perObject;
+};
+
+/// Reads the binary format. Every offset, count and reference is checked against the document.
+std::optional<PropertyList> readBinaryPropertyList(std::string_view bytes);
+
+/// Turns an XML document into the equivalent binary one, for the reader above. Nothing when it is
+/// malformed, declares entities, or exceeds the limits.
+std::optional<std::string> binaryFromXmlPropertyList(std::string_view text);
+
+/// Writes the binary format. Text that is not UTF-8 is repaired.
+std::string writeBinaryPropertyList(const PropertyList& root);
+
+/// First bytes of the binary format, and its last 32: the widths, counts and offsets below.
+constexpr std::string_view binaryPropertyListMagic = "bplist00";
+constexpr std::size_t binaryPropertyListTrailerSize = 32;
+
+/// The high four bits of an object's first byte.
+enum class BinaryMarker : unsigned char {
+  boolean = 0x0,  // low bits: 8 false, 9 true; null and fill bytes have other low bits
+  integer = 0x1,  // low bits of integer and real: log2 of the size in bytes
+  real = 0x2,
+  date = 0x3,  // a real of 8 bytes: seconds since 2001
+  data = 0x4,  // low bits from here on: the length, or 15 and an integer object follows
+  ascii = 0x5,
+  utf16 = 0x6,
+  array = 0xA,
+  dictionary = 0xD,
+};
+
+/// Dates count seconds from 2001-01-01T00:00:00Z; this is that moment in Unix time.
+constexpr double secondsFrom1970To2001 = 978307200;
+
+}  // namespace velum::detail

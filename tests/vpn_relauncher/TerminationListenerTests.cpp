@@ -1,0 +1,186 @@
+#include "vpn_relauncher/TerminationListener.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <utility>
+
+#include "Velum/Logger/Logger.h"
+#include "tests/support/RecordingLogHandler.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace velum::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+constexpr pid_t quitting = 4711;
+constexpr const char* identifier = "com.quillon.example.sample";
+
+/// A workspace whose list of applications and opening results the test sets.
+class FakeWorkspace final : public Workspace {
+ public:
+  std::vector<RunningApplication> runningApplications() override { return running; }
+  void addObserver(WorkspaceObserver& added, std::string_view keyPath, pid_t process) override {
+    observer = &added;
+    observed.emplace_back(keyPath, process);
+  }
+  void removeObserver(WorkspaceObserver& removed, std::string_view keyPath) override {
+    if (observer == &removed && keyPath == runningApplicationsKeyPath) observer = nullptr;
+  }
+  bool isOrphaned(pid_t launcher) override { return orphaned && launcher == quitting; }
+  void openApplication(const std::string& path, const OpenConfiguration& configuration,
+                       OpenCompletion completion) override {
+    EXPECT_FALSE(configuration.createsNewApplicationInstance);
+    opened.push_back(path);
+    completion(openError);
+  }
+
+  void run(pid_t process, std::optional<std::string> bundle = std::nullopt) {
+    running.emplace_back(process, [bundle](pid_t) { return bundle; });
+  }
+
+  std::vector<RunningApplication> running;
+  std::vector<std::pair<std::string, pid_t>> observed;
+  std::vector<std::string> opened;
+  std::optional<std::string> openError;
+  WorkspaceObserver* observer = nullptr;
+  bool orphaned = false;
+};
+
+/// A main queue on which time passes when the test says so.
+class FakeQueue final : public DispatchQueue {
+ public:
+  const std::string& label() const noexcept override { return label_; }
+  void async(Work work) override { asyncAfter({}, std::move(work)); }
+  void asyncAfter(std::chrono::nanoseconds delay, Work work) override {
+    delays.push_back(std::chrono::duration<double>(delay).count());
+    waiting.push_back(std::move(work));
+  }
+  void drain() {
+    while (!waiting.empty()) std::exchange(waiting, {}).front()();
+  }
+
+  std::vector<double> delays;
+  std::vector<Work> waiting;
+
+ private:
+  std::string label_ = "fake";
+};
+
+class TerminationListenerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    writeFile(folder_ / "Sample.app/Contents/Info.plist",
+              std::string(R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)") +
+                  "<key>CFBundleIdentifier</key><string>" + identifier +
+                  "</string></dict></plist>");
+    bundle_ = folder_ / "Sample.app";
+    Logger::shared().setLogLevel(LogLevel::debug);
+    Logger::shared().setHandlers({log_});
+  }
+  void TearDown() override { Logger::shared().setHandlers({}); }
+
+  TerminationListener listener() {
+    return {bundle_, quitting, workspace_, queue_,
+            [this](int status) { exits_.push_back(status); }};
+  }
+
+  TemporaryFolder folder_;
+  std::string bundle_;
+  FakeWorkspace workspace_;
+  FakeQueue queue_;
+  std::vector<int> exits_;
+  std::shared_ptr<RecordingLogHandler> log_ = std::make_shared<RecordingLogHandler>();
+};
+
+TEST_F(TerminationListenerTest, WaitsUntilTheInstanceIsGoneThenOpensItOnce) {
+  workspace_.run(quitting, identifier);
+  workspace_.run(1);
+  {
+    auto subject = listener();
+    EXPECT_THAT(workspace_.observed, ElementsAre(Pair("runningApplications", quitting)));
+    subject.observeValue("runningApplications");  // a change that concerns another process
+    EXPECT_THAT(workspace_.opened, IsEmpty());
+
+    workspace_.running.clear();
+    subject.observeValue(std::nullopt);
+    subject.observeValue("frontmostApplication");
+    EXPECT_THAT(workspace_.opened, IsEmpty());
+
+    subject.observeValue("runningApplications");
+    subject.observeValue("runningApplications");
+    EXPECT_THAT(workspace_.opened, ElementsAre(bundle_));
+    EXPECT_THAT(exits_, ElementsAre(0));
+    EXPECT_THAT(log_->texts(), ElementsAre("I: (main) App was relaunched successfully"));
+  }
+  EXPECT_EQ(workspace_.observer, nullptr);
+}
+
+TEST_F(TerminationListenerTest, RelaunchesFromTheConstructorWhenOrphaned) {
+  workspace_.run(quitting, identifier);  // may still be shutting down, and does not count
+  workspace_.orphaned = true;
+  auto subject = listener();
+  EXPECT_THAT(workspace_.opened, ElementsAre(bundle_));
+  subject.observeValue("runningApplications");
+  EXPECT_EQ(workspace_.opened.size(), 1U);
+}
+
+TEST_F(TerminationListenerTest, LeavesAnotherRunningInstanceAlone) {
+  workspace_.run(1);
+  workspace_.run(99, "com.quillon.example.sample2");
+  workspace_.run(100, identifier);
+  auto subject = listener();
+  subject.observeValue("runningApplications");
+  EXPECT_THAT(workspace_.opened, IsEmpty());
+  EXPECT_THAT(exits_, ElementsAre(0));
+  EXPECT_THAT(log_->texts(), ElementsAre("I: (main) App is already running, no need to relaunch"));
+}
+
+TEST_F(TerminationListenerTest, OpensWhatHasNoIdentifierWhateverRuns) {
+  workspace_.run(100, identifier);
+  bundle_ = folder_ / "missing.app";
+  auto subject = listener();
+  subject.observeValue("runningApplications");
+  EXPECT_THAT(workspace_.opened, ElementsAre(bundle_));
+}
+
+TEST_F(TerminationListenerTest, GivesUpAfterElevenAttemptsWithGrowingPauses) {
+  workspace_.openError = "no such {} file";
+  auto subject = listener();
+  subject.observeValue("runningApplications");
+  queue_.drain();
+
+  EXPECT_EQ(workspace_.opened.size(), 11U);
+  EXPECT_THAT(exits_, ElementsAre(1));
+  ASSERT_EQ(queue_.delays.size(), 10U);
+  double sum = 0;
+  for (int k = 0; k < 10; ++k) {
+    const double delay = queue_.delays[static_cast<std::size_t>(k)];
+    EXPECT_NEAR(delay, 0.1 * std::pow(1.475, k + 1), 1e-6);
+    EXPECT_EQ(log_->texts()[static_cast<std::size_t>(k)],
+              "W: (main) Restart failed. Attempts left: " + std::to_string(9 - k));
+    sum += delay;
+  }
+  EXPECT_NEAR(sum, 14.83, 0.005);
+  EXPECT_EQ(log_->texts().back(),
+            "E: (main: relaunchWithRetries()) Restart failed with error: no such {} file");
+  EXPECT_EQ(log_->texts().size(), 11U);
+}
+
+TEST_F(TerminationListenerTest, SucceedsOnALaterAttemptAndSeesAnInstanceStartedMeanwhile) {
+  workspace_.openError = "busy";
+  auto subject = listener();
+  subject.observeValue("runningApplications");
+  workspace_.run(100, identifier);
+  queue_.drain();
+  EXPECT_EQ(workspace_.opened.size(), 1U);
+  EXPECT_THAT(exits_, ElementsAre(0));
+  EXPECT_EQ(log_->texts().back(), "I: (main) App is already running, no need to relaunch");
+}
+
+}  // namespace
+}  // namespace velum::test

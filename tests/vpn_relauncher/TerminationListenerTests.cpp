@@ -39,7 +39,7 @@ class FakeWorkspace final : public Workspace {
     completion(openError);
   }
 
-  void run(pid_t process, std::optional<std::string> bundle = std::nullopt) {
+  void run(pid_t process, const std::optional<std::string>& bundle = std::nullopt) {
     running.emplace_back(process, [bundle](pid_t) { return bundle; });
   }
 

@@ -13,16 +13,6 @@ namespace {
 
 std::atomic<unsigned> generation{0};
 
-void countFork() noexcept {
-  generation.fetch_add(1, std::memory_order_relaxed);
-}
-
-// Registered before any thread can ask for the generation, so that no fork goes uncounted. The
-// counter comes first in a child: handlers registered later run later there.
-[[maybe_unused]] const bool countsForks = [] {
-  return ::pthread_atfork(nullptr, nullptr, countFork) == 0;
-}();
-
 }  // namespace
 
 unsigned forkGeneration() noexcept {
@@ -67,6 +57,7 @@ class ForkRegistry {
     mutex_.unlock();
   }
   void child() noexcept {
+    generation.fetch_add(1, std::memory_order_relaxed);
     std::for_each(participants_.rbegin(), participants_.rend(),
                   [](auto* participant) { participant->afterForkInChild(); });
     mutex_.unlock();  // the child's only thread is the one that locked it
@@ -75,6 +66,13 @@ class ForkRegistry {
   std::mutex mutex_;
   std::vector<ForkParticipant*> participants_;
 };
+
+namespace {
+
+// Made when the program starts, so that no fork goes uncounted.
+[[maybe_unused]] const ForkRegistry& earlyRegistry = ForkRegistry::shared();
+
+}  // namespace
 
 void ForkParticipant::registerForFork() {
   ForkRegistry::shared().add(*this);

@@ -138,6 +138,8 @@ class XmlCheck {
     if (open_.empty() && sawRoot_) return false;
     if (name == "plist" && sawRoot_) return false;
     sawRoot_ = true;
+    // The parser takes the first of several values; which one was meant is not ours to guess.
+    if (open_.size() == 1 && open_.front() == "plist" && ++rootValues_ > 1) return false;
     if (++elements_ > Limits::objects) return false;
     if (name == "plist" || name == "dict" || name == "array") {
       if (open_.size() > Limits::depth) return false;
@@ -184,6 +186,7 @@ class XmlCheck {
   std::string_view text_;               // what is still to be looked at
   std::vector<std::string_view> open_;  // the containers around it
   std::size_t elements_ = 0;
+  unsigned rootValues_ = 0;  // directly below the root element
   bool sawRoot_ = false;
 };
 

@@ -1,0 +1,99 @@
+#include "Velum/Platform/Directories.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "tests/support/Environment.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace velum {
+namespace {
+
+namespace fs = std::filesystem;
+using test::ScopedVariable;
+using test::TemporaryFolder;
+
+mode_t modeOf(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 ? status.st_mode : 0;
+}
+
+TEST(Directories, GroupContainerFollowsTheEnvironment) {
+  const ScopedVariable home("HOME", "/home/somebody");
+  const ScopedVariable data("XDG_DATA_HOME", "/data");
+  const auto container = [] { return Directories::shared().groupContainer("group.id"); };
+  EXPECT_EQ(container(), "/data/group.id");
+  for (const auto& ignored : {std::optional<std::string>{}, std::optional<std::string>(""),
+                              std::optional<std::string>("relative/path")}) {
+    const ScopedVariable useless("XDG_DATA_HOME", ignored);
+    EXPECT_EQ(container(), "/home/somebody/.local/share/group.id");
+  }
+}
+
+TEST(Directories, AsksTheUserDatabaseWithoutHome) {
+  const ScopedVariable home("HOME", std::nullopt);
+  const ScopedVariable data("XDG_DATA_HOME", std::nullopt);
+  const auto container = Directories::shared().groupContainer("group.id");
+  if (container) {  // an account without an entry has no home
+    EXPECT_TRUE(container->starts_with('/') && container->ends_with("/.local/share/group.id"));
+  }
+}
+
+TEST(Directories, RefusesGroupsThatLeaveTheDataFolder) {
+  for (const char* group : {"", "..", "a/b", "/etc"}) {
+    EXPECT_FALSE(Directories::shared().groupContainer(group)) << group;
+  }
+}
+
+TEST(Directories, RuntimeFolderIsPrivateAndInTheSession) {
+  const TemporaryFolder folder;
+  const ScopedVariable session("XDG_RUNTIME_DIR", folder.path());
+  const auto runtime = Directories::shared().runtime();
+  EXPECT_EQ(runtime, folder / "velum");
+  EXPECT_EQ(modeOf(*runtime), S_IFDIR | 0700U);
+  EXPECT_EQ(Directories::shared().runtime(), runtime);
+}
+
+TEST(Directories, RuntimeFolderFallsBackToTheTemporaryFolder) {
+  const TemporaryFolder folder;
+  const ScopedVariable temporary("TMPDIR", folder.path());
+  const std::string expected = folder / ("velum-" + std::to_string(::geteuid()));
+  fs::create_directory_symlink(folder.path(), folder / "link");
+  for (const auto& useless :
+       {std::string(), std::string("run"), folder / "missing", folder / "link"}) {
+    const ScopedVariable session("XDG_RUNTIME_DIR", useless);
+    EXPECT_EQ(Directories::shared().runtime(), expected) << useless;
+    EXPECT_EQ(modeOf(expected), S_IFDIR | 0700U);
+  }
+}
+
+TEST(Directories, RuntimeFolderTrustsNothingThatWasPlanted) {
+  const TemporaryFolder folder;
+  const ScopedVariable session("XDG_RUNTIME_DIR", folder.path());
+  const std::string path = folder / "velum";
+  const auto runtime = [] { return Directories::shared().runtime(); };
+
+  fs::create_directory(folder / "target");
+  fs::permissions(folder / "target", fs::perms::owner_all);
+  fs::create_directory_symlink("target", path);
+  EXPECT_FALSE(runtime());
+  fs::remove(path);
+  test::writeFile(path, "");
+  EXPECT_FALSE(runtime());
+  fs::remove(path);
+  fs::create_directory(path);
+  fs::permissions(path, fs::perms(0770));
+  EXPECT_FALSE(runtime());
+  fs::permissions(path, fs::perms::owner_all);
+  EXPECT_TRUE(runtime());
+  if (::geteuid() == 0) {  // only root can give a folder away
+    ASSERT_EQ(::chown(path.c_str(), 65534, 65534), 0);
+    EXPECT_FALSE(runtime());
+  }
+}
+
+}  // namespace
+}  // namespace velum

@@ -1,0 +1,387 @@
+#include "Velum/Platform/PropertyList.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <limits>
+
+#include "tests/support/TemporaryFolder.h"
+
+namespace velum {
+namespace {
+
+using test::readFile;
+using test::TemporaryFolder;
+using test::writeFile;
+using namespace std::chrono_literals;
+
+template <class T>
+PropertyList list(T value) {
+  return {PropertyList::Value(std::move(value))};
+}
+PropertyList text(const char* value) {
+  return list(std::string(value));
+}
+
+constexpr PropertyList::Date start2001 = std::chrono::sys_days{std::chrono::year{2001} / 1 / 1};
+
+/// Every type with the values at the edges of its encodings.
+PropertyList everyType() {
+  PropertyList::Array numbers;
+  for (const std::int64_t number :
+       {0L, 255L, 256L, 65535L, 65536L, 4294967295L, 4294967296L, -1L,
+        std::numeric_limits<std::int64_t>::max(), std::numeric_limits<std::int64_t>::min()}) {
+    numbers.push_back(list(number));
+  }
+  numbers.push_back(list(std::numeric_limits<std::uint64_t>::max()));
+  PropertyList::Array many(300, text("shared"));  // more objects than one byte can number
+  return list(PropertyList::Dictionary{
+      {"array", list(std::move(numbers))},
+      {"data", list(PropertyList::Data{0, 1, 254, 255})},
+      {"date", list(start2001 - 3'000'000'000s)},
+      {"empty", list(PropertyList::Dictionary{{"", list(PropertyList::Array{})}})},
+      {"false", list(false)},
+      {"long", list(std::string(70000, 'x'))},
+      {"many", list(std::move(many))},
+      {"real", list(-0.1)},
+      {"schl\xC3\xBCssel \xF0\x9F\x98\x80", text("\xE2\x82\xAC<&>\"'\n\xF0\x9F\x98\x80")},
+      {"true", list(true)},
+  });
+}
+
+std::string xml(const std::string& content) {
+  return R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">)" +
+         content + "</plist>\n";
+}
+
+std::string repeated(const std::string& text, std::size_t times) {
+  std::string result;
+  for (std::size_t count = 0; count < times; ++count) result += text;
+  return result;
+}
+
+std::string bigEndian(std::uint64_t number, unsigned width) {
+  std::string bytes;
+  for (unsigned left = width; left-- > 0;) bytes += static_cast<char>(number >> (left * 8));
+  return bytes;
+}
+
+struct Trailer {
+  std::uint64_t offsetWidth = 4;
+  std::uint64_t referenceWidth = 4;
+  std::uint64_t objects = 0;  // 0: as many as there are
+  std::uint64_t root = 0;
+  std::uint64_t table = 0;  // 0: where it is
+};
+
+/// A binary document of hand-made objects.
+std::string document(const std::vector<std::string>& objects, Trailer trailer = {}) {
+  std::string bytes = "bplist00";
+  std::string table;
+  for (const auto& object : objects) {
+    table += bigEndian(bytes.size(), 4);
+    bytes += object;
+  }
+  if (trailer.objects == 0) trailer.objects = objects.size();
+  if (trailer.table == 0) trailer.table = bytes.size();
+  return bytes + table + std::string(6, '\0') + bigEndian(trailer.offsetWidth, 1) +
+         bigEndian(trailer.referenceWidth, 1) + bigEndian(trailer.objects, 8) +
+         bigEndian(trailer.root, 8) + bigEndian(trailer.table, 8);
+}
+
+/// An array object of the objects with these numbers.
+std::string arrayOf(const std::vector<std::uint64_t>& numbers) {
+  std::string object{'\xAF', '\x11'};
+  object += bigEndian(numbers.size(), 2);
+  for (const auto number : numbers) object += bigEndian(number, 4);
+  return object;
+}
+
+/// Arrays nested `levels` deep, the innermost empty.
+std::string nested(std::uint64_t levels) {
+  std::vector<std::string> objects;
+  for (std::uint64_t level = 1; level < levels; ++level) objects.push_back(arrayOf({level}));
+  objects.push_back(arrayOf({}));
+  return document(objects);
+}
+
+TEST(PropertyList, RoundTripsEveryType) {
+  const PropertyList original = everyType();
+  const auto back = PropertyList::read(original.binary());
+  ASSERT_TRUE(back);
+  EXPECT_EQ(*back, original);
+
+  // Six decimals of a present-day moment survive the format's floating point.
+  const auto moment = list(start2001 + 800'000'000s + 123'457us);
+  EXPECT_EQ(PropertyList::read(moment.binary()), moment);
+  const auto beforeEpoch = list(PropertyList::Date(-500'001us));
+  EXPECT_EQ(PropertyList::read(beforeEpoch.binary()), beforeEpoch);
+  const auto withNul = list(std::string("a\0b", 3));
+  EXPECT_EQ(PropertyList::read(withNul.binary()), withNul);
+}
+
+TEST(PropertyList, WritesTextThatIsNotUtf8AsReplacementCharacters) {
+  EXPECT_EQ(PropertyList::read(text("a\xFF!").binary()), text("a\xEF\xBF\xBD!"));
+}
+
+TEST(PropertyList, KeepsLargeUnsignedNumbersApartFromNegativeOnes) {
+  const auto numbers = PropertyList::read(
+      xml("<array><integer>18446744073709551615</integer><integer>-1</integer></array>"));
+  ASSERT_TRUE(numbers);
+  EXPECT_EQ(*numbers, list(PropertyList::Array{list(~std::uint64_t{0}), list(std::int64_t{-1})}));
+  // Negative numbers of 16 bytes; those that need more than 64 bits have no type here.
+  const std::string minusTwo = '\x14' + std::string(15, '\xFF') + '\xFE';
+  EXPECT_EQ(PropertyList::read(document({minusTwo})), list(std::int64_t{-2}));
+  EXPECT_FALSE(PropertyList::read(document({'\x14' + bigEndian(1, 8) + bigEndian(0, 8)})));
+}
+
+TEST(PropertyList, ReadsXml) {
+  const auto read = PropertyList::read(
+      "\xEF\xBB\xBF\n" +
+      xml("<!-- </dict> --><dict><key>te&amp;xt</key><string>&#x20AC;<![CDATA[<dict>&]]></string>"
+          "<key>date</key><date>1900-01-01T00:00:00Z</date><key>empty</key><string/>"
+          "<key>data</key><data>\n\tAAH+\n\t/w==\n</data><key>real</key><real>1.5e3</real>"
+          "<key>flag</key><true/></dict>"));
+  ASSERT_TRUE(read);
+  EXPECT_EQ(*read, list(PropertyList::Dictionary{
+                       {"te&xt", text("\xE2\x82\xAC<dict>&")},
+                       {"date", list(PropertyList::Date(-2208988800s))},
+                       {"empty", text("")},
+                       {"data", list(PropertyList::Data{0, 1, 254, 255})},
+                       {"real", list(1500.0)},
+                       {"flag", list(true)},
+                   }));
+  EXPECT_EQ(*read->get<bool>("flag"), true);
+  EXPECT_EQ(read->get<double>("flag"), nullptr);
+  EXPECT_EQ(read->get<bool>("other"), nullptr);
+}
+
+TEST(PropertyList, RefusesMalformedXml) {
+  for (const char* content : {
+           "",
+           "<dict>",
+           "<dict></array>",
+           "<dict><true/></dict>",
+           "<string>a</string><string>b</string>",
+           "<string>&unknown;</string>",
+           "<string>a<true/></string>",
+           "<set/>",
+           "<dict id='1'/>",
+           "<plist/>",
+           "<integer>12abc</integer>",
+           "<integer/>",
+           "<integer>18446744073709551616</integer>",
+           "<integer>-9223372036854775809</integer>",
+           "<real>many</real>",
+           "<date>yesterday</date>",
+           "<data>?</data>",
+           "<data>AAE</data>",
+           "<!-- ",
+           "<![CDATA[<true/>]]>",
+           "<?php ?><true/>",
+       }) {
+    EXPECT_FALSE(PropertyList::read(xml(content))) << content;
+  }
+  EXPECT_FALSE(PropertyList::read(xml("<true/>") + "<plist><true/></plist>"));
+  EXPECT_FALSE(PropertyList::read(xml("<string>\xFF</string>")));
+  EXPECT_FALSE(PropertyList::read(xml(std::string("<string>\0</string>", 18))));
+  for (const char* other : {"", "{\"key\": 1}", "{ key = value; }", "bplist01", "<", "\"text\""}) {
+    EXPECT_FALSE(PropertyList::read(other)) << other;
+  }
+}
+
+TEST(PropertyList, FollowsNoEntities) {
+  const std::string lol = "<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;\">";
+  for (const std::string& subset :
+       {lol, std::string("<!ENTITY b SYSTEM \"file:///etc/passwd\">")}) {
+    EXPECT_FALSE(
+        PropertyList::read("<!DOCTYPE plist [" + subset + "]><plist><string>&b;</string></plist>"));
+  }
+}
+
+TEST(PropertyList, LimitsNesting) {
+  EXPECT_TRUE(PropertyList::read(nested(512)));
+  EXPECT_FALSE(PropertyList::read(nested(513)));
+  EXPECT_FALSE(PropertyList::read(nested(100'000)));
+  const auto nestedXml = [](std::size_t levels, const char* hidden) {
+    return xml(repeated(std::string("<array>") + hidden, levels) + repeated("</array>", levels));
+  };
+  EXPECT_TRUE(PropertyList::read(nestedXml(512, "")));
+  EXPECT_FALSE(PropertyList::read(nestedXml(513, "")));
+  // What looks like the end of a level does not hide the next one.
+  for (const char* hidden : {"<!--</array>-->", "<string><![CDATA[</array>]]></string>",
+                             "<?xml \"</array>\"?>", "<array/>"}) {
+    EXPECT_FALSE(PropertyList::read(nestedXml(100'000, hidden))) << hidden;
+  }
+}
+
+TEST(PropertyList, LimitsWhatSharedReferencesExpandTo) {
+  // Nine levels of ten references each: 10^9 objects from some 500 bytes.
+  std::vector<std::string> bomb;
+  for (std::uint64_t level = 1; level < 10; ++level) {
+    bomb.push_back(arrayOf(std::vector<std::uint64_t>(10, level)));
+  }
+  bomb.emplace_back("\x09");
+  EXPECT_FALSE(PropertyList::read(document(bomb)));
+
+  // Few objects, but 64 MiB of text.
+  const std::string longText = "\x5F\x12" + bigEndian(1 << 20, 4) + std::string(1 << 20, 'x');
+  EXPECT_FALSE(
+      PropertyList::read(document({arrayOf(std::vector<std::uint64_t>(64, 1)), longText})));
+  EXPECT_TRUE(PropertyList::read(document({arrayOf(std::vector<std::uint64_t>(8, 1)), longText})));
+
+  EXPECT_FALSE(PropertyList::read(xml("<array>" + repeated("<true/>", 600'000) + "</array>")));
+  EXPECT_FALSE(PropertyList::read(std::string(17 << 20, ' ') + xml("<true/>")));
+}
+
+TEST(PropertyList, RefusesCyclesAndWrongReferences) {
+  EXPECT_FALSE(PropertyList::read(document({arrayOf({0})})));
+  EXPECT_FALSE(PropertyList::read(document({arrayOf({1, 1}), arrayOf({0, 0})})));
+  EXPECT_FALSE(PropertyList::read(document({arrayOf({1})})));                // no such object
+  EXPECT_FALSE(PropertyList::read(document({std::string("\xA1\x00", 2)})));  // references cut off
+  const std::string oneEntry = '\xD1' + bigEndian(1, 4) + bigEndian(1, 4);
+  EXPECT_FALSE(PropertyList::read(document({oneEntry, "\x09"})));    // the key is no text
+  EXPECT_FALSE(PropertyList::read(document({oneEntry, oneEntry})));  // nor a dictionary
+  EXPECT_TRUE(PropertyList::read(document({oneEntry, "\x51k"})));
+}
+
+TEST(PropertyList, RefusesTrailersThatPointOutside) {
+  constexpr auto huge = ~std::uint64_t{0};
+  const std::vector<std::string> objects{"\x09"};
+  ASSERT_TRUE(PropertyList::read(document(objects)));
+  for (const Trailer& trailer :
+       {Trailer{.offsetWidth = 0}, Trailer{.offsetWidth = 9}, Trailer{.referenceWidth = 0},
+        Trailer{.referenceWidth = 255}, Trailer{.objects = 2}, Trailer{.objects = huge},
+        Trailer{.objects = huge / 4 + 2}, Trailer{.root = 1}, Trailer{.root = huge},
+        Trailer{.table = 8}, Trailer{.table = 14}, Trailer{.table = 1 << 20},
+        Trailer{.table = huge}}) {
+    EXPECT_FALSE(PropertyList::read(document(objects, trailer)));
+  }
+}
+
+TEST(PropertyList, RefusesObjectsThatReachOutside) {
+  const std::string hugeLength = '\x13' + bigEndian(~std::uint64_t{0}, 8);
+  for (const std::string& object :
+       std::vector<std::string>{"\x13",
+                                "\x15",
+                                "\x23",
+                                "\x24",
+                                "\x33",
+                                "\x32",
+                                "\x44",
+                                "\x51",
+                                "\x61",
+                                "\x6F",
+                                "\x5F\x50",
+                                "\x5F\x14",
+                                "\x4F" + hugeLength,
+                                "\x5F" + hugeLength,
+                                "\x6F" + hugeLength,
+                                "\xAF" + hugeLength,
+                                "\xDF" + hugeLength,
+                                std::string("\x00", 1),
+                                "\x0F",
+                                "\x80\x01",
+                                "\xA1",
+                                "\xC0",
+                                "\xD1",
+                                "\x71x",
+                                "\x51\xFF",
+                                '\x33' + bigEndian(0x7FF8ULL << 48U, 8),
+                                '\x33' + bigEndian(0x7FEULL << 52U, 8)}) {
+    EXPECT_FALSE(PropertyList::read(document({object}))) << testing::PrintToString(object);
+  }
+  // A lone surrogate is no reason to refuse a whole document.
+  EXPECT_EQ(PropertyList::read(document({"\x62\xD8\x3D\x20\xAC"})),
+            text("\xEF\xBF\xBD\xE2\x82\xAC"));
+  EXPECT_EQ(PropertyList::read(document({std::string("\x61\xDC\x00", 3)})), text("\xEF\xBF\xBD"));
+}
+
+TEST(PropertyList, SurvivesTruncationAndDamageAnywhere) {
+  auto small = everyType();
+  std::get<PropertyList::Dictionary>(small.value).erase("long");
+  std::get<PropertyList::Dictionary>(small.value).erase("many");
+  const std::string binary = small.binary();
+  const std::string document = xml("<dict><key>a</key><array><data>AAEC</data></array></dict>");
+  for (std::size_t length = 0; length < binary.size(); ++length) {
+    EXPECT_FALSE(PropertyList::read(std::string_view(binary).substr(0, length))) << length;
+  }
+  for (std::size_t length = 0; length < document.rfind("t>"); ++length) {
+    EXPECT_FALSE(PropertyList::read(std::string_view(document).substr(0, length))) << length;
+  }
+  // Damaged bytes may still make a document: what counts is that nothing outside is touched.
+  for (const std::string& whole : {binary, document}) {
+    for (std::size_t position = 0; position < whole.size(); ++position) {
+      for (const char byte : {'\0', '\x1F', '<', '\x7F', '\xAF', '\xDF', '\xFF'}) {
+        std::string damaged = whole;
+        damaged[position] = byte;
+        const auto read = PropertyList::read(damaged);
+        EXPECT_TRUE(!read || PropertyList::read(read->binary()));
+      }
+    }
+  }
+}
+
+/// Runs a shell command; its exit status.
+int run(const std::string& command) {
+  return std::system(command.c_str());  // NOLINT(cert-env33-c): the tools come from PATH
+}
+
+TEST(PropertyList, UnderstandsAndIsUnderstoodByPython) {
+  const TemporaryFolder folder;
+  writeFile(folder / "script.py", R"(
+import datetime, plistlib, sys
+folder = sys.argv[1]
+value = {
+    'int': [0, 255, 65536, -1, -2**63, 2**63 - 1, 2**64 - 1],
+    'text': 'a\u20ac\U0001F600', 'ascii': 'x' * 300, 'data': b'\x00\xff', 'real': 0.1,
+    'date': datetime.datetime(1969, 7, 20, 20, 17, 40), 'flags': [True, False], 'none': {},
+}
+for form in (plistlib.FMT_BINARY, plistlib.FMT_XML):
+    with open(folder + '/' + form.name, 'wb') as file:
+        plistlib.dump(value, file, fmt=form)
+with open(folder + '/ours', 'rb') as file:
+    read = plistlib.load(file)
+assert read == value, read
+)");
+  const auto integers = [] {
+    PropertyList::Array values;
+    for (const std::int64_t number :
+         {0L, 255L, 65536L, -1L, std::numeric_limits<std::int64_t>::min(),
+          std::numeric_limits<std::int64_t>::max()}) {
+      values.push_back(list(number));
+    }
+    values.push_back(list(~std::uint64_t{0}));
+    return list(std::move(values));
+  };
+  const auto value = list(PropertyList::Dictionary{
+      {"int", integers()},
+      {"text", text("a\xE2\x82\xAC\xF0\x9F\x98\x80")},
+      {"ascii", list(std::string(300, 'x'))},
+      {"data", list(PropertyList::Data{0, 255})},
+      {"real", list(0.1)},
+      {"date", list(PropertyList::Date(-14182940s))},
+      {"flags", list(PropertyList::Array{list(true), list(false)})},
+      {"none", PropertyList{}},
+  });
+  writeFile(folder / "ours", value.binary());
+  ASSERT_EQ(run("python3 " + (folder / "script.py") + ' ' + folder.path()), 0);
+  EXPECT_EQ(PropertyList::read(readFile(folder / "FMT_BINARY")), value);
+  EXPECT_EQ(PropertyList::read(readFile(folder / "FMT_XML")), value);
+}
+
+TEST(PropertyList, SurvivesTheWayThroughPlistutil) {
+  const TemporaryFolder folder;
+  writeFile(folder / "ours", everyType().binary());
+  ASSERT_EQ(run("plistutil -i " + (folder / "ours") + " -o " + (folder / "xml")), 0);
+  ASSERT_EQ(run("plistutil -i " + (folder / "xml") + " -o " + (folder / "binary")), 0);
+  EXPECT_EQ(PropertyList::read(readFile(folder / "xml")), everyType());
+  EXPECT_EQ(PropertyList::read(readFile(folder / "binary")), everyType());
+}
+
+}  // namespace
+}  // namespace velum

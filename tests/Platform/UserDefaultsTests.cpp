@@ -1,0 +1,136 @@
+#include "Velum/Platform/UserDefaults.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <thread>
+#include <vector>
+
+#include "tests/support/Environment.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace velum {
+namespace {
+
+namespace fs = std::filesystem;
+using test::readFile;
+using test::writeFile;
+
+PropertyList text(const std::string& value) {
+  return {PropertyList::Value(value)};
+}
+
+class UserDefaultsTest : public testing::Test {
+ protected:
+  test::TemporaryFolder folder;
+  test::ScopedVariable configuration{"XDG_CONFIG_HOME", folder / "config"};
+  std::string file = folder / "config/com.example/defaults.plist";
+  std::unique_ptr<UserDefaults> defaults = UserDefaults::domain("com.example");
+};
+
+TEST_F(UserDefaultsTest, KeepsValuesForTheNextProcess) {
+  EXPECT_EQ(defaults->object("key"), std::nullopt);
+  EXPECT_TRUE(defaults->removeObject("key"));
+  EXPECT_TRUE(defaults->setObject("key", text("value")));
+  EXPECT_TRUE(defaults->setObject("other", text("kept")));
+  EXPECT_TRUE(defaults->setObject("key", text("newer")));
+  EXPECT_EQ(UserDefaults::domain("com.example")->object("key"), text("newer"));
+  EXPECT_EQ(UserDefaults::domain("com.other")->object("key"), std::nullopt);
+  EXPECT_TRUE(defaults->removeObject("key"));
+  EXPECT_EQ(defaults->object("key"), std::nullopt);
+  EXPECT_EQ(defaults->object("other"), text("kept"));
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
+}
+
+TEST_F(UserDefaultsTest, LosesNoKeyOfThreadsAndProcessesThatWriteAtOnce) {
+  constexpr int writers = 3;
+  constexpr int keys = 10;
+  const auto write = [&](const std::string& writer) {
+    for (int key = 0; key < keys; ++key) {
+      if (!defaults->setObject(writer + std::to_string(key), text(writer))) return false;
+    }
+    return true;
+  };
+  std::vector<pid_t> children;
+  for (int child = 0; child < writers; ++child) {
+    const pid_t pid = ::fork();
+    ASSERT_NE(pid, -1);
+    if (pid == 0) ::_exit(write("p" + std::to_string(child) + '.') ? 0 : 1);
+    children.push_back(pid);
+  }
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < writers; ++thread) {
+    threads.emplace_back([&, thread] { write("t" + std::to_string(thread) + '.'); });
+  }
+  for (auto& thread : threads) thread.join();
+  for (const pid_t child : children) {
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  const auto stored = PropertyList::read(readFile(file));
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(stored->get<PropertyList::Dictionary>()->size(), 2U * writers * keys);
+}
+
+TEST_F(UserDefaultsTest, SetsADamagedFileAside) {
+  for (const std::string& damage : {std::string("garbage"), text("no dictionary").binary()}) {
+    writeFile(file, damage);
+    EXPECT_EQ(defaults->object("key"), std::nullopt);
+    EXPECT_TRUE(defaults->removeObject("key"));
+    EXPECT_EQ(readFile(file), damage);  // nothing to write yet
+    EXPECT_TRUE(defaults->setObject("key", text("value")));
+    EXPECT_EQ(defaults->object("key"), text("value"));
+    EXPECT_EQ(readFile(file + ".damaged"), damage);
+  }
+}
+
+TEST_F(UserDefaultsTest, KeepsTheOldFileWhenItCannotWrite) {
+  ASSERT_TRUE(defaults->setObject("key", text("value")));
+  fs::create_directories(file + ".new/full");  // in the way of the temporary file
+  EXPECT_FALSE(defaults->setObject("key", text("newer")));
+  EXPECT_EQ(defaults->object("key"), text("value"));
+  fs::remove_all(file + ".new");
+  writeFile(file + ".new", "left by a killed process");
+  EXPECT_TRUE(defaults->setObject("key", text("newer")));
+  EXPECT_FALSE(fs::exists(file + ".new"));
+
+  PropertyList deep;
+  for (int level = 0; level < 600; ++level) {
+    deep = {PropertyList::Value(PropertyList::Array{std::move(deep)})};
+  }
+  EXPECT_FALSE(defaults->setObject("deep", std::move(deep)));  // could never be read again
+  EXPECT_EQ(defaults->object("key"), text("newer"));
+}
+
+TEST_F(UserDefaultsTest, FailsWithoutAFolder) {
+  writeFile(folder / "config", "a file where the folder should be");
+  EXPECT_FALSE(defaults->setObject("key", text("value")));
+  EXPECT_EQ(defaults->object("key"), std::nullopt);
+}
+
+TEST_F(UserDefaultsTest, NeverWaitsForAFifo) {
+  fs::create_directories(fs::path(file).parent_path());
+  ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+  EXPECT_EQ(defaults->object("key"), std::nullopt);
+  EXPECT_TRUE(defaults->setObject("key", text("value")));
+  EXPECT_EQ(defaults->object("key"), text("value"));
+}
+
+TEST_F(UserDefaultsTest, RefusesDomainsThatAreNoFolderName) {
+  for (const char* name : {"", ".", "..", "a/b", "/etc"}) {
+    EXPECT_EQ(UserDefaults::domain(name), nullptr) << name;
+  }
+}
+
+TEST_F(UserDefaultsTest, StandardDomainIsNamedForTheProgram) {
+  EXPECT_TRUE(UserDefaults::standard().setObject("key", text("value")));
+  const std::string program = fs::read_symlink("/proc/self/exe").filename().string();
+  EXPECT_EQ(UserDefaults::domain(program)->object("key"), text("value"));
+}
+
+}  // namespace
+}  // namespace velum

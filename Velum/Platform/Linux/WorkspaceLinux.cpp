@@ -1,0 +1,185 @@
+#include "Velum/Platform/Linux/WorkspaceLinux.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+
+#include "Velum/Logger/Logger.h"
+#include "Velum/Platform/Linux/OpenAttemptLinux.h"
+#include "Velum/Platform/Linux/ProcessLinux.h"
+#include "Velum/Platform/Linux/UserManagerLinux.h"
+#include "Velum/String.h"
+#include "Velum/SystemError.h"
+
+namespace velum {
+namespace {
+
+constexpr LogSite site(std::string_view function, CallPlace where = CallPlace::current()) {
+  return {"Velum/Workspace", function, where};
+}
+
+/// A service ends as a whole when its first process does. Who waits for that end from inside the
+/// same service has to leave it first.
+void leaveServiceOf(pid_t process) {
+  const std::optional<std::string> own = controlGroupOf(::getpid());
+  if (!own || !own->ends_with(".service") || controlGroupOf(process) != own) return;
+  constexpr std::chrono::seconds timeout(1);
+  const TransientScope scope{fmt::format("velum-observer-{}.scope", ::getpid()),
+                             fmt::format("Observer of process {}", process), ::getpid()};
+  if (const std::optional<std::string> error = startScope(scope, timeout)) {
+    logDebug(site("addObserver"), "This process stays in {}: {}", *own, *error);
+  }
+}
+
+std::string absolute(const std::string& path) {
+  std::error_code error;
+  const std::filesystem::path result = std::filesystem::absolute(path, error);
+  return error ? path : result.native();
+}
+
+/// Why there is no application at `path`.
+std::string reasonForNoBundle(const std::string& path) {
+  struct stat status {};
+  const int error = ::stat(path.c_str(), &status) == 0 ? ENOENT : errno;
+  return repairedUtf8(path) + ": " + systemErrorText(error);
+}
+
+std::uint64_t ownStartTime() {
+  const std::optional<ProcessStatus> own = ProcessStatus::of(::getpid());
+  return own ? own->startTime : UINT64_MAX;  // without /proc nothing can be told apart
+}
+
+}  // namespace
+
+Workspace& Workspace::shared() {
+  static Workspace& instance =
+      *new WorkspaceLinux(ownStartTime());  // NOLINT(*-owning-memory): never destroyed
+  return instance;
+}
+
+std::vector<RunningApplication> WorkspaceLinux::runningApplications() {
+  std::vector<pid_t> ids = processes().ids();
+  for (const Watch& watch : watches_) {
+    // The pin alone knows: the number may be a later process's, or hidden from this user.
+    std::erase(ids, watch.process);
+    if (!hasEnded(watch)) ids.push_back(watch.process);
+  }
+  std::vector<RunningApplication> applications;
+  applications.reserve(ids.size());
+  for (const pid_t id : ids) {
+    applications.emplace_back(id, [this](pid_t pid) { return processes().bundleIdentifier(pid); });
+  }
+  return applications;
+}
+
+void WorkspaceLinux::addObserver(WorkspaceObserver& observer, std::string_view keyPath,
+                                 pid_t processOfInterest) {
+  Watch watch;
+  watch.pin = pinned(processOfInterest);
+  watch.number = ++lastWatch_;
+  watch.observer = &observer;
+  watch.keyPath = keyPath;
+  watch.process = processOfInterest;
+  const auto report = [this, number = watch.number] { processEnded(number); };
+  if (watch.pin) {
+    watch.end = DispatchSource::readable(watch.pin.get(), DispatchQueue::main(), report);
+    leaveServiceOf(processOfInterest);
+  } else {
+    watch.hasEnded = true;
+    DispatchQueue::main().async(report);
+  }
+  watches_.push_back(std::move(watch));
+  processes_.reset();  // it knows nothing of this process of interest
+}
+
+void WorkspaceLinux::removeObserver(WorkspaceObserver& observer, std::string_view keyPath) {
+  watches_.remove_if([&](const Watch& watch) {
+    return watch.observer == &observer && watch.keyPath == keyPath;
+  });
+}
+
+bool WorkspaceLinux::isOrphaned(pid_t launcher) {
+  const pid_t parent = ::getppid();
+  return parent == 1 || (parent != launcher && isUserManager(parent));
+}
+
+void WorkspaceLinux::openApplication(const std::string& path,
+                                     const OpenConfiguration& configuration,
+                                     OpenCompletion completion) {
+  // The new process works in another folder.
+  const std::string fullPath = absolute(path);
+  std::optional<Bundle> bundle = Bundle::at(fullPath);
+  if (!bundle) {
+    DispatchQueue::main().async([completion = std::move(completion),
+                                 error = reasonForNoBundle(fullPath)] { completion(error); });
+    return;
+  }
+  const auto findInstance = [this](const Bundle& wanted, const std::string& canonicalPath,
+                                   bool isFresh) {
+    if (isFresh) processes_.reset();
+    return processes().instanceOf(wanted, canonicalPath);
+  };
+  std::make_shared<OpenAttempt>(std::move(*bundle), configuration, findInstance,
+                                std::move(completion))
+      ->start();
+}
+
+/// Nothing when the process has gone.
+UniqueFd WorkspaceLinux::pinned(pid_t process) const {
+  // Not through <sys/pidfd.h>: that header of glibc 2.36 is not usable from C++.
+  UniqueFd pin(static_cast<int>(::syscall(SYS_pidfd_open, process, 0U)));
+  if (!pin) {
+    // EINVAL and ENOENT: the number of no process, but perhaps of a thread.
+    if (errno == ESRCH || errno == EINVAL || errno == ENOENT) return {};
+    throw lastSystemError(fmt::format("addObserver, pidfd_open ({})", process));
+  }
+  // Read after the process is pinned: it is this one's, or nothing.
+  const std::optional<ProcessStatus> status = ProcessStatus::of(process);
+  if (status && status->startTime > newestStart_) {
+    logDebug(site("addObserver"), "The number {} belongs to a later process", process);
+    return {};
+  }
+  return pin;
+}
+
+bool WorkspaceLinux::hasEnded(const Watch& watch) {
+  if (watch.hasEnded) return true;
+  pollfd state{watch.pin.get(), POLLIN, 0};
+  return retryInterrupted([&] { return ::poll(&state, 1, 0); }) == 1;
+}
+
+void WorkspaceLinux::processEnded(std::uint64_t number) {
+  const auto watch = std::find_if(watches_.begin(), watches_.end(),
+                                  [=](const Watch& each) { return each.number == number; });
+  if (watch == watches_.end()) return;
+  watch->hasEnded = true;
+  watch->end.reset();
+  watch->pin.reset();
+  processes_.reset();
+  logDebug(site("processEnded"), "Process {} has ended", watch->process);
+  // Last, because it may remove the observer.
+  watch->observer->observeValue(runningApplicationsKeyPath);
+}
+
+ProcessTable& WorkspaceLinux::processes() {
+  if (!processes_) {
+    processes_ = std::make_unique<ProcessTable>(processesOfInterest());
+    DispatchQueue::main().async([this] { processes_.reset(); });
+  }
+  return *processes_;
+}
+
+std::vector<pid_t> WorkspaceLinux::processesOfInterest() const {
+  std::vector<pid_t> ids;
+  for (const Watch& watch : watches_) ids.push_back(watch.process);
+  return ids;
+}
+
+}  // namespace velum

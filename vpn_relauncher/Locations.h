@@ -11,6 +11,10 @@
 
 namespace velum {
 
+/// The programs that log, as their records and the system log name them.
+inline constexpr std::string_view relauncherSubsystem = "com.quillon.mac.vpn.vpn_relauncher";
+inline constexpr std::string_view tunnelAgentSubsystem = "com.quillon.mac.vpn.tunnel_agent";
+
 /// Where the product's programs keep their log files: per user in the application group's
 /// container, which the desktop application shares, and machine-wide for the privileged tool.
 ///
@@ -19,8 +23,6 @@ namespace velum {
 class Locations {
  public:
   static constexpr std::string_view applicationGroup = "R8K2ZP5WQN.com.quillon.mac";
-  static constexpr std::string_view relauncherSubsystem = "com.quillon.mac.vpn.vpn_relauncher";
-  static constexpr std::string_view tunnelAgentSubsystem = "com.quillon.mac.vpn.tunnel_agent";
   static constexpr std::string_view groupLogsSubpath = "Library/Logs/com.quillon.mac.vpn";
   static constexpr std::string_view sharedLogsSubpath = "Logs/com.quillon.mac.vpn";
   static constexpr std::string_view groupLogFileName = "Quillon VPN-group.log";

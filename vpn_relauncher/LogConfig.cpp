@@ -8,9 +8,8 @@
 namespace velum {
 
 void LogConfig::setUp(const std::string& subsystem, Logger& logger, Locations& locations) {
-  const std::string& path = subsystem == Locations::tunnelAgentSubsystem
-                                ? locations.sharedLogFilePath()
-                                : locations.groupLogFilePath();
+  const std::string& path = subsystem == tunnelAgentSubsystem ? locations.sharedLogFilePath()
+                                                              : locations.groupLogFilePath();
   logger.setHandlers(
       {FileLogHandler::create(subsystem, path, true), std::make_shared<OSLogHandler>(subsystem)});
 }

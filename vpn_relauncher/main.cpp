@@ -51,7 +51,7 @@ std::unique_ptr<velum::TerminationListener>& listener =
 int main(int argc, char* argv[]) {
   auto& application = velum::Application::shared();  // first, so that a lost terminal can't end us
   velum::adoptReadyDescriptor();
-  velum::LogConfig::setUp(std::string(velum::Locations::relauncherSubsystem));
+  velum::LogConfig::setUp(std::string(velum::relauncherSubsystem));
   velum::Logger::shared().setLogLevel(velum::LogLevel::debug);
 
   arguments.assign(argv, argv + argc);

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <chrono>
+#include <concepts>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -23,8 +25,10 @@ class PropertyList {
                              Array, Dictionary>;
 
   PropertyList() : value(Dictionary{}) {}
-  PropertyList(Value content)  // NOLINT(google-explicit-constructor): a value converts
-      : value(std::move(content)) {}
+  /// Holds `content`, which must be of exactly one of the alternatives' types.
+  template <class T>
+  requires std::constructible_from<Value, std::in_place_type_t<T>, T>
+  explicit PropertyList(T content) : value(std::in_place_type<T>, std::move(content)) {}
 
   bool operator==(const PropertyList&) const = default;
 

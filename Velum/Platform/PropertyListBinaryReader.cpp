@@ -122,22 +122,22 @@ class Reader {
     switch (type) {
       case BinaryMarker::boolean:
         require(cursor.low == 8 || cursor.low == 9);
-        return {PropertyList::Value(cursor.low == 9)};
+        return PropertyList(cursor.low == 9);
       case BinaryMarker::integer:
         return integer(cursor);
       case BinaryMarker::real:
-        return {PropertyList::Value(real(cursor))};
+        return PropertyList(real(cursor));
       case BinaryMarker::date:
         require(cursor.low == 3);
-        return {PropertyList::Value(dateFromSecondsSince2001(real(cursor)))};
+        return PropertyList(dateFromSecondsSince2001(real(cursor)));
       case BinaryMarker::data: {
         const auto part = take(cursor, length(cursor));
         spend(part.size());
-        return {PropertyList::Value(PropertyList::Data(part.begin(), part.end()))};
+        return PropertyList(PropertyList::Data(part.begin(), part.end()));
       }
       case BinaryMarker::ascii:
       case BinaryMarker::utf16:
-        return {PropertyList::Value(text(type, cursor))};
+        return PropertyList(text(type, cursor));
       case BinaryMarker::array:
         return array(cursor, depth);
       case BinaryMarker::dictionary:
@@ -155,9 +155,9 @@ class Reader {
     const std::uint64_t low = bigEndian(bytes);
     const auto asSigned = static_cast<std::int64_t>(low);
     const bool isWide = cursor.low == 4;
-    if (isWide && high == 0 && asSigned < 0) return {PropertyList::Value(low)};
+    if (isWide && high == 0 && asSigned < 0) return PropertyList(low);
     require(!isWide || high == (asSigned < 0 ? ~std::uint64_t{0} : 0));
-    return {PropertyList::Value(asSigned)};
+    return PropertyList(asSigned);
   }
 
   double real(Cursor& cursor) const {
@@ -208,7 +208,7 @@ class Reader {
     for (std::uint64_t index = 0; index < count; ++index) {
       values.push_back(object(reference(references, index), depth + 1));
     }
-    return {PropertyList::Value(std::move(values))};
+    return PropertyList(std::move(values));
   }
 
   PropertyList dictionary(Cursor cursor, unsigned depth) {
@@ -221,7 +221,7 @@ class Reader {
       auto name = key(reference(keys, index));
       entries.insert_or_assign(std::move(name), object(reference(values, index), depth + 1));
     }
-    return {PropertyList::Value(std::move(entries))};
+    return PropertyList(std::move(entries));
   }
 
   std::string_view bytes_;

@@ -21,9 +21,9 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 std::string info(const std::string& identifier, const std::string& executable) {
-  return PropertyList(PropertyList::Value(PropertyList::Dictionary{
-                          {"CFBundleIdentifier", {PropertyList::Value(identifier)}},
-                          {"CFBundleExecutable", {PropertyList::Value(executable)}},
+  return PropertyList(PropertyList::Dictionary({
+                          {"CFBundleIdentifier", PropertyList(identifier)},
+                          {"CFBundleExecutable", PropertyList(executable)},
                       }))
       .binary();
 }

@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 
 template <class T>
 PropertyList list(T value) {
-  return {PropertyList::Value(std::move(value))};
+  return PropertyList(std::move(value));
 }
 PropertyList text(const char* value) {
   return list(std::string(value));

@@ -20,7 +20,7 @@ using test::readFile;
 using test::writeFile;
 
 PropertyList text(const std::string& value) {
-  return {PropertyList::Value(value)};
+  return PropertyList(value);
 }
 
 class UserDefaultsTest : public testing::Test {
@@ -100,7 +100,7 @@ TEST_F(UserDefaultsTest, KeepsTheOldFileWhenItCannotWrite) {
 
   PropertyList deep;
   for (int level = 0; level < 600; ++level) {
-    deep = {PropertyList::Value(PropertyList::Array{std::move(deep)})};
+    deep = PropertyList(PropertyList::Array{std::move(deep)});
   }
   EXPECT_FALSE(defaults->setObject("deep", std::move(deep)));  // could never be read again
   EXPECT_EQ(defaults->object("key"), text("newer"));

@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -14,6 +13,7 @@
 #include "Velum/Logger/Handlers/OSLogHandler.h"
 #include "Velum/Logger/Logger.h"
 #include "tests/support/Environment.h"
+#include "tests/support/RecordingLogHandler.h"
 #include "tests/support/TemporaryFolder.h"
 #include "vpn_relauncher/LastErrorLogHandler.h"
 #include "vpn_relauncher/LogConfig.h"
@@ -40,34 +40,18 @@ class FakeDirectories final : public Directories {
   std::atomic<int> lookups = 0;
 };
 
-class RecordingLogHandler final : public LogHandlerProtocol {
- public:
-  void logWithLevel(LogLevel /*level*/, LogDate /*date*/, std::string_view text) override {
-    const std::lock_guard guard(mutex_);
-    records_.emplace_back(text);
-  }
-  std::vector<std::string> records() {
-    const std::lock_guard guard(mutex_);
-    return records_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> records_;
-};
-
 class LocationsTest : public testing::Test {
  protected:
   LocationsTest() { Logger::shared().setHandlers({log}); }
   ~LocationsTest() override { Logger::shared().setHandlers(before); }
 
-  std::vector<std::string> records() const { return log->records(); }
+  std::vector<std::string> records() const { return log->texts(); }
 
+  std::shared_ptr<test::RecordingLogHandler> log = std::make_shared<test::RecordingLogHandler>();
+  Logger::Handlers before = Logger::shared().handlers();
   test::TemporaryFolder folder;
   FakeDirectories directories;
   Locations locations{directories};
-  std::shared_ptr<RecordingLogHandler> log = std::make_shared<RecordingLogHandler>();
-  Logger::Handlers before = Logger::shared().handlers();
 };
 
 TEST_F(LocationsTest, CreatesTheFoldersOfBothLogs) {
@@ -99,9 +83,9 @@ TEST_F(LocationsTest, SaysOnceWhatIsMissing) {
   EXPECT_EQ(locations.groupLogFilePath(), "");
   EXPECT_EQ(locations.groupLogsDirectory(), std::nullopt);
   EXPECT_EQ(locations.sharedLogFilePath(), "");  // without a message
-  EXPECT_THAT(records(), ElementsAre("E vpn_relauncher/Locations: appGroupDirectory: "
+  EXPECT_THAT(records(), ElementsAre("E: (Locations: appGroupDirectory) "
                                      "Failed to get app group directory",
-                                     "E vpn_relauncher/Locations: groupLogsDirectory: "
+                                     "E: (Locations: groupLogsDirectory) "
                                      "Failed to get group logs directory"));
 }
 
@@ -109,7 +93,7 @@ TEST_F(LocationsTest, SaysWhyAFolderCannotBeCreated) {
   test::writeFile(folder / "file", "");
   directories.library = folder / "file";
   EXPECT_EQ(locations.sharedLogFilePath(), "");
-  EXPECT_THAT(records(), ElementsAre("E vpn_relauncher/Locations: create(url:title:attr:): "
+  EXPECT_THAT(records(), ElementsAre("E: (Locations: create(url:title:attr:)) "
                                      "Cannot create Shared Logs directory (" +
                                      (folder / "file/Logs/com.quillon.mac.vpn") +
                                      ") with error: Not a directory"));

@@ -125,7 +125,7 @@ class UserDefaultsLinux final : public UserDefaults {
     const bool isDamaged = !content.entries;
     if (isDamaged) content.entries.emplace();
     if (!edit(*content.entries)) return true;
-    return replace(*folder, path, {PropertyList::Value(std::move(*content.entries))}, isDamaged);
+    return replace(*folder, path, PropertyList(std::move(*content.entries)), isDamaged);
   }
 
   static bool replace(const std::string& folder, const std::string& path,

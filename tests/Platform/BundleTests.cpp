@@ -33,7 +33,7 @@ class BundleTest : public testing::Test {
   /// Makes a bundle with that property list and returns its path.
   std::string make(const std::string& name, const std::string& propertyList,
                    const std::string& program = "Main") {
-    const std::string path = folder / name;
+    std::string path = folder / name;
     writeFile(path + "/Contents/Info.plist", propertyList);
     writeFile(path + "/Contents/MacOS/" + program, "#!/bin/sh\n");
     return path;

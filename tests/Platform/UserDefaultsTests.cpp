@@ -62,6 +62,7 @@ TEST_F(UserDefaultsTest, LosesNoKeyOfThreadsAndProcessesThatWriteAtOnce) {
     children.push_back(pid);
   }
   std::vector<std::thread> threads;
+  threads.reserve(writers);
   for (int thread = 0; thread < writers; ++thread) {
     threads.emplace_back([&, thread] { write("t" + std::to_string(thread) + '.'); });
   }

@@ -42,8 +42,8 @@ class FakeDirectories final : public Directories {
 
 class LocationsTest : public testing::Test {
  protected:
-  LocationsTest() { Logger::shared().setHandlers({log}); }
-  ~LocationsTest() override { Logger::shared().setHandlers(before); }
+  void SetUp() override { Logger::shared().setHandlers({log}); }
+  void TearDown() override { Logger::shared().setHandlers(before); }
 
   std::vector<std::string> records() const { return log->texts(); }
 
@@ -102,6 +102,7 @@ TEST_F(LocationsTest, SaysWhyAFolderCannotBeCreated) {
 TEST_F(LocationsTest, LooksEachFolderUpOnce) {
   directories.group = folder / "group";
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int thread = 0; thread < 4; ++thread) {
     threads.emplace_back([this] { EXPECT_NE(locations.groupLogFilePath(), ""); });
   }

@@ -1,5 +1,4 @@
 #include <plist/plist.h>
-#include <clocale>
 
 #include <algorithm>
 #include <array>

@@ -27,8 +27,10 @@ class PropertyList {
   PropertyList() : value(Dictionary{}) {}
   /// Holds `content`, which must be of exactly one of the alternatives' types.
   template <class T>
-  requires std::constructible_from<Value, std::in_place_type_t<T>, T>
-  explicit PropertyList(T content) : value(std::in_place_type<T>, std::move(content)) {}
+  requires(
+      !std::same_as<T, PropertyList> &&
+      std::constructible_from<Value, std::in_place_type_t<T>, T>) explicit PropertyList(T content)
+      : value(std::in_place_type<T>, std::move(content)) {}
 
   bool operator==(const PropertyList&) const = default;
 

@@ -19,7 +19,7 @@ class SystemLog {
   SystemLog& operator=(const SystemLog&) = delete;
   virtual ~SystemLog() = default;
 
-  static std::shared_ptr<SystemLog> open(std::string subsystem, std::string category);
+  static std::shared_ptr<SystemLog> open(const std::string& subsystem, const std::string& category);
 
   /// Writes `text` as it stands, never as a format. Where the machine has no system log, errors
   /// and faults go to standard error instead.

@@ -32,7 +32,7 @@ void writeRecord(int fd, std::string_view record) noexcept {
 // up. Taken rather than referred to, so that a record logged while another is built gets its own.
 class RecordBuffer {
  public:
-  RecordBuffer() : text(std::move(kept)) { text.clear(); }
+  RecordBuffer() : text(std::exchange(kept, {})) { text.clear(); }
   RecordBuffer(const RecordBuffer&) = delete;
   RecordBuffer& operator=(const RecordBuffer&) = delete;
   ~RecordBuffer() {

@@ -58,6 +58,8 @@ class FileLogHandler final : public LogHandlerProtocol,
 
   FileLogHandler(Private, std::string subsystem, std::string filepath, bool addPrefix,
                  RotationPolicy policy, Services services);
+  FileLogHandler(const FileLogHandler&) = delete;
+  FileLogHandler& operator=(const FileLogHandler&) = delete;
   ~FileLogHandler() override;
 
   /// Writes one record. The level stands in the text already.

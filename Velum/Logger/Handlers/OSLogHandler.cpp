@@ -19,9 +19,8 @@ SystemLog::Type systemLogType(LogLevel level) noexcept {
 
 }  // namespace
 
-OSLogHandler::OSLogHandler(std::string subsystem, std::optional<std::string> category)
-    : OSLogHandler(
-          SystemLog::open(std::move(subsystem), category.value_or(std::string(defaultCategory)))) {}
+OSLogHandler::OSLogHandler(const std::string& subsystem, const std::optional<std::string>& category)
+    : OSLogHandler(SystemLog::open(subsystem, category.value_or(std::string(defaultCategory)))) {}
 
 void OSLogHandler::logWithLevel(LogLevel level, LogDate /*date*/, std::string_view text) {
   log_->write(systemLogType(level), text);

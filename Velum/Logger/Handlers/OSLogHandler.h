@@ -14,7 +14,8 @@ namespace velum {
 /// records must survive until support asks for them.
 class OSLogHandler final : public LogHandlerProtocol {
  public:
-  explicit OSLogHandler(std::string subsystem, std::optional<std::string> category = std::nullopt);
+  explicit OSLogHandler(const std::string& subsystem,
+                        const std::optional<std::string>& category = std::nullopt);
   /// Writes to `log`, an already open handle.
   explicit OSLogHandler(std::shared_ptr<SystemLog> log) : log_(std::move(log)) {}
 

@@ -105,7 +105,7 @@ class Runtime final : public ForkParticipant {
   }
 
   Pool& pool() { return get(pool_); }
-  MainContext& main() { return get(main_); }
+  MainContext& mainContext() { return get(main_); }
 
   void prepareFork() noexcept override {
     lock_.lock();
@@ -172,7 +172,7 @@ class QueueBase : public DispatchQueue, public std::enable_shared_from_this<Queu
 class MainQueue final : public QueueBase {
  public:
   MainQueue() : QueueBase("main") {}
-  Executor executor() override { return Runtime::shared().main().context.get_executor(); }
+  Executor executor() override { return Runtime::shared().mainContext().context.get_executor(); }
   Work wrapped(Work work) override {
     return [work = std::move(work)] { perform(work); };
   }
@@ -354,7 +354,7 @@ std::shared_ptr<DispatchQueue> DispatchQueue::serial(std::string label) {
 }
 
 void runMainLoop() {
-  while (true) Runtime::shared().main().context.run();
+  while (true) Runtime::shared().mainContext().context.run();
 }
 
 struct DispatchGroup::State {

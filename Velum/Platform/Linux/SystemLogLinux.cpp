@@ -59,7 +59,8 @@ class Journal final : public SystemLog {
 
 }  // namespace
 
-std::shared_ptr<SystemLog> SystemLog::open(std::string subsystem, std::string category) {
+std::shared_ptr<SystemLog> SystemLog::open(const std::string& subsystem,
+                                           const std::string& category) {
   return std::make_shared<Journal>(subsystem, category);
 }
 

@@ -48,7 +48,7 @@ class Conversation {
   }
 
   Message call(const Message& message) {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     sd_bus_message* reply = nullptr;
     const int result = sd_bus_call(bus_.get(), message.get(), remaining(), &error, &reply);
     const std::string text = error.message != nullptr ? error.message : "no answer";

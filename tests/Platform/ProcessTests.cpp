@@ -46,7 +46,8 @@ TEST(ProcessIds, HoldThisProcessAndNoKernelThread) {
 TEST(ControlGroup, IsTheManagersOwnWhereThereAreSeveral) {
   EXPECT_EQ(controlGroup("0::/user.slice/a\n"), "/user.slice/a");
   EXPECT_EQ(controlGroup("9:name=systemd:/user.slice/b:c\n8:pids:/x\n0::/\n"), "/user.slice/b:c");
-  EXPECT_EQ(controlGroup("8:pids:/x\n"), std::nullopt);
+  EXPECT_EQ(controlGroup("9:name=systemd:/\n0::/user.slice/a\n"), "/user.slice/a");
+  EXPECT_EQ(controlGroup("8:pids:/x\n0::/\n"), std::nullopt);
   EXPECT_EQ(controlGroup(""), std::nullopt);
 }
 

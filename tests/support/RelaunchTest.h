@@ -35,9 +35,10 @@ class RelaunchTest : public ::testing::Test {
     std::vector<std::string> result =
         environmentWithout({"HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_RUNTIME_DIR",
                             "DBUS_SESSION_BUS_ADDRESS"});
-    for (const char* name : {"HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_RUNTIME_DIR"}) {
+    for (const char* name : {"HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME"}) {
       result.push_back(name + ('=' + folder.path()));
     }
+    result.push_back("XDG_RUNTIME_DIR=" + runtimeFolder);
     result.push_back("SAMPLE_APP_EVENTS=" + (folder / "events"));
     result.insert(result.end(), more.begin(), more.end());
     return result;
@@ -128,6 +129,7 @@ class RelaunchTest : public ::testing::Test {
   static constexpr auto recursively = std::filesystem::copy_options::recursive;
 
   TemporaryFolder folder;
+  std::string runtimeFolder = folder.path();
   std::string bundle = folder / "Sample VPN.app";
   LineReader events{folder / "events"};
   Family family;

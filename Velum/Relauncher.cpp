@@ -29,7 +29,6 @@ namespace velum {
 namespace {
 
 constexpr const char* readyVariable = "VELUM_READY_FD";
-constexpr std::chrono::seconds readyTimeout(5);
 constexpr char readyByte = 1;
 
 /// Reaps the helpers that end while the application lives.
@@ -71,8 +70,8 @@ std::pair<UniqueFd, UniqueFd> makePipe() {
 }
 
 /// Waits for the helper's byte; the code of what came instead.
-int waitUntilReady(int descriptor) {
-  const auto deadline = std::chrono::steady_clock::now() + readyTimeout;
+int waitUntilReady(int descriptor, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
   while (true) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
@@ -136,7 +135,8 @@ void writeByteQuietly(int descriptor) {
 
 }  // namespace
 
-pid_t startRelauncher(const std::string& helperPath, const std::string& bundlePath) {
+pid_t startRelauncher(const std::string& helperPath, const std::string& bundlePath,
+                      std::chrono::milliseconds timeout) {
   auto [reader, writer] = makePipe();
   SpawnOptions options;
   options.executable = absolute(helperPath);
@@ -150,7 +150,7 @@ pid_t startRelauncher(const std::string& helperPath, const std::string& bundlePa
   options.newSession = true;
   const pid_t helper = spawn(options);
   writer.reset();  // else the helper's end would not show
-  if (const int error = waitUntilReady(reader.get()); error != 0) {
+  if (const int error = waitUntilReady(reader.get(), timeout); error != 0) {
     throw SystemError(error, fmt::format("startRelauncher, helper {} {} before it was ready",
                                          helper, endHelper(helper)));
   }

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <string>
 
 namespace velum {
@@ -13,8 +14,9 @@ namespace velum {
 /// The helper lives in a session of its own, inherits no descriptor and outlives this process; if
 /// it ends earlier, it is reaped in the background. Blocks for some milliseconds. Throws
 /// SystemError when the helper can't be started (the exec's code), ends before it is armed (EPIPE)
-/// or is not armed within five seconds (ETIMEDOUT); no helper is left then. Any thread.
-pid_t startRelauncher(const std::string& helperPath, const std::string& bundlePath);
+/// or is not armed in time (ETIMEDOUT); no helper is left then. Any thread.
+pid_t startRelauncher(const std::string& helperPath, const std::string& bundlePath,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
 /// For the helper, first thing in main(): takes the descriptor that `startRelauncher` passed in
 /// the environment variable VELUM_READY_FD out of the environment, so that nothing else inherits

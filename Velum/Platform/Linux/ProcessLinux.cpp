@@ -120,21 +120,23 @@ std::optional<std::string> executableOf(pid_t pid) {
 }
 
 std::optional<std::string> controlGroup(std::string_view text) {
-  std::optional<std::string> own;
+  // "<number>:<controllers>:<path>"; number 0 and no controllers mark the unified hierarchy.
+  // Where everything is in its root, the manager uses the old one that bears its name, if any.
+  constexpr std::string_view unified = "0::";
+  constexpr std::string_view named = ":name=systemd:";
+  std::optional<std::string> result;
   while (!text.empty()) {
     const std::size_t end = std::min(text.find('\n'), text.size());
     const std::string_view line = text.substr(0, end);
     text.remove_prefix(std::min(end + 1, text.size()));
-    // "<number>:<controllers>:<path>"; number 0 and no controllers mark the unified hierarchy,
-    // which on a system with both may be mounted without the manager using it.
-    constexpr std::string_view unified = "0::";
-    constexpr std::string_view named = ":name=systemd:";
-    if (const std::size_t at = line.find(named); at != std::string_view::npos) {
-      return std::string(line.substr(at + named.size()));
+    if (line.starts_with(unified) && line != "0::/") {
+      return std::string(line.substr(unified.size()));
     }
-    if (line.starts_with(unified)) own = line.substr(unified.size());
+    if (const std::size_t at = line.find(named); at != std::string_view::npos) {
+      result = line.substr(at + named.size());
+    }
   }
-  return own;
+  return result;
 }
 
 std::optional<std::string> controlGroupOf(pid_t pid) {

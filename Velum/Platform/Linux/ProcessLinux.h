@@ -36,8 +36,8 @@ struct ProcessStatus {
 /// and where this user may not know. Costs about 2 us.
 std::optional<std::string> executableOf(pid_t pid);
 
-/// The control group of a process as the service manager sees it (unified hierarchy, else the
-/// manager's own); nothing when neither is there.
+/// The control group of a process as the service manager sees it; nothing where everything is in
+/// the root.
 std::optional<std::string> controlGroupOf(pid_t pid);
 /// The same, from the text of /proc/PID/cgroup.
 std::optional<std::string> controlGroup(std::string_view text);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstring>
 #include <string_view>
 
 #include "Velum/Platform/Posix/UniqueFd.h"
@@ -27,7 +28,9 @@ class Attributes {
   explicit Attributes(const SpawnOptions& options) {
     check(::posix_spawnattr_init(&attributes_), options, "posix_spawnattr_init");
     sigset_t signals{};
-    ::sigfillset(&signals);
+    // Not sigfillset(3): it leaves out the two signals that the C library keeps to itself, and
+    // the new process would be born ignoring them.
+    std::memset(&signals, 0xff, sizeof signals);
     ::posix_spawnattr_setsigdefault(&attributes_, &signals);
     ::sigemptyset(&signals);
     ::posix_spawnattr_setsigmask(&attributes_, &signals);

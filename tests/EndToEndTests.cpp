@@ -1,0 +1,209 @@
+// The real helper beside a real application that quits in every way we know of.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/sched.h>
+
+#include <algorithm>
+
+#include "Velum/Platform/Linux/ProcessLinux.h"
+#include "Velum/Relauncher.h"
+#include "tests/support/RelaunchTest.h"
+
+namespace velum::test {
+namespace {
+
+using ::testing::HasSubstr;
+
+class EndToEnd : public RelaunchTest {};
+
+TEST_F(EndToEnd, OpensTheApplicationAgainAfterItQuit) {
+  const pid_t application = startApplication();
+  const pid_t helper = startHelper(bundle, application);
+  ::kill(application, SIGTERM);
+  EXPECT_EQ(exitStatus(application), 0);
+  EXPECT_EQ(next().name, "quit");
+  const Event started = next();
+  EXPECT_EQ(started.name, "started");
+  EXPECT_EQ(started.parent, helper);
+  EXPECT_EQ(exitStatus(helper), 0);
+  EXPECT_FALSE(hasEnded(started.pid, std::chrono::milliseconds(0))) << "it outlives the helper";
+
+  const std::string text = log();
+  std::size_t at = 0;
+  for (const std::string& message : {"Looking for :" + bundle + ' ' + std::to_string(application),
+                                     "Process " + std::to_string(application) + " has ended",
+                                     std::string("App was relaunched successfully")}) {
+    at = text.find(message, at);
+    ASSERT_NE(at, std::string::npos) << message << " is missing in\n" << text;
+  }
+}
+
+TEST_F(EndToEnd, NoticesAKilledApplicationThatItsParentNeverReaps) {
+  const pid_t application = startApplication();
+  const pid_t helper = startHelper(bundle, application);
+  ::kill(application, SIGKILL);
+  EXPECT_EQ(next().name, "started");
+  EXPECT_EQ(exitStatus(helper), 0);
+  EXPECT_EQ(ProcessStatus::of(application)->state, 'Z');
+}
+
+TEST_F(EndToEnd, OpensAnApplicationThatWasGoneBefore) {
+  const pid_t application = startApplication();
+  ::kill(application, SIGKILL);
+  ASSERT_TRUE(exitStatus(application));
+  for (const std::string& id : {std::to_string(application), std::string("-5"), std::string("+0"),
+                                std::string("2147483647")}) {
+    const pid_t helper = start(VELUM_RELAUNCHER, {bundle, id}, {});
+    const Event started = next();
+    EXPECT_EQ(started.name, "started") << id;
+    EXPECT_EQ(exitStatus(helper), 0) << id;
+    ::kill(started.pid, SIGKILL);
+    ASSERT_TRUE(exitStatus(started.pid));
+  }
+}
+
+TEST_F(EndToEnd, IsNotDeceivedByAForkedCopy) {
+  const pid_t application = startApplication({"SAMPLE_APP_COPY=1"});
+  const pid_t helper = startHelper(bundle, application);
+  ::kill(application, SIGKILL);
+  EXPECT_EQ(next().name, "started");
+  EXPECT_EQ(exitStatus(helper), 0);
+}
+
+TEST_F(EndToEnd, LeavesAnApplicationAloneThatRunsAgainAlready) {
+  const pid_t other = startShell("exec sleep 1000");
+  const pid_t helper = startHelper(bundle, other);
+  startApplication();
+  ::kill(other, SIGKILL);
+  EXPECT_EQ(exitStatus(helper), 0);
+  EXPECT_TRUE(isLogged("App is already running, no need to relaunch"));
+  EXPECT_TRUE(isQuiet());
+}
+
+TEST_F(EndToEnd, IsNotDeceivedByAReusedNumber) {
+  const pid_t application = startApplication();
+  // A process keeps its age when it becomes another program: this one is the helper, waiting.
+  LineReader lines(folder / "lines");
+  const pid_t helper =
+      start("/bin/sh",
+            {"-c", "echo >\"$1\"; kill -STOP $$; shift; exec \"$@\"", "sh", folder / "lines",
+             VELUM_RELAUNCHER, bundle, std::to_string(application)},
+            {});
+  ASSERT_TRUE(lines.next());
+  ::kill(application, SIGKILL);
+  ASSERT_TRUE(exitStatus(application));
+  const std::uint64_t helperStart = ProcessStatus::of(helper)->startTime;
+  std::uint64_t impostorStart = 0;
+  do {  // start times are counted in hundredths of a second
+    pid_t number = application;
+    clone_args arguments{};
+    arguments.exit_signal = SIGCHLD;
+    arguments.set_tid = reinterpret_cast<std::uintptr_t>(&number);
+    arguments.set_tid_size = 1;
+    const long impostor = ::syscall(SYS_clone3, &arguments, sizeof arguments);
+    if (impostor == 0) {
+      ::pause();
+      ::_exit(0);
+    }
+    if (impostor < 0) GTEST_SKIP() << "choosing a process's number is not permitted here";
+    impostorStart = ProcessStatus::of(application)->startTime;
+    if (impostorStart <= helperStart) {
+      ::kill(application, SIGKILL);
+      ASSERT_TRUE(exitStatus(application));
+    }
+  } while (impostorStart <= helperStart);
+  siginfo_t stopped{};
+  ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(helper), &stopped, WSTOPPED | WNOWAIT), 0);
+  ::kill(helper, SIGCONT);
+  EXPECT_EQ(next().name, "started");
+  EXPECT_EQ(exitStatus(helper), 0);
+}
+
+TEST_F(EndToEnd, AnApplicationMayDieOnceItsHelperIsArmed) {
+  // A process that arms the helper and is gone at once; the test then adopts the helper.
+  Pipe pipe;
+  const pid_t application = ::fork();
+  if (application == 0) {
+    for (const std::string& variable : environment()) {
+      ::putenv(::strdup(variable.c_str()));  // NOLINT: until the exit below
+    }
+    ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    const pid_t helper = startRelauncher(VELUM_RELAUNCHER, bundle);
+    const ssize_t size = ::write(pipe.writer.get(), &helper, sizeof helper);
+    ::kill(::getpid(), size > 0 ? SIGKILL : SIGABRT);
+  }
+  EXPECT_EQ(exitStatus(application), 128 + SIGKILL);
+  pid_t helper = 0;
+  ASSERT_EQ(::read(pipe.reader.get(), &helper, sizeof helper), ssize_t{sizeof helper});
+  EXPECT_EQ(next().parent, helper);
+  EXPECT_EQ(exitStatus(helper), 0);
+}
+
+TEST_F(EndToEnd, RefusesAWrongNumberOfArguments) {
+  EXPECT_EQ(exitStatus(start(VELUM_RELAUNCHER, {}, {})), 1);
+  EXPECT_TRUE(isLogged("Unexpected arguments count: 1"));
+  EXPECT_EQ(exitStatus(start(VELUM_RELAUNCHER, {bundle, "1", "x"}, {})), 1);
+  EXPECT_TRUE(isLogged("Unexpected arguments count: 4"));
+}
+
+TEST_F(EndToEnd, StopsAtOnceAtWhatIsNoProcessId) {
+  for (const char* text : {"", "+", "-", "12a", " 1", "0x10", "+-1", "2147483648"}) {
+    EXPECT_EQ(exitStatus(start(VELUM_RELAUNCHER, {bundle, text}, {})), 128 + SIGABRT) << text;
+  }
+  EXPECT_TRUE(isQuiet());
+  EXPECT_FALSE(isLogged("Looking for")) << log();
+}
+
+TEST_F(EndToEnd, GivesUpAfterElevenAttempts) {
+  const pid_t helper = start(VELUM_RELAUNCHER, {bundle, "-1"}, {"SAMPLE_APP_EXIT=3"});
+  for (int attempt = 1; attempt <= 11; ++attempt) {
+    EXPECT_EQ(next().name, "started") << attempt;
+    EXPECT_EQ(next().name, "quit") << attempt;
+  }
+  EXPECT_EQ(exitStatus(helper), 1);
+  EXPECT_TRUE(isQuiet());
+  const std::string text = log();
+  std::size_t at = 0;
+  for (int left = 9; left >= 0; --left) {
+    at = text.find("Restart failed. Attempts left: " + std::to_string(left) + '\n', at);
+    ASSERT_NE(at, std::string::npos) << left << " is missing in\n" << text;
+  }
+  EXPECT_THAT(text.substr(at),
+              HasSubstr("Restart failed with error: " + program() + " ended with status 3\n"));
+}
+
+TEST_F(EndToEnd, TwoHelpersOpenTheApplicationOnce) {
+  const pid_t application = startApplication();
+  const pid_t first = startHelper(bundle, application);
+  const pid_t second = startHelper(bundle, application);
+  ::kill(application, SIGKILL);
+  EXPECT_EQ(exitStatus(first), 0);
+  EXPECT_EQ(exitStatus(second), 0);
+  EXPECT_EQ(next().name, "started");
+  EXPECT_TRUE(isQuiet());
+}
+
+TEST_F(EndToEnd, SleepsWhileItWaits) {
+  const pid_t other = startShell("exec sleep 1000");
+  const pid_t helper = startHelper(bundle, other);
+  const auto switches = [helper] {
+    long total = 0;
+    for (const auto& thread :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(helper) + "/task")) {
+      std::istringstream status(readFile(thread.path() / "status"));
+      for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("voluntary_ctxt_switches:")) total += std::stol(line.substr(24));
+      }
+    }
+    return total;
+  };
+  // What it does right after it is armed comes to rest first.
+  EXPECT_FALSE(hasEnded(helper, std::chrono::milliseconds(200)));
+  const long before = switches();
+  EXPECT_FALSE(hasEnded(helper, std::chrono::milliseconds(500)));
+  EXPECT_LE(switches() - before, 1);
+}
+
+}  // namespace
+}  // namespace velum::test

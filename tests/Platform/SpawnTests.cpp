@@ -1,0 +1,136 @@
+#include "Velum/Platform/Posix/Spawn.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "Velum/SystemError.h"
+#include "tests/support/Processes.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace velum::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+std::string linkTarget(const std::string& path) {
+  std::array<char, 4096> target{};
+  const ssize_t size = ::readlink(path.c_str(), target.data(), target.size());
+  return {target.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
+}
+
+/// Runs the sample program, which writes down what it was born with, and returns those lines.
+class Spawn : public ::testing::Test {
+ protected:
+  std::vector<std::string> report(SpawnOptions options) {
+    const std::string path = folder_ / "report";
+    options.executable.assign(VELUM_SAMPLE_BUNDLE "/Contents/MacOS/sample_app");
+    options.arguments = {"sample", "an argument"};
+    options.environment = {"SAMPLE_APP_EXIT=7", "SAMPLE_APP_REPORT=" + path};
+    EXPECT_EQ(exitStatus(spawn(options)), 7);
+    std::ifstream file(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);) lines.push_back(line);
+    return lines;
+  }
+
+  TemporaryFolder folder_;
+};
+
+TEST_F(Spawn, GivesOnlyWhatIsNamed) {
+  const UniqueFd inheritable(::open("/proc/self/status", O_RDONLY));
+  ASSERT_TRUE(inheritable);
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGUSR1, SIG_IGN);
+  sigset_t all{};
+  sigset_t before{};
+  ::sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, &before);
+  SpawnOptions options;
+  options.directory.assign("/usr");
+  options.newSession = true;
+  const std::vector<std::string> lines = report(options);
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+
+  EXPECT_THAT(lines, ::testing::IsSupersetOf({
+                         "argument sample",
+                         "argument an argument",
+                         "cwd /usr",
+                         "SigBlk: 0000000000000000",
+                         "SigIgn: 0000000000000000",
+                     }));
+  std::vector<std::string> descriptors;
+  std::vector<std::string> environment;
+  std::string pid;
+  for (const std::string& line : lines) {
+    if (line.starts_with("descriptor")) descriptors.push_back(line);
+    if (line.starts_with("environment")) environment.push_back(line);
+    if (line.starts_with("pid ")) pid = line.substr(4);
+  }
+  EXPECT_THAT(descriptors, ElementsAre("descriptor 0 /dev/null", "descriptor 1 /dev/null",
+                                       "descriptor 2 /dev/null"));
+  EXPECT_EQ(environment.size(), 2U);
+  EXPECT_THAT(lines, Contains("sid " + pid));
+}
+
+TEST_F(Spawn, DescriptorsMayCross) {
+  // Each is a source at a number that another one is moved to.
+  SpawnOptions options;
+  options.standardStreams = {STDERR_FILENO, STDIN_FILENO, STDOUT_FILENO};
+  const Pipe pipe;
+  options.extraDescriptor = pipe.writer.get();
+  EXPECT_THAT(
+      report(options),
+      ::testing::IsSupersetOf({
+          "descriptor 0 " + linkTarget("/proc/self/fd/2"),
+          "descriptor 1 " + linkTarget("/proc/self/fd/0"),
+          "descriptor 2 " + linkTarget("/proc/self/fd/1"),
+          "descriptor 3 " + linkTarget("/proc/self/fd/" + std::to_string(*options.extraDescriptor)),
+      }));
+}
+
+TEST_F(Spawn, ReportsTheErrorOfTheExec) {
+  const auto program = [this](const std::string& name, const std::string& content, mode_t mode) {
+    std::ofstream(folder_ / name) << content;
+    ::chmod((folder_ / name).c_str(), mode);
+  };
+  program("unreadable", "#!/bin/sh\n", 0600);
+  program("orphan", "#!/nowhere/interpreter\n", 0700);
+  program("text", "hello\n", 0700);
+  const auto errorOf = [this](const std::string& name, const std::string& directory = "/") {
+    SpawnOptions options;
+    options.executable = folder_ / name;
+    options.arguments = {options.executable};
+    options.directory = directory;
+    try {
+      spawn(options);
+      return 0;
+    } catch (const SystemError& error) {
+      EXPECT_THAT(error.what(), HasSubstr(options.executable));
+      return error.code();
+    }
+  };
+  EXPECT_EQ(errorOf("missing"), ENOENT);
+  EXPECT_EQ(errorOf("unreadable"), EACCES);
+  EXPECT_EQ(errorOf("orphan"), ENOENT);
+  EXPECT_EQ(errorOf("text"), ENOEXEC);
+  EXPECT_EQ(errorOf("text", folder_ / "missing"), ENOENT);
+  EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a failed start left a child";
+}
+
+TEST(Environment, LeavesNamesOut) {
+  ::setenv("VELUM_TEST_KEPT", "a=b", 1);
+  ::setenv("VELUM_TEST", "1", 1);
+  const std::vector<std::string> environment = environmentWithout({"VELUM_TEST"});
+  EXPECT_THAT(environment, AllOf(Contains("VELUM_TEST_KEPT=a=b"), Not(Contains("VELUM_TEST=1"))));
+}
+
+}  // namespace
+}  // namespace velum::test

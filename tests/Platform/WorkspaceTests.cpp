@@ -1,0 +1,250 @@
+#include "Velum/Platform/Workspace.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <future>
+
+#include "Velum/Platform/Linux/ProcessLinux.h"
+#include "Velum/Platform/Linux/WorkspaceLinux.h"
+#include "tests/support/MainThread.h"
+#include "tests/support/Processes.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace velum::test {
+namespace {
+
+using ::testing::Contains;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr std::string_view keyPath = Workspace::runningApplicationsKeyPath;
+
+/// Takes every process for the one that is meant, also one that a test just started.
+WorkspaceLinux& workspace() {
+  static WorkspaceLinux& instance = *new WorkspaceLinux(UINT64_MAX);  // NOLINT: as the real one
+  return instance;
+}
+
+std::vector<pid_t> listedIds() {
+  std::vector<pid_t> ids;
+  for (const auto& application : workspace().runningApplications()) {
+    ids.push_back(application.processIdentifier());
+  }
+  return ids;
+}
+
+std::optional<std::string> identifierOf(pid_t pid) {
+  for (const auto& application : workspace().runningApplications()) {
+    if (application.processIdentifier() == pid) return application.bundleIdentifier();
+  }
+  return std::nullopt;
+}
+
+class Observer final : public WorkspaceObserver {
+ public:
+  explicit Observer(std::function<void()> changed = [] {}) : changed_(std::move(changed)) {}
+  void observeValue(std::optional<std::string_view> changedPath) override {
+    EXPECT_EQ(changedPath, keyPath);
+    changed_();
+    told_.set_value();
+  }
+  bool isTold() { return told_.get_future().wait_for(deadline) == std::future_status::ready; }
+
+ private:
+  std::function<void()> changed_;
+  std::promise<void> told_;
+};
+
+/// A copy of the sample bundle, in an environment of its own.
+class WorkspaceTest : public ::testing::Test {
+ protected:
+  WorkspaceTest() {
+    ::setenv("XDG_RUNTIME_DIR", folder_.path().c_str(), 1);
+    ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    ::setenv("SAMPLE_APP_EVENTS", (folder_ / "events").c_str(), 1);
+    std::filesystem::copy(VELUM_SAMPLE_BUNDLE, bundle_, std::filesystem::copy_options::recursive);
+  }
+
+  std::string program() const { return bundle_ + "/Contents/MacOS/sample_app"; }
+
+  /// The answer to openApplication: nothing, or the error.
+  std::future<std::optional<std::string>> open(const std::string& path,
+                                               OpenConfiguration configuration = {}) {
+    auto answer = std::make_shared<std::promise<std::optional<std::string>>>();
+    onMain([&] {
+      workspace().openApplication(path, configuration,
+                                  [answer](const auto& error) { answer->set_value(error); });
+    });
+    return answer->get_future();
+  }
+
+  TemporaryFolder folder_;
+  std::string bundle_ = folder_ / "Sample VPN.app";
+  LineReader events_{folder_ / "events"};
+  Family family_;
+};
+
+TEST_F(WorkspaceTest, ListsTheLivingAlone) {
+  const pid_t living = startShell("exec sleep 1000");
+  const pid_t zombie = startShell("exit 0");
+  ASSERT_TRUE(hasEnded(zombie));
+  const std::vector<pid_t> ids = onMain(listedIds);
+  EXPECT_THAT(ids, Contains(living));
+  EXPECT_THAT(ids, Contains(::getpid()));
+  EXPECT_THAT(ids, Not(Contains(zombie)));
+}
+
+TEST_F(WorkspaceTest, TellsOfTheEndOfAProcessItsParentNeverReaps) {
+  const pid_t process = startShell("exec sleep 1000");
+  Observer observer([&] { EXPECT_THAT(listedIds(), Not(Contains(process))); });
+  onMain([&] {
+    workspace().addObserver(observer, keyPath, process);
+    EXPECT_THAT(listedIds(), Contains(process));
+  });
+  ::kill(process, SIGKILL);
+  EXPECT_TRUE(observer.isTold());
+  onMain([&] { workspace().removeObserver(observer, keyPath); });
+}
+
+TEST_F(WorkspaceTest, TellsOfAProcessThatIsGoneAlready) {
+  const pid_t process = startShell("exit 0");
+  ASSERT_EQ(exitStatus(process), 0);
+  for (const pid_t gone : {process, 0, -5, 2147483647}) {
+    Observer observer;
+    onMain([&] { workspace().addObserver(observer, keyPath, gone); });
+    EXPECT_TRUE(observer.isTold()) << gone;
+    onMain([&] { workspace().removeObserver(observer, keyPath); });
+  }
+}
+
+TEST_F(WorkspaceTest, TakesALaterProcessWithTheNumberForAnother) {
+  const pid_t process = startShell("exec sleep 1000");
+  const std::uint64_t start = ProcessStatus::of(process)->startTime;
+  static WorkspaceLinux& younger = *new WorkspaceLinux(start);    // NOLINT: as the real one
+  static WorkspaceLinux& older = *new WorkspaceLinux(start - 1);  // NOLINT: as the real one
+  Observer observer;
+  onMain([&] { older.addObserver(observer, keyPath, process); });
+  EXPECT_TRUE(observer.isTold());
+  Observer none([] { FAIL() << "it lives"; });
+  onMain([&] {
+    for (const auto& application : older.runningApplications()) {
+      EXPECT_NE(application.processIdentifier(), process);
+    }
+    older.removeObserver(observer, keyPath);
+    younger.addObserver(none, keyPath, process);
+    younger.removeObserver(none, keyPath);
+  });
+}
+
+TEST_F(WorkspaceTest, ObserversMayLeaveInsideTheirCall) {
+  const pid_t process = startShell("exec sleep 1000");
+  Observer second;
+  Observer first([&] {
+    workspace().removeObserver(first, keyPath);
+    workspace().addObserver(second, keyPath, process);
+  });
+  onMain([&] { workspace().addObserver(first, keyPath, process); });
+  ::kill(process, SIGKILL);
+  EXPECT_TRUE(first.isTold());
+  EXPECT_TRUE(second.isTold());
+  onMain([&] { workspace().removeObserver(second, keyPath); });
+}
+
+TEST_F(WorkspaceTest, KnowsAnApplicationByItsProgram) {
+  SpawnOptions options;
+  options.executable = program();
+  options.arguments = {program()};
+  const pid_t application = spawn(options);
+  ASSERT_TRUE(events_.next());
+  EXPECT_EQ(onMain([&] { return identifierOf(application); }), "com.quillon.example.sample");
+  // A replaced program still runs.
+  std::filesystem::remove(program());
+  std::filesystem::copy(VELUM_SAMPLE_BUNDLE "/Contents/MacOS/sample_app", program());
+  EXPECT_EQ(onMain([&] { return identifierOf(application); }), "com.quillon.example.sample");
+}
+
+TEST_F(WorkspaceTest, TakesNoCopyOfAnApplicationForIt) {
+  // This very test is the main program of a bundle, and leaves a forked copy behind.
+  std::filesystem::remove(program());
+  std::filesystem::copy("/proc/self/exe", program());
+  Pipe pipe;
+  SpawnOptions options;
+  options.executable = program();
+  options.arguments = {program(), "--gtest_filter=*LeavesACopyBehind",
+                       "--gtest_also_run_disabled_tests"};
+  options.extraDescriptor = pipe.writer.get();
+  const pid_t application = spawn(options);
+  pid_t copy = 0;
+  ASSERT_TRUE(isReadable(pipe.reader.get()));
+  ASSERT_EQ(::read(pipe.reader.get(), &copy, sizeof copy), ssize_t{sizeof copy});
+  EXPECT_EQ(onMain([&] { return identifierOf(application); }), "com.quillon.example.sample");
+  EXPECT_EQ(onMain([&] { return identifierOf(copy); }), std::nullopt);
+}
+
+TEST(DISABLED_WorkspaceHelper, LeavesACopyBehind) {
+  const pid_t copy = ::fork();
+  if (copy > 0) {
+    ASSERT_EQ(::write(3, &copy, sizeof copy), ssize_t{sizeof copy});
+  }
+  ::pause();
+}
+
+TEST_F(WorkspaceTest, OpensOneInstanceForManyAskers) {
+  auto first = open(bundle_);
+  auto second = open(bundle_);
+  std::filesystem::create_directory_symlink(bundle_, folder_ / "link.app");
+  auto third = open(folder_ / "link.app");
+  EXPECT_EQ(first.get(), std::nullopt);
+  EXPECT_EQ(second.get(), std::nullopt);
+  EXPECT_EQ(third.get(), std::nullopt);
+  EXPECT_TRUE(events_.next());
+  EXPECT_EQ(events_.next(std::chrono::milliseconds(0)), std::nullopt) << "opened twice";
+  EXPECT_EQ(open(bundle_, {.createsNewApplicationInstance = true}).get(), std::nullopt);
+  EXPECT_TRUE(events_.next());
+}
+
+TEST_F(WorkspaceTest, KnowsAScriptByTheRecordOfItsLaunch) {
+  std::filesystem::remove(program());
+  writeFile(program(), "#!/bin/sh\necho $$ >> \"$SAMPLE_APP_EVENTS\"\nsleep 1000\n");
+  std::filesystem::permissions(program(), std::filesystem::perms::owner_all);
+  EXPECT_EQ(open(bundle_).get(), std::nullopt);
+  const pid_t script = std::stoi(events_.next().value_or("0"));
+  EXPECT_EQ(onMain([&] { return identifierOf(script); }), "com.quillon.example.sample");
+  EXPECT_EQ(open(bundle_).get(), std::nullopt);
+  EXPECT_EQ(events_.next(std::chrono::milliseconds(0)), std::nullopt) << "opened twice";
+  ::kill(script, SIGKILL);
+  ASSERT_TRUE(hasEnded(script));
+  EXPECT_EQ(open(bundle_).get(), std::nullopt);
+  EXPECT_TRUE(events_.next());
+}
+
+TEST_F(WorkspaceTest, SaysWhyAnApplicationDidNotOpen) {
+  const auto errorOf = [this](const std::string& path) { return open(path).get().value_or(""); };
+  EXPECT_EQ(errorOf(folder_ / "Missing.app"),
+            (folder_ / "Missing.app") + ": No such file or directory");
+  ::setenv("SAMPLE_APP_EXIT", "3", 1);
+  EXPECT_THAT(errorOf(bundle_), HasSubstr("sample_app ended with status 3"));
+  ::setenv("SAMPLE_APP_EXIT", "0", 1);
+  EXPECT_EQ(errorOf(bundle_), "") << "a launcher that hands over is a success";
+  ::unsetenv("SAMPLE_APP_EXIT");
+  ::setenv("SAMPLE_APP_SIGNAL", "11", 1);
+  EXPECT_THAT(errorOf(bundle_), HasSubstr("was killed by signal 11 (Segmentation fault)"));
+  std::filesystem::permissions(program(), std::filesystem::perms::owner_read);
+  EXPECT_EQ(errorOf(bundle_), program() + ": Permission denied");
+  EXPECT_THAT(Family::children(), ::testing::IsEmpty());
+}
+
+TEST_F(WorkspaceTest, IsOrphanedByTheFirstProcessAlone) {
+  // The parent of a test is neither the first process nor a service manager.
+  if (::getppid() != 1 && !isUserManager(::getppid())) {
+    EXPECT_FALSE(workspace().isOrphaned(::getppid()));
+    EXPECT_FALSE(workspace().isOrphaned(1));
+  }
+}
+
+}  // namespace
+}  // namespace velum::test

@@ -2,11 +2,12 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <ctime>
-#include <iterator>
 #include <mutex>
+#include <utility>
 
 #include "Velum/Platform/AtFork.h"
 #include "Velum/Platform/Thread.h"
@@ -52,33 +53,44 @@ class LocalCalendar final : public ForkParticipant {
 // Made when the program starts: making it registers it, which must not happen under a lock.
 [[maybe_unused]] const LocalCalendar& earlyCalendar = LocalCalendar::shared();
 
-// The text of one second; a thread's records mostly fall into the same one.
-struct SecondText {
-  std::chrono::sys_time<seconds> second = std::chrono::sys_time<seconds>::min();
-  std::string text;
+// A short text that a thread keeps. Not a string: records may come after the destructors of the
+// thread's variables ran, from exit handlers for instance.
+struct ShortText {
+  std::array<char, 48> bytes;
+  std::size_t size;
+
+  std::string_view view() const noexcept { return {bytes.data(), size}; }
+
+  template <class... Arguments>
+  void set(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
+    size = std::min(bytes.size(), fmt::format_to_n(bytes.data(), bytes.size(), format,
+                                                   std::forward<Arguments>(arguments)...)
+                                      .size);
+  }
 };
 
-const std::string& secondText(std::chrono::sys_time<seconds> second) {
-  static thread_local SecondText cache;
-  if (cache.second != second) {
+// The text of one second; a thread's records mostly fall into the same one.
+std::string_view secondText(std::chrono::sys_time<seconds> second) {
+  static thread_local constinit ShortText text{};
+  static thread_local constinit auto cached = std::chrono::sys_time<seconds>::min();
+  if (cached != second) {
     const std::tm tm = LocalCalendar::shared().breakDown(second.time_since_epoch().count());
-    cache.text.clear();
-    fmt::format_to(std::back_inserter(cache.text), "{}-{:02}-{:02} {:02}:{:02}:{:02}.",
-                   tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-    cache.second = second;
+    text.set("{}-{:02}-{:02} {:02}:{:02}:{:02}.", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
+             tm.tm_hour, tm.tm_min, tm.tm_sec);
+    cached = second;
   }
-  return cache.text;
+  return text.view();
 }
 
 // " 12345:1a03     ": the same for every record of a thread.
-const std::string& identifiersText() {
-  static thread_local std::string text;
-  static thread_local unsigned generation = 0;
-  if (text.empty() || generation != forkGeneration()) {
+std::string_view identifiersText() {
+  static thread_local constinit ShortText text{};
+  static thread_local constinit unsigned generation = 0;
+  if (text.size == 0 || generation != forkGeneration()) {
     generation = forkGeneration();
-    text = fmt::format(" {:5}:{:<8x} ", currentProcessId(), currentThreadId());
+    text.set(" {:5}:{:<8x} ", currentProcessId(), currentThreadId());
   }
-  return text;
+  return text.view();
 }
 
 }  // namespace

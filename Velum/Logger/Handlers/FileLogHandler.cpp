@@ -32,21 +32,33 @@ void writeRecord(int fd, std::string_view record) noexcept {
 // up. Taken rather than referred to, so that a record logged while another is built gets its own.
 class RecordBuffer {
  public:
-  RecordBuffer() : text(std::exchange(kept, {})) { text.clear(); }
+  RecordBuffer() {
+    if (!isOver) text.swap(kept.text);
+    text.clear();
+  }
   RecordBuffer(const RecordBuffer&) = delete;
   RecordBuffer& operator=(const RecordBuffer&) = delete;
   ~RecordBuffer() {
-    if (text.capacity() <= mostKept) kept = std::move(text);
+    if (!isOver && text.capacity() <= mostKept) kept.text.swap(text);
   }
 
   std::string text;
 
  private:
+  // Records may come after the end of the thread's storage: from exit handlers and from destructors
+  // of static objects. Then nothing is kept.
+  struct Kept {
+    std::string text;
+    ~Kept() { isOver = true; }
+  };
+
   static constexpr std::size_t mostKept = 65536;
-  static thread_local std::string kept;
+  static thread_local bool isOver;
+  static thread_local Kept kept;
 };
 
-thread_local std::string RecordBuffer::kept;
+thread_local bool RecordBuffer::isOver = false;
+thread_local RecordBuffer::Kept RecordBuffer::kept;
 
 }  // namespace
 

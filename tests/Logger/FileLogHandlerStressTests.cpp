@@ -1,0 +1,307 @@
+// The file log handler among other processes: those that write too, delete the file, fork or die.
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <latch>
+#include <map>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "Velum/Logger/Handlers/FileLogHandler.h"
+#include "Velum/Platform/Posix/FileLock.h"
+#include "Velum/Platform/Thread.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/LogRecords.h"
+#include "tests/support/RecordingSystemLog.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Waiting.h"
+
+namespace velum {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+constexpr const char* subsystem = "com.example.vpn";
+constexpr int processes = 8;
+constexpr int threadsEach = 4;
+
+RotationPolicy neverChecked() {
+  RotationPolicy policy;
+  policy.firstCheck = 1h;
+  return policy;
+}
+
+struct Pipe {
+  Pipe() {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
+    reader.reset(ends[0]);
+    writer.reset(ends[1]);
+  }
+  void send() const { ASSERT_EQ(::write(writer.get(), "x", 1), 1); }
+  /// False when nothing came in time; zero milliseconds only looks.
+  bool receive(std::chrono::milliseconds limit = test::deadline) const {
+    pollfd wanted{reader.get(), POLLIN, 0};
+    char byte = 0;
+    return ::poll(&wanted, 1, static_cast<int>(limit.count())) == 1 &&
+           ::read(reader.get(), &byte, 1) == 1;
+  }
+
+  UniqueFd reader;
+  UniqueFd writer;
+};
+
+class FileLogHandlerStressTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<FileLogHandler> open(RotationPolicy policy,
+                                       std::shared_ptr<SystemLog> log = nullptr) const {
+    if (!log) log = std::make_shared<test::RecordingSystemLog>();
+    return FileLogHandler::create(subsystem, path, true, policy,
+                                  {&FileEvents::shared(), std::move(log)});
+  }
+
+  // Several threads write records that tell which they are and how many came before them.
+  static void writeNumbered(FileLogHandler& handler, int threads, int records) {
+    std::vector<std::thread> writers;
+    for (int thread = 0; thread < threads; ++thread) {
+      writers.emplace_back([&handler, records] {
+        const std::string fill(100 + currentThreadId() % 50, 'f');
+        for (int i = 0; i < records; ++i) {
+          handler.logWithLevel(
+              LogLevel::info, std::chrono::system_clock::now(),
+              fmt::format("{} {} {} {}", currentProcessId(), currentThreadId(), i, fill));
+        }
+      });
+    }
+    for (auto& writer : writers) writer.join();
+  }
+
+  // Processes that begin to write when all of them have opened the file, and leave when done.
+  std::vector<test::ChildProcess> startWriters(int records, RotationPolicy policy,
+                                               std::function<void(std::string_view)> onLine) const {
+    std::vector<test::ChildProcess> writers;
+    for (int i = 0; i < processes; ++i) {
+      writers.emplace_back([&, this] {
+        auto log = std::make_shared<test::RecordingSystemLog>(onLine);
+        const auto handler = open(policy, log);
+        ready.send();
+        ASSERT_TRUE(go.receive());
+        writeNumbered(*handler, threadsEach, records);
+        for (const auto& [type, text] : log->entries()) {
+          EXPECT_EQ(type, SystemLog::Type::normal) << text;
+        }
+      });
+    }
+    for (int i = 0; i < processes; ++i) EXPECT_TRUE(ready.receive());
+    for (int i = 0; i < processes; ++i) go.send();
+    return writers;
+  }
+
+  // Takes in a file; every record must be whole and, when numbered, be the next of its thread or
+  // come later than those of the same file before it.
+  void collect(const std::string& file) {
+    const auto read = test::readRecords(test::readFile(file), subsystem);
+    EXPECT_TRUE(read.broken.empty()) << file << ": " << read.broken.front();
+    std::map<unsigned, int> last;
+    for (const auto& record : read.whole) {
+      int process = 0;
+      unsigned thread = 0;
+      int number = 0;
+      if (std::sscanf(record.text.c_str(), "%d %u %d f", &process, &thread, &number) != 3) continue;
+      EXPECT_EQ(process, record.process);
+      EXPECT_EQ(thread, record.thread);
+      EXPECT_TRUE(last.emplace(thread, -1).first->second < number) << "out of order";
+      last[thread] = number;
+      EXPECT_TRUE(seen[thread].insert(number).second) << "twice: " << record.text;
+    }
+  }
+
+  void expectAllOf(std::size_t threads, int records) const {
+    EXPECT_EQ(seen.size(), threads);
+    for (const auto& [thread, numbers] : seen) {
+      EXPECT_EQ(numbers.size(), static_cast<std::size_t>(records)) << "of thread " << thread;
+    }
+  }
+
+  test::TemporaryFolder folder;
+  std::string path = folder / "name.log";
+  Pipe ready;
+  Pipe go;
+  std::map<unsigned, std::set<int>> seen;
+};
+
+// One rotated generation is kept, so whoever rotates links it to a name of its own at once: the
+// line that tells of the rotation is written while the file is still locked.
+TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileManyProcessesWriteAndRotate) {
+  constexpr int records = 150;
+  RotationPolicy policy;
+  policy.firstCheck = 0ns;
+  policy.checkInterval = 3ms;
+  policy.maxSize = 100'000;
+  const auto keepGeneration = [this](std::string_view line) {
+    static std::atomic<int> generation{0};
+    if (line != "Log file has been rotated") return;
+    fs::create_hard_link(folder / "name.1.log",
+                         folder / fmt::format("kept.{}.{}", ::getpid(), ++generation));
+  };
+  for (auto& writer : startWriters(records, policy, keepGeneration)) EXPECT_EQ(writer.wait(), 0);
+
+  int generations = 0;
+  for (const auto& entry : fs::directory_iterator(folder.path())) {
+    if (!entry.path().filename().string().starts_with("kept.")) continue;
+    ++generations;
+    collect(entry.path());
+  }
+  collect(path);
+  EXPECT_GE(generations, 4);
+  expectAllOf(processes * threadsEach, records);
+}
+
+TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileTheFileIsDeletedAndRenamedAgainAndAgain) {
+  constexpr int records = 400;
+  auto writers = startWriters(records, neverChecked(), {});
+  std::atomic<bool> isOver{false};
+  int removed = 0;
+  std::thread remover([&] {
+    while (!isOver) {
+      std::error_code error;
+      const std::string kept = folder / fmt::format("kept.{}", removed);
+      fs::create_hard_link(path, kept, error);
+      if (error) {  // not there again yet
+        std::this_thread::yield();
+        continue;
+      }
+      if (++removed % 2 == 0) {
+        fs::remove(path);
+      } else {
+        fs::rename(path, kept + ".moved");  // does nothing where both are one file: two names stay
+      }
+    }
+  });
+  for (auto& writer : writers) EXPECT_EQ(writer.wait(), 0);
+  isOver = true;
+  remover.join();
+
+  for (int i = 0; i < removed; ++i) collect(folder / fmt::format("kept.{}", i));
+  if (fs::exists(path)) collect(path);
+  expectAllOf(processes * threadsEach, records);
+  EXPECT_GE(removed, 10);
+  for (int i = 1; i < removed; ++i) {
+    const auto read = test::readRecords(test::readFile(folder / fmt::format("kept.{}", i)), subsystem);
+    if (read.whole.empty()) continue;  // removed before anybody wrote into it
+    EXPECT_EQ(read.whole[0].text, "I: (FileLogHandler) Reopened the log file on removal") << i;
+  }
+}
+
+TEST_F(FileLogHandlerStressTest, LogsInBothProcessesAfterAForkAmongLoggingThreads) {
+  constexpr int forks = 200;
+  const auto handler = open(neverChecked());
+  std::atomic<bool> isOver{false};
+  std::vector<std::thread> loggers;
+  std::latch running(2);
+  for (int i = 0; i < 2; ++i) {
+    loggers.emplace_back([&] {
+      running.count_down();
+      while (!isOver) writeNumbered(*handler, 1, 20);
+    });
+  }
+  running.wait();
+  std::set<int> children;
+  for (int i = 0; i < forks; ++i) {
+    test::ChildProcess child([&] {
+      ::alarm(20);
+      writeNumbered(*handler, 2, 2);
+    });
+    children.insert(child.pid());
+    ASSERT_EQ(child.wait(), 0) << "a child hung or failed";
+  }
+  isOver = true;
+  for (auto& logger : loggers) logger.join();
+
+  collect(path);
+  std::map<int, int> written;
+  for (const auto& record : test::readRecords(test::readFile(path), subsystem).whole) {
+    if (children.count(record.process) != 0) ++written[record.process];
+  }
+  EXPECT_EQ(written.size(), children.size());
+  for (const auto& [process, count] : written) EXPECT_EQ(count, 4) << "of child " << process;
+}
+
+// True when `pid` is waiting for a file lock.
+bool waitsForFileLock(int pid) {
+  std::istringstream locks(test::readFile("/proc/locks"));
+  const std::string waiter = fmt::format("-> FLOCK  ADVISORY  WRITE {} ", pid);
+  for (std::string line; std::getline(locks, line);) {
+    if (line.find(waiter) != std::string::npos) return true;
+  }
+  return false;
+}
+
+TEST_F(FileLogHandlerStressTest, HoldsItsLockAgainstAForkedChild) {
+  // The system log is told while the file is locked: holding it up there holds the lock.
+  Pipe locked;
+  Pipe unlock;
+  auto log = std::make_shared<test::RecordingSystemLog>([&](std::string_view line) {
+    if (!line.starts_with("No need")) return;
+    locked.send();
+    unlock.receive();
+  });
+  RotationPolicy policy;
+  policy.firstCheck = 300ms;  // after the forks; they would wait for the handler otherwise
+  const auto handler = open(policy, log);
+  Pipe done;
+  const auto logs = [&](const Pipe& start) {
+    return [&] {
+      start.receive();
+      handler->logWithLevel(LogLevel::info, std::chrono::system_clock::now(), "child");
+      done.send();
+    };
+  };
+  Pipe startFirst;
+  Pipe startSecond;
+  test::ChildProcess first(logs(startFirst));
+  test::ChildProcess second(logs(startSecond));
+  ASSERT_TRUE(locked.receive());
+
+  startFirst.send();
+  ASSERT_TRUE(test::eventually([&] { return waitsForFileLock(first.pid()); }));
+  first.kill();  // its end must not free the parent's lock
+  startSecond.send();
+  ASSERT_TRUE(test::eventually([&] { return waitsForFileLock(second.pid()); }));
+  EXPECT_FALSE(done.receive(0ms));
+  unlock.send();
+  EXPECT_TRUE(done.receive());
+  EXPECT_EQ(second.wait(), 0);
+}
+
+TEST_F(FileLogHandlerStressTest, LeavesWholeRecordsAndAFreeLockWhenAWriterIsKilled) {
+  const auto survivor = open(neverChecked());
+  std::mt19937 random(4711);  // NOLINT(cert-msc*): the same kills in every run
+  for (int round = 0; round < 50; ++round) {
+    test::ChildProcess victim([&] { writeNumbered(*survivor, threadsEach, 1'000'000); });
+    const auto size = fs::file_size(path) + 200 + random() % 20'000;
+    ASSERT_TRUE(test::eventually([&] { return fs::file_size(path) >= size; }));
+    EXPECT_EQ(victim.kill(), SIGKILL);
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(::flock(file.get(), LOCK_EX | LOCK_NB), 0) << "a dead process holds the lock";
+    ::flock(file.get(), LOCK_UN);
+    survivor->logWithLevel(LogLevel::info, std::chrono::system_clock::now(), "survivor");
+  }
+  const auto read = test::readRecords(test::readFile(path), subsystem);
+  EXPECT_LE(read.broken.size(), 50U * threadsEach);
+  EXPECT_EQ(std::ranges::count(read.whole, "survivor", &test::ReadRecord::text), 50);
+  EXPECT_GT(read.whole.size(), 100U);
+}
+
+}  // namespace
+}  // namespace velum

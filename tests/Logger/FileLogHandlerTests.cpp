@@ -1,0 +1,405 @@
+#include "Velum/Logger/Handlers/FileLogHandler.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "Velum/Platform/Thread.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/LogRecords.h"
+#include "tests/support/PrivateMounts.h"
+#include "tests/support/RecordingSystemLog.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Waiting.h"
+
+namespace velum {
+namespace {
+
+using namespace std::chrono_literals;
+using Type = SystemLog::Type;
+
+constexpr const char* subsystem = "com.example.vpn";
+constexpr const char* reopened = "Reopened the log file on removal";
+constexpr const char* rotated = "Log file has been rotated";
+constexpr const char* reopenedLine = "I: (FileLogHandler) Reopened the log file on removal";
+
+LogDate now() {
+  return std::chrono::system_clock::now();
+}
+
+RotationPolicy checkedAtOnce() {
+  RotationPolicy policy;
+  policy.firstCheck = 0ns;
+  policy.checkInterval = 1h;
+  return policy;
+}
+
+RotationPolicy checkedOften() {
+  RotationPolicy policy = checkedAtOnce();
+  policy.checkInterval = 5ms;
+  return policy;
+}
+
+RotationPolicy neverChecked() {
+  RotationPolicy policy;
+  policy.firstCheck = 1h;
+  return policy;
+}
+
+class FileLogHandlerTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<FileLogHandler> open(const std::string& file, RotationPolicy policy,
+                                       bool addPrefix = true) const {
+    return FileLogHandler::create(subsystem, file, addPrefix, policy,
+                                  {&FileEvents::shared(), systemLog});
+  }
+  static void write(FileLogHandler& handler, std::string_view text) {
+    handler.logWithLevel(LogLevel::info, now(), text);
+  }
+  static std::vector<test::ReadRecord> records(const std::string& file) {
+    auto read = test::readRecords(test::readFile(file), subsystem);
+    EXPECT_TRUE(read.broken.empty()) << file << ": " << read.broken.front();
+    return read.whole;
+  }
+  static std::string text(const std::string& file, std::size_t index) {
+    const auto all = records(file);
+    return index < all.size() ? all[index].text : "(no such record)";
+  }
+
+  test::TemporaryFolder folder;
+  std::string path = folder / "name.log";
+  std::string rotatedPath = folder / "name.1.log";
+  std::shared_ptr<test::RecordingSystemLog> systemLog =
+      std::make_shared<test::RecordingSystemLog>();
+};
+
+TEST_F(FileLogHandlerTest, WritesEachRecordByteForByte) {
+  const auto handler = open(path, neverChecked());
+  const LogDate date = std::chrono::sys_days{std::chrono::year(2026) / 11 / 16} + 7h + 5ms;
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(date);
+  std::tm local{};
+  ::localtime_r(&seconds, &local);
+  std::string written(19, ' ');
+  std::strftime(written.data(), 20, "%Y-%m-%d %H:%M:%S", &local);
+
+  handler->logWithLevel(LogLevel::info, date, "I: (main) first\nsecond line");
+  handler->logWithLevel(LogLevel::error, date + 994ms + 999us, "x");
+
+  const std::string ids =
+      fmt::format(" {:5}:{:<8x} [{}] ", ::getpid(), currentThreadId(), subsystem);
+  EXPECT_EQ(test::readFile(path), "\x1E" + written + ".005" + ids +
+                                      "I: (main) first\nsecond line\n\x1E" + written + ".999" +
+                                      ids + "x\n");
+  struct stat status {};
+  ASSERT_EQ(::stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U & ~0644U, 0U);
+}
+
+TEST_F(FileLogHandlerTest, WritesDatesBeforeTheEpochWithTheRightMilliseconds) {
+  const auto handler = open(path, neverChecked());
+  handler->logWithLevel(LogLevel::info, LogDate(-1ms), "x");
+  EXPECT_EQ(test::readFile(path).substr(17, 7), ":59.999") << test::readFile(path);
+}
+
+TEST_F(FileLogHandlerTest, WritesNoEmptyMessageAndNothingThatIsNotUtf8) {
+  const auto handler = open(path, neverChecked(), false);
+  write(*handler, "");
+  write(*handler, "broken \xFF");
+  write(*handler, std::string_view("a\0b", 3));
+  write(*handler, "Gr\xC3\xBC\xC3\x9F");
+  EXPECT_EQ(test::readFile(path), std::string("a\0b\n", 4) + "Gr\xC3\xBC\xC3\x9F\n");
+}
+
+TEST_F(FileLogHandlerTest, LeavesThePrefixOutOfRecordsButNotOfInternalLines) {
+  const auto handler = open(path, checkedAtOnce(), false);
+  ASSERT_TRUE(systemLog->waitFor("No need rotating the log file. File size is 0 bytes."));
+  write(*handler, "plain");
+  handler->logWithLevel(LogLevel::info, now(), true, "prefixed");
+  handler->logWithLevel(LogLevel::info, now(), false, "plain again");
+  const std::string content = test::readFile(path);
+  EXPECT_EQ(content.front(), '\x1E');
+  EXPECT_NE(
+      content.find("I: (FileLogHandler) No need rotating the log file. File size is 0 bytes.\n"
+                   "plain\n\x1E"),
+      std::string::npos)
+      << content;
+  EXPECT_TRUE(content.ends_with("] prefixed\nplain again\n")) << content;
+}
+
+TEST_F(FileLogHandlerTest, StripsSecretHeadersOfTheWholeMessage) {
+  const auto handler = open(path, neverChecked(), false);
+  write(*handler, "GET /\nCookie: abc\nAuthorization: Bearer x\nAccept: y\nset-COOKIE: z");
+  EXPECT_EQ(test::readFile(path),
+            "GET /\nCookie: stripped\nAuthorization: stripped\nAccept: y\nset-COOKIE: stripped\n");
+}
+
+struct RotationCase {
+  const char* name;
+  std::int64_t size;
+  std::int64_t days;
+  std::vector<std::string> lines;
+};
+
+class FileLogHandlerRotationTest : public FileLogHandlerTest,
+                                   public ::testing::WithParamInterface<RotationCase> {};
+
+TEST_P(FileLogHandlerRotationTest, DecidesBySizeAndAge) {
+  const RotationCase& given = GetParam();
+  test::writeFile(path, "old");
+  std::filesystem::resize_file(path, static_cast<std::uintmax_t>(given.size));
+  timespec then{::time(nullptr) - given.days * 86400, 0};
+  const std::array<timespec, 2> times{then, then};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times.data(), 0), 0);
+
+  const auto handler = open(path, checkedAtOnce());
+  ASSERT_TRUE(systemLog->waitFor(given.lines.back()));
+  std::vector<test::RecordingSystemLog::Entry> expected;
+  for (const auto& line : given.lines) expected.emplace_back(Type::normal, line);
+  EXPECT_EQ(systemLog->entries(), expected);
+
+  write(*handler, "next");  // waits for the check to be over
+  if (given.lines.back() == rotated) {
+    EXPECT_EQ(text(path, 0), std::string("I: (FileLogHandler) ") + rotated);
+    EXPECT_EQ(text(path, 1), "next");
+    std::ifstream old(rotatedPath);
+    std::string content(3, ' ');
+    EXPECT_EQ(old.read(content.data(), 3).seekg(given.size).tellg(), given.size);
+    EXPECT_EQ(content, "old");
+    content.assign(std::istreambuf_iterator<char>(old), {});
+    EXPECT_TRUE(content.ends_with("I: (FileLogHandler) " + given.lines.front() + '\n')) << content;
+  } else {
+    EXPECT_FALSE(std::filesystem::exists(rotatedPath));
+    EXPECT_GT(std::filesystem::file_size(path), static_cast<std::uintmax_t>(given.size));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, FileLogHandlerRotationTest,
+    ::testing::Values(
+        RotationCase{
+            "BigEnough",
+            52'428'800,
+            0,
+            {"Log file size is 52428800 bytes, which is more than 52428800. It needs to be "
+             "rotated.",
+             rotated}},
+        RotationCase{
+            "OneByteLessButOld", 52'428'799, 3, {"File too old. It needs to be rotated.", rotated}},
+        RotationCase{"OneByteLessAndYoung",
+                     52'428'799,
+                     1,
+                     {"No need rotating the log file. File size is 52428799 bytes."}},
+        RotationCase{"JustBigEnoughForItsAge",
+                     2'097'152,
+                     2,
+                     {"File too old. It needs to be rotated.", rotated}},
+        RotationCase{"TooSmallForItsAge",
+                     2'097'151,
+                     10,
+                     {"No need rotating the log file. File size is 2097151 bytes."}}),
+    [](const auto& tested) { return tested.param.name; });
+
+TEST_F(FileLogHandlerTest, KeepsOneRotatedGenerationAlsoWithoutExtension) {
+  RotationPolicy policy = checkedOften();
+  policy.maxSize = 10'000;
+  const std::string bare = folder / "name";
+  const auto handler = open(bare, policy);
+  for (long generation = 1; generation <= 2; ++generation) {
+    write(*handler, fmt::format("{}{:010000}", generation == 1 ? "first" : "second", 0));
+    ASSERT_TRUE(systemLog->waitFor(rotated, Type::normal, generation));
+  }
+  const std::string kept = test::readFile(folder / "name.1.");
+  EXPECT_EQ(kept.find("first"), std::string::npos);
+  EXPECT_NE(kept.find("second"), std::string::npos);
+}
+
+TEST_F(FileLogHandlerTest, ReopensAfterDeletionAndAfterRenaming) {
+  const auto handler = open(path, neverChecked());
+  write(*handler, "first");
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  ASSERT_TRUE(systemLog->waitFor(reopened));
+  write(*handler, "second");
+  EXPECT_EQ(text(path, 0), reopenedLine);
+  EXPECT_EQ(text(path, 1), "second");
+
+  ASSERT_EQ(::rename(path.c_str(), (folder / "moved").c_str()), 0);
+  ASSERT_TRUE(systemLog->waitFor(reopened, Type::normal, 2));
+  write(*handler, "third");
+  EXPECT_EQ(text(path, 0), reopenedLine);
+  EXPECT_EQ(text(path, 1), "third");
+  EXPECT_EQ(records(folder / "moved").size(), 2U);
+}
+
+TEST_F(FileLogHandlerTest, FindsAtTheNextCheckThatALinkPointsElsewhere) {
+  test::writeFile(folder / "a", "");
+  std::filesystem::create_symlink(folder / "a", path);
+  const auto handler = open(path, checkedOften());
+  std::filesystem::create_symlink(folder / "b", folder / "new");
+  ASSERT_EQ(::rename((folder / "new").c_str(), path.c_str()), 0);  // the file itself stays
+  ASSERT_TRUE(systemLog->waitFor(reopened));
+  EXPECT_EQ(text(folder / "b", 0), reopenedLine);
+}
+
+struct UnusableCase {
+  const char* name;
+  int error;
+  std::function<void(const std::string& path)> spoil;
+};
+
+class FileLogHandlerUnusablePathTest : public FileLogHandlerTest,
+                                       public ::testing::WithParamInterface<UnusableCase> {};
+
+TEST_P(FileLogHandlerUnusablePathTest, SaysWhyAndRecoversAtTheNextCheck) {
+  GetParam().spoil(path);
+  UniqueFd reader;
+  if (std::string_view(GetParam().name) == "PipeWithReader") {
+    reader.reset(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  }
+  const auto handler = open(path, checkedOften());
+  const std::string why =
+      "Failed to open " + path + ": " + std::string(::strerrordesc_np(GetParam().error));
+  EXPECT_EQ(systemLog->entries().front(), test::RecordingSystemLog::Entry(Type::error, why));
+  write(*handler, "lost");
+  ASSERT_TRUE(systemLog->waitFor("Failed to rotate file " + path +
+                                     ": shouldRotateLk(), fstat (-1[" + path +
+                                     "]): Bad file descriptor",
+                                 Type::error));
+
+  std::filesystem::remove(path);
+  std::filesystem::create_directory(folder / "missing");  // where the dangling link points
+  ASSERT_TRUE(test::eventually([&] {
+    write(*handler, "kept");
+    return test::readFile(path).ends_with("kept\n");
+  }));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, FileLogHandlerUnusablePathTest,
+    ::testing::Values(UnusableCase{"Folder", EISDIR,
+                                   [](const auto& path) {
+                                     std::filesystem::create_directory(path);
+                                   }},
+                      UnusableCase{"PipeWithoutReader", ENXIO,
+                                   [](const auto& path) { ::mkfifo(path.c_str(), 0600); }},
+                      UnusableCase{"PipeWithReader", ENXIO,
+                                   [](const auto& path) { ::mkfifo(path.c_str(), 0600); }},
+                      UnusableCase{"LinkIntoMissingFolder", ENOENT,
+                                   [](const auto& path) {
+                                     std::filesystem::create_symlink("missing/file", path);
+                                   }}),
+    [](const auto& tested) { return tested.param.name; });
+
+TEST_F(FileLogHandlerTest, BearsAnEmptyPath) {
+  const auto handler = open("", checkedAtOnce());
+  write(*handler, "lost");
+  ASSERT_TRUE(systemLog->waitFor(
+      "Failed to rotate file : shouldRotateLk(), fstat (-1[]): Bad file descriptor", Type::error));
+  EXPECT_EQ(systemLog->entries().front().second, "Failed to open : No such file or directory");
+}
+
+TEST_F(FileLogHandlerTest, RecoversFromAReadOnlyFolder) {
+  test::inChild([this] {
+    if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
+    test::mountMemory(folder.path(), "size=64k");
+    test::remount(folder.path(), "ro");
+    const auto handler = open(path, checkedOften());
+    write(*handler, "lost");
+    EXPECT_EQ(systemLog->entries().front(),
+              test::RecordingSystemLog::Entry(
+                  Type::error, "Failed to open " + path + ": Read-only file system"));
+    test::remount(folder.path(), "rw");
+    ASSERT_TRUE(test::eventually([&] {
+      write(*handler, "kept");
+      return test::readFile(path).ends_with("kept\n");
+    }));
+  });
+}
+
+TEST_F(FileLogHandlerTest, BearsAFullDiskAndGoesOnWhenThereIsRoom) {
+  test::inChild([this] {
+    if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
+    test::mountMemory(folder.path(), "size=64k");
+    RotationPolicy policy = checkedOften();
+    policy.maxSize = 4096;
+    const auto handler = open(path, policy);
+    const std::string filler = test::fillDisk(folder.path());
+    const std::string big(8192, 'b');
+    write(*handler, big);
+    write(*handler, "lost");
+    EXPECT_EQ(test::readFile(path).find("lost"), std::string::npos);
+
+    ASSERT_EQ(::unlink(filler.c_str()), 0);
+    write(*handler, "kept");
+    EXPECT_NE(test::readFile(path).find("kept"), std::string::npos);
+    write(*handler, big);
+    ASSERT_TRUE(systemLog->waitFor(rotated));
+  });
+}
+
+TEST_F(FileLogHandlerTest, KeepsTheLogWhenThereIsNoRoomForItsCopy) {
+  test::inChild([this] {
+    if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
+    test::mountMemory(folder.path(), "size=64k");
+    test::writeFile(path, std::string(40'000, 'x'));
+    test::writeFile(rotatedPath, "older");
+    RotationPolicy policy = checkedOften();
+    policy.maxSize = 40'000;
+    const auto handler = open(path, policy);
+    ASSERT_TRUE(systemLog->waitFor("Failed to rotate file " + path +
+                                       ": clonefile(_:to:), copyfile (" + path + ", " +
+                                       rotatedPath + "): No space left on device",
+                                   Type::error, 2));
+    EXPECT_EQ(test::readFile(path).substr(0, 40'000), std::string(40'000, 'x'));
+    EXPECT_EQ(test::readFile(rotatedPath), "older");
+    std::size_t files = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+      ++files;
+    }
+    EXPECT_EQ(files, 2U) << "nothing of the copy is left";
+
+    test::remount(folder.path(), "size=256k");
+    EXPECT_TRUE(systemLog->waitFor(rotated));
+  });
+}
+
+TEST_F(FileLogHandlerTest, TakesDescriptorZeroAsNotOpenForInternalLines) {
+  test::inChild([this] {
+    ::close(STDIN_FILENO);
+    const auto handler = open(path, checkedAtOnce());
+    ASSERT_TRUE(systemLog->waitFor("No need rotating the log file. File size is 0 bytes."));
+    write(*handler, "record");
+    ASSERT_EQ(records(path).size(), 1U);
+    EXPECT_EQ(text(path, 0), "record");
+  });
+}
+
+TEST_F(FileLogHandlerTest, MayGoWhileItsChecksAndEventsAreUnderWay) {
+  for (int round = 0; round < 100; ++round) {
+    const auto handler = open(path, checkedOften());
+    ::unlink(path.c_str());
+  }
+  EXPECT_EQ(systemLog->count("Failed to open " + path, Type::error), 0);
+}
+
+// Storage of the thread is gone by then, but handlers and the logger live until the very end.
+TEST_F(FileLogHandlerTest, WritesRecordsUntilTheVeryEndOfTheProcess) {
+  static std::shared_ptr<FileLogHandler> handler;
+  test::inChild([this] {
+    handler = open(path, neverChecked());
+    write(*handler, std::string(100, 'x'));
+    std::atexit([] { write(*handler, std::string(100, 'y')); });  // NOLINT(cert-err33-c)
+    std::exit(::testing::Test::HasFailure() ? 1 : 0);
+  });
+  EXPECT_EQ(text(path, 1), std::string(100, 'y'));
+}
+
+}  // namespace
+}  // namespace velum

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <functional>
+
+#include "Velum/Platform/Posix/UniqueFd.h"
+
+namespace velum::test {
+
+/// A forked process that runs `body` and leaves with 0, with 1 when an assertion failed in it, or
+/// with 77 when it called GTEST_SKIP. One that hangs is ended by SIGALRM after a minute. Killed and
+/// reaped when nobody waited for it.
+class ChildProcess {
+ public:
+  static constexpr int skipped = 77;
+
+  explicit ChildProcess(const std::function<void()>& body) {
+    std::fflush(stdout);
+    std::fflush(stderr);
+    pid_ = ::fork();
+    if (pid_ != 0) return;
+    ::alarm(60);
+    body();
+    std::fflush(stdout);
+    std::fflush(stderr);
+    ::_exit(::testing::Test::HasFailure() ? 1 : ::testing::Test::IsSkipped() ? skipped : 0);
+  }
+  ChildProcess(ChildProcess&& other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
+  ChildProcess& operator=(ChildProcess&&) = delete;
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+  ~ChildProcess() {
+    if (pid_ > 0) kill();
+  }
+
+  int pid() const { return pid_; }
+
+  /// Its wait(2) status; -1 when there is no such child.
+  int wait() {
+    int status = -1;
+    retryInterrupted([&] { return ::waitpid(std::exchange(pid_, -1), &status, 0); });
+    return status;
+  }
+  int kill() {
+    ::kill(pid_, SIGKILL);
+    return wait();
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+/// Runs `body` in a process of its own, for what can't be undone in this one; its failures and
+/// skips become the test's.
+inline void inChild(const std::function<void()>& body) {
+  const int status = ChildProcess(body).wait();
+  if (WIFEXITED(status) && WEXITSTATUS(status) == ChildProcess::skipped) {
+    GTEST_SKIP() << "for the reason above";
+  }
+  EXPECT_EQ(status, 0) << "wait status of the process that ran the test";
+}
+
+}  // namespace velum::test

@@ -41,10 +41,10 @@ namespace detail {
 
 constinit SharedLogger sharedLogger;
 
-void logFormatted(LogLevel level, const LogSite& site, fmt::string_view format,
-                  fmt::format_args arguments) {
+void logFormatted(LogLevel level, std::string_view file, std::string_view function, unsigned line,
+                  fmt::string_view format, fmt::format_args arguments) {
   Logger::shared().log(
-      level, [&] { return fmt::vformat(format, arguments); }, site.file, site.function, site.line);
+      level, [&] { return fmt::vformat(format, arguments); }, file, function, line);
 }
 
 }  // namespace detail

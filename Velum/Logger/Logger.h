@@ -106,8 +106,8 @@ union SharedLogger {
 };
 extern SharedLogger sharedLogger;
 
-void logFormatted(LogLevel level, const LogSite& site, fmt::string_view format,
-                  fmt::format_args arguments);
+void logFormatted(LogLevel level, std::string_view file, std::string_view function, unsigned line,
+                  fmt::string_view format, fmt::format_args arguments);
 }  // namespace detail
 
 inline Logger& Logger::shared() noexcept {
@@ -119,8 +119,12 @@ inline Logger& Logger::shared() noexcept {
 template <class... Arguments>
 inline void log(LogLevel level, const LogSite& site, fmt::format_string<Arguments...> format,
                 Arguments&&... arguments) {
-  if (!Logger::shared().passes(level)) return;
-  detail::logFormatted(level, site, format, fmt::make_format_args(arguments...));
+  if (!Logger::shared().passes(level)) [[likely]]
+    return;
+  // The place goes in parts: handed on as a whole, it would be stored before the level is checked.
+  detail::logFormatted(level, {site.file.data(), site.file.size()},
+                       {site.function.data(), site.function.size()}, site.line, format,
+                       fmt::make_format_args(arguments...));
 }
 
 template <class... Arguments>

@@ -25,6 +25,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Type = SystemLog::Type;
+namespace fs = std::filesystem;
 
 constexpr const char* subsystem = "com.example.vpn";
 constexpr const char* reopened = "Reopened the log file on removal";
@@ -154,7 +155,7 @@ class FileLogHandlerRotationTest : public FileLogHandlerTest,
 TEST_P(FileLogHandlerRotationTest, DecidesBySizeAndAge) {
   const RotationCase& given = GetParam();
   test::writeFile(path, "old");
-  std::filesystem::resize_file(path, static_cast<std::uintmax_t>(given.size));
+  fs::resize_file(path, static_cast<std::uintmax_t>(given.size));
   timespec then{::time(nullptr) - given.days * 86400, 0};
   const std::array<timespec, 2> times{then, then};
   ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times.data(), 0), 0);
@@ -176,8 +177,8 @@ TEST_P(FileLogHandlerRotationTest, DecidesBySizeAndAge) {
     content.assign(std::istreambuf_iterator<char>(old), {});
     EXPECT_TRUE(content.ends_with("I: (FileLogHandler) " + given.lines.front() + '\n')) << content;
   } else {
-    EXPECT_FALSE(std::filesystem::exists(rotatedPath));
-    EXPECT_GT(std::filesystem::file_size(path), static_cast<std::uintmax_t>(given.size));
+    EXPECT_FALSE(fs::exists(rotatedPath));
+    EXPECT_GT(fs::file_size(path), static_cast<std::uintmax_t>(given.size));
   }
 }
 
@@ -238,11 +239,22 @@ TEST_F(FileLogHandlerTest, ReopensAfterDeletionAndAfterRenaming) {
   EXPECT_EQ(records(folder / "moved").size(), 2U);
 }
 
+TEST_F(FileLogHandlerTest, ReopensWhenTheDeletedFileHasAnotherName) {
+  const auto handler = open(path, neverChecked());
+  fs::create_hard_link(path, folder / "other");
+  write(*handler, "first");
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  ASSERT_TRUE(systemLog->waitFor(reopened));
+  EXPECT_EQ(text(path, 0), reopenedLine);
+  EXPECT_EQ(records(folder / "other").size(), 1U);
+  EXPECT_EQ(systemLog->count(reopened), 1) << "making a link is no removal";
+}
+
 TEST_F(FileLogHandlerTest, FindsAtTheNextCheckThatALinkPointsElsewhere) {
   test::writeFile(folder / "a", "");
-  std::filesystem::create_symlink(folder / "a", path);
+  fs::create_symlink(folder / "a", path);
   const auto handler = open(path, checkedOften());
-  std::filesystem::create_symlink(folder / "b", folder / "new");
+  fs::create_symlink(folder / "b", folder / "new");
   ASSERT_EQ(::rename((folder / "new").c_str(), path.c_str()), 0);  // the file itself stays
   ASSERT_TRUE(systemLog->waitFor(reopened));
   EXPECT_EQ(text(folder / "b", 0), reopenedLine);
@@ -273,8 +285,8 @@ TEST_P(FileLogHandlerUnusablePathTest, SaysWhyAndRecoversAtTheNextCheck) {
                                      "]): Bad file descriptor",
                                  Type::error));
 
-  std::filesystem::remove(path);
-  std::filesystem::create_directory(folder / "missing");  // where the dangling link points
+  fs::remove(path);
+  fs::create_directory(folder / "missing");  // where the dangling link points
   ASSERT_TRUE(test::eventually([&] {
     write(*handler, "kept");
     return test::readFile(path).ends_with("kept\n");
@@ -283,18 +295,14 @@ TEST_P(FileLogHandlerUnusablePathTest, SaysWhyAndRecoversAtTheNextCheck) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, FileLogHandlerUnusablePathTest,
-    ::testing::Values(UnusableCase{"Folder", EISDIR,
-                                   [](const auto& path) {
-                                     std::filesystem::create_directory(path);
-                                   }},
-                      UnusableCase{"PipeWithoutReader", ENXIO,
-                                   [](const auto& path) { ::mkfifo(path.c_str(), 0600); }},
-                      UnusableCase{"PipeWithReader", ENXIO,
-                                   [](const auto& path) { ::mkfifo(path.c_str(), 0600); }},
-                      UnusableCase{"LinkIntoMissingFolder", ENOENT,
-                                   [](const auto& path) {
-                                     std::filesystem::create_symlink("missing/file", path);
-                                   }}),
+    ::testing::Values(
+        UnusableCase{"Folder", EISDIR, [](const auto& path) { fs::create_directory(path); }},
+        UnusableCase{"PipeWithoutReader", ENXIO,
+                     [](const auto& path) { ::mkfifo(path.c_str(), 0600); }},
+        UnusableCase{"PipeWithReader", ENXIO,
+                     [](const auto& path) { ::mkfifo(path.c_str(), 0600); }},
+        UnusableCase{"LinkIntoMissingFolder", ENOENT,
+                     [](const auto& path) { fs::create_symlink("missing/file", path); }}),
     [](const auto& tested) { return tested.param.name; });
 
 TEST_F(FileLogHandlerTest, BearsAnEmptyPath) {
@@ -360,7 +368,7 @@ TEST_F(FileLogHandlerTest, KeepsTheLogWhenThereIsNoRoomForItsCopy) {
     EXPECT_EQ(test::readFile(path).substr(0, 40'000), std::string(40'000, 'x'));
     EXPECT_EQ(test::readFile(rotatedPath), "older");
     std::size_t files = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+    for ([[maybe_unused]] const auto& entry : fs::directory_iterator(folder.path())) {
       ++files;
     }
     EXPECT_EQ(files, 2U) << "nothing of the copy is left";

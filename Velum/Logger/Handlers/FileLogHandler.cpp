@@ -120,10 +120,14 @@ void FileLogHandler::startRemovalWatchLk() {
   fdSource_.reset();
   for (int attempt = 0; fd_ && attempt < attempts; ++attempt) {
     try {
-      fdSource_ = fileEvents_.watch(filepath_, FileEvent::deleted | FileEvent::renamed, queue_,
-                                    [weak = weak_from_this()](FileEvent) {
-                                      if (const auto self = weak.lock()) self->reopenOnRemoval();
-                                    });
+      // Attributes and links too: a file deleted from its path may have another name and live on,
+      // and a name that came and went at once leaves nothing but changed attributes.
+      constexpr FileEvent events =
+          FileEvent::deleted | FileEvent::renamed | FileEvent::attribute | FileEvent::link;
+      fdSource_ =
+          fileEvents_.watch(filepath_, events, queue_, [weak = weak_from_this()](FileEvent) {
+            if (const auto self = weak.lock()) self->reopenOnRemoval();
+          });
       if (isOpenFileAtPathLk()) return;
     } catch (const SystemError& error) {
       if (error.code() != ENOENT) {
@@ -147,7 +151,9 @@ bool FileLogHandler::isOpenFileAtPathLk() const {
 
 void FileLogHandler::reopenOnRemoval() {
   const std::lock_guard guard(lock_);
-  if (!isForked_) reopenLk();  // else the parent's event: the first record opens the child's file
+  if (isForked_) return;  // the parent's event: the first record opens the child's file
+  // Other attributes, a new link, a move there and back or lost events are no removal.
+  if (!isOpenFileAtPathLk()) reopenLk();
 }
 
 void FileLogHandler::reopenLk() {

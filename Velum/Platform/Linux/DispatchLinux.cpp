@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "Velum/Fatal.h"
@@ -38,21 +39,21 @@ void perform(const Work& work) noexcept {
 
 /// The worker threads. The first starts with the first work. When an item keeps the last idle
 /// thread busy, another one is added, so that work which blocks starves neither other work nor
-/// timers and sources.
+/// timers and sources. Where the system gives no more threads, work waits for those there are.
 class Pool {
  public:
   asio::io_context& context() noexcept { return context_; }
 
   /// Makes sure that there is a thread to poll for timers, sources and work.
   void provideThread() {
-    if (threads_.load(std::memory_order_relaxed) == 0) growFrom(0);
+    if (threads_.load(std::memory_order_relaxed) == 0) addThreadWhenAllAreBusy();
   }
 
   /// `work` as a thread of the pool runs it.
   Work item(Work work) {
     return [this, work = std::move(work)] {
-      const int busy = busy_.fetch_add(1, std::memory_order_relaxed) + 1;
-      if (busy == threads_.load(std::memory_order_relaxed)) growFrom(busy);
+      const int busy = busy_.fetch_add(1) + 1;
+      if (busy >= threads_.load(std::memory_order_relaxed)) addThreadWhenAllAreBusy();
       perform(work);
       busy_.fetch_sub(1, std::memory_order_relaxed);
     };
@@ -63,24 +64,32 @@ class Pool {
  private:
   static constexpr int maxThreads = 64;
 
-  void growFrom(int threads) {
+  // Both numbers are read under the lock: a new thread may be busy before it is counted, and then
+  // it is the one that comes here next.
+  void addThreadWhenAllAreBusy() {
     const std::lock_guard guard(growth_);
-    if (threads_.load(std::memory_order_relaxed) != threads || threads == maxThreads) return;
-    startThread();
-    threads_.store(threads + 1, std::memory_order_relaxed);
+    const int threads = threads_.load(std::memory_order_relaxed);
+    if (threads > busy_.load() || threads == maxThreads) return;
+    if (startThread()) threads_.store(threads + 1, std::memory_order_relaxed);
   }
 
   // Signals belong to the program's own threads: a worker is born with all of them blocked.
-  void startThread() {
+  bool startThread() {
     sigset_t all{};
     sigset_t old{};
     ::sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &old);
-    std::thread([this] {
-      ::pthread_setname_np(::pthread_self(), "velum-worker");
-      context_.run();
-    }).detach();  // the pool is never destroyed
+    bool isStarted = true;
+    try {
+      std::thread([this] {
+        ::pthread_setname_np(::pthread_self(), "velum-worker");
+        context_.run();
+      }).detach();  // the pool is never destroyed
+    } catch (const std::system_error&) {
+      isStarted = false;  // asked again with the next work
+    }
     ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return isStarted;
   }
 
   asio::io_context context_;
@@ -329,6 +338,10 @@ class ReadableSource final : public DispatchSource {
 };
 
 UniqueFd openChild(int pid) {
+  siginfo_t ignored{};
+  if (::waitid(P_PID, static_cast<id_t>(pid), &ignored, WEXITED | WNOHANG | WNOWAIT) != 0) {
+    throw lastSystemError("DispatchSource::childExit, waitid (" + std::to_string(pid) + ")");
+  }
   // Not through <sys/pidfd.h>: that header of glibc 2.36 is not usable from C++.
   UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
   if (!process) {

@@ -57,6 +57,13 @@ struct Watcher {
     if (struct stat status{}; ::fstat(file_.get(), &status) == 0) links_ = status.st_nlink;
   }
 
+  /// To be called once the watch is there. A folder's end is only reported when nothing refers to
+  /// it any more, while a file's is seen by its links.
+  void releaseFolder() {
+    struct stat status {};
+    if (::fstat(file_.get(), &status) == 0 && S_ISDIR(status.st_mode)) file_.reset();
+  }
+
   /// What an inotify event means for this watcher.
   FileEvent translated(std::uint32_t mask) {
     FileEvent happened = FileEvent::none;
@@ -181,6 +188,7 @@ std::unique_ptr<FileEvents::Watch> FileEventsLinux::watch(const std::string& pat
   const int descriptor =
       ::inotify_add_watch(inotify_.get(), target.c_str(), inotifyMask(events) | IN_MASK_ADD);
   if (descriptor < 0) throw watchError("inotify_add_watch", path);
+  watcher->releaseFolder();
   watchers_[descriptor].push_back(watcher);
   return std::make_unique<WatchLinux>(descriptor, std::move(watcher));
 }

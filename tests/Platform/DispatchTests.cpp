@@ -1,0 +1,274 @@
+#include "Velum/Platform/Dispatch.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <latch>
+#include <mutex>
+#include <semaphore>
+#include <thread>
+#include <vector>
+
+#include "Velum/Platform/Application.h"
+#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/SystemError.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Waiting.h"
+
+namespace velum {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+class Signal {
+ public:
+  void raise() { count_.release(); }
+  bool wait() { return count_.try_acquire_for(test::deadline); }
+  bool isRaised() { return count_.try_acquire(); }
+
+ private:
+  std::counting_semaphore<> count_{0};
+};
+
+std::array<UniqueFd, 2> makePipe() {
+  std::array<int, 2> ends{};
+  EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+  return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+}
+
+TEST(DispatchQueue, RunsSerialWorkOneByOneInOrder) {
+  constexpr int items = 2000;
+  const auto queue = DispatchQueue::serial("order");
+  EXPECT_EQ(queue->label(), "order");
+  std::vector<int> order;
+  std::atomic<int> running{0};
+  DispatchGroup group;
+  for (int i = 0; i < items; ++i) {
+    group.async(*queue, [&, i] {
+      EXPECT_EQ(running++, 0);
+      order.push_back(i);
+      --running;
+    });
+  }
+  ASSERT_TRUE(group.wait(test::deadline));
+  ASSERT_EQ(order.size(), static_cast<std::size_t>(items));
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+TEST(DispatchQueue, RunsWorkOfAQueueNobodyHoldsAndNeverInsideTheCall) {
+  Signal done;
+  std::mutex held;
+  {
+    const std::lock_guard guard(held);
+    DispatchQueue::serial("gone")->async([&] {
+      const std::lock_guard inner(held);  // would deadlock inside the call
+      done.raise();
+    });
+  }
+  EXPECT_TRUE(done.wait());
+}
+
+TEST(DispatchQueue, DelaysWorkAtLeastAsLongAsAskedInTheOrderOfTheDelays) {
+  const auto queue = DispatchQueue::serial("delays");
+  const auto start = Clock::now();
+  std::vector<int> order;
+  Signal done;
+  queue->asyncAfter(40ms, [&] {
+    EXPECT_GE(Clock::now() - start, 40ms);
+    order.push_back(2);
+    done.raise();
+  });
+  queue->asyncAfter(20ms, [&] {
+    EXPECT_GE(Clock::now() - start, 20ms);
+    order.push_back(1);
+  });
+  queue->asyncAfter(std::chrono::nanoseconds::max(), [&] { order.push_back(3); });
+  queue->asyncAfter(-1s, [&] { order.push_back(0); });
+  ASSERT_TRUE(done.wait());
+  EXPECT_EQ(order, (std::vector{0, 1, 2}));
+}
+
+// In fresh processes, because the threads a pool once has it keeps.
+TEST(DispatchQueue, StarvesNothingWhenManyItemsBlock) {
+  constexpr int blocked = 24;
+  for (int round = 0; round < 20; ++round) {
+    test::inChild([] {
+      std::latch together(blocked);
+      DispatchGroup group;
+      for (int i = 0; i < blocked; ++i) {
+        group.async(DispatchQueue::global(), [&] { together.arrive_and_wait(); });
+      }
+      ASSERT_TRUE(group.wait(10s)) << "items wait for each other, but not all have a thread";
+    });
+    if (HasFailure()) return;
+  }
+  Signal unblock;
+  DispatchGroup group;
+  for (int i = 0; i < 4; ++i) {
+    group.async(*DispatchQueue::serial("blocked"), [&] { EXPECT_TRUE(unblock.wait()); });
+  }
+  Signal timer;
+  DispatchQueue::serial("free")->asyncAfter(1ms, [&] { timer.raise(); });
+  EXPECT_TRUE(timer.wait());
+  for (int i = 0; i < 4; ++i) unblock.raise();
+  EXPECT_TRUE(group.wait(test::deadline));
+}
+
+TEST(DispatchQueue, GoesOnWithFewThreadsWhenNoMoreCanBeMade) {
+  test::inChild([] {
+    Signal done;
+    DispatchQueue::global().async([&] { done.raise(); });
+    ASSERT_TRUE(done.wait());
+    const rlimit none{0, 0};  // does not count for root
+    if ((::geteuid() == 0 && ::setresuid(65534, 65534, 65534) != 0) ||
+        ::setrlimit(RLIMIT_NPROC, &none) != 0) {
+      GTEST_SKIP() << "can't limit threads here";
+    }
+    std::latch together(2);
+    for (int i = 0; i < 10; ++i) {
+      DispatchQueue::global().async([&, i] {
+        if (i < 2) together.arrive_and_wait();
+        done.raise();
+      });
+    }
+    for (int i = 0; i < 10; ++i) ASSERT_TRUE(done.wait());
+  });
+}
+
+TEST(DispatchQueue, RunsMainWorkOnTheThreadOfTheApplication) {
+  test::inChild([] {
+    static const auto mainThread = std::this_thread::get_id();
+    DispatchQueue::global().async([] {
+      DispatchQueue::main().asyncAfter(1ms, [] {
+        EXPECT_EQ(std::this_thread::get_id(), mainThread);
+        ::_exit(::testing::Test::HasFailure() ? 1 : 0);
+      });
+    });
+    Application::shared().run();
+  });
+}
+
+TEST(DispatchQueue, WorksInAForkedChildAndNoMoreWorkOfTheParentRunsThere) {
+  const auto queue = DispatchQueue::serial("shared");
+  Signal begun;
+  Signal go;
+  const int parent = ::getpid();
+  std::atomic<int> ran{0};
+  queue->async([&] {
+    begun.raise();
+    EXPECT_TRUE(go.wait());
+  });
+  queue->async([&] {
+    EXPECT_EQ(::getpid(), parent);
+    ++ran;
+  });
+  ASSERT_TRUE(begun.wait());
+  test::inChild([&] {
+    Signal done;
+    queue->async([&] { done.raise(); });
+    EXPECT_TRUE(done.wait());
+    DispatchQueue::global().asyncAfter(1ms, [&] { done.raise(); });
+    EXPECT_TRUE(done.wait());
+    EXPECT_EQ(ran, 0);
+  });
+  go.raise();
+  EXPECT_TRUE(test::eventually([&] { return ran == 1; }));
+}
+
+TEST(DispatchGroup, WaitsForAllAndReportsATimeOut) {
+  DispatchGroup group;
+  EXPECT_TRUE(group.wait(0ns));
+  group.enter();
+  EXPECT_FALSE(group.wait(1ms));
+  DispatchQueue::global().async([group]() mutable { group.leave(); });
+  EXPECT_TRUE(group.wait());
+}
+
+TEST(DispatchSource, TellsOnceForEachTimeADescriptorIsReadable) {
+  const auto [reader, writer] = makePipe();
+  const auto queue = DispatchQueue::serial("source");
+  Signal told;
+  std::string received;
+  const auto source = DispatchSource::readable(reader.get(), *queue, [&, fd = reader.get()] {
+    char byte = 0;
+    if (::read(fd, &byte, 1) == 1) received += byte;
+    told.raise();
+  });
+  ASSERT_EQ(::write(writer.get(), "ab", 2), 2);
+  ASSERT_TRUE(told.wait());
+  ASSERT_TRUE(told.wait()) << "the second byte was readable when the handler returned";
+  EXPECT_EQ(received, "ab");
+  ASSERT_EQ(::write(writer.get(), "c", 1), 1);
+  ASSERT_TRUE(told.wait());
+  EXPECT_EQ(received, "abc");
+}
+
+TEST(DispatchSource, MayBeDestroyedInItsOwnHandlerAndTellsNothingAfterwards) {
+  const auto [reader, writer] = makePipe();
+  const auto queue = DispatchQueue::serial("source");
+  Signal told;
+  std::unique_ptr<DispatchSource> source;
+  std::atomic<int> calls{0};
+  queue->async([&, fd = reader.get()] {
+    source = DispatchSource::readable(fd, *queue, [&] {
+      ++calls;
+      source.reset();
+      told.raise();
+    });
+  });
+  ASSERT_EQ(::write(writer.get(), "ab", 2), 2);  // stays readable: nobody reads it
+  ASSERT_TRUE(told.wait());
+  for (int i = 0; i < 3; ++i) {  // later than whatever is on its way
+    queue->asyncAfter(1ms, [&] { told.raise(); });
+    ASSERT_TRUE(told.wait());
+  }
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(DispatchSource, RefusesWhatCannotBeWatched) {
+  EXPECT_THROW(DispatchSource::readable(-1, DispatchQueue::global(), [] {}), SystemError);
+  EXPECT_THROW(DispatchSource::childExit(1, DispatchQueue::global(), [](int) {}), SystemError)
+      << "a process, but no child";
+  test::ChildProcess child([] {});
+  const int pid = child.pid();
+  child.wait();
+  EXPECT_THROW(DispatchSource::childExit(pid, DispatchQueue::global(), [](int) {}), SystemError);
+}
+
+int statusOf(const std::function<void()>& body, int signal) {
+  std::fflush(stdout);
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    body();
+    ::_exit(7);
+  }
+  Signal ended;
+  int result = -1;
+  const auto source = DispatchSource::childExit(pid, DispatchQueue::global(), [&](int status) {
+    result = status;
+    EXPECT_EQ(::waitpid(pid, nullptr, WNOHANG), -1) << "must be reaped by now";
+    ended.raise();
+  });
+  if (signal != 0) ::kill(pid, signal);
+  EXPECT_TRUE(ended.wait());
+  return result;
+}
+
+TEST(DispatchSource, TellsHowAChildEndedAndReapsIt) {
+  const int exited = statusOf([] {}, 0);
+  EXPECT_TRUE(WIFEXITED(exited));
+  EXPECT_EQ(WEXITSTATUS(exited), 7);
+  const int killed = statusOf([] { ::pause(); }, SIGKILL);
+  EXPECT_TRUE(WIFSIGNALED(killed));
+  EXPECT_EQ(WTERMSIG(killed), SIGKILL);
+}
+
+}  // namespace
+}  // namespace velum

@@ -1,0 +1,109 @@
+#include "Velum/Platform/FileClone.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/PrivateMounts.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace velum {
+namespace {
+
+namespace fs = std::filesystem;
+
+class FileCloneTest : public ::testing::Test {
+ protected:
+  std::size_t files() const {
+    return static_cast<std::size_t>(
+        std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
+  }
+
+  test::TemporaryFolder folder;
+  std::string source = folder / "source";
+  std::string target = folder / "target";
+};
+
+TEST_F(FileCloneTest, CopiesContentPermissionsAndTimes) {
+  const std::string content(300'000, 'c');
+  test::writeFile(source, content);
+  ASSERT_EQ(::chmod(source.c_str(), 0640), 0);
+  const std::array<timespec, 2> times{timespec{1000, 5}, timespec{2000, 7}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, source.c_str(), times.data(), 0), 0);
+  fs::create_symlink(source, folder / "link");
+  ASSERT_EQ(cloneFile(folder / "link", target), 0);
+  EXPECT_EQ(test::readFile(target), content);
+  struct stat status {};
+  ASSERT_EQ(::lstat(target.c_str(), &status), 0);
+  EXPECT_TRUE(S_ISREG(status.st_mode));
+  EXPECT_EQ(status.st_mode & 07777U, 0640U);
+  EXPECT_EQ(status.st_mtim.tv_sec, 2000);
+  EXPECT_EQ(status.st_mtim.tv_nsec, 7);
+  test::writeFile(source, "changed");
+  EXPECT_EQ(test::readFile(target), content);
+  EXPECT_EQ(files(), 3U);
+}
+
+TEST_F(FileCloneTest, CopiesEmptyFilesAndFilesOfProcWhoseSizeIsNotKnown) {
+  test::writeFile(source, "");
+  ASSERT_EQ(cloneFile(source, target), 0);
+  EXPECT_EQ(test::readFile(target), "");
+  ASSERT_EQ(cloneFile("/proc/version", target), 0);
+  EXPECT_EQ(test::readFile(target), test::readFile("/proc/version"));
+}
+
+TEST_F(FileCloneTest, ReplacesTheTargetInOneStep) {
+  const std::string first(200'000, '1');
+  const std::string second(200'000, '2');
+  test::writeFile(source, first);
+  test::writeFile(folder / "source2", second);
+  ASSERT_EQ(cloneFile(source, target), 0);
+  std::atomic<bool> isOver{false};
+  std::thread reader([&] {
+    while (!isOver) {
+      const std::string seen = test::readFile(target);
+      EXPECT_TRUE(seen == first || seen == second) << seen.size();
+    }
+  });
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(cloneFile(i % 2 == 0 ? folder / "source2" : source, target), 0);
+  }
+  isOver = true;
+  reader.join();
+  EXPECT_EQ(files(), 3U);
+}
+
+TEST_F(FileCloneTest, ReportsWhatCannotBeCloned) {
+  EXPECT_EQ(cloneFile(source, target), ENOENT);
+  EXPECT_EQ(cloneFile(folder.path(), target), EISDIR);
+  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
+  EXPECT_EQ(cloneFile(folder / "pipe", target), EINVAL);
+  test::writeFile(source, "x");
+  EXPECT_EQ(cloneFile(source, folder / "missing/target"), ENOENT);
+  fs::create_directory(target);
+  EXPECT_EQ(cloneFile(source, target), EISDIR);
+  EXPECT_EQ(files(), 3U) << "nothing is left of failures";
+  EXPECT_EQ(setCreationTime(-1, {}), EBADF);
+}
+
+TEST_F(FileCloneTest, KeepsTheOldTargetAndLeavesNothingWhenTheDiskIsFull) {
+  test::inChild([this] {
+    if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
+    test::mountMemory(folder.path(), "size=64k");
+    test::writeFile(source, std::string(40'000, 'x'));
+    test::writeFile(target, "old");
+    EXPECT_EQ(cloneFile(source, target), ENOSPC);
+    EXPECT_EQ(test::readFile(target), "old");
+    EXPECT_EQ(files(), 2U);
+  });
+}
+
+}  // namespace
+}  // namespace velum

@@ -1,0 +1,209 @@
+#include "Velum/Platform/FileEvents.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+
+#include "Velum/SystemError.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/PrivateMounts.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Waiting.h"
+
+namespace velum {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+constexpr FileEvent all = FileEvent::deleted | FileEvent::written | FileEvent::extended |
+                          FileEvent::attribute | FileEvent::link | FileEvent::renamed |
+                          FileEvent::revoked;
+
+class FileEventsTest : public ::testing::Test {
+ protected:
+  using Seen = std::atomic<unsigned>;
+
+  std::unique_ptr<FileEvents::Watch> watch(const std::string& watched, FileEvent events,
+                                           Seen& seen) const {
+    return FileEvents::shared().watch(
+        watched, events, queue, [&seen](FileEvent event) { seen |= static_cast<unsigned>(event); });
+  }
+  static bool happens(const Seen& seen, FileEvent event) {
+    return test::eventually([&] { return (seen & static_cast<unsigned>(event)) != 0; });
+  }
+  // What happened to `path` so far has been told when an event of a later watch has been.
+  void settle() const {
+    Seen seen{0};
+    test::writeFile(folder / "settle", "");
+    const auto last = watch(folder / "settle", FileEvent::written, seen);
+    test::writeFile(folder / "settle", "x");
+    EXPECT_TRUE(happens(seen, FileEvent::written));
+  }
+
+  test::TemporaryFolder folder;
+  std::string path = folder / "file";
+  std::shared_ptr<DispatchQueue> queue = DispatchQueue::serial("events");
+};
+
+TEST_F(FileEventsTest, TellsEachEventOfAFile) {
+  test::writeFile(path, "x");
+  Seen seen{0};
+  auto watched = watch(path, all, seen);
+  test::writeFile(path, "xy");
+  EXPECT_TRUE(happens(seen, FileEvent::written));
+  ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
+  EXPECT_TRUE(happens(seen, FileEvent::attribute));
+  fs::create_hard_link(path, folder / "link");
+  EXPECT_TRUE(happens(seen, FileEvent::link));
+  EXPECT_EQ(seen & static_cast<unsigned>(FileEvent::deleted | FileEvent::renamed), 0U);
+  fs::rename(path, folder / "moved");
+  EXPECT_TRUE(happens(seen, FileEvent::renamed));
+  EXPECT_EQ(seen & static_cast<unsigned>(FileEvent::deleted), 0U);
+  fs::remove(folder / "link");
+  {
+    const UniqueFd stillOpen(::open((folder / "moved").c_str(), O_RDONLY | O_CLOEXEC));
+    fs::remove(folder / "moved");
+    EXPECT_TRUE(happens(seen, FileEvent::deleted));
+  }
+}
+
+TEST_F(FileEventsTest, TellsOfAReplacedFileThatItIsDeleted) {
+  test::writeFile(path, "old");
+  test::writeFile(folder / "new", "new");
+  Seen seen{0};
+  const auto watched = watch(path, FileEvent::deleted, seen);
+  fs::rename(folder / "new", path);
+  EXPECT_TRUE(happens(seen, FileEvent::deleted));
+}
+
+TEST_F(FileEventsTest, TellsOfEntriesOfAFolderAndOfItsEnd) {
+  const std::string watchedFolder = folder / "folder";
+  fs::create_directory(watchedFolder);
+  Seen seen{0};
+  const auto watched = watch(watchedFolder, all, seen);
+  test::writeFile(watchedFolder + "/entry", "");
+  EXPECT_TRUE(happens(seen, FileEvent::written));
+  seen = 0;
+  fs::remove(watchedFolder + "/entry");
+  EXPECT_TRUE(happens(seen, FileEvent::written));
+  fs::remove(watchedFolder);
+  EXPECT_TRUE(happens(seen, FileEvent::deleted));
+}
+
+TEST_F(FileEventsTest, TellsEachWatcherOfOneFileOnlyWhatItAskedFor) {
+  test::writeFile(path, "x");
+  Seen written{0};
+  Seen attribute{0};
+  const auto first = watch(path, FileEvent::written, written);
+  auto second = watch(path, FileEvent::attribute, attribute);
+  test::writeFile(path, "xy");
+  ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
+  EXPECT_TRUE(happens(attribute, FileEvent::attribute));
+  EXPECT_TRUE(happens(written, FileEvent::written));
+  EXPECT_EQ(written, static_cast<unsigned>(FileEvent::written));
+  EXPECT_EQ(attribute, static_cast<unsigned>(FileEvent::attribute));
+
+  second.reset();  // the other keeps the kernel's watch
+  written = 0;
+  attribute = 0;
+  ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
+  test::writeFile(path, "xyz");
+  EXPECT_TRUE(happens(written, FileEvent::written));
+  EXPECT_EQ(attribute, 0U);
+}
+
+TEST_F(FileEventsTest, MayEndAWatchInItsOwnHandler) {
+  test::writeFile(path, "x");
+  std::unique_ptr<FileEvents::Watch> watched;
+  std::atomic<int> calls{0};
+  DispatchGroup ready;
+  ready.async(*queue, [&] {
+    watched = FileEvents::shared().watch(path, FileEvent::attribute, queue, [&](FileEvent) {
+      ++calls;
+      watched.reset();
+    });
+  });
+  ASSERT_TRUE(ready.wait(test::deadline));
+  for (unsigned mode = 0600; mode < 0620; ++mode) ::chmod(path.c_str(), mode);
+  EXPECT_TRUE(test::eventually([&] { return calls == 1; }));
+  settle();
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(FileEventsTest, TellsEverybodyToLookAgainWhenEventsWereLost) {
+  test::inChild([this] {
+    // Faster than the reader empties the kernel's queue, which holds 16,384 events by default.
+    test::writeFile(path, "x");
+    test::writeFile(folder / "busy", "x");
+    Seen seen{0};
+    Seen busy{0};
+    const auto quiet = watch(path, FileEvent::deleted | FileEvent::renamed, seen);
+    const auto other = watch(folder / "busy", FileEvent::attribute | FileEvent::written, busy);
+    const UniqueFd writer(::open((folder / "busy").c_str(), O_WRONLY | O_CLOEXEC));
+    // Events of different kinds in turn, because equal ones are merged.
+    const auto overflow = [&] {
+      for (int i = 0; i < 20'000; ++i) {
+        ASSERT_EQ(::pwrite(writer.get(), "y", 1, 0), 1);
+        ASSERT_EQ(::fchmod(writer.get(), i % 2 == 0 ? 0600 : 0640), 0);
+      }
+    };
+    for (int i = 0; i < 50 && seen == 0; ++i) overflow();
+    if (seen == 0) GTEST_SKIP() << "the reader was too quick to lose events";
+    EXPECT_EQ(seen, static_cast<unsigned>(FileEvent::deleted | FileEvent::renamed));
+  });
+}
+
+TEST_F(FileEventsTest, RefusesAMissingFileAndTellsWhich) {
+  Seen seen{0};
+  try {
+    watch(folder / "missing", all, seen);
+    FAIL();
+  } catch (const SystemError& error) {
+    EXPECT_EQ(error.code(), ENOENT);
+    EXPECT_NE(std::string(error.what()).find(folder / "missing"), std::string::npos);
+  }
+}
+
+TEST_F(FileEventsTest, UsesOneDescriptorForAllWatchesBesidesTheirFiles) {
+  const auto inotifyDescriptors = [] {
+    int count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+      std::error_code error;
+      if (fs::read_symlink(entry.path(), error) == "anon_inode:inotify") ++count;
+    }
+    return count;
+  };
+  std::vector<std::unique_ptr<FileEvents::Watch>> watches;
+  Seen seen{0};
+  test::writeFile(path, "");
+  watches.push_back(watch(path, all, seen));
+  const int before = inotifyDescriptors();
+  for (int i = 0; i < 20; ++i) {
+    test::writeFile(path + std::to_string(i), "");
+    watches.push_back(watch(path + std::to_string(i), all, seen));
+  }
+  EXPECT_EQ(inotifyDescriptors(), before);
+}
+
+TEST_F(FileEventsTest, WatchesAnewInAForkedChildWhileTheParentKeepsItsEvents) {
+  test::writeFile(path, "x");
+  Seen seen{0};
+  const auto watched = watch(path, FileEvent::written, seen);
+  test::inChild([&] {
+    Seen own{0};
+    const auto childs = watch(path, FileEvent::attribute, own);
+    test::writeFile(path, "xy");
+    ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
+    EXPECT_TRUE(happens(own, FileEvent::attribute));
+    EXPECT_EQ(seen, 0U) << "the parent's watch told the child";
+  });
+  EXPECT_TRUE(happens(seen, FileEvent::written));
+}
+
+}  // namespace
+}  // namespace velum

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <csignal>
 #include <fstream>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -21,6 +22,9 @@
 #include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum::test {
+
+/// A process id that is nobody's, and that is safe to signal by mistake (0 and -1 are not).
+constexpr pid_t noProcess = std::numeric_limits<pid_t>::max();
 
 /// Far beyond what anything takes on a busy machine; whoever waits that long has failed.
 constexpr std::chrono::seconds deadline(30);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/support/Processes.h"
+#include "tests/support/SampleBundle.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum::test {
@@ -21,12 +22,12 @@ class RelaunchTest : public ::testing::Test {
   /// A line of the sample application's events.
   struct Event {
     std::string name;
-    pid_t pid = 0;
-    pid_t parent = 0;
-    pid_t session = 0;
+    pid_t pid = noProcess;
+    pid_t parent = noProcess;
+    pid_t session = noProcess;
   };
 
-  RelaunchTest() { std::filesystem::copy(VELUM_SAMPLE_BUNDLE, bundle, recursively); }
+  RelaunchTest() { copySampleBundle(VELUM_SAMPLE_BUNDLE, bundle, identifier); }
 
   std::string program() const { return bundle + "/Contents/MacOS/sample_app"; }
 
@@ -131,6 +132,7 @@ class RelaunchTest : public ::testing::Test {
   TemporaryFolder folder;
   std::string runtimeFolder = folder.path();
   std::string bundle = folder / "Sample VPN.app";
+  std::string identifier = ownIdentifier(folder);
   LineReader events{folder / "events"};
   Family family;
 };

@@ -102,10 +102,11 @@ TEST_F(Relaunch, RecoversWhenTheBundleComesBack) {
     trouble.make();
     const auto failures = [this] {
       const std::string text = log();
+      const std::string message = "left: 9";
       std::size_t count = 0;
-      for (auto at = text.find("left: 9"); at != std::string::npos;
-           at = text.find("left: 9", at + 1))
+      for (auto at = text.find(message); at != std::string::npos; at = text.find(message, at + 1)) {
         ++count;
+      }
       return count;
     };
     const std::size_t before = failures();

@@ -25,8 +25,8 @@ class DISABLED_InSession : public RelaunchTest {
   /// Runs a script as a service of the manager. $1 is the helper, $2 the bundle, $3 the folder.
   void startService(const std::string& name, const std::string& script) const {
     writeFile(folder / "service", script);
-    std::vector<std::string> arguments{"-c",      "exec systemd-run \"$@\"", "sh", "--user",
-                                       "--quiet", "--unit=" + name};
+    std::vector<std::string> arguments{
+        "-c", R"(exec systemd-run "$@")", "sh", "--user", "--quiet", "--unit=" + name};
     for (const std::string& variable : environment()) arguments.push_back("--setenv=" + variable);
     for (const std::string& word : {std::string("/bin/sh"), folder / "service",
                                     std::string(VELUM_RELAUNCHER), bundle, folder.path()}) {
@@ -62,11 +62,13 @@ TEST_F(DISABLED_InSession, SurvivesTheServiceThatTheApplicationWas) {
 
 TEST_F(DISABLED_InSession, FindsItselfOrphanedWhenTheManagerAdoptedIt) {
   const pid_t other = startShell("exec sleep 1000");
-  LineReader lines(folder / "lines");
-  startService("launcher", "(sh -c 'read go < \"$3/go\"; exec \"$1\" \"$2\" " +
+  // The helper starts when the shell that forked it is gone.
+  startService("launcher", R"(mkfifo "$3/go"
+    (sh -c 'read go < "$3/go"; exec "$1" "$2" "$4"' sh "$@" )" +
                                std::to_string(other) +
-                               "' sh \"$1\" \"$2\" \"$3\" & ); mkfifo \"$3/go\"; echo > \"$3/go\"; "
-                               "exec sleep 1000");
+                               R"( &)
+    echo > "$3/go"
+    exec sleep 1000)");
   EXPECT_EQ(next().name, "started") << log();
   EXPECT_FALSE(hasEnded(other, std::chrono::milliseconds(0)));
 }
@@ -74,8 +76,7 @@ TEST_F(DISABLED_InSession, FindsItselfOrphanedWhenTheManagerAdoptedIt) {
 TEST_F(DISABLED_InSession, KnowsAServiceByTheProcessThatTheManagerStarted) {
   LineReader lines(folder / "lines");
   startService("app-gnome-org.example.Demo@1",
-               "sleep 1000 & echo $$ > \"$3/lines\"; "
-               "echo $! > \"$3/lines\"; wait");
+               R"(sleep 1000 & echo $$ > "$3/lines"; echo $! > "$3/lines"; wait)");
   const pid_t first = std::stoi(lines.next().value_or("0"));
   const pid_t child = std::stoi(lines.next().value_or("0"));
   ProcessTable table({});

@@ -87,7 +87,7 @@ TEST_F(EndToEnd, IsNotDeceivedByAReusedNumber) {
   LineReader lines(folder / "lines");
   const pid_t helper =
       start("/bin/sh",
-            {"-c", "echo >\"$1\"; kill -STOP $$; shift; exec \"$@\"", "sh", folder / "lines",
+            {"-c", R"(echo >"$1"; kill -STOP $$; shift; exec "$@")", "sh", folder / "lines",
              VELUM_RELAUNCHER, bundle, std::to_string(application)},
             {});
   ASSERT_TRUE(lines.next());

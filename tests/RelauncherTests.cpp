@@ -26,7 +26,8 @@ class StartRelauncher : public ::testing::Test {
     return folder_ / "helper";
   }
 
-  SystemError failure(const std::string& path, std::chrono::milliseconds timeout = deadline) const {
+  static SystemError failure(const std::string& path,
+                             std::chrono::milliseconds timeout = deadline) {
     try {
       startRelauncher(path, "/An App.app", timeout);
     } catch (const SystemError& error) {
@@ -90,7 +91,7 @@ TEST(ReportReady, SurvivesAnApplicationThatDiedFirst) {
   Pipe pipe;
   pipe.reader.reset();
   ::setenv("VELUM_READY_FD", std::to_string(pipe.writer.release()).c_str(), 1);
-  std::signal(SIGPIPE, SIG_DFL);
+  ASSERT_NE(std::signal(SIGPIPE, SIG_DFL), SIG_ERR);
   reportReady();
   sigset_t pending{};
   ::sigpending(&pending);

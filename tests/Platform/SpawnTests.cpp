@@ -47,8 +47,8 @@ class Spawn : public ::testing::Test {
 TEST_F(Spawn, GivesOnlyWhatIsNamed) {
   const UniqueFd inheritable(::open("/proc/self/status", O_RDONLY));
   ASSERT_TRUE(inheritable);
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGUSR1, SIG_IGN);
+  ASSERT_NE(std::signal(SIGPIPE, SIG_IGN), SIG_ERR);
+  ASSERT_NE(std::signal(SIGUSR1, SIG_IGN), SIG_ERR);
   sigset_t all{};
   sigset_t before{};
   ::sigfillset(&all);

@@ -72,8 +72,8 @@ class WorkspaceTest : public ::testing::Test {
   std::string program() const { return bundle_ + "/Contents/MacOS/sample_app"; }
 
   /// The answer to openApplication: nothing, or the error.
-  std::future<std::optional<std::string>> open(const std::string& path,
-                                               OpenConfiguration configuration = {}) {
+  static std::future<std::optional<std::string>> open(const std::string& path,
+                                                      OpenConfiguration configuration = {}) {
     auto answer = std::make_shared<std::promise<std::optional<std::string>>>();
     onMain([&] {
       workspace().openApplication(path, configuration,
@@ -223,7 +223,7 @@ TEST_F(WorkspaceTest, KnowsAScriptByTheRecordOfItsLaunch) {
 }
 
 TEST_F(WorkspaceTest, SaysWhyAnApplicationDidNotOpen) {
-  const auto errorOf = [this](const std::string& path) { return open(path).get().value_or(""); };
+  const auto errorOf = [](const std::string& path) { return open(path).get().value_or(""); };
   EXPECT_EQ(errorOf(folder_ / "Missing.app"),
             (folder_ / "Missing.app") + ": No such file or directory");
   ::setenv("SAMPLE_APP_EXIT", "3", 1);
@@ -235,6 +235,10 @@ TEST_F(WorkspaceTest, SaysWhyAnApplicationDidNotOpen) {
   EXPECT_THAT(errorOf(bundle_), HasSubstr("was killed by signal 11 (Segmentation fault)"));
   std::filesystem::permissions(program(), std::filesystem::perms::owner_read);
   EXPECT_EQ(errorOf(bundle_), program() + ": Permission denied");
+  std::filesystem::remove(program());
+  writeFile(program(), "#!/nowhere/interpreter\n");
+  std::filesystem::permissions(program(), std::filesystem::perms::owner_all);
+  EXPECT_EQ(errorOf(bundle_), program() + ": No such file or directory");
   EXPECT_THAT(Family::children(), ::testing::IsEmpty());
 }
 

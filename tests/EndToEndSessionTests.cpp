@@ -44,15 +44,14 @@ TEST_F(DISABLED_InSession, MovesTheApplicationOutOfTheOldGroup) {
   ::kill(application, SIGKILL);
   const Event started = next();
   EXPECT_EQ(exitStatus(helper), 0);
-  const std::string scope =
-      "app-com.quillon.example.sample-" + std::to_string(started.pid) + ".scope";
+  const std::string scope = "app-" + identifier + '-' + std::to_string(started.pid) + ".scope";
   EXPECT_THAT(groupOf(started.pid), EndsWith("/app.slice/" + scope));
   EXPECT_TRUE(isLogged("Process " + std::to_string(started.pid) + " is in " + scope)) << log();
 }
 
 TEST_F(DISABLED_InSession, SurvivesTheServiceThatTheApplicationWas) {
   // When the first process of a service ends, the manager ends what is left in it.
-  startService("app-com.quillon.example.sample",
+  startService("app-" + identifier,
                "mkfifo \"$3/ready\"; exec 4<>\"$3/ready\"; "
                "VELUM_READY_FD=3 \"$1\" \"$2\" $$ 3>&4 & "
                "head -c 1 <&4; exit 0");

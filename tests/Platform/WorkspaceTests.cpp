@@ -12,6 +12,7 @@
 #include "Velum/Platform/Linux/WorkspaceLinux.h"
 #include "tests/support/MainThread.h"
 #include "tests/support/Processes.h"
+#include "tests/support/SampleBundle.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum::test {
@@ -66,7 +67,7 @@ class WorkspaceTest : public ::testing::Test {
     ::setenv("XDG_RUNTIME_DIR", folder_.path().c_str(), 1);
     ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
     ::setenv("SAMPLE_APP_EVENTS", (folder_ / "events").c_str(), 1);
-    std::filesystem::copy(VELUM_SAMPLE_BUNDLE, bundle_, std::filesystem::copy_options::recursive);
+    copySampleBundle(VELUM_SAMPLE_BUNDLE, bundle_, identifier_);
   }
 
   std::string program() const { return bundle_ + "/Contents/MacOS/sample_app"; }
@@ -84,6 +85,7 @@ class WorkspaceTest : public ::testing::Test {
 
   TemporaryFolder folder_;
   std::string bundle_ = folder_ / "Sample VPN.app";
+  std::string identifier_ = ownIdentifier(folder_);
   LineReader events_{folder_ / "events"};
   Family family_;
 };
@@ -160,11 +162,11 @@ TEST_F(WorkspaceTest, KnowsAnApplicationByItsProgram) {
   options.arguments = {program()};
   const pid_t application = spawn(options);
   ASSERT_TRUE(events_.next());
-  EXPECT_EQ(onMain([&] { return identifierOf(application); }), "com.quillon.example.sample");
+  EXPECT_EQ(onMain([&] { return identifierOf(application); }), identifier_);
   // A replaced program still runs.
   std::filesystem::remove(program());
   std::filesystem::copy(VELUM_SAMPLE_BUNDLE "/Contents/MacOS/sample_app", program());
-  EXPECT_EQ(onMain([&] { return identifierOf(application); }), "com.quillon.example.sample");
+  EXPECT_EQ(onMain([&] { return identifierOf(application); }), identifier_);
 }
 
 TEST_F(WorkspaceTest, TakesNoCopyOfAnApplicationForIt) {
@@ -181,7 +183,7 @@ TEST_F(WorkspaceTest, TakesNoCopyOfAnApplicationForIt) {
   pid_t copy = 0;
   ASSERT_TRUE(isReadable(pipe.reader.get()));
   ASSERT_EQ(::read(pipe.reader.get(), &copy, sizeof copy), ssize_t{sizeof copy});
-  EXPECT_EQ(onMain([&] { return identifierOf(application); }), "com.quillon.example.sample");
+  EXPECT_EQ(onMain([&] { return identifierOf(application); }), identifier_);
   EXPECT_EQ(onMain([&] { return identifierOf(copy); }), std::nullopt);
 }
 
@@ -213,7 +215,7 @@ TEST_F(WorkspaceTest, KnowsAScriptByTheRecordOfItsLaunch) {
   std::filesystem::permissions(program(), std::filesystem::perms::owner_all);
   EXPECT_EQ(open(bundle_).get(), std::nullopt);
   const pid_t script = std::stoi(events_.next().value_or("0"));
-  EXPECT_EQ(onMain([&] { return identifierOf(script); }), "com.quillon.example.sample");
+  EXPECT_EQ(onMain([&] { return identifierOf(script); }), identifier_);
   EXPECT_EQ(open(bundle_).get(), std::nullopt);
   EXPECT_EQ(events_.next(std::chrono::milliseconds(0)), std::nullopt) << "opened twice";
   ::kill(script, SIGKILL);

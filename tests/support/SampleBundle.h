@@ -9,7 +9,7 @@ namespace velum::test {
 
 /// An identifier that no other test's application has, though many run at the same time.
 inline std::string ownIdentifier(const TemporaryFolder& folder) {
-  return "com.quillon.example." + std::filesystem::path(folder.path()).filename().string();
+  return "com.quillon.example." + folder.path().substr(folder.path().rfind('-') + 1);
 }
 
 /// Copies the sample bundle and gives the copy that identifier.

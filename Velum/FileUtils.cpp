@@ -66,14 +66,15 @@ std::vector<std::string> FileUtils::findFile(std::string_view suffix, const std:
 
 namespace {
 
-// Without replacing a target: link(2) refuses one, and so does the copy that stands in for it
-// where a link is not possible (another volume, no hard links).
+// Without replacing a target, which link(2) refuses. Where a link is not possible (another volume,
+// no hard links) a clone stands in for it, which appears with its times and as a whole or not at
+// all; only there, a target that somebody makes at that very moment is replaced.
 std::error_code moveWithoutReplacing(const fs::path& from, const fs::path& to) {
   std::error_code error;
   fs::create_hard_link(from, to, error);
   if (error && error != std::errc::file_exists && error != std::errc::no_such_file_or_directory) {
-    error.clear();
-    fs::copy_file(from, to, fs::copy_options::none, error);
+    const int code = fs::exists(fs::symlink_status(to, error)) ? EEXIST : cloneFile(from, to);
+    error.assign(code, std::generic_category());
   }
   if (!error) fs::remove(from, error);
   return error;

@@ -1,0 +1,78 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <functional>
+#include <regex>
+
+#include "Velum/Logger/Handlers/NSLogHandler.h"
+#include "Velum/Logger/Handlers/OSLogHandler.h"
+#include "Velum/Logger/Handlers/StdoutLogHandler.h"
+#include "Velum/Platform/Thread.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/RecordingSystemLog.h"
+
+namespace velum {
+namespace {
+
+constexpr const char* tricky = "I: (main) 100% %s %@ %n";
+
+// What `body` writes to `descriptor`, as a reader of a pipe gets it.
+std::string writtenTo(int descriptor, const std::function<void()>& body) {
+  std::array<int, 2> ends{};
+  EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+  const UniqueFd reader(ends[0]);
+  UniqueFd writer(ends[1]);
+  test::ChildProcess child([&] {
+    ::dup2(writer.get(), descriptor);
+    body();
+    ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), descriptor);
+  });
+  writer.reset();
+  std::string all;
+  std::array<char, 512> buffer{};
+  for (ssize_t size = 0; (size = ::read(reader.get(), buffer.data(), buffer.size())) > 0;) {
+    all.append(buffer.data(), static_cast<std::size_t>(size));
+  }
+  EXPECT_EQ(child.wait(), 0);
+  return all;
+}
+
+TEST(StdoutLogHandler, PrintsTheTextAndALineFeedAtOnce) {
+  EXPECT_EQ(writtenTo(STDOUT_FILENO,
+                      [] {
+                        StdoutLogHandler handler;
+                        handler.logWithLevel(LogLevel::info, {}, tricky);
+                        handler.logWithLevel(LogLevel::error, {}, "");
+                        handler.logWithLevel(LogLevel::error, {}, "two\nlines");
+                        ::_exit(0);  // nothing may be left in a buffer
+                      }),
+            std::string(tricky) + "\n\ntwo\nlines\n");
+}
+
+TEST(NSLogHandler, WritesTheTextBehindDateProgramAndIds) {
+  const std::string line =
+      writtenTo(STDERR_FILENO, [] { NSLogHandler().logWithLevel(LogLevel::info, {}, tricky); });
+  EXPECT_TRUE(std::regex_match(
+      line, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} HandlersTests\[\d+:[0-9a-f]+\] )"
+                       R"(I: \(main\) 100% %s %@ %n\n)")))
+      << line;
+}
+
+TEST(OSLogHandler, ShiftsLevelsAndTakesTheTextAsItIs) {
+  const auto log = std::make_shared<test::RecordingSystemLog>();
+  OSLogHandler handler(log);
+  for (int raw = 0; raw <= 4; ++raw) handler.logWithLevel(*logLevel(raw), {}, tricky);
+  using Type = SystemLog::Type;
+  std::vector<Type> types;
+  for (const auto& [type, text] : log->entries()) {
+    types.push_back(type);
+    EXPECT_EQ(text, tricky);
+  }
+  EXPECT_EQ(types,
+            (std::vector{Type::normal, Type::normal, Type::normal, Type::error, Type::fault}));
+}
+
+}  // namespace
+}  // namespace velum

@@ -1,0 +1,195 @@
+#include "Velum/Logger/Logger.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "Velum/Logger/LogRecord.h"
+
+namespace velum {
+namespace {
+
+struct Received {
+  LogLevel level;
+  LogDate date;
+  std::string text;
+  int handler;
+};
+
+class Recorder final : public LogHandlerProtocol {
+ public:
+  Recorder(std::vector<Received>& received, int number) : received_(received), number_(number) {}
+  void logWithLevel(LogLevel level, LogDate date, std::string_view text) override {
+    received_.push_back({level, date, std::string(text), number_});
+  }
+
+ private:
+  std::vector<Received>& received_;
+  int number_;
+};
+
+class LoggerTest : public ::testing::Test {
+ protected:
+  LoggerTest() { logger.setHandlers({std::make_shared<Recorder>(received, 1)}); }
+
+  std::string logged(LogLevel level, std::string_view message, std::string_view file) {
+    logger.log(
+        level, [&] { return message; }, file, "f(_:)", 7);
+    return received.empty() ? "" : received.back().text;
+  }
+
+  std::vector<Received> received;
+  Logger logger;
+};
+
+TEST_F(LoggerTest, DropsWhatIsBelowItsLevelWithoutBuildingTheMessage) {
+  bool isBuilt = false;
+  const auto build = [&] {
+    isBuilt = true;
+    return std::string("message");
+  };
+  logger.log(LogLevel::debug, build, "file", "f", 1);
+  EXPECT_FALSE(isBuilt);
+  logger.setLogLevel(LogLevel::debug);
+  logger.log(LogLevel::verbose, build, "file", "f", 1);
+  EXPECT_FALSE(isBuilt);
+  EXPECT_TRUE(received.empty());
+  logger.log(LogLevel::debug, build, "file", "f", 1);
+  EXPECT_TRUE(isBuilt);
+  EXPECT_EQ(received.size(), 1U);
+}
+
+TEST_F(LoggerTest, TagsRecordsByLevel) {
+  logger.setLogLevel(LogLevel::verbose);
+  EXPECT_EQ(logged(LogLevel::verbose, "t", "a/b/c.ext"), "V: (c: f(_:)) t");
+  EXPECT_EQ(logged(LogLevel::debug, "t", "a/b/c.ext"), "D: (c: f(_:)) t");
+  EXPECT_EQ(logged(LogLevel::info, "t", "a/b/c.ext"), "I: (c) t");
+  EXPECT_EQ(logged(LogLevel::warning, "", "vpn_relauncher/main"), "W: (main) ");
+  EXPECT_EQ(logged(LogLevel::error, "t", "a.b/c"), "E: (c: f(_:)) t");
+  EXPECT_EQ(logged(LogLevel::info, "t", "a/c.x.y"), "I: (c.x) t");
+  EXPECT_EQ(logged(LogLevel::info, "t", ""), "I: t");
+  EXPECT_EQ(logged(LogLevel::error, "t", ""), "E: (: f(_:)) t");
+}
+
+TEST_F(LoggerTest, CallsHandlersInOrderWithOneDateTakenBeforeTheMessage) {
+  logger.setHandlers(
+      {std::make_shared<Recorder>(received, 1), std::make_shared<Recorder>(received, 2)});
+  LogDate built;
+  const LogDate before = std::chrono::system_clock::now();
+  logger.log(
+      LogLevel::warning,
+      [&] {
+        built = std::chrono::system_clock::now();
+        return "t";
+      },
+      "file", "f", 1);
+  ASSERT_EQ(received.size(), 2U);
+  EXPECT_EQ(received[0].handler, 1);
+  EXPECT_EQ(received[1].handler, 2);
+  EXPECT_EQ(received[0].date, received[1].date);
+  EXPECT_EQ(received[0].text, received[1].text);
+  EXPECT_EQ(received[0].level, LogLevel::warning);
+  EXPECT_LE(before, received[0].date);
+  EXPECT_LE(received[0].date, built);
+}
+
+TEST_F(LoggerTest, RepairsWhatIsNotUtf8ForAllHandlers) {
+  EXPECT_EQ(logged(LogLevel::info, "a\xFF\xC3\xBC", "f\xFE.x"),
+            "I: (f\xEF\xBF\xBD) a\xEF\xBF\xBD\xC3\xBC");
+}
+
+TEST_F(LoggerTest, WritesTheSameRecordForRawLevelsAndStopsAtUnknownOnes) {
+  logger.log(
+      LogLevel::error, [] { return "t"; }, "a/b.c", "f", 1);
+  logger.objcLog(4, "t", "a/b.c", "f", 1);
+  logger.objcLog(1, "dropped", "a/b.c", "f", 1);
+  ASSERT_EQ(received.size(), 2U);
+  EXPECT_EQ(received[0].text, received[1].text);
+  EXPECT_EQ(received[0].level, received[1].level);
+  EXPECT_DEATH(logger.objcLog(5, "t", "a", "f", 1), "log level out of range: 5");
+  EXPECT_DEATH(logger.objcLog(-1, "t", "a", "f", 1), "log level out of range: -1");
+}
+
+TEST_F(LoggerTest, LogsOnTheSharedLoggerWithThePlaceOfTheCall) {
+  const auto old = Logger::shared().handlers();
+  ASSERT_EQ(old.size(), 1U);
+  Logger::shared().setHandlers({std::make_shared<Recorder>(received, 1)});
+  Logger::shared().setLogLevel(LogLevel::debug);
+  const unsigned line = __LINE__ + 1;
+  logTrace({"routine()"});
+  logInfo({"routine()"}, "{} of {}", 1, "two");
+  logVerbose({"routine()"}, "dropped");
+  logWarning({"dir/other.cpp", "routine()"}, "{{}}");
+  Logger::shared().setLogLevel(LogLevel::info);
+  Logger::shared().setHandlers(old);
+  ASSERT_EQ(received.size(), 3U);
+  EXPECT_EQ(received[0].text, "D: (LoggerTests: routine()) TRACE LINE " + std::to_string(line));
+  EXPECT_EQ(received[1].text, "I: (LoggerTests) 1 of two");
+  EXPECT_EQ(received[2].text, "W: (other) {}");
+}
+
+class Counter final : public LogHandlerProtocol {
+ public:
+  explicit Counter(std::atomic<int>& alive) : alive_(alive) { ++alive_; }
+  Counter(const Counter&) = delete;
+  Counter& operator=(const Counter&) = delete;
+  ~Counter() override { --alive_; }
+  void logWithLevel(LogLevel, LogDate, std::string_view text) override { sum += text.size(); }
+
+  std::atomic<std::size_t> sum{0};
+
+ private:
+  std::atomic<int>& alive_;
+};
+
+TEST_F(LoggerTest, BearsNewHandlersWhileOthersLog) {
+  std::atomic<int> alive{0};
+  std::atomic<bool> isOver{false};
+  std::vector<std::thread> loggers;
+  for (int i = 0; i < 3; ++i) {
+    loggers.emplace_back([&] {
+      while (!isOver)
+        logger.log(
+            LogLevel::info, [] { return "t"; }, "f", "f", 1);
+    });
+  }
+  for (int i = 0; i < 300; ++i) {
+    logger.setHandlers({std::make_shared<Counter>(alive), std::make_shared<Counter>(alive)});
+    logger.setLogLevel(i % 2 == 0 ? LogLevel::info : LogLevel::debug);
+  }
+  isOver = true;
+  for (auto& thread : loggers) thread.join();
+  EXPECT_EQ(alive, 2);
+  logger.setHandlers({});
+  EXPECT_EQ(alive, 0);
+}
+
+TEST(LogLevel, IsMadeFromItsNameOrRawValueOnly) {
+  for (int raw = 0; raw <= 4; ++raw) {
+    const auto level = logLevel(raw);
+    ASSERT_TRUE(level.has_value());
+    EXPECT_EQ(logLevel(description(*level)), level);
+  }
+  EXPECT_EQ(logLevel("warning"), LogLevel::warning);
+  EXPECT_EQ(logLevel(3), LogLevel::warning);
+  for (const char* const other : {"Warning", "warn", " info", "info ", "", "fault"}) {
+    EXPECT_FALSE(logLevel(std::string_view(other)).has_value()) << other;
+  }
+  EXPECT_FALSE(logLevel(-1).has_value());
+  EXPECT_FALSE(logLevel(5).has_value());
+}
+
+TEST(LogRecord, NamesRotatedFiles) {
+  EXPECT_EQ(rotatedFilePath("dir/name.log", 1), "dir/name.1.log");
+  EXPECT_EQ(rotatedFilePath("dir/name.log", 12), "dir/name.12.log");
+  EXPECT_EQ(rotatedFilePath("dir/name.log", 0), "dir/name.log");
+  EXPECT_EQ(rotatedFilePath("dir/name.log", -1), "dir/name.log");
+  EXPECT_EQ(rotatedFilePath("dir.d/name", 1), "dir.d/name.1.");
+  EXPECT_EQ(rotatedFilePath("dir/.name", 1), "dir/.name.1.");
+  EXPECT_EQ(rotatedFilePath("a.b.log", 1), "a.b.1.log");
+}
+
+}  // namespace
+}  // namespace velum

@@ -1,0 +1,119 @@
+// The handler of the system log with a real journal, which runs in mounts of its own.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <filesystem>
+#include <map>
+#include <sstream>
+#include <vector>
+
+#include "Velum/Logger/Handlers/OSLogHandler.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/PrivateMounts.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Waiting.h"
+
+namespace velum {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* daemonPath = "/lib/systemd/systemd-journald";
+constexpr const char* socketPath = "/run/systemd/journal/socket";
+
+// Starts a program whose output goes to `output`; it ends with its parent at the latest.
+test::ChildProcess start(const std::vector<std::string>& command, const std::string& output) {
+  return test::ChildProcess([&] {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const UniqueFd file(::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    ::dup2(file.get(), STDOUT_FILENO);
+    ::dup2(file.get(), STDERR_FILENO);
+    std::vector<char*> arguments;
+    for (const auto& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
+    arguments.push_back(nullptr);
+    ::execvp(arguments[0], arguments.data());
+    ::_exit(127);
+  });
+}
+
+// The fields asked for of the records of `identifier`, in the order they were written.
+std::vector<std::string> journalLines(const std::string& identifier, const std::string& field,
+                                      const std::string& output) {
+  start({"journalctl", "-D", "/run/log/journal", "-q", "-o", "cat", "--output-fields=" + field,
+         "SYSLOG_IDENTIFIER=" + identifier},
+        output)
+      .wait();
+  std::vector<std::string> lines;
+  std::istringstream text(test::readFile(output));
+  for (std::string line; std::getline(text, line);) lines.push_back(line);
+  return lines;
+}
+
+TEST(SystemLog, WritesRecordsToTheJournalWithPriorityIdentifierAndCategory) {
+  if (!fs::exists(daemonPath)) GTEST_SKIP() << "no journal is installed";
+  if (::geteuid() != 0) GTEST_SKIP() << "the journal runs as root only";
+  const test::TemporaryFolder folder;
+  test::inChild([&] {
+    if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
+    test::mountMemory("/run", "size=64m");
+    fs::create_directories("/run/systemd/journal");
+    fs::create_directories("/run/log/journal");
+    // It must neither read the machine's kernel log nor switch on its audit.
+    test::mountMemory("/etc/systemd", "size=1m");
+    test::writeFile("/etc/systemd/journald.conf",
+                    "[Journal]\nStorage=volatile\nAudit=no\nReadKMsg=no\nForwardToWall=no\n");
+    const auto daemon = start({daemonPath}, folder / "daemon");
+    ASSERT_TRUE(test::eventually([] { return fs::exists(socketPath); }))
+        << test::readFile(folder / "daemon");
+
+    OSLogHandler byDefault("com.example.vpn");
+    OSLogHandler other("com.example.vpn", "other");
+    byDefault.logWithLevel(LogLevel::info, {}, "100% %s\nof two lines");
+    byDefault.logWithLevel(LogLevel::warning, {}, "warning");
+    other.logWithLevel(LogLevel::error, {}, "error");
+
+    const std::string output = folder / "output";
+    const auto lines = [&](const char* field) {
+      return journalLines("com.example.vpn", field, output);
+    };
+    ASSERT_TRUE(test::eventually([&] { return lines("MESSAGE").size() == 4; }));
+    using Lines = std::vector<std::string>;
+    EXPECT_EQ(lines("MESSAGE"), (Lines{"100% %s", "of two lines", "warning", "error"}));
+    EXPECT_EQ(lines("PRIORITY"), (Lines{"5", "3", "2"}));
+    EXPECT_EQ(lines("VELUM_CATEGORY"), (Lines{"main", "main", "other"}));
+  });
+}
+
+TEST(SystemLog, WritesWarningsAndErrorsToStandardErrorWhereThereIsNoJournal) {
+  const test::TemporaryFolder folder;
+  const std::string output = folder / "output";
+  for (const bool isSocketLeft : {false, true}) {
+    test::inChild([&] {
+      if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
+      test::mountMemory("/run", "size=1m");
+      // What a stopped journal leaves behind is no journal either.
+      if (isSocketLeft) test::writeFile(socketPath, "");
+      OSLogHandler handler("com.example.vpn");
+      const UniqueFd standardError(::dup(STDERR_FILENO));
+      const UniqueFd file(::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+      ::dup2(file.get(), STDERR_FILENO);
+      handler.logWithLevel(LogLevel::info, {}, "info");
+      handler.logWithLevel(LogLevel::warning, {}, "warning %s");
+      handler.logWithLevel(LogLevel::error, {}, "error");
+      ::dup2(standardError.get(), STDERR_FILENO);
+      const std::string text = test::readFile(output);
+      EXPECT_EQ(text.find("info"), std::string::npos) << text;
+      EXPECT_NE(text.find("] warning %s\n"), std::string::npos) << text;
+      EXPECT_TRUE(text.ends_with("] error\n")) << text;
+    });
+    if (::testing::Test::IsSkipped() || ::testing::Test::HasFailure()) return;
+  }
+}
+
+}  // namespace
+}  // namespace velum

@@ -1,0 +1,114 @@
+#include "Velum/SyncAsync.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <optional>
+#include <thread>
+
+#include "Velum/ThreadLocal.h"
+#include "tests/support/Waiting.h"
+
+namespace velum {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(SyncAsync, RunsWorkInOrderAndWaitsForIt) {
+  SyncAsync runner("jobs");
+  std::string order;
+  for (char c = 'a'; c <= 'j'; ++c) runner.async([&order, c] { order += c; });
+  EXPECT_TRUE(runner.wait());
+  EXPECT_EQ(order, "abcdefghij");
+  std::counting_semaphore<1> unblock(0);
+  runner.async([&] { unblock.acquire(); });
+  EXPECT_FALSE(runner.wait(1ms));
+  unblock.release();
+  EXPECT_TRUE(runner.wait(test::deadline));
+}
+
+TEST(SerialJob, ReturnsTheValueOfABodyThatRunsElsewhere) {
+  const auto caller = std::this_thread::get_id();
+  const SyncAsync::SerialJob<std::unique_ptr<int>> job([caller] {
+    EXPECT_NE(std::this_thread::get_id(), caller);
+    return std::make_unique<int>(7);
+  });
+  EXPECT_EQ(*job.run(), 7);
+  EXPECT_EQ(*job.run(test::deadline).get(), 7) << "a job may run again";
+}
+
+TEST(SerialThrowingJob, HandsTheBodysErrorToTheCaller) {
+  const SyncAsync::SerialThrowingJob<int> failing([]() -> int { throw std::out_of_range("why"); });
+  EXPECT_THROW(failing.run(), std::out_of_range);
+  auto result = failing.run(test::deadline);
+  EXPECT_FALSE(result.hasValue());
+  EXPECT_FALSE(result.timedOut());
+  EXPECT_NE(result.error(), nullptr);
+  bool ran = false;
+  SyncAsync::SerialThrowingJob<void>([&] { ran = true; }).run();
+  EXPECT_TRUE(ran);
+}
+
+TEST(SerialThrowingJob, GivesUpWaitingWhileTheBodyRunsOn) {
+  const auto unblock = std::make_shared<std::counting_semaphore<1>>(0);
+  const auto isOver = std::make_shared<std::atomic<bool>>(false);
+  const SyncAsync::SerialThrowingJob<std::string> job([=] {
+    unblock->acquire();
+    isOver->store(true);
+    return std::string(1000, 'x');
+  });
+  auto result = job.run(1ms);
+  EXPECT_TRUE(result.timedOut());
+  EXPECT_FALSE(result.hasValue());
+  EXPECT_EQ(result.error(), nullptr);
+  EXPECT_THROW(std::move(result).get(), std::runtime_error);
+  unblock->release();
+  EXPECT_TRUE(test::eventually([&] { return isOver->load(); }));
+}
+
+TEST(SerialJob, MayWaitForOthersFromManyThreadsAtOnce) {
+  // Every body waits for a job of its own; there must be threads for all of them.
+  std::vector<std::thread> callers;
+  std::atomic<int> sum{0};
+  for (int i = 0; i < 12; ++i) {
+    callers.emplace_back([&] {
+      sum += SyncAsync::SerialJob<int>([] {
+               return SyncAsync::SerialJob<int>([] { return 1; }).run() + 1;
+             }).run();
+    });
+  }
+  for (auto& caller : callers) caller.join();
+  EXPECT_EQ(sum, 24);
+}
+
+TEST(ThreadLocal, HoldsAValuePerThreadAndPerHolder) {
+  int made = 0;
+  ThreadLocal<int> first([&] { return ++made; });
+  ThreadLocal<int> second([&] { return first.value() + 100; });
+  EXPECT_EQ(second.value(), 101);
+  first.value() = 50;
+  std::thread([&] { EXPECT_EQ(first.value(), 2); }).join();
+  EXPECT_EQ(first.value(), 50);
+  EXPECT_EQ(second.value(), 101);
+}
+
+TEST(ThreadLocal, ForgetsTheValuesOfAHolderThatIsGone) {
+  struct Counted {
+    explicit Counted(std::shared_ptr<int> token_) : token(std::move(token_)) {}
+    std::shared_ptr<int> token;
+  };
+  const auto token = std::make_shared<int>();
+  for (int i = 0; i < 50; ++i) {  // new holders come to stand where old ones stood
+    std::optional<ThreadLocal<Counted>> holder(std::in_place, [&] { return Counted(token); });
+    EXPECT_EQ(holder->value().token, token);
+  }
+  EXPECT_LE(token.use_count(), 3);
+  std::thread([&] {
+    ThreadLocal<Counted> holder([&] { return Counted(token); });
+    holder.value();
+  }).join();
+  EXPECT_LE(token.use_count(), 3);
+}
+
+}  // namespace
+}  // namespace velum

@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <charconv>
@@ -16,7 +16,7 @@ int main(int count, char** arguments) {
   const std::string_view digits(arguments[2]);
   pid_t watched = 0;
   std::from_chars(digits.begin(), digits.end(), watched);
-  const int process = ::pidfd_open(watched, 0);
+  const int process = static_cast<int>(::syscall(SYS_pidfd_open, watched, 0));
   if (process < 0) return EXIT_FAILURE;
 
   if (const char* text = std::getenv("VELUM_READY_FD")) {

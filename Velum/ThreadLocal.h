@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <functional>
 #include <memory>
 #include <unordered_map>
@@ -14,8 +15,8 @@ namespace velum {
 template <class Value>
 class ThreadLocal {
  public:
-  explicit ThreadLocal(std::function<Value()> initialize = [] { return Value{}; })
-      : initialize_(std::move(initialize)) {}
+  ThreadLocal() requires std::default_initializable<Value> : ThreadLocal([] { return Value{}; }) {}
+  explicit ThreadLocal(std::function<Value()> initialize) : initialize_(std::move(initialize)) {}
 
   /// The calling thread's value. The reference holds until the thread or the holder ends.
   Value& value() {

@@ -147,6 +147,7 @@ class Counter final : public LogHandlerProtocol {
 TEST_F(LoggerTest, BearsNewHandlersWhileOthersLog) {
   std::atomic<int> alive{0};
   std::atomic<bool> isOver{false};
+  logger.setHandlers({std::make_shared<Counter>(alive)});
   std::vector<std::thread> loggers;
   for (int i = 0; i < 3; ++i) {
     loggers.emplace_back([&] {

@@ -42,6 +42,12 @@ std::vector<pid_t> ProcessTable::ids() const {
 }
 
 std::optional<std::string> ProcessTable::bundleIdentifier(pid_t pid) {
+  const auto [known, isNew] = identifiers_.try_emplace(pid);
+  if (isNew) known->second = findIdentifier(pid);
+  return known->second;
+}
+
+std::optional<std::string> ProcessTable::findIdentifier(pid_t pid) const {
   if (!executables_.contains(pid)) return std::nullopt;
   if (const LaunchRecord* record = liveRecord(pid)) {
     if (!record->identifier.empty()) return record->identifier;

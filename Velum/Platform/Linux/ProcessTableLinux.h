@@ -31,6 +31,7 @@ class ProcessTable {
   /// user may not know, unless their launch is on record.
   std::vector<pid_t> ids() const;
 
+  /// Looked up once per process.
   std::optional<std::string> bundleIdentifier(pid_t pid);
 
   /// A process other than the leaving ones that is an instance of `bundle`, whose canonical path
@@ -38,6 +39,7 @@ class ProcessTable {
   std::optional<pid_t> instanceOf(const Bundle& bundle, const std::string& canonicalPath);
 
  private:
+  std::optional<std::string> findIdentifier(pid_t pid) const;
   const LaunchRecord* liveRecord(pid_t pid) const;
   /// The bundle whose main program the process runs.
   std::optional<Bundle> bundleOf(pid_t pid) const;
@@ -47,6 +49,7 @@ class ProcessTable {
   std::vector<pid_t> leaving_;
   std::map<pid_t, std::string> executables_;  // by process
   std::map<pid_t, LaunchRecord> records_;
+  std::map<pid_t, std::optional<std::string>> identifiers_;  // of those that were asked for
 };
 
 }  // namespace velum

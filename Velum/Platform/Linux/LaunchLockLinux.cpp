@@ -38,7 +38,7 @@ UniqueFd openLockFile(const std::string& bundle) {
   const std::string path = fmt::format("{}/{}{:016x}", *folder, filePrefix, hash(bundle));
   UniqueFd file = openFile(path, O_RDWR | O_CREAT);
   if (!file) {
-    logDebug({"Velum/Workspace", "LaunchLock"}, "{}",
+    logDebug({"Velum/Workspace", "openLockFile(_:)"}, "{}",
              lastSystemError("open (" + path + ")").what());
   }
   return file;
@@ -56,8 +56,8 @@ std::optional<std::string_view> nextField(std::string_view& text) {
 template <class Number>
 bool parseField(std::string_view& text, Number& number) {
   const std::optional<std::string_view> field = nextField(text);
-  return field && std::from_chars(field->data(), field->data() + field->size(), number).ec ==
-                      std::errc{};
+  return field &&
+         std::from_chars(field->data(), field->data() + field->size(), number).ec == std::errc{};
 }
 
 /// Readers without the lock may see a record that is just being written; it then lacks its end.
@@ -90,8 +90,7 @@ LaunchLock::LaunchLock(std::string canonicalPath)
 
 bool LaunchLock::tryAcquire() noexcept {
   if (!file_) return true;
-  const int result =
-      retryInterrupted([this] { return ::flock(file_.get(), LOCK_EX | LOCK_NB); });
+  const int result = retryInterrupted([this] { return ::flock(file_.get(), LOCK_EX | LOCK_NB); });
   return result == 0 || errno != EWOULDBLOCK;
 }
 
@@ -112,14 +111,13 @@ std::optional<LaunchRecord> LaunchLock::record() const {
 
 void LaunchLock::setRecord(LaunchRecord record) {
   if (!file_) return;
-  const std::string text =
-      fmt::format("{}{}{}{}{}{}{}{}", record.process, '\0', record.startTime, '\0', path_, '\0',
-                  record.identifier, '\0');
+  const std::string text = fmt::format("{}{}{}{}{}{}{}{}", record.process, '\0', record.startTime,
+                                       '\0', path_, '\0', record.identifier, '\0');
   if (::ftruncate(file_.get(), 0) == 0 &&
       ::pwrite(file_.get(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size())) {
     return;
   }
-  logDebug({"Velum/Workspace", "setRecord"}, "{}",
+  logDebug({"Velum/Workspace", "setRecord(_:)"}, "{}",
            lastSystemError("pwrite, launch record of " + path_).what());
 }
 

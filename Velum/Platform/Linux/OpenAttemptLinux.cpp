@@ -5,11 +5,11 @@
 #include <sys/wait.h>
 #include <systemd/sd-journal.h>
 
+#include <syslog.h>
 #include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <syslog.h>
 
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/ControlGroupLinux.h"
@@ -82,7 +82,8 @@ void OpenAttempt::start() {
     proceedLocked(false);
     return;
   }
-  logDebug(site("openApplication"), "Waiting for another opener of {}", bundle_.path);
+  logDebug(site("openApplication(at:configuration:completion:)"),
+           "Waiting for another opener of {}", bundle_.path);
   DispatchQueue::global().async([self = shared_from_this()] {
     self->lock_.acquire();
     DispatchQueue::main().async([self] { self->proceedLocked(true); });
@@ -91,7 +92,8 @@ void OpenAttempt::start() {
 
 void OpenAttempt::proceedLocked(bool hasWaited) {
   if (const std::optional<pid_t> running = runningInstance(hasWaited)) {
-    logDebug(site("openApplication"), "Process {} is an instance already", *running);
+    logDebug(site("openApplication(at:configuration:completion:)"),
+             "Process {} is an instance already", *running);
     conclude(std::nullopt);
   } else {
     launch();
@@ -143,9 +145,11 @@ void OpenAttempt::watchProcess() {
         process_, DispatchQueue::main(),
         [self = shared_from_this()](int status) { self->processEnded(status); });
   } catch (const SystemError& error) {
-    logDebug(site("openApplication"), "Process {} can't be watched: {}", process_, error.what());
+    logDebug(site("openApplication(at:configuration:completion:)"),
+             "Process {} can't be watched: {}", process_, error.what());
   }
-  DispatchQueue::main().asyncAfter(launchGrace, [self = shared_from_this()] { self->graceEnded(); });
+  DispatchQueue::main().asyncAfter(launchGrace,
+                                   [self = shared_from_this()] { self->graceEnded(); });
 }
 
 void OpenAttempt::moveOutOfOldControlGroup() {
@@ -154,10 +158,11 @@ void OpenAttempt::moveOutOfOldControlGroup() {
   DispatchQueue::global().async([self = shared_from_this(), scope] {
     const std::optional<std::string> error = startScope(scope, scopeTimeout);
     if (error) {
-      logDebug(site("openApplication"), "Process {} stays in this control group: {}", scope.process,
-               *error);
+      logDebug(site("openApplication(at:configuration:completion:)"),
+               "Process {} stays in this control group: {}", scope.process, *error);
     } else {
-      logDebug(site("openApplication"), "Process {} is in {}", scope.process, scope.name);
+      logDebug(site("openApplication(at:configuration:completion:)"), "Process {} is in {}",
+               scope.process, scope.name);
     }
     DispatchQueue::main().async([self] {
       self->isOutOfOldControlGroup_ = true;
@@ -202,9 +207,8 @@ void OpenAttempt::conclude(std::optional<std::string> error) {
   isConcluded_ = true;
   lock_.release();
   if (error) error = repairedUtf8(*error);
-  DispatchQueue::main().async([completion = std::move(completion_), error = std::move(error)] {
-    completion(error);
-  });
+  DispatchQueue::main().async(
+      [completion = std::move(completion_), error = std::move(error)] { completion(error); });
 }
 
 }  // namespace velum

@@ -97,12 +97,10 @@ std::optional<ProcessStatus> ProcessStatus::parse(std::string_view line) {
   ProcessStatus status;
   if (fields[3].size() != 1) return std::nullopt;
   status.state = fields[3][0];
-  const bool isWhole = parseNumber(fields[4], status.parent) &&
-                       parseNumber(fields[5], status.group) &&
-                       parseNumber(fields[6], status.session) &&
-                       parseNumber(fields[9], status.flags) &&
-                       parseNumber(fields[20], status.threads) &&
-                       parseNumber(fields[22], status.startTime);
+  const bool isWhole =
+      parseNumber(fields[4], status.parent) && parseNumber(fields[5], status.group) &&
+      parseNumber(fields[6], status.session) && parseNumber(fields[9], status.flags) &&
+      parseNumber(fields[20], status.threads) && parseNumber(fields[22], status.startTime);
   return isWhole ? std::optional(status) : std::nullopt;
 }
 

@@ -105,12 +105,12 @@ struct Job {
 
 void appendScope(sd_bus_message* message, const TransientScope& scope) {
   // Name, what to do with conflicting jobs, properties, no further units.
-  const int result = sd_bus_message_append(
-      message, "ssa(sv)a(sa(sv))", scope.name.c_str(), "fail", 4,                    //
-      "Description", "s", scope.description.c_str(),                                 //
-      "Slice", "s", "app.slice",                                                     //
-      "CollectMode", "s", "inactive-or-failed",                                      //
-      "PIDs", "au", 1, static_cast<std::uint32_t>(scope.process), 0);
+  const int result =
+      sd_bus_message_append(message, "ssa(sv)a(sa(sv))", scope.name.c_str(), "fail", 4,  //
+                            "Description", "s", scope.description.c_str(),               //
+                            "Slice", "s", "app.slice",                                   //
+                            "CollectMode", "s", "inactive-or-failed",                    //
+                            "PIDs", "au", 1, static_cast<std::uint32_t>(scope.process), 0);
   Conversation::check(result, "StartTransientUnit");
 }
 

@@ -34,7 +34,8 @@ void leaveServiceOf(pid_t process) {
   const TransientScope scope{fmt::format("velum-observer-{}.scope", ::getpid()),
                              fmt::format("Observer of process {}", process), ::getpid()};
   if (const std::optional<std::string> error = startScope(scope, timeout)) {
-    logDebug(site("addObserver"), "This process stays in {}: {}", *own, *error);
+    logDebug(site("addObserver(_:forKeyPath:processOfInterest:)"), "This process stays in {}: {}",
+             *own, *error);
   }
 }
 
@@ -100,9 +101,8 @@ void WorkspaceLinux::addObserver(WorkspaceObserver& observer, std::string_view k
 }
 
 void WorkspaceLinux::removeObserver(WorkspaceObserver& observer, std::string_view keyPath) {
-  watches_.remove_if([&](const Watch& watch) {
-    return watch.observer == &observer && watch.keyPath == keyPath;
-  });
+  watches_.remove_if(
+      [&](const Watch& watch) { return watch.observer == &observer && watch.keyPath == keyPath; });
 }
 
 bool WorkspaceLinux::isOrphaned(pid_t launcher) {
@@ -143,7 +143,8 @@ UniqueFd WorkspaceLinux::pinned(pid_t process) const {
   // Read after the process is pinned: it is this one's, or nothing.
   const std::optional<ProcessStatus> status = ProcessStatus::of(process);
   if (status && status->startTime > newestStart_) {
-    logDebug(site("addObserver"), "The number {} belongs to a later process", process);
+    logDebug(site("addObserver(_:forKeyPath:processOfInterest:)"),
+             "The number {} belongs to a later process", process);
     return {};
   }
   return pin;
@@ -163,7 +164,7 @@ void WorkspaceLinux::processEnded(std::uint64_t number) {
   watch->end.reset();
   watch->pin.reset();
   processes_.reset();
-  logDebug(site("processEnded"), "Process {} has ended", watch->process);
+  logDebug(site("processEnded(_:)"), "Process {} has ended", watch->process);
   // Last, because it may remove the observer.
   watch->observer->observeValue(runningApplicationsKeyPath);
 }

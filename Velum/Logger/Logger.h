@@ -119,8 +119,9 @@ inline Logger& Logger::shared() noexcept {
 template <class... Arguments>
 inline void log(LogLevel level, const LogSite& site, fmt::format_string<Arguments...> format,
                 Arguments&&... arguments) {
-  if (!Logger::shared().passes(level)) [[likely]]
+  if (!Logger::shared().passes(level)) [[likely]] {
     return;
+  }
   // The place goes in parts: handed on as a whole, it would be stored before the level is checked.
   detail::logFormatted(level, {site.file.data(), site.file.size()},
                        {site.function.data(), site.function.size()}, site.line, format,

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <asio/bind_executor.hpp>
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
@@ -15,7 +16,9 @@
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
+#include <cstddef>
 #include <mutex>
+#include <new>
 #include <system_error>
 #include <thread>
 
@@ -319,8 +322,8 @@ class ReadableSource final : public DispatchSource {
       state_->cancel();
     } else {
       // Its reactor belongs to the parent, which may have held the locks: not even closed here.
-      [[maybe_unused]] const auto* const abandoned =
-          new std::shared_ptr<ReadableState>(state_);  // NOLINT(*-owning-memory)
+      alignas(std::shared_ptr<ReadableState>) std::array<std::byte, sizeof(state_)> abandoned{};
+      new (abandoned.data()) std::shared_ptr<ReadableState>(state_);  // a reference for good
     }
   }
 

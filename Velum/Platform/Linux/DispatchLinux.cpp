@@ -287,6 +287,10 @@ class ReadableState : public std::enable_shared_from_this<ReadableState> {
     });
   }
 
+  /// For a forked child: the reactor belongs to the parent, which may have held its locks, so that
+  /// the descriptor can't even be closed.
+  void keepForEver() noexcept { self_ = shared_from_this(); }
+
  private:
   bool isCancelled() const noexcept { return cancelled_.load(std::memory_order_acquire); }
 
@@ -302,6 +306,7 @@ class ReadableState : public std::enable_shared_from_this<ReadableState> {
   Work handler_;
   std::atomic<bool> cancelled_{false};
   asio::posix::stream_descriptor stream_;
+  std::shared_ptr<ReadableState> self_;
 };
 
 class ReadableSource final : public DispatchSource {
@@ -318,9 +323,7 @@ class ReadableSource final : public DispatchSource {
     if (generation_ == forkGeneration()) {
       state_->cancel();
     } else {
-      // Its reactor belongs to the parent, which may have held the locks: not even closed here.
-      [[maybe_unused]] const auto* const abandoned =
-          new std::shared_ptr<ReadableState>(state_);  // NOLINT(*-owning-memory)
+      state_->keepForEver();
     }
   }
 

@@ -48,8 +48,12 @@ class RecordBuffer {
   // Records may come after the end of the thread's storage: from exit handlers and from destructors
   // of static objects. Then nothing is kept.
   struct Kept {
-    std::string text;
+    Kept() = default;
+    Kept(const Kept&) = delete;
+    Kept& operator=(const Kept&) = delete;
     ~Kept() { isOver = true; }
+
+    std::string text;
   };
 
   static constexpr std::size_t mostKept = 65536;

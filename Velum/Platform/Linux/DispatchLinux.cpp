@@ -290,6 +290,10 @@ class ReadableState : public std::enable_shared_from_this<ReadableState> {
     });
   }
 
+  /// For a forked child: the reactor belongs to the parent, which may have held its locks, so that
+  /// the descriptor can't even be closed.
+  void keepForEver() noexcept { self_ = shared_from_this(); }
+
  private:
   bool isCancelled() const noexcept { return cancelled_.load(std::memory_order_acquire); }
 
@@ -305,6 +309,7 @@ class ReadableState : public std::enable_shared_from_this<ReadableState> {
   Work handler_;
   std::atomic<bool> cancelled_{false};
   asio::posix::stream_descriptor stream_;
+  std::shared_ptr<ReadableState> self_;
 };
 
 class ReadableSource final : public DispatchSource {
@@ -321,9 +326,7 @@ class ReadableSource final : public DispatchSource {
     if (generation_ == forkGeneration()) {
       state_->cancel();
     } else {
-      // Its reactor belongs to the parent, which may have held the locks: not even closed here.
-      alignas(std::shared_ptr<ReadableState>) std::array<std::byte, sizeof(state_)> abandoned{};
-      new (abandoned.data()) std::shared_ptr<ReadableState>(state_);  // a reference for good
+      state_->keepForEver();
     }
   }
 

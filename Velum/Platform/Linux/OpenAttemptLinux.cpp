@@ -155,20 +155,27 @@ void OpenAttempt::watchProcess() {
 void OpenAttempt::moveOutOfOldControlGroup() {
   const TransientScope scope{applicationScopeName(nameOf(bundle_), process_), nameOf(bundle_),
                              process_};
+  if (!mayHaveUserBus()) {  // no reason to wake a thread beside the new application
+    movedOutOfOldControlGroup(scope, "there is no user bus");
+    return;
+  }
   DispatchQueue::global().async([self = shared_from_this(), scope] {
-    const std::optional<std::string> error = startScope(scope, scopeTimeout);
-    if (error) {
-      logDebug(site("openApplication(at:configuration:completion:)"),
-               "Process {} stays in this control group: {}", scope.process, *error);
-    } else {
-      logDebug(site("openApplication(at:configuration:completion:)"), "Process {} is in {}",
-               scope.process, scope.name);
-    }
-    DispatchQueue::main().async([self] {
-      self->isOutOfOldControlGroup_ = true;
-      self->concludeWhenReady();
+    DispatchQueue::main().async([self, scope, error = startScope(scope, scopeTimeout)] {
+      self->movedOutOfOldControlGroup(scope, error);
     });
   });
+}
+
+void OpenAttempt::movedOutOfOldControlGroup(const TransientScope& scope,
+                                            const std::optional<std::string>& error) {
+  const LogSite place = site("openApplication(at:configuration:completion:)");
+  if (error) {
+    logDebug(place, "Process {} stays in this control group: {}", scope.process, *error);
+  } else {
+    logDebug(place, "Process {} is in {}", scope.process, scope.name);
+  }
+  isOutOfOldControlGroup_ = true;
+  concludeWhenReady();
 }
 
 void OpenAttempt::processEnded(int status) {

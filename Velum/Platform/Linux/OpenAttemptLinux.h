@@ -10,6 +10,7 @@
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/LaunchLockLinux.h"
+#include "Velum/Platform/Linux/UserManagerLinux.h"
 #include "Velum/Platform/Workspace.h"
 
 namespace velum {
@@ -38,6 +39,8 @@ class OpenAttempt : public std::enable_shared_from_this<OpenAttempt> {
   void recordLaunch();
   void watchProcess();
   void moveOutOfOldControlGroup();
+  void movedOutOfOldControlGroup(const TransientScope& scope,
+                                 const std::optional<std::string>& error);
   void processEnded(int status);
   void graceEnded();
   void concludeWhenReady();

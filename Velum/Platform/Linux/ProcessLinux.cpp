@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,11 +26,10 @@ constexpr pid_t kernelThreadParent = 2;
 std::string contents(const std::string& path) {
   const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file) return {};
-  std::string text(4096, '\0');
+  std::array<char, 4096> text;  // NOLINT(*-member-init): read for every process, filled just below
   const ssize_t size =
       retryInterrupted([&] { return ::read(file.get(), text.data(), text.size()); });
-  text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
-  return text;
+  return {text.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
 }
 
 /// Takes the next word off `text`.
@@ -138,6 +138,9 @@ std::optional<std::string> controlGroup(std::string_view text) {
 }
 
 std::optional<std::string> controlGroupOf(pid_t pid) {
+  // Without it no group says anything of a process, and there is one file to read for each.
+  static const bool hasServiceManager = ::sd_booted() > 0;
+  if (!hasServiceManager) return std::nullopt;
   return controlGroup(contents(fmt::format("/proc/{}/cgroup", pid)));
 }
 

@@ -37,7 +37,7 @@ struct ProcessStatus {
 std::optional<std::string> executableOf(pid_t pid);
 
 /// The control group of a process as the service manager sees it; nothing where everything is in
-/// the root.
+/// the root, or where the machine has no such manager.
 std::optional<std::string> controlGroupOf(pid_t pid);
 /// The same, from the text of /proc/PID/cgroup.
 std::optional<std::string> controlGroup(std::string_view text);

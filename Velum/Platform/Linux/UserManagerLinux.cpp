@@ -1,9 +1,11 @@
 #include "Velum/Platform/Linux/UserManagerLinux.h"
 
 #include <systemd/sd-bus.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string_view>
 
@@ -132,6 +134,12 @@ void startScopeOrThrow(const TransientScope& scope, std::chrono::microseconds ti
 }
 
 }  // namespace
+
+bool mayHaveUserBus() {
+  if (std::getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr) return true;
+  const char* const folder = std::getenv("XDG_RUNTIME_DIR");
+  return folder != nullptr && ::access((std::string(folder) + "/bus").c_str(), F_OK) == 0;
+}
 
 std::optional<std::string> startScope(const TransientScope& scope,
                                       std::chrono::microseconds timeout) {

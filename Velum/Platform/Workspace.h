@@ -61,13 +61,16 @@ class Workspace {
 
   static constexpr std::string_view runningApplicationsKeyPath = "runningApplications";
 
-  /// Every live process; one that ended and was not yet reaped by its parent is not live.
+  /// Every live process whose program this user may know, and every process of interest; one that
+  /// ended and was not yet reaped by its parent is not live. Call on the main thread. The list
+  /// changes between two turns of the event loop, never within one.
   virtual std::vector<RunningApplication> runningApplications() = 0;
 
   /// Tells `observer` of changes of `keyPath` until it is removed. `processOfInterest` is the
   /// process whose end the observer waits for: it is pinned now, so that a later process with the
   /// same id is told from it (and is not listed under that id). When it is gone already, the
-  /// change is reported from the event loop all the same. Call on the main thread.
+  /// change is reported from the event loop all the same. Throws SystemError when it is there and
+  /// can't be pinned (no descriptor left, or a system without the means). Call on the main thread.
   virtual void addObserver(WorkspaceObserver& observer, std::string_view keyPath,
                            pid_t processOfInterest) = 0;
   virtual void removeObserver(WorkspaceObserver& observer, std::string_view keyPath) = 0;
@@ -81,7 +84,7 @@ class Workspace {
   /// process lives in a session of its own with no descriptor of this process, default signals,
   /// this process's environment, "/" as working directory and the system log as its output; it
   /// outlives this process. It counts as opened when it still runs, or ended with status 0, after
-  /// its first 250 ms.
+  /// its first 250 ms. Call on the main thread.
   virtual void openApplication(const std::string& path, const OpenConfiguration& configuration,
                                OpenCompletion completion) = 0;
 };

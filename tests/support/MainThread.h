@@ -10,14 +10,18 @@
 
 namespace velum::test {
 
-/// Runs the main queue on a thread of its own, which ends with the process, and `work` on it.
-/// Returns what `work` returned.
-template <class Work>
-auto onMain(Work work) {
+/// Starts the thread that runs the main queue until the process ends. There is only one.
+inline void startMainThread() {
   [[maybe_unused]] static const bool isRunning = [] {
     std::thread([] { Application::shared().run(); }).detach();
     return true;
   }();
+}
+
+/// Runs `work` on the main queue's thread and returns what it returned.
+template <class Work>
+auto onMain(Work work) {
+  startMainThread();
   auto task = std::make_shared<std::packaged_task<std::invoke_result_t<Work>()>>(std::move(work));
   DispatchQueue::main().async([task] { (*task)(); });
   return task->get_future().get();

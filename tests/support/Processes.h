@@ -11,6 +11,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <optional>
@@ -68,11 +69,13 @@ class Family {
     }
   }
 
-  /// The children of this process, ended ones included.
+  /// The children of this process, of all its threads, ended ones included.
   static std::vector<pid_t> children() {
-    std::ifstream file("/proc/self/task/" + std::to_string(::getpid()) + "/children");
     std::vector<pid_t> pids;
-    for (pid_t pid = 0; file >> pid;) pids.push_back(pid);
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+      std::ifstream file(thread.path() / "children");
+      for (pid_t pid = 0; file >> pid;) pids.push_back(pid);
+    }
     return pids;
   }
 };

@@ -42,6 +42,9 @@ status=$?
 # As the first process of this namespace, this shell alone survives.
 echo 0 >/sys/fs/cgroup/cgroup.procs
 kill -KILL -1
-wait
-find "${group%/*}" -depth -type d -exec rmdir {} + 2>/dev/null
+remove_group() {
+  find "${group%/*}" -depth -type d -exec rmdir {} + 2>/dev/null
+  ! test -d "${group%/*}"
+}
+(wait_for remove_group) # whose failure is not the command's
 exit $status

@@ -47,6 +47,7 @@ class ProcessTable {
   static std::optional<std::string> desktopIdentifier(pid_t pid);
 
   std::vector<pid_t> leaving_;
+  bool hasDesktopGroups_;
   std::map<pid_t, std::string> executables_;  // by process
   std::map<pid_t, LaunchRecord> records_;
   std::map<pid_t, std::optional<std::string>> identifiers_;  // of those that were asked for

@@ -98,6 +98,15 @@ void WorkspaceLinux::addObserver(WorkspaceObserver& observer, std::string_view k
   }
   watches_.push_back(std::move(watch));
   processes_.reset();  // it knows nothing of this process of interest
+  DispatchQueue::main().async([this] { rehearse(); });
+}
+
+/// What the kernel is asked for the first time, and code that runs for the first time, takes
+/// several times as long as later. So that happens while there is nothing to do yet, and not when
+/// the application has ended and every moment counts.
+void WorkspaceLinux::rehearse() {
+  ProcessTable& table = processes();
+  for (const pid_t id : table.ids()) static_cast<void>(table.bundleIdentifier(id));
 }
 
 void WorkspaceLinux::removeObserver(WorkspaceObserver& observer, std::string_view keyPath) {

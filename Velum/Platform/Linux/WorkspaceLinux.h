@@ -47,6 +47,7 @@ class WorkspaceLinux final : public Workspace {
   UniqueFd pinned(pid_t process) const;
   static bool hasEnded(const Watch& watch);
   void processEnded(std::uint64_t number);
+  void rehearse();
   /// The processes as of this turn of the main loop, which is when the system's own list changes
   /// on other systems too; one callback's several looks at it cost one scan.
   ProcessTable& processes();

@@ -17,15 +17,10 @@ step() {
   "$@" >"$log" 2>&1 </dev/null || status=$?
   local verdict=ok
   [[ $status -eq 0 ]] || verdict="FAILED, status $status"
-  printf '%6.1f s  %s\n' "$(bc_minus "$EPOCHREALTIME" "$start")" "$verdict"
+  local tenths=$(((${EPOCHREALTIME/[.,]/} - ${start/[.,]/}) / 100000))
+  printf '%4d.%d s  %s\n' $((tenths / 10)) $((tenths % 10)) "$verdict"
   if [[ $status -ne 0 ]]; then cat "$log"; fi
   return "$status"
-}
-
-# The difference of two times in seconds with six decimals, as $EPOCHREALTIME gives them.
-bc_minus() {
-  local difference=$((${1/[.,]/} - ${2/[.,]/}))
-  printf '%d.%06d' $((difference / 1000000)) $((difference % 1000000))
 }
 
 # build <preset> [<target>...]: configures where needed, then builds.

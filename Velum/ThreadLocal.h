@@ -21,14 +21,14 @@ class ThreadLocal {
   /// The calling thread's value. The reference holds until the thread or the holder ends.
   Value& value() {
     Slots& slots = threadSlots();
-    const auto found = slots.find(identity_.get());
+    const char* const key = identity_.get();
+    const auto found = slots.find(key);
     // An expired slot belongs to an earlier holder that lived at the same address.
     if (found != slots.end() && !found->second.holder.expired()) return *found->second.value;
     std::erase_if(slots, [](const auto& slot) { return slot.second.holder.expired(); });
     // Made first: the initializer may use this holder's or another holder's value itself.
     auto fresh = std::make_unique<Value>(initialize_());
-    return *slots.insert_or_assign(identity_.get(), Slot{identity_, std::move(fresh)})
-                .first->second.value;
+    return *slots.insert_or_assign(key, Slot{identity_, std::move(fresh)}).first->second.value;
   }
 
  private:

@@ -32,8 +32,8 @@ class KeepingHandler final : public LogHandlerProtocol {
 
 class FileUtilsTest : public ::testing::Test {
  protected:
-  FileUtilsTest() { Logger::shared().setHandlers({log}); }
-  ~FileUtilsTest() override { Logger::shared().setHandlers({}); }
+  void SetUp() override { Logger::shared().setHandlers({log}); }
+  void TearDown() override { Logger::shared().setHandlers({}); }
 
   std::string make(const std::string& name, std::time_t modified = 1000) const {
     test::writeFile(folder / name, name);

@@ -14,6 +14,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include "Velum/Logger/Handlers/FileLogHandler.h"
@@ -34,6 +35,7 @@ namespace fs = std::filesystem;
 constexpr const char* subsystem = "com.example.vpn";
 constexpr int processes = 8;
 constexpr int threadsEach = 4;
+constexpr std::size_t allThreads = 32;
 
 RotationPolicy neverChecked() {
   RotationPolicy policy;
@@ -70,21 +72,29 @@ class FileLogHandlerStressTest : public ::testing::Test {
                                   {&FileEvents::shared(), std::move(log)});
   }
 
-  // Several threads write records that tell which they are and how many came before them. Threads
-  // that do nothing but log keep all others from the locks, so `pause` lets those have their turn.
-  static void writeNumbered(FileLogHandler& handler, int threads, int records,
-                            std::chrono::microseconds pause) {
+  // Writes records that tell which thread they are of and how many came before them, without
+  // allocating once it is under way. Threads that do nothing but log keep all others from the
+  // locks, so `pause` lets those have their turn.
+  static void writeNumbered(FileLogHandler& handler, int records, std::chrono::microseconds pause,
+                            const std::function<bool(int)>& goesOn = {}) {
+    const std::string fill(100 + currentThreadId() % 50, 'f');
+    fmt::memory_buffer text;
+    for (int i = 0; i < records; ++i) {
+      text.clear();
+      fmt::format_to(std::back_inserter(text), "{} {} {} {}", currentProcessId(), currentThreadId(),
+                     i, fill);
+      handler.logWithLevel(LogLevel::info, std::chrono::system_clock::now(),
+                           {text.data(), text.size()});
+      if (pause > 0us) std::this_thread::sleep_for(pause);
+      if (goesOn && !goesOn(i)) return;
+    }
+  }
+
+  static void writeFromThreads(FileLogHandler& handler, int threads, int records,
+                               std::chrono::microseconds pause) {
     std::vector<std::thread> writers;
     for (int thread = 0; thread < threads; ++thread) {
-      writers.emplace_back([&handler, records, pause] {
-        const std::string fill(100 + currentThreadId() % 50, 'f');
-        for (int i = 0; i < records; ++i) {
-          handler.logWithLevel(
-              LogLevel::info, std::chrono::system_clock::now(),
-              fmt::format("{} {} {} {}", currentProcessId(), currentThreadId(), i, fill));
-          if (pause > 0us) std::this_thread::sleep_for(pause);
-        }
-      });
+      writers.emplace_back([&handler, records, pause] { writeNumbered(handler, records, pause); });
     }
     for (auto& writer : writers) writer.join();
   }
@@ -100,7 +110,7 @@ class FileLogHandlerStressTest : public ::testing::Test {
         auto handler = open(policy, log);
         ready.send();
         ASSERT_TRUE(go.receive());
-        writeNumbered(*handler, threadsEach, records, pause);
+        writeFromThreads(*handler, threadsEach, records, pause);
         const std::weak_ptr<FileLogHandler> remains = handler;
         handler.reset();
         ASSERT_TRUE(test::eventually([&] { return remains.expired(); }));  // no check under way
@@ -124,7 +134,8 @@ class FileLogHandlerStressTest : public ::testing::Test {
       int process = 0;
       unsigned thread = 0;
       int number = 0;
-      if (std::sscanf(record.text.c_str(), "%d %u %d f", &process, &thread, &number) != 3) continue;
+      std::istringstream text(record.text);
+      if (!(text >> process >> thread >> number)) continue;
       EXPECT_EQ(process, record.process);
       EXPECT_EQ(thread, record.thread);
       EXPECT_TRUE(last.emplace(thread, -1).first->second < number) << "out of order";
@@ -161,8 +172,9 @@ TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileManyProcessesWriteAndRotate) 
     fs::create_hard_link(folder / "name.1.log",
                          folder / fmt::format("kept.{}.{}", ::getpid(), ++generation));
   };
-  for (auto& writer : startWriters(records, 0us, policy, keepGeneration))
+  for (auto& writer : startWriters(records, 0us, policy, keepGeneration)) {
     EXPECT_EQ(writer.wait(), 0);
+  }
 
   int generations = 0;
   for (const auto& entry : fs::directory_iterator(folder.path())) {
@@ -172,7 +184,7 @@ TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileManyProcessesWriteAndRotate) 
   }
   collect(path);
   EXPECT_GE(generations, 2);
-  expectAllOf(processes * threadsEach, records);
+  expectAllOf(allThreads, records);
 }
 
 TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileTheFileIsDeletedAndRenamedAgainAndAgain) {
@@ -202,7 +214,7 @@ TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileTheFileIsDeletedAndRenamedAga
 
   for (int i = 0; i < removed; ++i) collect(folder / fmt::format("kept.{}", i));
   if (fs::exists(path)) collect(path);
-  expectAllOf(processes * threadsEach, records);
+  expectAllOf(allThreads, records);
   EXPECT_GE(removed, 10);
   for (int i = 1; i < removed; ++i) {
     const auto read =
@@ -217,11 +229,14 @@ TEST_F(FileLogHandlerStressTest, LogsInBothProcessesAfterAForkAmongLoggingThread
   const auto handler = open(neverChecked());
   std::atomic<bool> isOver{false};
   std::vector<std::thread> loggers;
+  // No fork before they allocate no more: the address sanitizer's allocator does not bear that.
   std::latch running(2);
   for (int i = 0; i < 2; ++i) {
     loggers.emplace_back([&] {
-      running.count_down();
-      while (!isOver) writeNumbered(*handler, 1, 20, 100us);
+      writeNumbered(*handler, 1'000'000, 100us, [&](int number) {
+        if (number == 0) running.count_down();
+        return !isOver;
+      });
     });
   }
   running.wait();
@@ -229,10 +244,11 @@ TEST_F(FileLogHandlerStressTest, LogsInBothProcessesAfterAForkAmongLoggingThread
   for (int i = 0; i < forks; ++i) {
     test::ChildProcess child([&] {
       ::alarm(20);
-      writeNumbered(*handler, 2, 2, 0us);
+      writeFromThreads(*handler, 2, 2, 0us);
     });
     children.insert(child.pid());
-    ASSERT_EQ(child.wait(), 0) << "a child hung or failed";
+    EXPECT_EQ(child.wait(), 0) << "a child hung or failed";
+    if (HasFailure()) break;
   }
   isOver = true;
   for (auto& logger : loggers) logger.join();
@@ -240,7 +256,7 @@ TEST_F(FileLogHandlerStressTest, LogsInBothProcessesAfterAForkAmongLoggingThread
   collect(path);
   std::map<int, int> written;
   for (const auto& record : test::readRecords(test::readFile(path), subsystem).whole) {
-    if (children.count(record.process) != 0) ++written[record.process];
+    if (children.contains(record.process)) ++written[record.process];
   }
   EXPECT_EQ(written.size(), children.size());
   for (const auto& [process, count] : written) EXPECT_EQ(count, 4) << "of child " << process;
@@ -297,7 +313,7 @@ TEST_F(FileLogHandlerStressTest, LeavesWholeRecordsAndAFreeLockWhenAWriterIsKill
   const auto survivor = open(neverChecked());
   std::mt19937 random(4711);  // NOLINT(cert-msc*): the same kills in every run
   for (int round = 0; round < 50; ++round) {
-    test::ChildProcess victim([&] { writeNumbered(*survivor, threadsEach, 1'000'000, 20us); });
+    test::ChildProcess victim([&] { writeFromThreads(*survivor, threadsEach, 1'000'000, 20us); });
     const auto size = fs::file_size(path) + 200 + random() % 20'000;
     ASSERT_TRUE(test::eventually([&] { return fs::file_size(path) >= size; }));
     EXPECT_EQ(victim.kill(), SIGKILL);

@@ -89,7 +89,7 @@ TEST_F(FileLogHandlerTest, WritesEachRecordByteForByte) {
   std::tm local{};
   ::localtime_r(&seconds, &local);
   std::string written(19, ' ');
-  std::strftime(written.data(), 20, "%Y-%m-%d %H:%M:%S", &local);
+  ASSERT_EQ(std::strftime(written.data(), 20, "%Y-%m-%d %H:%M:%S", &local), 19U);
 
   handler->logWithLevel(LogLevel::info, date, "I: (main) first\nsecond line");
   handler->logWithLevel(LogLevel::error, date + 994ms + 999us, "x");

@@ -151,9 +151,10 @@ TEST_F(LoggerTest, BearsNewHandlersWhileOthersLog) {
   std::vector<std::thread> loggers;
   for (int i = 0; i < 3; ++i) {
     loggers.emplace_back([&] {
-      while (!isOver)
+      while (!isOver) {
         logger.log(
             LogLevel::info, [] { return "t"; }, "f", "f", 1);
+      }
     });
   }
   for (int i = 0; i < 300; ++i) {

@@ -117,7 +117,7 @@ TEST_F(RecordCostTest, ARecordIsThreeSystemCalls) {
     const LogDate date = std::chrono::system_clock::now();
     handler->logWithLevel(LogLevel::info, date, message);  // the child's first: opens the file
     if (::ptrace(PTRACE_TRACEME, 0, 0, 0) != 0) ::_exit(77);
-    ::raise(SIGSTOP);
+    ::kill(::getpid(), SIGSTOP);
     ::syscall(SYS_getppid);
     handler->logWithLevel(LogLevel::info, date, message);
     handler->logWithLevel(LogLevel::info, date, message);

@@ -243,7 +243,6 @@ TEST(DispatchSource, RefusesWhatCannotBeWatched) {
 }
 
 int statusOf(const std::function<void()>& body, int signal) {
-  std::fflush(stdout);
   const pid_t pid = ::fork();
   if (pid == 0) {
     body();

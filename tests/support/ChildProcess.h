@@ -20,14 +20,12 @@ class ChildProcess {
   static constexpr int skipped = 77;
 
   explicit ChildProcess(const std::function<void()>& body) {
-    std::fflush(stdout);
-    std::fflush(stderr);
+    flush();
     pid_ = ::fork();
     if (pid_ != 0) return;
     ::alarm(60);
     body();
-    std::fflush(stdout);
-    std::fflush(stderr);
+    flush();
     ::_exit(::testing::Test::HasFailure() ? 1 : ::testing::Test::IsSkipped() ? skipped : 0);
   }
   ChildProcess(ChildProcess&& other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
@@ -52,6 +50,11 @@ class ChildProcess {
   }
 
  private:
+  static void flush() {
+    static_cast<void>(std::fflush(stdout));
+    static_cast<void>(std::fflush(stderr));
+  }
+
   pid_t pid_ = -1;
 };
 

@@ -215,7 +215,11 @@ void Process::watch() {
     const std::lock_guard guard(lock_);  // the handler may run before the source is stored
     exitSource_ = DispatchSource::childExit(
         pid_, *queue_, [self = shared_from_this()](int status) { self->childEnded(status); });
-  } catch (const SystemError&) {
+  } catch (const SystemError& error) {
+    if (error.code() == ECHILD) {  // this process lets the system reap its children
+      return queue_->async(
+          [self = shared_from_this()] { self->childEnded(reapChild(self->pid_)); });
+    }
     if (collector_) queue_->async([collector = collector_] { collector->stop(); });
     throw;
   }

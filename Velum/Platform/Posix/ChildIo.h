@@ -30,7 +30,7 @@ std::size_t availableBytes(int reader) noexcept;
 ssize_t writeQuietly(int writer, std::string_view bytes) noexcept;
 
 /// A descriptor that becomes readable once `child` has ended and stays so. It stands for that
-/// process, not for its number. Throws SystemError.
+/// process, not for its number; one that was reaped already counts as ended. Throws SystemError.
 UniqueFd exitDescriptor(pid_t child);
 
 /// Waits until `child` has ended and returns its wait(2) status; its number is free again then.

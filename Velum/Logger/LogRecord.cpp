@@ -119,6 +119,29 @@ std::string makeRecordPrefix(LogDate date, std::string_view subsystem) {
   return prefix;
 }
 
+bool beginsRecord(std::string_view text) noexcept {
+  constexpr std::string_view pattern =
+      "\x1E"
+      "dddd-dd-dd dd:dd:dd";
+  static_assert(pattern.size() == recordStartSize);
+  return text.size() >= pattern.size() &&
+         std::equal(pattern.begin(), pattern.end(), text.begin(), [](char expected, char actual) {
+           return expected == 'd' ? actual >= '0' && actual <= '9' : actual == expected;
+         });
+}
+
+std::optional<std::string_view> recordSubsystem(std::string_view text) noexcept {
+  constexpr std::string_view identifiers = " 0123456789abcdef:";
+  constexpr std::size_t millisecondsSize = 4;
+  if (!beginsRecord(text)) return std::nullopt;
+  text = text.substr(0, mostPrefixSize);
+  const std::size_t open = text.find_first_not_of(identifiers, recordStartSize + millisecondsSize);
+  if (open == std::string_view::npos || text[open] != '[') return std::nullopt;
+  const std::size_t close = text.find(']', open);
+  if (close == std::string_view::npos) return std::nullopt;
+  return text.substr(open + 1, close - open - 1);
+}
+
 namespace {
 
 // Where the extension's dot stands in `path`; its size when there is none. A leading dot of the

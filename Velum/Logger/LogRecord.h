@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,6 +15,20 @@ namespace velum {
 ///
 /// A message may hold line feeds; only the byte 0x1E marks where the next record begins.
 inline constexpr char recordSeparator = '\x1E';
+
+/// The separator and the date to the second: what tells the start of a record from a separator
+/// inside a message.
+inline constexpr std::size_t recordStartSize = 20;
+
+/// True when `text` begins with the start of a record.
+bool beginsRecord(std::string_view text) noexcept;
+
+/// The subsystem of the record at the start of `text`: the name in the bracket after date, process
+/// and thread. Nothing when the prefix is another one or ends beyond `text`.
+std::optional<std::string_view> recordSubsystem(std::string_view text) noexcept;
+
+/// The most bytes `recordSubsystem` looks at.
+inline constexpr std::size_t mostPrefixSize = 512;
 
 /// Appends "2026-11-16 07:15:17.123": local time in the zone that was in force when the process
 /// first formatted a date; the year is not padded. Thread-safe; a thread pays for the calendar

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <ctime>
 #include <string>
 
@@ -10,6 +11,11 @@ namespace velum {
 /// file, and a failure leaves the old one. A symbolic link at `source` is followed.
 /// Returns 0 or an errno value.
 int cloneFile(const std::string& source, const std::string& target) noexcept;
+
+/// Copies `size` bytes between open files, at the given offsets, inside the kernel where that is
+/// possible. Stops early, without error, at the end of the source. Returns 0 or an errno value.
+int copyFileRange(int source, std::int64_t sourceOffset, int target, std::int64_t targetOffset,
+                  std::int64_t size) noexcept;
 
 /// Sets the creation time of an open file. Returns 0 or an errno value. Linux keeps a creation
 /// time that nobody can set: the call then does nothing and succeeds.

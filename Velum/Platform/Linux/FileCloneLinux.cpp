@@ -6,11 +6,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <new>
+#include <vector>
 
 #include "Velum/Platform/Posix/UniqueFd.h"
 
@@ -70,38 +73,67 @@ class Replacement {
   bool isNamed_ = false;
 };
 
-bool copyBytes(int from, int to) {
-  std::array<char, 65536> buffer{};
-  while (true) {
+/// What is still to be copied, and where.
+struct Span {
+  int from;
+  off_t fromOffset;
+  int to;
+  off_t toOffset;
+  std::int64_t left;
+
+  void advance(ssize_t count) {
+    fromOffset += count;
+    toOffset += count;
+    left -= count;
+  }
+};
+
+// By hand, for file systems between which the kernel does not copy.
+bool copyThroughBuffer(Span span) {
+  std::vector<char> buffer(1U << 20U);
+  while (span.left > 0) {
+    const auto most = std::min(static_cast<std::uint64_t>(span.left), buffer.size());
     const ssize_t got =
-        retryInterrupted([&] { return ::read(from, buffer.data(), buffer.size()); });
+        retryInterrupted([&] { return ::pread(span.from, buffer.data(), most, span.fromOffset); });
     if (got <= 0) return got == 0;
     for (ssize_t done = 0; done < got;) {
-      const ssize_t written = retryInterrupted(
-          [&] { return ::write(to, buffer.data() + done, static_cast<std::size_t>(got - done)); });
+      const ssize_t written = retryInterrupted([&] {
+        return ::pwrite(span.to, buffer.data() + done, static_cast<std::size_t>(got - done),
+                        span.toOffset + done);
+      });
       if (written < 0) return false;
       done += written;
     }
+    span.advance(got);
   }
+  return true;
+}
+
+bool copySpan(Span span) {
+  while (span.left > 0) {
+    // The kernel advances the offsets of the call, not those of the files.
+    off_t from = span.fromOffset;
+    off_t to = span.toOffset;
+    const ssize_t copied = retryInterrupted([&] {
+      return ::copy_file_range(span.from, &from, span.to, &to, static_cast<std::size_t>(span.left),
+                               0);
+    });
+    if (copied > 0) {
+      span.advance(copied);
+      continue;
+    }
+    const bool isUnsupported =
+        copied < 0 && (errno == EXDEV || errno == ENOSYS || errno == EOPNOTSUPP || errno == EINVAL);
+    // Nothing copied is the end of the file, or a file system that can't and does not say so.
+    return (copied == 0 || isUnsupported) && copyThroughBuffer(span);
+  }
+  return true;
 }
 
 bool copyContent(int from, int to) {
   if (::ioctl(to, FICLONE, from) == 0) return true;
-  constexpr std::size_t most = std::numeric_limits<ssize_t>::max() / 2;
-  bool isFirst = true;
-  while (true) {
-    const ssize_t copied =
-        retryInterrupted([&] { return ::copy_file_range(from, nullptr, to, nullptr, most, 0); });
-    if (copied > 0) {
-      isFirst = false;
-      continue;
-    }
-    // Some file systems can't, or say that they copied nothing (procfs): only then by hand.
-    if (copied == 0) return isFirst ? copyBytes(from, to) : true;
-    const bool isUnsupported =
-        errno == EXDEV || errno == ENOSYS || errno == EOPNOTSUPP || errno == EINVAL;
-    return isFirst && isUnsupported && copyBytes(from, to);
-  }
+  constexpr std::int64_t everything = std::numeric_limits<std::int64_t>::max() / 2;
+  return copySpan({from, 0, to, 0, everything});
 }
 
 bool copyAttributes(int to, const struct stat& status) {
@@ -126,6 +158,13 @@ int cloneFile(const std::string& source, const std::string& target) noexcept try
   const bool isDone = copyContent(from.get(), replacement.fd()) &&
                       copyAttributes(replacement.fd(), status) && replacement.publish();
   return isDone ? 0 : errno;
+} catch (const std::bad_alloc&) {
+  return ENOMEM;
+}
+
+int copyFileRange(int source, std::int64_t sourceOffset, int target, std::int64_t targetOffset,
+                  std::int64_t size) noexcept try {
+  return copySpan({source, sourceOffset, target, targetOffset, size}) ? 0 : errno;
 } catch (const std::bad_alloc&) {
   return ENOMEM;
 }

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Velum/Logger/LogSaving.h"
+#include "Velum/UnfairLock.h"
+
+namespace velum {
+
+/// Turns the log that FileLogHandlers write into files for support: one file with the whole log,
+/// or one per subsystem, restricted to dates. The log is the live file and its rotated
+/// predecessor; both are taken at one moment, under the lock that every writer takes, so that no
+/// record is cut and none is missing between them.
+///
+/// Runs on the caller's thread, any thread. Fails with SystemError; what stands in the target
+/// folder is then as it was but for files already finished, and nothing temporary is left.
+class FileLogManager {
+ public:
+  /// `logPath` is the live file; it need not exist yet.
+  explicit FileLogManager(std::string logPath) : logPath_(std::move(logPath)) {}
+
+  /// Saves into `folder`, replacing files of the same names, and returns the paths of the files.
+  /// `whole` without dates makes one file (see saveWholeLog); anything else makes
+  /// "<subsystem>.log" for each admitted subsystem that has records in the range.
+  std::vector<std::string> saveLogs(const LogSubsystemSelector& selector, const std::string& folder,
+                                    const LogSavingOpts& opts) const;
+
+  /// Saves the newest `maxSize` bytes of the log, the rotated file's before the live file's, into
+  /// one file with the live file's name. A piece that is not a whole file begins with a record,
+  /// unless its first 1 MiB holds no record separator. Returns the file's path.
+  std::string saveWholeLog(const std::string& folder,
+                           std::optional<std::int64_t> maxSize = std::nullopt) const;
+
+  /// Empties the log: the live file, in which one record says so, and the rotated one, which is
+  /// removed. Processes that have the log open go on writing into it.
+  void resetLog();
+
+ private:
+  /// A file of the log, newest first in lists.
+  struct TempFile {
+    std::string path;
+    std::int64_t size;
+    std::int64_t bytesBefore;  ///< The sizes of the newer files together.
+  };
+
+  std::vector<std::string> duplicateLogFiles(const std::string& folder) const;
+  std::vector<TempFile> prepareTempFiles(const std::string& folder,
+                                         std::optional<std::int64_t> maxSize) const;
+  static std::vector<std::string> doSaveLogs(const std::vector<TempFile>& files,
+                                             const LogSubsystemSelector& selector,
+                                             const std::string& folder, const LogSavingOpts& opts);
+
+  std::string logPath_;
+  UnfairLock lock_;  // of resetLog, against another thread's
+};
+
+/// Copies the first `maxSize` bytes of a file, or the last -`maxSize` where that is negative, to
+/// another file or to its end. With `seekSeparator` a copy that does not begin with the file
+/// begins with the first record separator in the first 1 MiB of the part, if there is one.
+/// A whole file that is not appended is cloned. Throws SystemError.
+void copyfile(const std::string& source, const std::string& destination, bool append,
+              std::int64_t maxSize, bool seekSeparator);
+
+}  // namespace velum

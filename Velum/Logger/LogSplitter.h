@@ -1,0 +1,51 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Velum/Logger/LogSaving.h"
+#include "Velum/Logger/LogSearch.h"
+
+namespace velum {
+
+/// Distributes records over one file per subsystem, "<subsystem>.log" in a folder. Bytes that
+/// follow a record's start belong to it up to the next record's start, whatever they are.
+///
+/// Memory is bounded: bytes are gathered per file and written out together. Throws SystemError.
+class LogSplitter {
+ public:
+  LogSplitter(std::string folder, const LogSubsystemSelector& selector, std::string_view caller)
+      : folder_(std::move(folder)), selector_(selector), caller_(caller) {}
+
+  /// Adds the records of `range`, which begins with a record or at the start of the file.
+  void add(LogReader& reader, LogRange range);
+
+  /// Writes what is still gathered. Returns the files, in the order of their first records.
+  std::vector<std::string> finish();
+
+ private:
+  struct Output {
+    std::string path;
+    std::string gathered;
+  };
+
+  std::size_t addRecords(std::string_view bytes, std::int64_t position, bool isLast);
+  void append(std::string_view bytes, std::int64_t position);
+  Output* outputFor(std::string_view record);
+  void reportSkipped();
+  void flush();
+
+  std::string folder_;
+  const LogSubsystemSelector& selector_;
+  std::string caller_;
+  std::map<std::string, Output, std::less<>> outputs_;
+  std::vector<std::string> paths_;
+  Output* current_ = nullptr;  // where the bytes before the next record go; null: nowhere
+  std::size_t gathered_ = 0;
+  std::optional<LogRange> skipped_;
+};
+
+}  // namespace velum

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+// Each function adds one command to its parent. The command runs while the command line is parsed
+// and throws UsageError, Failure or velum::SystemError when it fails.
+namespace velumctl {
+
+void addLogsShow(CLI::App& logs);
+void addLogsSave(CLI::App& logs);
+void addLogsReset(CLI::App& logs);
+
+}  // namespace velumctl

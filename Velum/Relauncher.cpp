@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <chrono>
 #include <csignal>
@@ -21,6 +20,7 @@
 #include <string_view>
 
 #include "Velum/Platform/Dispatch.h"
+#include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/SystemError.h"
@@ -61,12 +61,6 @@ std::string absolute(const std::string& path) {
   std::error_code error;
   const std::filesystem::path result = std::filesystem::absolute(path, error);
   return error ? path : result.native();
-}
-
-std::pair<UniqueFd, UniqueFd> makePipe() {
-  std::array<int, 2> ends{};
-  if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw lastSystemError("startRelauncher, pipe2");
-  return {UniqueFd(ends[0]), UniqueFd(ends[1])};
 }
 
 /// Waits for the helper's byte; the code of what came instead.
@@ -114,23 +108,12 @@ UniqueFd& readyDescriptor() {
   return descriptor;
 }
 
-/// Writes without SIGPIPE, which would end the helper just when the application died first.
-void writeByteQuietly(int descriptor) {
+/// Never blocks and gets no SIGPIPE, which would end the helper just when the application died
+/// first.
+void writeReadyByte(int descriptor) {
   pollfd state{descriptor, POLLOUT, 0};
   if (::poll(&state, 1, 0) != 1) return;  // full: whoever should read it does not
-  sigset_t brokenPipe{};
-  ::sigemptyset(&brokenPipe);
-  ::sigaddset(&brokenPipe, SIGPIPE);
-  sigset_t previous{};
-  ::pthread_sigmask(SIG_BLOCK, &brokenPipe, &previous);
-  const ssize_t size = retryInterrupted([&] { return ::write(descriptor, &readyByte, 1); });
-  sigset_t pending{};
-  if (size < 0 && errno == EPIPE && ::sigpending(&pending) == 0 &&
-      ::sigismember(&pending, SIGPIPE) == 1) {
-    int number = 0;
-    ::sigwait(&brokenPipe, &number);
-  }
-  ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  static_cast<void>(writeQuietly(descriptor, std::string_view(&readyByte, 1)));
 }
 
 }  // namespace
@@ -171,7 +154,7 @@ void adoptReadyDescriptor() noexcept {
 void reportReady() noexcept {
   adoptReadyDescriptor();
   UniqueFd& descriptor = readyDescriptor();
-  if (descriptor) writeByteQuietly(descriptor.get());
+  if (descriptor) writeReadyByte(descriptor.get());
   descriptor.reset();
 }
 

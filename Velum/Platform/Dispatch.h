@@ -73,7 +73,8 @@ class DispatchSource {
                                                   Work handler);
 
   /// Calls `handler` on `queue` once, when the child process `pid` has ended, with its wait(2)
-  /// status; the child is reaped by then. `pid` must be a child nobody else waits for.
+  /// status; the child is reaped by then. `pid` must be a child nobody else waits for: else the
+  /// status reads as an exit with 255.
   /// Throws SystemError when there is no such child.
   static std::unique_ptr<DispatchSource> childExit(int pid, DispatchQueue& queue,
                                                    std::function<void(int status)> handler);

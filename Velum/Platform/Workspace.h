@@ -84,6 +84,10 @@ class Workspace {
   /// its first 250 ms.
   virtual void openApplication(const std::string& path, const OpenConfiguration& configuration,
                                OpenCompletion completion) = 0;
+
+  /// Shows the files in the user's file viewer, selected in their folders. Starts the file viewer
+  /// where none runs, and may wait for that for some seconds; a failure is logged. Any thread.
+  virtual void activateFileViewer(const std::vector<std::string>& paths) = 0;
 };
 
 }  // namespace velum

@@ -11,6 +11,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <optional>
@@ -20,14 +21,12 @@
 
 #include "Velum/Platform/Posix/Spawn.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
+#include "tests/support/Waiting.h"
 
 namespace velum::test {
 
 /// A process id that is nobody's, and that is safe to signal by mistake (0 and -1 are not).
 constexpr pid_t noProcess = std::numeric_limits<pid_t>::max();
-
-/// Far beyond what anything takes on a busy machine; whoever waits that long has failed.
-constexpr std::chrono::seconds deadline(30);
 
 /// Waits until `descriptor` is readable; false when the deadline passed.
 inline bool isReadable(int descriptor, std::chrono::milliseconds timeout = deadline) {
@@ -68,11 +67,13 @@ class Family {
     }
   }
 
-  /// The children of this process, ended ones included.
+  /// The children of this process, whichever thread started them, ended ones included.
   static std::vector<pid_t> children() {
-    std::ifstream file("/proc/self/task/" + std::to_string(::getpid()) + "/children");
     std::vector<pid_t> pids;
-    for (pid_t pid = 0; file >> pid;) pids.push_back(pid);
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+      std::ifstream file(thread.path() / "children");
+      for (pid_t pid = 0; file >> pid;) pids.push_back(pid);
+    }
     return pids;
   }
 };

@@ -32,6 +32,7 @@ class FakeWorkspace final : public Workspace {
     if (observer == &removed && keyPath == runningApplicationsKeyPath) observer = nullptr;
   }
   bool isOrphaned(pid_t launcher) override { return orphaned && launcher == quitting; }
+  void activateFileViewer(const std::vector<std::string>& /*paths*/) override {}
   void openApplication(const std::string& path, const OpenConfiguration& configuration,
                        OpenCompletion completion) override {
     EXPECT_FALSE(configuration.createsNewApplicationInstance);

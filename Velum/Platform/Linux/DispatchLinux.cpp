@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +22,7 @@
 #include "Velum/Platform/AtFork.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/MainLoop.h"
+#include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/SystemError.h"
 #include "Velum/UnfairLock.h"
@@ -342,12 +342,7 @@ UniqueFd openChild(int pid) {
   if (::waitid(P_PID, static_cast<id_t>(pid), &ignored, WEXITED | WNOHANG | WNOWAIT) != 0) {
     throw lastSystemError("DispatchSource::childExit, waitid (" + std::to_string(pid) + ")");
   }
-  // Not through <sys/pidfd.h>: that header of glibc 2.36 is not usable from C++.
-  UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
-  if (!process) {
-    throw lastSystemError("DispatchSource::childExit, pidfd_open (" + std::to_string(pid) + ")");
-  }
-  return process;
+  return exitDescriptor(pid);
 }
 
 }  // namespace
@@ -416,10 +411,7 @@ std::unique_ptr<DispatchSource> DispatchSource::childExit(int pid, DispatchQueue
                                                           std::function<void(int)> handler) {
   const UniqueFd process = openChild(pid);
   // The id stays the child's until it is reaped, which happens nowhere but here.
-  auto reap = [pid, handler = std::move(handler)] {
-    int status = 0;
-    if (retryInterrupted([&] { return ::waitpid(pid, &status, 0); }) == pid) handler(status);
-  };
+  auto reap = [pid, handler = std::move(handler)] { handler(reapChild(pid)); };
   return std::make_unique<ReadableSource>(process.get(), queue, Repeat::no, std::move(reap));
 }
 

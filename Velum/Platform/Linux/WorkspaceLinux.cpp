@@ -10,8 +10,10 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <iterator>
 
 #include "Velum/Logger/Logger.h"
+#include "Velum/Platform/Linux/FileManagerLinux.h"
 #include "Velum/Platform/Linux/OpenAttemptLinux.h"
 #include "Velum/Platform/Linux/ProcessLinux.h"
 #include "Velum/Platform/Linux/UserManagerLinux.h"
@@ -100,9 +102,8 @@ void WorkspaceLinux::addObserver(WorkspaceObserver& observer, std::string_view k
 }
 
 void WorkspaceLinux::removeObserver(WorkspaceObserver& observer, std::string_view keyPath) {
-  watches_.remove_if([&](const Watch& watch) {
-    return watch.observer == &observer && watch.keyPath == keyPath;
-  });
+  watches_.remove_if(
+      [&](const Watch& watch) { return watch.observer == &observer && watch.keyPath == keyPath; });
 }
 
 bool WorkspaceLinux::isOrphaned(pid_t launcher) {
@@ -129,6 +130,15 @@ void WorkspaceLinux::openApplication(const std::string& path,
   std::make_shared<OpenAttempt>(std::move(*bundle), configuration, findInstance,
                                 std::move(completion))
       ->start();
+}
+
+void WorkspaceLinux::activateFileViewer(const std::vector<std::string>& paths) {
+  std::vector<std::string> fullPaths;
+  std::ranges::transform(paths, std::back_inserter(fullPaths), absolute);
+  constexpr std::chrono::seconds timeout(20);  // the first file manager of a session starts slowly
+  if (const std::optional<std::string> error = showItems(fullPaths, timeout)) {
+    logError(site("activateFileViewer"), "Can't show {}: {}", fmt::join(fullPaths, ", "), *error);
+  }
 }
 
 /// Nothing when the process has gone.

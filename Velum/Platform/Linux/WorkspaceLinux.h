@@ -16,7 +16,7 @@
 namespace velum {
 
 /// Lives as long as the process: work that it hands to the main queue refers to it. Belongs to the
-/// main thread.
+/// main thread, but for `activateFileViewer`.
 class WorkspaceLinux final : public Workspace {
  public:
   /// A process of interest that started later than `newestStart` (see ProcessStatus::startTime)
@@ -31,6 +31,7 @@ class WorkspaceLinux final : public Workspace {
   bool isOrphaned(pid_t launcher) override;
   void openApplication(const std::string& path, const OpenConfiguration& configuration,
                        OpenCompletion completion) override;
+  void activateFileViewer(const std::vector<std::string>& paths) override;
 
  private:
   /// An observer and the process whose end it waits for.

@@ -141,6 +141,11 @@ pid_t spawn(const SpawnOptions& options) {
   return pid;
 }
 
+int inheritedStream(int number) noexcept {
+  const int flags = ::fcntl(number, F_GETFD);
+  return flags < 0 || (flags & FD_CLOEXEC) != 0 ? SpawnOptions::nullDevice : number;
+}
+
 std::vector<std::string> environmentWithout(const std::vector<std::string>& names) {
   std::vector<std::string> result;
   for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {

@@ -38,6 +38,11 @@ struct SpawnOptions {
 /// executable or has no interpreter never shows up as a process. Thread-safe.
 pid_t spawn(const SpawnOptions& options);
 
+/// What a child is to find as its standard stream `number` (0 to 2) when it shall be this
+/// process's own: that descriptor, or the null device where this process has closed the stream and
+/// the number stands for nothing, or for a descriptor that is not meant to be inherited.
+int inheritedStream(int number) noexcept;
+
 /// This process's environment as `SpawnOptions::environment` wants it, without the variables
 /// `names`. Not to be mixed with setenv(3) on other threads.
 std::vector<std::string> environmentWithout(const std::vector<std::string>& names);

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <string_view>
+
+#include "Velum/Platform/Posix/UniqueFd.h"
+
+namespace velum {
+
+/// What a process needs to talk with its children and to wait for them.
+
+struct PipeEnds {
+  UniqueFd reader;
+  UniqueFd writer;
+};
+
+/// A new pipe that no child inherits by itself, of 1 MiB where this user may have that much, so
+/// that a child writes on while its reader is busy. Its ends are never the numbers of standard
+/// streams, even where this process has closed those. Throws SystemError.
+PipeEnds makePipe();
+
+/// Bytes that can be read from a pipe at this moment.
+std::size_t availableBytes(int reader) noexcept;
+
+/// write(2) to a pipe or socket, but a reader that is gone is only the error EPIPE: this process
+/// gets no SIGPIPE. Any thread.
+ssize_t writeQuietly(int writer, std::string_view bytes) noexcept;
+
+/// A descriptor that becomes readable once `child` has ended and stays so. It stands for that
+/// process, not for its number. Throws SystemError.
+UniqueFd exitDescriptor(pid_t child);
+
+/// Waits until `child` has ended and returns its wait(2) status; its number is free again then.
+/// Where something else in this process took the status away, it reads as exit status 255.
+int reapChild(pid_t child) noexcept;
+
+/// How long the output of an ended child is still read when another process, which the child left
+/// behind, holds the other end of the pipe: that one may keep it for ever.
+inline constexpr std::chrono::milliseconds outputGrace(100);
+
+}  // namespace velum

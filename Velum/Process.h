@@ -1,0 +1,112 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Velum/ByteBuffer.h"
+#include "Velum/Platform/Dispatch.h"
+#include "Velum/Platform/Posix/ChildIo.h"
+#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/UnfairLock.h"
+
+namespace velum {
+
+/// A pipe between this process and a child. Each side belongs to one thread at a time.
+class Pipe {
+ public:
+  /// Throws SystemError, when there are no descriptors left for instance.
+  Pipe() : ends_(makePipe()) {}
+
+  /// The descriptors; -1 for an end that is closed or was given to a child.
+  int readEnd() const noexcept { return ends_.reader.get(); }
+  int writeEnd() const noexcept { return ends_.writer.get(); }
+  void closeReadEnd() noexcept { ends_.reader.reset(); }
+  void closeWriteEnd() noexcept { ends_.writer.reset(); }
+
+  /// Reads until every holder of the write end has closed it; blocks until then. Throws
+  /// SystemError "Reading data from pipe".
+  ByteBuffer gatherData();
+
+  /// Writes all of it; blocks while the pipe is full. Throws SystemError, with EPIPE when nobody
+  /// is left to read it; there is no SIGPIPE.
+  void write(std::string_view bytes);
+
+ private:
+  PipeEnds ends_;
+};
+
+/// How a process ended.
+struct Termination {
+  enum class Reason : std::uint8_t { exit, uncaughtSignal };
+
+  int status = 0;  ///< The exit status, or the number of the signal.
+  Reason reason = Reason::exit;
+
+  static Termination ofWaitStatus(int waitStatus) noexcept;
+  bool operator==(const Termination&) const = default;
+};
+
+/// What `Process::run` gives to the tool besides its path. The environment and the streams that
+/// are not mentioned are this process's own. (Each member has an initializer, so that callers may
+/// name some of them without a warning.)
+struct RunOptions {
+  std::vector<std::string> args = {};
+  std::optional<std::string> workdir = {};
+  /// The tool's end of each pipe is closed in this process when `run` returns, whether or not the
+  /// tool was started. One pipe may serve as both outputs.
+  std::shared_ptr<Pipe> inpipe = {};
+  std::shared_ptr<Pipe> outpipe = {};  ///< Absent: each line of the output is logged.
+  std::shared_ptr<Pipe> errpipe = {};  ///< Absent: the same.
+  bool wait = false;                   ///< Return only when the tool has ended.
+};
+
+/// A command-line tool that runs as a child of this process.
+class Process : public std::enable_shared_from_this<Process> {
+  struct Private {};  // keeps construction to `run`
+
+ public:
+  /// Starts the tool at `path`. Whatever of its output and error stream has no pipe is merged and
+  /// logged at level info, line by line, as it comes; how the tool ended is logged as well. Null,
+  /// and one logged error, when it is not an executable file or can't be started. Never throws.
+  ///
+  /// What the tool wrote until its end is logged before that end is reported. Processes that it
+  /// leaves behind may hold its output for ever: they are listened to for a moment only.
+  ///
+  /// Any thread, several at once. With `wait` it blocks that thread: don't do so in dozens of work
+  /// items of the global queue at once, whose threads report the end.
+  static std::shared_ptr<Process> run(const std::string& path, const RunOptions& options = {});
+
+  Process(Private, std::string path);
+
+  pid_t processIdentifier() const noexcept { return pid_; }
+  bool isRunning() const { return !termination(); }
+  /// Nothing while the tool runs.
+  std::optional<Termination> termination() const;
+  /// Blocks until the tool has ended. Its output has been logged by then.
+  Termination waitUntilExit() const { return ended_.get(); }
+
+ private:
+  class OutputCollector;
+
+  void launch(const RunOptions& options);
+  void watch();
+  void childEnded(int waitStatus);
+
+  std::string path_;
+  pid_t pid_ = -1;
+  std::shared_ptr<DispatchQueue> queue_;
+  std::shared_ptr<OutputCollector> collector_;  // null when the caller takes all output
+  UnfairLock lock_;                             // guards `exitSource_`
+  std::unique_ptr<DispatchSource> exitSource_;  // keeps this object until the tool has ended
+  std::promise<Termination> end_;
+  std::shared_future<Termination> ended_ = end_.get_future().share();
+};
+
+}  // namespace velum

@@ -1,0 +1,318 @@
+#include "Velum/SupportUtils.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <type_traits>
+
+#include "Velum/Fatal.h"
+#include "Velum/FileUtils.h"
+#include "Velum/Logger/Logger.h"
+#include "Velum/Platform/Dispatch.h"
+#include "Velum/SyncAsync.h"
+#include "Velum/SystemError.h"
+#include "Velum/SystemUtils.h"
+
+namespace velum {
+namespace {
+
+namespace fs = std::filesystem;
+using Case = SupportLogArchivingError::Case;
+
+constexpr LogSite site(std::string_view function, CallPlace where = CallPlace::current()) {
+  return {"Velum/SupportUtils", function, where};
+}
+
+constexpr std::string_view createArchiveName =
+    "createArchive(at:includeItems:for:startDate:showInFinder:completion:)";
+constexpr std::string_view createFolderName = "createArchiveFolderUrl(named:)";
+constexpr std::string_view saveItemName = "saveItem(value:relativePath:archiveFolderUrl:)";
+
+}  // namespace
+
+SupportLogsPurpose supportLogsPurpose(int rawValue) {
+  if (rawValue != 0 && rawValue != 1) {
+    fatal(fmt::format("SupportLogsPurpose: raw value out of range: {}", rawValue));
+  }
+  return static_cast<SupportLogsPurpose>(rawValue);
+}
+
+LogSavingOpts logSavingOpts(SupportLogsPurpose purpose, std::optional<LogDate> startDate,
+                            LogDate now) {
+  constexpr std::chrono::seconds margin(60);
+  constexpr std::int64_t reportSize = 31'457'280;
+  const LogDate end = now + margin;
+  if (purpose == SupportLogsPurpose::report) {
+    return {startDate.value_or(end - std::chrono::seconds(172'800)), end, reportSize};
+  }
+  return {startDate.value_or(end - std::chrono::seconds(86'400)), end, std::nullopt};
+}
+
+namespace {
+
+/// Files and folders alone: a link may lead anywhere, and reading a pipe may never end.
+void copyFolder(const fs::path& source, const fs::path& target) {
+  fs::create_directory(target);
+  for (const auto& entry : fs::directory_iterator(source)) {
+    const fs::path place = target / entry.path().filename();
+    const fs::file_type type = entry.symlink_status().type();
+    if (type == fs::file_type::directory) copyFolder(entry.path(), place);
+    if (type == fs::file_type::regular) clonefile(entry.path(), place);
+  }
+}
+
+void copyItem(const fs::path& source, const fs::path& target, const std::string& archiveFolder) {
+  const fs::path original = fs::canonical(source);
+  if (fs::is_regular_file(original)) return clonefile(original, target);
+  const fs::path archive = fs::canonical(archiveFolder);
+  const bool holdsArchive = std::ranges::mismatch(original, archive).in1 == original.end();
+  if (!fs::is_directory(original) || holdsArchive) {
+    throw SystemError(EINVAL, fmt::format("{}: copy ({})", saveItemName, source.string()));
+  }
+  copyFolder(original, target);
+}
+
+/// Where an item is to lie. What stands there already may be a link, which is not followed.
+fs::path targetIn(const std::string& archiveFolder, const std::string& relativePath) {
+  const fs::path relative(relativePath);
+  fs::path target(archiveFolder);
+  bool leaves = relative.is_absolute() || relativePath.find('\0') != std::string::npos;
+  for (const fs::path& component : relative) {
+    target /= component;
+    std::error_code error;
+    leaves = leaves || component == ".." || fs::is_symlink(target, error);
+  }
+  if (leaves) throw SystemError(EPERM, fmt::format("{}: path ({})", saveItemName, relativePath));
+  return target;
+}
+
+void writeItem(std::string_view bytes, const fs::path& target) {
+  const UniqueFd file =
+      checked::open(target.string(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600, saveItemName);
+  checked::write(file.get(), bytes.data(), bytes.size(), saveItemName);
+}
+
+void logSaved(std::string_view how, const fs::path& target) {
+  logInfo(site(saveItemName), "File for archive output {} to: {}", how, target.string());
+}
+
+/// The alternatives of an item, each with what becomes of it.
+struct ItemSaver {
+  const fs::path& target;
+  const std::string& archiveFolder;
+
+  void operator()(const std::string& text) const {
+    writeItem(text, target);
+    logSaved("written", target);
+  }
+  void operator()(const std::vector<std::uint8_t>& data) const {
+    // Bytes may be looked at as characters.
+    writeItem({reinterpret_cast<const char*>(data.data()), data.size()}, target);  // NOLINT
+    logSaved("written", target);
+  }
+  void operator()(const FileUrl& file) const {
+    copyItem(file.path, target, archiveFolder);
+    logSaved("copied", target);
+  }
+  void operator()(const UnsupportedItem& item) const {
+    const std::string text = "Unexpected value for save: " + item.description;
+    logError(site(saveItemName), "{}", text);
+    throw SupportLogArchivingError(Case::invalidItemType, text);
+  }
+};
+
+/// Runs `work`; errors of the file-system library become the ones of this library.
+template <class Work>
+auto withSystemErrors(std::string_view routine, Work work) try {
+  return work();
+} catch (const fs::filesystem_error& error) {
+  throw SystemError(error.code().value(), fmt::format("{}: {}", routine, error.path1().string()));
+}
+
+}  // namespace
+
+void SupportUtils::saveItem(const SupportItem& value, const std::string& relativePath,
+                            const std::string& archiveFolderUrl) {
+  if (relativePath.empty()) {
+    logError(site(saveItemName), "Relative path is empty");
+    throw SupportLogArchivingError(Case::emptyItemName, "Relative path is empty");
+  }
+  try {
+    withSystemErrors(saveItemName, [&] {
+      const fs::path target = targetIn(archiveFolderUrl, relativePath);
+      fs::create_directories(target.parent_path());
+      std::visit(ItemSaver{target, archiveFolderUrl}, value);
+    });
+  } catch (const SystemError& error) {
+    logError(site(saveItemName), "Can't write/copy file to \"{}/{}\"{}", archiveFolderUrl,
+             relativePath, error.what());
+    throw;
+  }
+}
+
+namespace {
+
+std::string createArchiveFolderUrl(const std::string& name) {
+  return makeTemporaryFolder(name, fs::temp_directory_path().string(), createFolderName);
+}
+
+/// Where an archive is put together. Private to this user, as what lies in it is; removed with all
+/// of it in the end.
+class ArchiveFolder {
+ public:
+  explicit ArchiveFolder(const fs::path& destination)
+      : root_(createArchiveFolderUrl(fileName(destination))), content_(root_ / destination.stem()) {
+    fs::create_directory(content_);
+  }
+  ArchiveFolder(const ArchiveFolder&) = delete;
+  ArchiveFolder& operator=(const ArchiveFolder&) = delete;
+  ~ArchiveFolder() {
+    std::error_code error;
+    fs::remove_all(root_, error);
+    if (error) {
+      logError(site(createArchiveName), "Can't remove {}: {}", root_.string(), error.message());
+    }
+  }
+
+  /// What is to be packed; it gives the archive's one top folder its name.
+  std::string content() const { return content_.string(); }
+
+ private:
+  static std::string fileName(const fs::path& destination) {
+    const std::string name = destination.filename().string();
+    if (name.empty() || name == "." || name == "..") {
+      throw SystemError(EINVAL, fmt::format("{}: '{}'", createFolderName, destination.string()));
+    }
+    return name;
+  }
+
+  fs::path root_;
+  fs::path content_;
+};
+
+/// Which does not change when this process changes its working folder; empty for an empty path.
+fs::path absolute(const std::string& path) {
+  std::error_code error;
+  return fs::absolute(path, error);
+}
+
+/// One archive in the making, in the order of its steps.
+class ArchiveJob {
+ public:
+  ArchiveJob(const std::string& destination, SupportItems items, LogSavingOpts logOptions,
+             bool showInFinder, SupportUtils::Services services)
+      : destination_(absolute(destination)),
+        items_(std::move(items)),
+        logOptions_(logOptions),
+        showInFinder_(showInFinder),
+        services_(services),
+        progress_(
+            std::make_shared<Progress>(static_cast<std::int64_t>(items_.size()) + otherSteps)) {}
+
+  const std::shared_ptr<Progress>& progress() const noexcept { return progress_; }
+
+  std::exception_ptr run() const try {
+    withSystemErrors(createArchiveName, [this] { perform(); });
+    return nullptr;
+  } catch (...) {
+    return std::current_exception();
+  }
+
+ private:
+  static constexpr std::int64_t otherSteps = 2;  // the logs and the packing
+
+  void perform() const {
+    stopIfCancelled();
+    const std::unique_ptr<ArchiveFolder> folder = makeFolder();
+    stopIfCancelled();
+    services_.logManager->saveLogs(LogSubsystemSelector::all(), folder->content(), logOptions_);
+    progress_->completeUnit();
+    for (const auto& [relativePath, value] : items_) {
+      stopIfCancelled();
+      SupportUtils::saveItem(value, relativePath, folder->content());
+      progress_->completeUnit();
+    }
+    stopIfCancelled();
+    finish(folder->content());
+    progress_->complete();
+  }
+
+  void stopIfCancelled() const {
+    if (!progress_->isCancelled()) return;
+    constexpr const char* text = "Log archiving cancelled";
+    logInfo(site(createArchiveName), "{}", text);
+    throw SupportLogArchivingError(Case::cancelled, text);
+  }
+
+  std::unique_ptr<ArchiveFolder> makeFolder() const try {
+    return withSystemErrors(createFolderName,
+                            [this] { return std::make_unique<ArchiveFolder>(destination_); });
+  } catch (const SystemError& error) {
+    const std::string text =
+        fmt::format("Failed to create temporary archive folder. {}", error.what());
+    logError(site(createArchiveName), "{}", text);
+    throw SupportLogArchivingError(Case::createTempFolderFailed, text);
+  }
+
+  void finish(const std::string& content) const {
+    const std::optional<std::string> archive = SystemUtil::compressFolder(content, "zip", false);
+    if (!archive) {
+      throw SupportLogArchivingError(Case::compressLogFolder, "The log folder can't be packed");
+    }
+    stopIfCancelled();
+    fs::create_directories(destination_.parent_path());
+    // A file is replaced by the copy itself. Nobody means a folder that holds something.
+    if (fs::is_directory(fs::symlink_status(destination_))) fs::remove(destination_);
+    clonefile(*archive, destination_);
+    logInfo(site(createArchiveName), "Log archive was written to: {}", destination_.string());
+    if (showInFinder_) reveal();
+  }
+
+  /// The archive is complete, and should not seem to hang because a file viewer does.
+  void reveal() const {
+    Workspace* const workspace =
+        services_.workspace != nullptr ? services_.workspace : &Workspace::shared();
+    const SyncAsync::SerialJob<void> job(
+        [workspace, path = destination_.string()] { workspace->activateFileViewer({path}); });
+    if (job.run(services_.revealTimeout).timedOut()) {
+      const std::chrono::duration<double> seconds = services_.revealTimeout;
+      logWarning(site(createArchiveName), "{} timed out for {:g} secs.",
+                 "Showing the archive in the file viewer", seconds.count());
+    }
+  }
+
+  fs::path destination_;
+  SupportItems items_;
+  LogSavingOpts logOptions_;
+  bool showInFinder_;
+  SupportUtils::Services services_;
+  std::shared_ptr<Progress> progress_;
+};
+
+}  // namespace
+
+std::shared_ptr<Progress> SupportUtils::createArchive(const std::string& destination,
+                                                      SupportItems includeItems,
+                                                      SupportLogsPurpose purpose,
+                                                      std::optional<LogDate> startDate,
+                                                      bool showInFinder, Completion completion) {
+  return createArchive(destination, std::move(includeItems), purpose, startDate, showInFinder,
+                       std::move(completion), Services{});
+}
+
+std::shared_ptr<Progress> SupportUtils::createArchive(
+    const std::string& destination, SupportItems includeItems, SupportLogsPurpose purpose,
+    std::optional<LogDate> startDate, bool showInFinder, Completion completion, Services services) {
+  logInfo(site(createArchiveName), "Generating logs archive started");
+  const auto job = std::make_shared<ArchiveJob>(
+      destination, std::move(includeItems),
+      logSavingOpts(purpose, startDate, std::chrono::system_clock::now()), showInFinder, services);
+  DispatchQueue::global().async(
+      [job, completion = std::move(completion)] { completion(job->run()); });
+  return job->progress();
+}
+
+}  // namespace velum

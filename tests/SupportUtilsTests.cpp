@@ -1,0 +1,404 @@
+#include "Velum/SupportUtils.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <systemd/sd-bus.h>
+
+#include <filesystem>
+#include <future>
+#include <thread>
+
+#include "Velum/Logger/Logger.h"
+#include "Velum/Platform/Linux/FileManagerLinux.h"
+#include "Velum/Process.h"
+#include "Velum/SystemError.h"
+#include "Velum/SystemUtils.h"
+#include "tests/support/Environment.h"
+#include "tests/support/Processes.h"
+#include "tests/support/RecordingLogHandler.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace velum::test {
+namespace {
+
+namespace fs = std::filesystem;
+using Case = SupportLogArchivingError::Case;
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+/// Saves one file, and calls `saving` before.
+class FakeLogManager final : public LogManagerProtocol {
+ public:
+  std::vector<std::string> saveLogs(const LogSubsystemSelector& selector, const std::string& folder,
+                                    const LogSavingOpts& opts) override {
+    saving();
+    EXPECT_TRUE(selector.admits("any") && !selector.isWhole());
+    options = opts;
+    writeFile(folder + "/any.log", "records");
+    return {folder + "/any.log"};
+  }
+
+  std::function<void()> saving = [] {};
+  LogSavingOpts options;
+};
+
+class FakeWorkspace final : public Workspace {
+ public:
+  std::vector<RunningApplication> runningApplications() override { return {}; }
+  void addObserver(WorkspaceObserver&, std::string_view, pid_t) override {}
+  void removeObserver(WorkspaceObserver&, std::string_view) override {}
+  bool isOrphaned(pid_t) override { return false; }
+  void openApplication(const std::string&, const OpenConfiguration&, OpenCompletion) override {}
+  void activateFileViewer(const std::vector<std::string>& paths) override { showing(paths); }
+
+  std::function<void(const std::vector<std::string>&)> showing;
+};
+
+/// Calls `onRecord` for every record.
+class LogHook final : public LogHandlerProtocol {
+ public:
+  explicit LogHook(std::function<void(std::string_view)> onRecord)
+      : onRecord_(std::move(onRecord)) {}
+  void logWithLevel(LogLevel, LogDate, std::string_view text) override { onRecord_(text); }
+
+ private:
+  std::function<void(std::string_view)> onRecord_;
+};
+
+class SupportArchive : public ::testing::Test {
+ protected:
+  SupportArchive() {
+    fs::create_directory(temporary_);
+    Logger::shared().setHandlers({log_});
+  }
+  ~SupportArchive() override {
+    Logger::shared().setHandlers({});
+    EXPECT_TRUE(fs::is_empty(temporary_)) << "something temporary is left";
+    EXPECT_TRUE(Family::children().empty()) << "a zombie is left";
+  }
+
+  /// Starts an archive; the future has its error.
+  std::future<std::exception_ptr> start(SupportItems items, bool showInFinder = false) {
+    auto end = std::make_shared<std::promise<std::exception_ptr>>();
+    progress_ = SupportUtils::createArchive(
+        destination_, std::move(items), SupportLogsPurpose::report, std::nullopt, showInFinder,
+        [end](std::exception_ptr error) { end->set_value(std::move(error)); }, services_);
+    return end->get_future();
+  }
+
+  /// Makes an archive. What went wrong: "", the number of a case, or the text of a system's error.
+  std::string create(SupportItems items, bool showInFinder = false) {
+    return textOf(start(std::move(items), showInFinder).get());
+  }
+
+  static std::string textOf(const std::exception_ptr& error) try {
+    if (error) std::rethrow_exception(error);
+    return "";
+  } catch (const SupportLogArchivingError& failure) {
+    return std::to_string(static_cast<int>(failure.reason()));
+  } catch (const SystemError& failure) {
+    return systemErrorText(failure.code());
+  }
+  static std::string textOf(Case reason) { return std::to_string(static_cast<int>(reason)); }
+
+  /// The content of a file in the archive.
+  std::string packed(const std::string& name) const {
+    const CliResult result =
+        SystemUtil::cliUtil("/usr/bin/unzip", {"-p", destination_, name}, std::nullopt, true);
+    return result.status == 0 ? std::string(result.output->view()) : "not there";
+  }
+
+  std::string lastRecord() const { return log_->texts().back(); }
+
+  Family family_;
+  TemporaryFolder folder_;
+  std::string temporary_ = folder_ / "temporary";
+  ScopedVariable variable_{"TMPDIR", temporary_};
+  std::string destination_ = folder_ / "sent/support.zip";
+  std::shared_ptr<RecordingLogHandler> log_ = std::make_shared<RecordingLogHandler>();
+  FakeLogManager logManager_;
+  FakeWorkspace workspace_;
+  SupportUtils::Services services_{&logManager_, &workspace_};
+  std::shared_ptr<Progress> progress_;
+};
+
+TEST(SupportLogsPurpose, DecidesHowMuchOfTheLogIsTaken) {
+  const LogDate now(std::chrono::seconds(1'000'000));
+  const LogSavingOpts report = logSavingOpts(supportLogsPurpose(0), std::nullopt, now);
+  EXPECT_EQ(report.endDate, now + std::chrono::seconds(60));
+  EXPECT_EQ(report.startDate, now + std::chrono::seconds(60 - 172'800));
+  EXPECT_EQ(report.maxSize, 31'457'280);
+  const LogSavingOpts diagnosis = logSavingOpts(supportLogsPurpose(1), std::nullopt, now);
+  EXPECT_EQ(diagnosis.startDate, now + std::chrono::seconds(60 - 86'400));
+  EXPECT_EQ(diagnosis.maxSize, std::nullopt);
+  EXPECT_EQ(logSavingOpts(supportLogsPurpose(1), now, now).startDate, now);
+  EXPECT_DEATH(supportLogsPurpose(2), "out of range: 2");
+}
+
+TEST_F(SupportArchive, HoldsTheLogsAndEveryKindOfItem) {
+  writeFile(folder_ / "file", "a file");
+  writeFile(folder_ / "tree/sub/leaf", "a leaf");
+  fs::create_symlink("/etc/passwd", folder_ / "tree/link");
+  fs::create_directory_symlink(".", folder_ / "tree/loop");
+  ::mkfifo((folder_ / "tree/fifo").c_str(), 0600);
+  fs::create_symlink(folder_ / "file", folder_ / "link");
+  ASSERT_EQ(create({{"text.txt", std::string("a t\xC3\xA9xt")},
+                    {"sub/folder/data", std::vector<std::uint8_t>{0, 255, 10}},
+                    {"file", FileUrl{folder_ / "file"}},
+                    {"linked", FileUrl{folder_ / "link"}},
+                    {"./tree", FileUrl{folder_ / "tree"}}}),
+            "");
+  EXPECT_EQ(packed("support/any.log"), "records");
+  EXPECT_EQ(packed("support/text.txt"), "a t\xC3\xA9xt");
+  EXPECT_EQ(packed("support/sub/folder/data"), std::string("\0\xff\n", 3));
+  EXPECT_EQ(packed("support/file"), "a file");
+  EXPECT_EQ(packed("support/linked"), "a file");
+  EXPECT_EQ(packed("support/tree/sub/leaf"), "a leaf");
+  for (const std::string name : {"link", "loop", "fifo"}) {
+    EXPECT_EQ(packed("support/tree/" + name), "not there");
+  }
+  EXPECT_EQ(progress_->totalUnitCount(), 7);
+  EXPECT_EQ(progress_->completedUnitCount(), 7);
+  EXPECT_THAT(log_->texts(), AllOf(Contains("I: (SupportUtils) Generating logs archive started"),
+                                   Contains(HasSubstr("File for archive output written to: ")),
+                                   Contains(HasSubstr("File for archive output copied to: "))));
+  EXPECT_EQ(lastRecord(), "I: (SupportUtils) Log archive was written to: " + destination_);
+  EXPECT_EQ(logManager_.options.maxSize, 31'457'280);
+}
+
+TEST_F(SupportArchive, ReplacesAFileButNoFolderWithContent) {
+  writeFile(destination_, "old");
+  ASSERT_EQ(create({}), "");
+  EXPECT_EQ(packed("support/any.log"), "records");
+  fs::remove(destination_);
+  writeFile(destination_ + "/precious", "content");
+  EXPECT_EQ(create({}), "Directory not empty");
+  EXPECT_EQ(readFile(destination_ + "/precious"), "content");
+}
+
+TEST_F(SupportArchive, RefusesItemsWithoutNameOrOfUnknownKind) {
+  writeFile(destination_, "old");
+  EXPECT_EQ(create({{"", std::string("text")}}), textOf(Case::emptyItemName));
+  constexpr std::string_view tag =
+      "E: (SupportUtils: saveItem(value:relativePath:archiveFolderUrl:)) ";
+  EXPECT_EQ(lastRecord(), std::string(tag) + "Relative path is empty");
+  EXPECT_EQ(create({{"number", UnsupportedItem{"42"}}}), textOf(Case::invalidItemType));
+  EXPECT_EQ(lastRecord(), std::string(tag) + "Unexpected value for save: 42");
+  EXPECT_EQ(progress_->completedUnitCount(), 1) << "the logs";
+  EXPECT_EQ(readFile(destination_), "old");
+}
+
+TEST_F(SupportArchive, ReportsItemsThatCannotBeSaved) {
+  const std::string fifo = folder_ / "fifo";
+  ::mkfifo(fifo.c_str(), 0600);
+  EXPECT_EQ(create({{"item", FileUrl{fifo}}}), "Invalid argument");
+  EXPECT_EQ(create({{"item", FileUrl{folder_.path()}}}), "Invalid argument")
+      << "it holds the archive in the making";
+  EXPECT_EQ(create({{"item", FileUrl{folder_ / "missing"}}}), "No such file or directory");
+  EXPECT_THAT(lastRecord(), AllOf(HasSubstr("Can't write/copy file to \"" + temporary_),
+                                  HasSubstr("/support/item\"")));
+  EXPECT_EQ(create({{"a", std::string()}, {"a/b", std::string()}}), "Not a directory");
+}
+
+TEST_F(SupportArchive, LetsNothingOutOfItsFolder) {
+  fs::create_directory(folder_ / "inside");
+  writeFile(folder_ / "victim/file", "untouched");
+  fs::create_directory_symlink(folder_ / "victim", folder_ / "inside/link");
+  fs::create_symlink(folder_ / "victim/file", folder_ / "inside/file");
+  const std::vector<std::string> paths{
+      "../new", "sub/../../new",       folder_ / "new", "link/new", "file", "link",
+      "..",     std::string("a\0b", 3)};
+  for (const std::string& path : paths) {
+    for (const SupportItem& item :
+         {SupportItem(std::string("x")), SupportItem(FileUrl{"/etc/hosts"})}) {
+      try {
+        SupportUtils::saveItem(item, path, folder_ / "inside");
+        ADD_FAILURE() << path;
+      } catch (const SystemError& error) {
+        EXPECT_EQ(error.code(), EPERM) << path;
+      }
+    }
+  }
+  EXPECT_EQ(create({{"sub/../../new", std::string("x")}}), "Operation not permitted");
+  EXPECT_FALSE(fs::exists(folder_ / "new"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder_ / "victim"), fs::directory_iterator()), 1);
+  EXPECT_EQ(readFile(folder_ / "victim/file"), "untouched");
+}
+
+TEST_F(SupportArchive, FailsWithoutATemporaryFolder) {
+  const ScopedVariable none("TMPDIR", folder_ / "none");
+  EXPECT_EQ(create({}), textOf(Case::createTempFolderFailed));
+  EXPECT_THAT(lastRecord(), HasSubstr("Failed to create temporary archive folder. "));
+  for (const std::string name : {"", "/", "..", "\xff.zip"}) {
+    destination_ = name;
+    EXPECT_EQ(create({}), textOf(Case::createTempFolderFailed)) << name;
+  }
+}
+
+TEST_F(SupportArchive, FailsWithTheLogsAndWithoutAWritableDestination) {
+  logManager_.saving = [] { throw SystemError(EIO, "read"); };
+  EXPECT_EQ(create({}), "Input/output error");
+  logManager_.saving = [] {};
+  writeFile(folder_ / "sent", "a file where the folder should be");
+  EXPECT_EQ(create({}), "Not a directory");
+}
+
+TEST_F(SupportArchive, StopsAtEachStepWhenCancelled) {
+  std::promise<void> cancelled;
+  logManager_.saving = [&] { cancelled.get_future().wait(); };
+  auto end = start({});
+  progress_->cancel();
+  cancelled.set_value();
+  EXPECT_EQ(textOf(end.get()), textOf(Case::cancelled)) << "before or during the logs";
+  logManager_.saving = [] {};
+  EXPECT_EQ(lastRecord(), "I: (SupportUtils) Log archiving cancelled");
+
+  for (const std::string last : {"a", "b"}) {
+    std::promise<std::shared_ptr<Progress>> progress;
+    const auto known = progress.get_future().share();
+    Logger::shared().setHandlers({std::make_shared<LogHook>([=](std::string_view text) {
+      if (text.ends_with("/support/" + last)) known.get()->cancel();
+    })});
+    end = start({{"a", std::string("x")}, {"b", std::string("x")}});
+    progress.set_value(progress_);
+    EXPECT_EQ(textOf(end.get()), textOf(Case::cancelled)) << "after " << last;
+    EXPECT_EQ(progress_->completedUnitCount(), last == "a" ? 2 : 3);
+  }
+  EXPECT_FALSE(fs::exists(fs::path(destination_).parent_path()));
+}
+
+TEST_F(SupportArchive, StopsAfterThePackingWhenCancelled) {
+  std::vector<std::uint8_t> noise(32 << 20);
+  std::uint32_t state = 1;
+  for (std::uint8_t& byte : noise)
+    byte = static_cast<std::uint8_t>((state = state * 1664525U + 1013904223U) >> 24U);
+  auto end = start({{"noise", std::move(noise)}});
+  const auto isPacking = [this] {
+    for (const pid_t child : Family::children()) {
+      if (readFile("/proc/" + std::to_string(child) + "/comm") == "zip\n") return true;
+    }
+    return false;
+  };
+  ASSERT_TRUE(eventually(isPacking));
+  progress_->cancel();
+  EXPECT_EQ(textOf(end.get()), textOf(Case::cancelled));
+  EXPECT_FALSE(fs::exists(destination_));
+}
+
+TEST_F(SupportArchive, ShowsItselfButDoesNotHangWithTheFileViewer) {
+  std::vector<std::string> shown;
+  workspace_.showing = [&](const std::vector<std::string>& paths) { shown = paths; };
+  EXPECT_EQ(create({}, true), "");
+  EXPECT_THAT(shown, ElementsAre(destination_));
+  std::promise<void> end;
+  std::promise<void> over;
+  workspace_.showing = [&](const std::vector<std::string>&) {
+    end.get_future().wait();
+    over.set_value();
+  };
+  services_.revealTimeout = std::chrono::milliseconds(500);
+  EXPECT_EQ(create({}, true), "");
+  EXPECT_THAT(lastRecord(), EndsWith(" timed out for 0.5 secs."));
+  end.set_value();
+  over.get_future().wait();
+}
+
+/// A session bus of its own.
+class FileViewer : public SupportArchive {
+ protected:
+  FileViewer() {
+    services_.workspace = &Workspace::shared();
+    fs::remove(temporary_ + "/bus");
+  }
+
+  void startBus() {
+    SpawnOptions options;
+    options.executable.assign("/usr/bin/dbus-daemon");
+    const Pipe address;
+    options.extraDescriptor = address.writer.get();
+    options.arguments = {options.executable, "--session",   "--address=unix:path=" + bus_,
+                         "--nofork",         "--nopidfile", "--print-address=3"};
+    daemon_ = spawn(options);
+    ASSERT_TRUE(isReadable(address.reader.get()));
+  }
+  void endBus() const {
+    ::kill(daemon_, SIGKILL);
+    ::waitpid(daemon_, nullptr, 0);
+  }
+
+  std::string bus_ = folder_ / "bus";
+  ScopedVariable address_{"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + bus_};
+  pid_t daemon_ = -1;
+};
+
+/// A file manager that shows what it is told by keeping it.
+class FileManager {
+ public:
+  FileManager() {
+    static const sd_bus_vtable methods[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_METHOD("ShowItems", "ass", "", &FileManager::showItems, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_END};
+    constexpr const char* name = "org.freedesktop.FileManager1";
+    EXPECT_GE(sd_bus_open_user(&bus_), 0);
+    EXPECT_GE(sd_bus_add_object_vtable(bus_, nullptr, "/org/freedesktop/FileManager1", name,
+                                       methods, this),
+              0);
+    EXPECT_GE(sd_bus_request_name(bus_, name, 0), 0);
+  }
+  FileManager(const FileManager&) = delete;
+  FileManager& operator=(const FileManager&) = delete;
+  ~FileManager() { sd_bus_flush_close_unref(bus_); }
+
+  /// Serves until it was told something.
+  std::vector<std::string> waitUntilTold() {
+    while (uris_.empty()) {
+      const int processed = sd_bus_process(bus_, nullptr);
+      constexpr std::uint64_t limit = std::chrono::microseconds(deadline).count();
+      if (processed < 0 || (processed == 0 && sd_bus_wait(bus_, limit) <= 0)) return {"no call"};
+    }
+    return uris_;
+  }
+
+ private:
+  static int showItems(sd_bus_message* message, void* context, sd_bus_error* /*error*/) {
+    auto& self = *static_cast<FileManager*>(context);
+    const char* uri = nullptr;
+    sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "s");
+    while (sd_bus_message_read(message, "s", &uri) > 0) self.uris_.emplace_back(uri);
+    return sd_bus_reply_method_return(message, "");
+  }
+
+  sd_bus* bus_ = nullptr;
+  std::vector<std::string> uris_;
+};
+
+TEST_F(FileViewer, IsToldTheUriOfTheArchive) {
+  startBus();
+  FileManager fileManager;
+  destination_ = folder_ / "a b\xC3\xA9%#.zip";
+  auto end = start({}, true);
+  EXPECT_THAT(fileManager.waitUntilTold(),
+              ElementsAre("file://" + folder_.path() + "/a%20b%C3%A9%25%23.zip"));
+  EXPECT_EQ(textOf(end.get()), "");
+  EXPECT_EQ(lastRecord(), "I: (SupportUtils) Log archive was written to: " + destination_);
+  endBus();
+}
+
+TEST_F(FileViewer, MayBeMissing) {
+  EXPECT_EQ(create({}, true), "");
+  EXPECT_THAT(lastRecord(), AllOf(StartsWith("E: (Workspace: activateFileViewer) Can't show "),
+                                  HasSubstr(destination_)));
+  startBus();
+  EXPECT_EQ(create({}, true), "");
+  EXPECT_THAT(lastRecord(), HasSubstr("org.freedesktop.FileManager1"));
+  endBus();
+}
+
+}  // namespace
+}  // namespace velum::test

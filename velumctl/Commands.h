@@ -9,5 +9,7 @@ namespace velumctl {
 void addLogsShow(CLI::App& logs);
 void addLogsSave(CLI::App& logs);
 void addLogsReset(CLI::App& logs);
+void addSupportArchive(CLI::App& support);
+void addRun(CLI::App& app);
 
 }  // namespace velumctl

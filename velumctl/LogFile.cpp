@@ -24,6 +24,10 @@ using velum::LogDate;
 constexpr std::string_view caller = "velumctl";
 constexpr std::size_t headSize = 64;  // date, process and thread: no two generations share them
 
+Failure notRegular(const std::string& path) {
+  return Failure(path + " is not a regular file; name a log file");
+}
+
 }  // namespace
 
 std::optional<LogFile> LogFile::open(const std::string& path) {
@@ -35,7 +39,7 @@ std::optional<LogFile> LogFile::open(const std::string& path) {
     throw velum::lastSystemError(path);
   }
   if (::fstat(fd.get(), &status) != 0) throw velum::lastSystemError(path);
-  if (!S_ISREG(status.st_mode)) throw Failure(path + " is not a regular file; name a log file");
+  if (!S_ISREG(status.st_mode)) throw notRegular(path);
   LogFile file(path, std::move(fd));
   file.isIntact();
   return file;
@@ -153,6 +157,13 @@ LogFiles openLog(const std::string& path, std::optional<LogDate> since,
     }
   }
   throw Failure(fmt::format("{} is emptied again and again; try again later", path));
+}
+
+std::int64_t sizeOfLog(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) throw velum::lastSystemError(path);
+  if (!S_ISREG(status.st_mode)) throw notRegular(path);
+  return status.st_size;
 }
 
 void drain(LogFile& file, std::vector<char>& buffer, RecordParser& parser) {

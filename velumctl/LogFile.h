@@ -70,6 +70,10 @@ struct LogFiles {
 LogFiles openLog(const std::string& path, std::optional<velum::LogDate> since,
                  std::optional<velum::LogDate> until, bool mayBeMissing);
 
+/// The size in bytes of the log file at `path`. Throws SystemError, and Failure when it is anything
+/// but a regular file, which the library's saving would open all the same and perhaps wait for.
+std::int64_t sizeOfLog(const std::string& path);
+
 /// Reads what is left of a file's range, from its rotated copy if need be.
 void drain(LogFile& file, std::vector<char>& buffer, RecordParser& parser);
 

@@ -1,9 +1,7 @@
 #include <fmt/format.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <iostream>
@@ -20,6 +18,7 @@
 #include "Velum/SystemError.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
+#include "velumctl/LogFile.h"
 #include "velumctl/Moments.h"
 #include "velumctl/Terminal.h"
 
@@ -36,14 +35,6 @@ struct SaveOptions {
   bool whole = false;
   bool json = false;
 };
-
-// The library opens what it is told to, and that may block for anything but a file.
-std::int64_t sizeOfLog(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) throw velum::lastSystemError(path);
-  if (!S_ISREG(status.st_mode)) throw Failure(path + " is not a regular file; name a log file");
-  return status.st_size;
-}
 
 velum::LogSavingOpts savingOptions(const SaveOptions& options) {
   const velum::LogDate now = velum::LogDate::clock::now();

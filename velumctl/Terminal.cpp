@@ -1,10 +1,8 @@
 #include "velumctl/Terminal.h"
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
@@ -12,6 +10,7 @@
 #include <utility>
 
 #include "Velum/FileUtils.h"
+#include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
 #include "Velum/SystemError.h"
 #include "velumctl/Errors.h"
@@ -24,22 +23,23 @@ std::string environmentValue(const char* name) {
   return value == nullptr ? "" : value;
 }
 
-bool isInstalled(const std::string& program) {
-  std::istringstream folders(environmentValue("PATH"));
-  for (std::string folder; std::getline(folders, folder, ':');) {
-    if (::access((folder + '/' + program).c_str(), X_OK) == 0) return true;
-  }
-  return false;
-}
-
 // The shell command; empty for no pager.
 std::string pagerCommand() {
-  if (std::getenv("PAGER") == nullptr) return isInstalled("less") ? "less -FRX" : "";
+  if (std::getenv("PAGER") == nullptr) return findInPath("less").empty() ? "" : "less -FRX";
   std::string command = environmentValue("PAGER");
   return command == "cat" ? "" : command;
 }
 
 }  // namespace
+
+std::string findInPath(const std::string& program) {
+  std::istringstream folders(environmentValue("PATH"));
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    std::string path = (folder.empty() ? "." : folder) + '/' + program;
+    if (::access(path.c_str(), X_OK) == 0) return path;
+  }
+  return {};
+}
 
 bool isTerminal(int fd) {
   return ::isatty(fd) == 1;
@@ -75,15 +75,12 @@ void Output::flush() {
 std::optional<Pager> Pager::start() {
   const std::string command = isTerminal(STDOUT_FILENO) ? pagerCommand() : "";
   if (command.empty()) return std::nullopt;
-  std::array<int, 2> ends{};
-  if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw velum::lastSystemError("velumctl: pipe");
-  const velum::UniqueFd output(ends[0]);
-  velum::UniqueFd input(ends[1]);
+  velum::PipeEnds pipe = velum::makePipe();
   velum::SpawnOptions options{.executable = "/bin/sh",
                               .arguments = {"sh", "-c", command},
                               .environment = velum::environmentWithout({}),
                               .directory = "",
-                              .standardStreams = {output.get(), STDOUT_FILENO, STDERR_FILENO},
+                              .standardStreams = {pipe.reader.get(), STDOUT_FILENO, STDERR_FILENO},
                               .extraDescriptor = std::nullopt,
                               .newSession = false};
   // A "less" without options of its own should pass colours on and leave short texts on the screen.
@@ -91,7 +88,7 @@ std::optional<Pager> Pager::start() {
   const pid_t pid = velum::spawn(options);
   std::signal(SIGINT, SIG_IGN);   // NOLINT(cert-err33-c): can't fail
   std::signal(SIGQUIT, SIG_IGN);  // NOLINT(cert-err33-c)
-  return Pager(std::move(input), pid);
+  return Pager(std::move(pipe.writer), pid);
 }
 
 Pager::Pager(Pager&& other) noexcept

@@ -10,6 +10,9 @@
 
 namespace velumctl {
 
+/// The path of a program in one of the folders of PATH; empty when it is in none.
+std::string findInPath(const std::string& program);
+
 /// True when the descriptor is a terminal.
 bool isTerminal(int fd);
 

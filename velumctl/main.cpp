@@ -1,4 +1,5 @@
-// Looks at, saves and empties the logs of the application: velumctl GROUP COMMAND.
+// What support staff and developers do with the application's logs and tools: velumctl GROUP
+// COMMAND.
 
 #include <csignal>
 #include <cstdlib>
@@ -51,7 +52,8 @@ void addCommands(CLI::App& app) {
   app.footer(
       "Examples:\n"
       "  velumctl logs show vpn.log --since 10m --level warning\n"
-      "  velumctl logs save vpn.log ~/for-support --since 3d\n\n"
+      "  velumctl logs save vpn.log ~/for-support --since 3d\n"
+      "  velumctl support archive vpn.zip --log vpn.log\n\n"
       "\"velumctl GROUP COMMAND --help\" tells the rest. Exit status: 0, 1 on failure, 2 on wrong "
       "usage.");
 
@@ -60,6 +62,10 @@ void addCommands(CLI::App& app) {
   velumctl::addLogsShow(logs);
   velumctl::addLogsSave(logs);
   velumctl::addLogsReset(logs);
+  CLI::App& support = *app.add_subcommand("support", "Make archives for support");
+  support.require_subcommand(1);
+  velumctl::addSupportArchive(support);
+  velumctl::addRun(app);
 }
 
 // The command that the arguments name, as the user would type it, for pointing to its help.
@@ -75,7 +81,7 @@ int main(int argc, char* argv[]) {
   std::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): can't fail
   velum::Logger::shared().setHandlers({});
 
-  CLI::App app("Support tool of the VPN application: looks at its logs.");
+  CLI::App app("Support tool of the VPN application.");
   try {
     addCommands(app);
     app.parse(argc, argv);

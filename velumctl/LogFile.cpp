@@ -24,8 +24,8 @@ using velum::LogDate;
 constexpr std::string_view caller = "velumctl";
 constexpr std::size_t headSize = 64;  // date, process and thread: no two generations share them
 
-Failure notRegular(const std::string& path) {
-  return Failure(path + " is not a regular file; name a log file");
+[[noreturn]] void rejectIrregular(const std::string& path) {
+  throw Failure(path + " is not a regular file; name a log file");
 }
 
 }  // namespace
@@ -39,7 +39,7 @@ std::optional<LogFile> LogFile::open(const std::string& path) {
     throw velum::lastSystemError(path);
   }
   if (::fstat(fd.get(), &status) != 0) throw velum::lastSystemError(path);
-  if (!S_ISREG(status.st_mode)) throw notRegular(path);
+  if (!S_ISREG(status.st_mode)) rejectIrregular(path);
   LogFile file(path, std::move(fd));
   file.isIntact();
   return file;
@@ -162,7 +162,7 @@ LogFiles openLog(const std::string& path, std::optional<LogDate> since,
 std::int64_t sizeOfLog(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) throw velum::lastSystemError(path);
-  if (!S_ISREG(status.st_mode)) throw notRegular(path);
+  if (!S_ISREG(status.st_mode)) rejectIrregular(path);
   return status.st_size;
 }
 

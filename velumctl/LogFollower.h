@@ -1,7 +1,9 @@
 #pragma once
 
+#include <functional>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 

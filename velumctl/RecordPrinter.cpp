@@ -141,7 +141,7 @@ void JsonPrinter::begin(const RecordHead& head) {
   std::string opening = object.dump();
   opening.back() = ',';
   output_.write(opening);
-  output_.write("\"message\":\"");
+  output_.write(R"("message":")");
 }
 
 void JsonPrinter::text(std::string_view bytes) {

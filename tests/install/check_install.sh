@@ -13,6 +13,8 @@ mv "$work/first" "$work/prefix"
 prefix=$work/prefix
 test -x "$prefix/bin/vpn_relauncher"
 test -s "$prefix/share/man/man1/vpn_relauncher.1"
+"$prefix/bin/velumctl" --version >/dev/null
+test -s "$prefix/share/bash-completion/completions/velumctl"
 
 cd "$prefix/include"
 mkdir "$work/include"

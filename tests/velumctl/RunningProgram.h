@@ -1,0 +1,132 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/Platform/Posix/UniqueFd.h"
+#include "tests/support/Waiting.h"
+
+namespace velum::test {
+
+using Strings = std::vector<std::string>;
+
+/// This process's environment with some variables changed: "NAME=value", or "NAME" to remove it.
+inline Strings environmentWith(const Strings& changes) {
+  Strings names;
+  for (const std::string& change : changes) names.push_back(change.substr(0, change.find('=')));
+  Strings result = environmentWithout(names);
+  std::ranges::copy_if(changes, std::back_inserter(result),
+                       [](const std::string& change) { return change.find('=') != change.npos; });
+  return result;
+}
+
+/// A running program and the other end of its output; killed when nobody waited for it.
+class RunningProgram {
+ public:
+  /// Connected by a pipe to its standard output; standard error and input are /dev/null.
+  static RunningProgram piped(const Strings& arguments) {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0)
+      throw std::system_error(errno, std::generic_category());
+    UniqueFd reader(ends[0]);
+    const UniqueFd writer(ends[1]);
+    SpawnOptions options;
+    options.executable = arguments.at(0);
+    options.arguments = arguments;
+    options.standardStreams[1] = writer.get();
+    return {spawn(options), std::move(reader)};
+  }
+
+  /// On a terminal of its own: 80 columns, 24 lines, which it leads a session on.
+  static RunningProgram onTerminal(const Strings& arguments, const Strings& environment) {
+    Strings argumentTexts = arguments;
+    Strings variableTexts = environmentWith(environment);
+    const auto pointers = [](Strings& texts) {
+      std::vector<char*> result;
+      std::ranges::transform(texts, std::back_inserter(result), [](auto& t) { return t.data(); });
+      result.push_back(nullptr);
+      return result;
+    };
+    const auto argumentList = pointers(argumentTexts);
+    const auto variableList = pointers(variableTexts);
+    winsize size{.ws_row = 24, .ws_col = 80, .ws_xpixel = 0, .ws_ypixel = 0};
+    int terminal = -1;
+    const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, &size);
+    if (pid == 0) {
+      ::execve(argumentList[0], argumentList.data(), variableList.data());
+      ::_exit(127);
+    }
+    ::fcntl(terminal, F_SETFD, FD_CLOEXEC);
+    return {pid, UniqueFd(terminal)};
+  }
+
+  RunningProgram(RunningProgram&& other) noexcept
+      : pid_(std::exchange(other.pid_, -1)), fd_(std::move(other.fd_)) {}
+  RunningProgram& operator=(RunningProgram&&) = delete;
+  RunningProgram(const RunningProgram&) = delete;
+  RunningProgram& operator=(const RunningProgram&) = delete;
+  ~RunningProgram() {
+    if (pid_ <= 0) return;
+    signal(SIGKILL);
+    wait();
+  }
+
+  /// All output so far, once it contains `text` or the output is at its end.
+  const std::string& readUntil(std::string_view text) {
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (output_.find(text) == std::string::npos) {
+      pollfd readable{fd_.get(), POLLIN, 0};
+      if (std::chrono::steady_clock::now() > end) {
+        ADD_FAILURE() << "no \"" << text << "\" in: " << output_;
+        return output_;
+      }
+      if (::poll(&readable, 1, 100) <= 0) continue;
+      std::array<char, 65536> bytes{};
+      const ssize_t got =
+          retryInterrupted([&] { return ::read(fd_.get(), bytes.data(), bytes.size()); });
+      if (got <= 0) return output_;  // a terminal whose last user left gives EIO
+      output_.append(bytes.data(), static_cast<std::size_t>(got));
+    }
+    return output_;
+  }
+  const std::string& readToEnd() { return readUntil("\x1F never printed \x1F"); }
+
+  void type(std::string_view text) const {
+    EXPECT_EQ(::write(fd_.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+  void signal(int number) const { ::kill(pid_, number); }
+  void closeOutput() { fd_.reset(); }
+
+  /// Its wait(2) status; `usage()` tells of it afterwards.
+  int wait() {
+    int status = -1;
+    const pid_t pid = std::exchange(pid_, -1);
+    retryInterrupted([&] { return ::wait4(pid, &status, 0, &usage_); });
+    return status;
+  }
+  const rusage& usage() const { return usage_; }
+
+ private:
+  RunningProgram(pid_t pid, UniqueFd fd) : pid_(pid), fd_(std::move(fd)) {}
+
+  pid_t pid_;
+  UniqueFd fd_;
+  std::string output_;
+  rusage usage_{};
+};
+
+}  // namespace velum::test

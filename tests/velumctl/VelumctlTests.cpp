@@ -1,0 +1,421 @@
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "Velum/Logger/Handlers/FileLogHandler.h"
+#include "Velum/Logger/LogRecord.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/velumctl/RunningProgram.h"
+
+namespace velum::test {
+namespace {
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+struct Result {
+  int status = -1;  // the exit status
+  std::string output;
+  std::string errors;
+};
+
+class Velumctl : public testing::Test {
+ protected:
+  Result run(const Strings& arguments, const std::string& input = {}) const {
+    writeFile(folder_ / "input", input);
+    const auto opened = [this](const char* name, int flags) {
+      return UniqueFd(::open((folder_ / name).c_str(), flags | O_CLOEXEC, 0600));
+    };
+    const UniqueFd in = opened("input", O_RDONLY);
+    const UniqueFd out = opened("output", O_WRONLY | O_CREAT | O_TRUNC);
+    const UniqueFd error = opened("errors", O_WRONLY | O_CREAT | O_TRUNC);
+    SpawnOptions options;
+    options.executable = VELUM_VELUMCTL;
+    options.arguments = commandLine(arguments);
+    options.standardStreams = {in.get(), out.get(), error.get()};
+    int status = 0;
+    const pid_t pid = spawn(options);
+    retryInterrupted([&] { return ::waitpid(pid, &status, 0); });
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(folder_ / "output"),
+            readFile(folder_ / "errors")};
+  }
+
+  static Strings commandLine(Strings arguments) {
+    arguments.insert(arguments.begin(), VELUM_VELUMCTL);
+    return arguments;
+  }
+  static RunningProgram onTerminal(const Strings& arguments, const std::string& pager = "PAGER=cat",
+                                   const std::string& colour = "NO_COLOR") {
+    return RunningProgram::onTerminal(commandLine(arguments),
+                                      {"TERM=xterm", "LESS", colour, pager});
+  }
+
+  // One record, as handlers write it.
+  static std::string record(std::string_view time, std::string_view subsystem,
+                            std::string_view text) {
+    return fmt::format("\x1E{} {}.000 {:5}:{:<8x} [{}] {}\n", "2026-11-20", time, 321, 6659,
+                       subsystem, text);
+  }
+  void writeSampleLog() const {
+    writeFile(folder_ / "app.1.log", "no record\n" + record("09:00:00", "a.ui", "I: (Ui) one") +
+                                         record("09:30:00", "a.net", "W: (Net) two\nlines"));
+    writeFile(log_, record("10:00:00", "a.net", "E: (Net: go()) three") +
+                        record("10:30:00", "a.ui", "D: (Ui: go()) four \xFF \x1E \x1B[2J") +
+                        record("11:00:00", "a.ui", "five"));
+  }
+
+  TemporaryFolder folder_;
+  std::string log_ = folder_ / "app.log";
+};
+
+Strings messages(const std::string& jsonLines) {
+  Strings result;
+  std::istringstream lines(jsonLines);
+  for (std::string line; std::getline(lines, line);) {
+    result.push_back(nlohmann::json::parse(line).at("message"));
+  }
+  return result;
+}
+
+TEST_F(Velumctl, ShowsTheRotatedFileBeforeTheLiveOneWithoutSeparators) {
+  writeSampleLog();
+  const Result result = run({"logs", "show", log_});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  std::string expected = readFile(folder_ / "app.1.log") + readFile(log_);
+  for (std::size_t at = 0; (at = expected.find("\x1E"
+                                               "2026")) != std::string::npos;) {
+    expected.erase(at, 1);
+  }
+  EXPECT_EQ(result.output, expected);
+  std::filesystem::remove(log_);
+  EXPECT_THAT(run({"logs", "show", log_}).output, EndsWith("two\nlines\n"));
+}
+
+TEST_F(Velumctl, ShowsOnlyTheRecordsThatWereAskedFor) {
+  writeSampleLog();
+  const auto shown = [this](const Strings& options) {
+    Strings arguments{"logs", "show", log_, "--json"};
+    std::ranges::copy(options, std::back_inserter(arguments));
+    const Result result = run(arguments);
+    EXPECT_EQ(result.status, 0) << result.errors;
+    return messages(result.output);
+  };
+  const std::string two = "(Net) two\nlines";
+  const std::string three = "(Net: go()) three";
+  EXPECT_THAT(shown({"--since", "2026-11-20 09:30", "--until", "2026-11-20 10:00:00"}),
+              ElementsAre(two, three));
+  EXPECT_THAT(shown({"--level", "warning"}), ElementsAre(two, three));
+  EXPECT_THAT(shown({"--subsystem", "a.net", "--level", "error"}), ElementsAre(three));
+  EXPECT_EQ(shown({"--subsystem", "a.net", "--subsystem", "a.ui"}).size(), 5U);
+  EXPECT_THAT(shown({"--since", "2099-01-01"}), IsEmpty());
+  EXPECT_THAT(shown({"--since", "2026-11-21", "--until", "2026-11-19"}), IsEmpty());
+  const std::string now = makeRecordPrefix(std::chrono::system_clock::now(), "a.now") + "I: new\n";
+  writeFile(log_, record("10:00:00", "a.net", "I: old").replace(1, 4, "2020") + now);
+  EXPECT_THAT(shown({"--since", "10m"}), ElementsAre("new"));
+}
+
+TEST_F(Velumctl, JsonTakesRecordsApart) {
+  writeSampleLog();
+  std::istringstream lines(run({"logs", "show", log_, "--json"}).output);
+  Strings all;
+  for (std::string line; std::getline(lines, line);) all.push_back(line);
+  ASSERT_EQ(all.size(), 6U);
+  EXPECT_EQ(all[0], R"({"date":null,"process":null,"thread":null,"subsystem":null,"level":null,)"
+                    R"("message":"no record"})");
+  EXPECT_EQ(all[3], R"({"date":"2026-11-20 10:00:00.000","process":321,"thread":6659,)"
+                    R"("subsystem":"a.net","level":"error","message":"(Net: go()) three"})");
+  EXPECT_EQ(nlohmann::json::parse(all[4]).at("message"), "(Ui: go()) four \uFFFD \x1E \x1B[2J");
+  EXPECT_EQ(nlohmann::json::parse(all[5]).at("level"), nullptr);
+}
+
+TEST_F(Velumctl, JsonIsValidWhateverTheLogHolds) {
+  std::mt19937 random(7);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same bytes each time
+  std::string content;
+  while (content.size() < 3'000'000) {
+    content += random() % 64 == 0 ? record("09:00:00", "a", "") : std::string();
+    for (int i = 0; i < 40; ++i) content += static_cast<char>(random());
+  }
+  writeFile(log_, content);
+  const Result result = run({"logs", "show", log_, "--json"});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_GT(messages(result.output).size(), 100U);  // throws where it is not valid
+
+  // Characters of several bytes across the edges of every buffer.
+  std::string longText = "x";
+  while (longText.size() < 2'500'000) longText += "\u20AC";
+  writeFile(log_, record("09:00:00", "a", "I: " + longText + "\n") + record("09:00:01", "a", "b"));
+  EXPECT_TRUE(messages(run({"logs", "show", log_, "--json"}).output) ==
+              Strings({longText + "\n", "b"}));
+}
+
+#ifndef VELUM_SANITIZED
+TEST_F(Velumctl, NeedsLittleMemoryForHugeRecords) {
+  writeFile(log_, record("09:00:00", "a", std::string(40'000'000, '\xFF')));
+  for (const std::string option : {"--json", "--level=verbose"}) {
+    auto program = RunningProgram::onTerminal({"/bin/sh", "-c", "exec \"$@\" >/dev/null", "sh",
+                                               VELUM_VELUMCTL, "logs", "show", log_, option},
+                                              {});
+    EXPECT_EQ(program.wait(), 0);
+    EXPECT_LT(program.usage().ru_maxrss, 24 * 1024) << "KiB, with " << option;
+  }
+}
+#endif
+
+TEST_F(Velumctl, RejectsWrongUsageInOneLine) {
+  writeSampleLog();
+  const std::vector<std::pair<Strings, int>> cases{
+      {{}, 2},
+      {{"logs"}, 2},
+      {{"logs", "show"}, 2},
+      {{"logs", "show", log_, "more"}, 2},
+      {{"logs", "show", log_, "--level", "loud"}, 2},
+      {{"logs", "show", log_, "--since", "2026-02-30"}, 2},
+      {{"logs", "show", log_, "--since", "25:00"}, 2},
+      {{"logs", "show", log_, "--since", "10"}, 2},
+      {{"logs", "show", log_, "--follow", "--until", "1m"}, 2},
+      {{"logs", "save", log_, folder_ / "out", "--whole", "--since", "1d"}, 2},
+      {{"logs", "save", log_, folder_ / "out", "--max-size", "-5"}, 2},
+      {{"logs", "reset", log_}, 2},
+      {{"support", "archive", folder_ / "a.zip"}, 2},
+      {{"support", "archive", folder_ / "a.zip", "--log", log_, "--include", "name"}, 2},
+      {{"run"}, 2},
+      {{"logs", "show", folder_ / "missing.log"}, 1},
+      {{"support", "archive", folder_ / "a.zip", "--log", folder_ / "missing.log"}, 1},
+      {{"support", "archive", folder_ / "a.zip", "--log", log_, "--include", "../x=" + log_}, 1},
+      {{"run", "--", folder_ / "missing"}, 1},
+      {{"logs", "show", folder_.path()}, 1},
+      {{"logs", "show", "/dev/null"}, 1},
+      {{"logs", "save", log_, log_}, 1},
+      {{"logs", "save", log_, folder_ / "out", "--subsystem", "nobody"}, 1},
+      {{"logs", "reset", folder_ / "missing.log", "--yes"}, 1},
+  };
+  for (const auto& [arguments, status] : cases) {
+    const Result result = run(arguments);
+    EXPECT_EQ(result.status, status) << testing::PrintToString(arguments) << result.errors;
+    EXPECT_THAT(result.errors, AllOf(StartsWith("velumctl: "), EndsWith("\n")));
+    EXPECT_EQ(std::ranges::count(result.errors, '\n'), 1) << result.errors;
+    EXPECT_THAT(result.output, IsEmpty());
+  }
+  EXPECT_THAT(run({"logs", "show", "--help"}).output, HasSubstr("Examples:"));
+  EXPECT_EQ(run({"--version"}).status, 0);
+}
+
+TEST_F(Velumctl, SavesAndResets) {
+  writeSampleLog();
+  const std::string out = folder_ / "for support/today";
+  Result result = run({"logs", "save", log_, out, "--since", "2026-11-20 10:00", "--json"});
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_THAT(nlohmann::json::parse(result.output).at("files").get<Strings>(),
+              ElementsAre(out + "/a.net.log", out + "/a.ui.log"));
+  EXPECT_EQ(readFile(out + "/a.net.log"), record("10:00:00", "a.net", "E: (Net: go()) three"));
+
+  result = run({"logs", "save", log_, out, "--whole", "--max-size", "1k"});
+  EXPECT_EQ(result.output, out + "/app.log\n");
+  EXPECT_EQ(readFile(out + "/app.log"), readFile(folder_ / "app.1.log") + readFile(log_));
+
+  EXPECT_EQ(run({"logs", "reset", log_}, "y\n").status, 2);
+  EXPECT_THAT(readFile(log_), HasSubstr("three"));
+  EXPECT_EQ(run({"logs", "reset", log_, "--yes"}).status, 0);
+  EXPECT_THAT(readFile(log_), AllOf(HasSubstr("reset"), Not(HasSubstr("three"))));
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "app.1.log"));
+}
+
+TEST_F(Velumctl, AsksOnTheTerminalBeforeItResets) {
+  writeSampleLog();
+  const std::string before = readFile(log_);
+  for (const std::string answer : {"n\n", "\n", "\x04", "y\n"}) {
+    ASSERT_EQ(readFile(log_), before);
+    auto program = onTerminal({"logs", "reset", log_});
+    program.readUntil("[y/N] ");
+    program.type(answer);
+    program.readToEnd();
+    EXPECT_EQ(WEXITSTATUS(program.wait()), answer == "y\n" ? 0 : 1) << answer;
+  }
+  EXPECT_NE(readFile(log_), before);
+}
+
+TEST_F(Velumctl, ColoursAndTamesTextOnATerminal) {
+  writeSampleLog();
+  std::string text = onTerminal({"logs", "show", log_}).readToEnd();
+  EXPECT_THAT(text, HasSubstr("\x1B[33m2026-11-20 09:30:00.000   321:1a03     [a.net] W: (Net) "
+                              "two\x1B[0m\r\n\x1B[33mlines\x1B[0m\r\n"));
+  EXPECT_THAT(text, HasSubstr("\x1B[31m2026-11-20 10:00:00.000"));
+  EXPECT_THAT(text, AllOf(HasSubstr("four \uFFFD ^^ ^[[2J"), Not(HasSubstr("\x1B[2J"))));
+  text = onTerminal({"logs", "show", log_}, "PAGER=cat", "NO_COLOR=1").readToEnd();
+  EXPECT_THAT(text, AllOf(HasSubstr("three"), Not(HasSubstr("\x1B"))));
+}
+
+TEST_F(Velumctl, PagesOnATerminal) {
+  writeSampleLog();
+  const std::string text =
+      onTerminal({"logs", "show", log_}, "PAGER=sed -n 's/.*th\\(ree\\)/paged \\1/p'").readToEnd();
+  EXPECT_THAT(text, AllOf(HasSubstr("paged ree"), Not(HasSubstr("five"))));
+  EXPECT_THAT(onTerminal({"logs", "show", log_, "--json"}, "PAGER=true").readToEnd(),
+              HasSubstr("five"));
+
+  // A text of many pages; the user leaves at the first. Ctrl-C is the pager's affair.
+  std::string content;
+  for (int i = 0; i < 50'000; ++i) content += record("09:00:00", "a", fmt::format("I: no {}", i));
+  writeFile(log_, content);
+  auto less = onTerminal({"logs", "show", log_}, "PAGER");
+  less.readUntil("I: no 1");
+  less.signal(SIGINT);
+  less.type("q");
+  EXPECT_THAT(less.readToEnd(), Not(HasSubstr("I: no 40000")));
+  EXPECT_EQ(less.wait(), 0);
+
+  auto missing = onTerminal({"logs", "show", log_}, "PAGER=/no/such/pager");
+  EXPECT_THAT(missing.readToEnd(), HasSubstr("PAGER"));
+  EXPECT_EQ(WEXITSTATUS(missing.wait()), 1);
+}
+
+TEST_F(Velumctl, FollowsThroughRotationDeletionAndReset) {
+  RotationPolicy policy;
+  policy.maxSize = 4000;
+  policy.firstCheck = policy.checkInterval = std::chrono::milliseconds(20);
+  const auto handler = FileLogHandler::create("a", log_, true, policy, {});
+  auto program = RunningProgram::piped(commandLine({"logs", "show", "-f", log_}));
+  std::string expected;
+  int number = 0;
+  for (int round = 0; round < 30; ++round) {
+    ASSERT_TRUE(eventually([&] {  // made anew, rotated
+      std::error_code error;
+      return std::filesystem::file_size(log_, error) < static_cast<std::uintmax_t>(policy.maxSize);
+    }));
+    if (round % 7 == 3) std::filesystem::remove(log_);
+    if (round % 7 == 5) std::filesystem::rename(log_, folder_ / "moved.log");
+    if (round == 14) {
+      EXPECT_EQ(run({"logs", "reset", log_, "--yes"}).status, 0);
+    }
+    for (int i = 0; i < 20; ++i) {
+      const std::string text = fmt::format("I: record {};", ++number);
+      handler->logWithLevel(LogLevel::info, std::chrono::system_clock::now(), text);
+      expected += text;
+    }
+    program.readUntil(fmt::format("record {};", number));
+  }
+  program.signal(SIGINT);
+  const std::string output = program.readToEnd();
+  EXPECT_EQ(WTERMSIG(program.wait()), SIGINT);
+  std::string actual;
+  const std::regex pattern("I: record \\d+;");
+  for (std::sregex_iterator it(output.begin(), output.end(), pattern), end; it != end; ++it) {
+    actual += it->str();
+  }
+  EXPECT_EQ(actual, expected);
+  EXPECT_THAT(output, HasSubstr("Log file has been rotated"));
+}
+
+TEST_F(Velumctl, FollowsALogThatIsYetToComeAndEndsWithItsReader) {
+  auto program = RunningProgram::piped(commandLine({"logs", "show", "--follow", log_}));
+  writeFile(log_, record("09:00:00", "a", "I: first"));
+  program.readUntil("first");
+  program.closeOutput();
+  writeFile(log_, record("09:00:00", "a", "I: second, longer than the first one"));
+  EXPECT_EQ(program.wait(), 0);
+}
+
+TEST_F(Velumctl, MakesArchivesWithAProgressBarOnATerminal) {
+  writeSampleLog();
+  const std::string archive = folder_ / "for support.zip";
+  const Strings arguments{
+      "support",   "archive",          archive, "--log", log_, "--since", "2026-11-20 10:00",
+      "--include", "notes/app=" + log_};
+  const Result result = run(arguments);
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_EQ(result.output + result.errors, archive + "\n");
+  auto list = RunningProgram::piped({"/usr/bin/unzip", "-Z1", archive});
+  EXPECT_THAT(list.readToEnd(),
+              AllOf(HasSubstr("for support/a.net.log\n"), HasSubstr("for support/notes/app\n")));
+  auto program = onTerminal(arguments);
+  EXPECT_THAT(program.readToEnd(), AllOf(HasSubstr(" %"), HasSubstr("for support.zip")));
+  EXPECT_EQ(program.wait(), 0);
+}
+
+TEST_F(Velumctl, CtrlCLeavesNothingOfAnArchive) {
+  const std::string temporary = folder_ / "temporary";
+  std::filesystem::create_directory(temporary);
+  writeFile(log_, record("09:00:00", "a", "I: x"));
+  std::mt19937_64 random(7);             // NOLINT(cert-msc32-c,cert-msc51-cpp)
+  std::string content(40'000'000, ' ');  // packing it takes a while
+  std::ranges::generate(content, [&random] { return static_cast<char>(random()); });
+  writeFile(folder_ / "big", content);
+  auto program =
+      RunningProgram::onTerminal(commandLine({"support", "archive", folder_ / "a.zip", "--log",
+                                              log_, "--include", "big=" + (folder_ / "big")}),
+                                 {"TMPDIR=" + temporary});
+  program.readUntil("67 %");  // the packing has begun
+  program.type("\x03");
+  EXPECT_THAT(program.readToEnd(), HasSubstr("cancelled"));
+  EXPECT_EQ(WEXITSTATUS(program.wait()), 1);
+  EXPECT_TRUE(std::filesystem::is_empty(temporary));
+  EXPECT_FALSE(std::filesystem::exists(folder_ / "a.zip"));
+}
+
+TEST_F(Velumctl, RunsToolsThroughTheRunner) {
+  Result result =
+      run({"run", "--directory", "/usr", "--", "sh", "-c", "pwd; printf 'a  b' >&2; exit 3", "x"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.output, AllOf(HasSubstr("I: (Process) /usr\n"), HasSubstr(") a  b\n"),
+                                   HasSubstr("returned 3")));
+  EXPECT_THAT(result.errors, HasSubstr("status 3"));
+  result = run({"run", "--json", "--", "printf", "%s", "\xFF--json\n"});
+  EXPECT_EQ(result.output, "{\"status\":0,\"output\":\"\uFFFD--json\\n\"}\n");
+}
+
+std::set<std::string> optionsIn(const std::string& help) {
+  std::set<std::string> result;
+  const std::regex option("\n  (?:-\\w,)?(--[a-z-]+)");
+  for (std::sregex_iterator it(help.begin(), help.end(), option), end; it != end; ++it) {
+    result.insert((*it)[1]);
+  }
+  return result;
+}
+
+TEST_F(Velumctl, CompletionAndManualKnowEveryOption) {
+  const std::string script = VELUM_SOURCE_DIR "/velumctl/completions/velumctl.bash";
+  const std::string zsh = readFile(VELUM_SOURCE_DIR "/velumctl/completions/_velumctl");
+  const std::string manual = readFile(VELUM_SOURCE_DIR "/docs/velumctl.1");
+  const auto complete = [&](const std::string& words) {
+    const std::string code = "source '" + script + "'; COMP_WORDS=(velumctl " + words +
+                             "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _velumctl; "
+                             "printf '%s\\n' \"${COMPREPLY[@]}\"";
+    auto bash = RunningProgram::piped({"/bin/bash", "-c", code});
+    std::istringstream lines(bash.readToEnd());
+    return std::set<std::string>(std::istream_iterator<std::string>(lines), {});
+  };
+  for (const std::string words :
+       {"logs show", "logs save", "logs reset", "support archive", "run"}) {
+    Strings arguments{"--help"};
+    std::istringstream parts(words);
+    arguments.insert(arguments.begin(), std::istream_iterator<std::string>(parts), {});
+    const auto options = optionsIn(run(arguments).output);
+    ASSERT_FALSE(options.empty()) << words;
+    EXPECT_EQ(complete(words + " --"), options) << words;
+    for (const std::string& option : options) {
+      EXPECT_THAT(zsh, HasSubstr(option.substr(2))) << words;
+      EXPECT_THAT(manual, HasSubstr("Fl " + option.substr(1))) << words;
+    }
+  }
+  EXPECT_THAT(complete("logs s"), ElementsAre("save", "show"));
+  EXPECT_THAT(complete("logs show f --level e"), ElementsAre("error"));
+}
+
+}  // namespace
+}  // namespace velum::test

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+// Each function adds one command to its parent. The command runs while the command line is parsed
+// and throws UsageError, Failure or velum::SystemError when it fails.
+namespace velumctl {
+
+void addLogsShow(CLI::App& logs);
+void addLogsSave(CLI::App& logs);
+void addLogsReset(CLI::App& logs);
+void addSupportArchive(CLI::App& support);
+void addRun(CLI::App& app);
+
+}  // namespace velumctl

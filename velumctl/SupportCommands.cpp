@@ -1,0 +1,164 @@
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <exception>
+#include <future>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Velum/Logger/LogManager.h"
+#include "Velum/String.h"
+#include "Velum/SupportUtils.h"
+#include "velumctl/Commands.h"
+#include "velumctl/Errors.h"
+#include "velumctl/LogFile.h"
+#include "velumctl/Moments.h"
+#include "velumctl/Terminal.h"
+
+namespace velumctl {
+namespace {
+
+using velum::Progress;
+using ArchivingError = velum::SupportLogArchivingError;
+
+struct ArchiveOptions {
+  std::string archive;
+  std::string log;
+  std::string purpose = "report";
+  std::string since;
+  std::vector<std::string> includes;
+  bool reveal = false;
+  bool json = false;
+};
+
+velum::SupportItems parsedItems(const std::vector<std::string>& includes) {
+  velum::SupportItems items;
+  for (const std::string& include : includes) {
+    const std::size_t equals = include.find('=');
+    if (equals == 0 || equals == std::string::npos || equals + 1 == include.size()) {
+      throw UsageError(fmt::format("\"{}\" is no item; write --include NAME=PATH", include));
+    }
+    const std::string name = include.substr(0, equals);
+    if (!items.emplace(name, velum::FileUrl{include.substr(equals + 1)}).second) {
+      throw UsageError(fmt::format("\"{}\" is included twice; choose another name", name));
+    }
+  }
+  return items;
+}
+
+// For the signal handler: what to cancel, and that it came before there was anything.
+std::atomic<Progress*> cancellable{nullptr};
+std::atomic<bool> isInterrupted{false};
+static_assert(std::atomic<Progress*>::is_always_lock_free);
+
+// Ctrl-C, or a polite kill, ends the work between two of its steps, so that it cleans up.
+extern "C" void cancelArchive(int /*signal*/) {
+  isInterrupted = true;
+  if (Progress* const progress = cancellable.load()) progress->cancel();
+}
+
+// On standard error, where it does not mix with the result.
+void drawBar(const Progress& progress) {
+  constexpr int width = 40;
+  const double done = progress.fractionCompleted();
+  const int filled = static_cast<int>(done * width);
+  std::cerr << fmt::format("\r[{:#<{}}{:<{}}] {:3.0f} %", "", filled, "", width - filled,
+                           done * 100)
+            << std::flush;
+}
+
+void waitFor(std::future<std::exception_ptr>& end, const Progress& progress) {
+  constexpr std::chrono::milliseconds frame(100);
+  if (!isTerminal(STDERR_FILENO)) {
+    end.wait();
+    return;
+  }
+  do {
+    drawBar(progress);
+  } while (end.wait_for(frame) == std::future_status::timeout);
+  std::cerr << "\r\x1B[K" << std::flush;
+}
+
+[[noreturn]] void report(const std::exception_ptr& error, bool isCancelled) try {
+  std::rethrow_exception(error);
+} catch (const ArchivingError& failure) {
+  // A packing tool on the same terminal gets Ctrl-C too and fails of it.
+  if (isCancelled) throw Failure("cancelled; no archive was made");
+  switch (failure.reason()) {
+    case ArchivingError::Case::compressLogFolder:
+      throw Failure("the archive can't be packed; see that zip is installed and the disk has room");
+    case ArchivingError::Case::createTempFolderFailed:
+      throw Failure(fmt::format("{}; set TMPDIR to a folder you may write to", failure.what()));
+    default:
+      throw Failure(failure.what());
+  }
+}
+
+void archive(const ArchiveOptions& options) {
+  velum::SupportItems items = parsedItems(options.includes);
+  std::optional<velum::LogDate> since;
+  if (!options.since.empty()) since = parsedMoment(options.since, velum::LogDate::clock::now());
+  const auto purpose = options.purpose == "report" ? velum::SupportLogsPurpose::report
+                                                   : velum::SupportLogsPurpose::diagnosis;
+  sizeOfLog(options.log);
+  velum::LogManager::shared().setLogPath(options.log);
+
+  std::signal(SIGINT, cancelArchive);   // NOLINT(cert-err33-c): can't fail
+  std::signal(SIGTERM, cancelArchive);  // NOLINT(cert-err33-c)
+  auto end = std::make_shared<std::promise<std::exception_ptr>>();
+  auto error = end->get_future();
+  const auto progress = velum::SupportUtils::createArchive(
+      options.archive, std::move(items), purpose, since, options.reveal,
+      [end](std::exception_ptr failure) { end->set_value(std::move(failure)); });
+  cancellable = progress.get();
+  if (isInterrupted) progress->cancel();
+  waitFor(error, *progress);
+  cancellable = nullptr;
+  if (const std::exception_ptr failure = error.get()) report(failure, progress->isCancelled());
+  if (options.json) {
+    std::cout << nlohmann::json{{"archive", velum::repairedUtf8(options.archive)}}.dump() << '\n';
+  } else {
+    std::cout << options.archive << '\n';
+  }
+}
+
+}  // namespace
+
+void addSupportArchive(CLI::App& support) {
+  auto options = std::make_shared<ArchiveOptions>();
+  CLI::App& archive = *support.add_subcommand("archive", "Make a zip file to send to support");
+  archive.add_option("ARCHIVE", options->archive, "The zip file; replaced when it is there")
+      ->required();
+  archive.add_option("--log", options->log, "The live log file")->required()->type_name("FILE");
+  archive
+      .add_option("--purpose", options->purpose,
+                  "report: the last two days, at most 30 MiB of each log; diagnosis: the last day")
+      ->type_name("PURPOSE")
+      ->check(CLI::IsMember({"report", "diagnosis"}));
+  archive
+      .add_option("--since", options->since,
+                  std::string("Logs from then on instead: ") + momentHelp)
+      ->type_name("MOMENT");
+  archive.add_option("--include", options->includes, "A file or folder to add; may be repeated")
+      ->type_name("NAME=PATH")
+      ->allow_extra_args(false);
+  archive.add_flag("--reveal", options->reveal, "Show the archive in the file viewer");
+  archive.add_flag("--json", options->json, "Print {\"archive\": path}");
+  archive.footer(
+      "Ctrl-C ends it and leaves nothing behind.\n\n"
+      "Examples:\n"
+      "  velumctl support archive vpn.zip --log vpn.log\n"
+      "  velumctl support archive vpn.zip --log vpn.log --purpose diagnosis --since 2h \\\n"
+      "    --include settings.plist=$HOME/.config/vpn/defaults.plist");
+  archive.callback([options] { velumctl::archive(*options); });
+}
+
+}  // namespace velumctl

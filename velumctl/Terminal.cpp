@@ -1,0 +1,119 @@
+#include "velumctl/Terminal.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <sstream>
+#include <utility>
+
+#include "Velum/FileUtils.h"
+#include "Velum/Platform/Posix/ChildIo.h"
+#include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/SystemError.h"
+#include "velumctl/Errors.h"
+
+namespace velumctl {
+namespace {
+
+std::string environmentValue(const char* name) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? "" : value;
+}
+
+// The shell command; empty for no pager.
+std::string pagerCommand() {
+  if (std::getenv("PAGER") == nullptr) return findInPath("less").empty() ? "" : "less -FRX";
+  std::string command = environmentValue("PAGER");
+  return command == "cat" ? "" : command;
+}
+
+}  // namespace
+
+std::string findInPath(const std::string& program) {
+  std::istringstream folders(environmentValue("PATH"));
+  for (std::string folder; std::getline(folders, folder, ':');) {
+    std::string path = (folder.empty() ? "." : folder) + '/' + program;
+    if (::access(path.c_str(), X_OK) == 0) return path;
+  }
+  return {};
+}
+
+bool isTerminal(int fd) {
+  return ::isatty(fd) == 1;
+}
+
+bool wantsColour() {
+  return environmentValue("NO_COLOR").empty() && environmentValue("TERM") != "dumb";
+}
+
+bool isConfirmed(const std::string& question) {
+  std::cerr << question << " [y/N] " << std::flush;
+  std::string answer;
+  if (!std::getline(std::cin, answer)) std::cerr << '\n';
+  return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+void Output::write(std::string_view bytes) {
+  constexpr std::size_t enough = 65536;
+  if (buffer_.size() + bytes.size() > enough) flush();
+  if (bytes.size() > enough) {
+    velum::checked::write(fd_, bytes.data(), bytes.size(), "velumctl");
+  } else {
+    buffer_ += bytes;
+  }
+}
+
+void Output::flush() {
+  if (buffer_.empty()) return;
+  velum::checked::write(fd_, buffer_.data(), buffer_.size(), "velumctl");
+  buffer_.clear();
+}
+
+std::optional<Pager> Pager::start() {
+  const std::string command = isTerminal(STDOUT_FILENO) ? pagerCommand() : "";
+  if (command.empty()) return std::nullopt;
+  velum::PipeEnds pipe = velum::makePipe();
+  velum::SpawnOptions options{.executable = "/bin/sh",
+                              .arguments = {"sh", "-c", command},
+                              .environment = velum::environmentWithout({}),
+                              .directory = "",
+                              .standardStreams = {pipe.reader.get(), STDOUT_FILENO, STDERR_FILENO},
+                              .extraDescriptor = std::nullopt,
+                              .newSession = false};
+  // A "less" without options of its own should pass colours on and leave short texts on the screen.
+  if (std::getenv("LESS") == nullptr) options.environment->emplace_back("LESS=FRX");
+  const pid_t pid = velum::spawn(options);
+  std::signal(SIGINT, SIG_IGN);   // NOLINT(cert-err33-c): can't fail
+  std::signal(SIGQUIT, SIG_IGN);  // NOLINT(cert-err33-c)
+  return Pager(std::move(pipe.writer), pid);
+}
+
+Pager::Pager(Pager&& other) noexcept
+    : input_(std::move(other.input_)), pid_(std::exchange(other.pid_, -1)) {}
+
+Pager::~Pager() {
+  wait();
+}
+
+void Pager::finish() {
+  constexpr int notFound = 127;
+  constexpr int notExecutable = 126;
+  const int status = wait();
+  if (WIFEXITED(status) &&
+      (WEXITSTATUS(status) == notFound || WEXITSTATUS(status) == notExecutable)) {
+    throw Failure("the pager could not be started; correct PAGER, or set it to cat for none");
+  }
+}
+
+int Pager::wait() {
+  input_.reset();
+  int status = 0;
+  const pid_t pid = std::exchange(pid_, -1);
+  if (pid > 0) velum::retryInterrupted([&] { return ::waitpid(pid, &status, 0); });
+  return status;
+}
+
+}  // namespace velumctl

@@ -1,0 +1,100 @@
+// What support staff and developers do with the application's logs and tools: velumctl GROUP
+// COMMAND.
+
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <string_view>
+
+#include "Velum/Logger/Logger.h"
+#include "Velum/SystemError.h"
+#include "velumctl/Commands.h"
+#include "velumctl/Errors.h"
+
+namespace {
+
+constexpr int usageStatus = 2;
+
+// What may help against a failed system call; empty when nothing general does.
+std::string_view advice(int code) {
+  switch (code) {
+    case ENOENT:
+    case ENOTDIR:
+      return "; check the path";
+    case EACCES:
+    case EPERM:
+    case EROFS:
+      return "; run this as a user who may do that, or choose another path";
+    case ENOSPC:
+    case EDQUOT:
+      return "; free some space, or choose another disk";
+    case EISDIR:
+      return "; name a file";
+    default:
+      return "";
+  }
+}
+
+int fail(std::string text, std::string_view hint, int status) {
+  for (char& c : text) {
+    if (c == '\n') c = ' ';
+  }
+  std::cerr << "velumctl: " << text << hint << '\n';
+  return status;
+}
+
+void addCommands(CLI::App& app) {
+  app.name("velumctl");
+  app.require_subcommand(1);
+  app.set_version_flag("--version", VELUM_VERSION);
+  app.footer(
+      "Examples:\n"
+      "  velumctl logs show vpn.log --since 10m --level warning\n"
+      "  velumctl logs save vpn.log ~/for-support --since 3d\n"
+      "  velumctl support archive vpn.zip --log vpn.log\n\n"
+      "\"velumctl GROUP COMMAND --help\" tells the rest. Exit status: 0, 1 on failure, 2 on wrong "
+      "usage.");
+
+  CLI::App& logs = *app.add_subcommand("logs", "Show, save and empty log files");
+  logs.require_subcommand(1);
+  velumctl::addLogsShow(logs);
+  velumctl::addLogsSave(logs);
+  velumctl::addLogsReset(logs);
+  CLI::App& support = *app.add_subcommand("support", "Make archives for support");
+  support.require_subcommand(1);
+  velumctl::addSupportArchive(support);
+  velumctl::addRun(app);
+}
+
+// The command that the arguments name, as the user would type it, for pointing to its help.
+std::string commandName(const CLI::App& app) {
+  const auto chosen = app.get_subcommands();
+  return chosen.empty() ? app.get_name() : app.get_name() + ' ' + commandName(*chosen.front());
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  // A reader that left, a pager for instance, is noticed by the failed write.
+  std::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): can't fail
+  velum::Logger::shared().setHandlers({});
+
+  CLI::App app("Support tool of the VPN application.");
+  try {
+    addCommands(app);
+    app.parse(argc, argv);
+    return EXIT_SUCCESS;
+  } catch (const CLI::Success& help) {
+    return app.exit(help);
+  } catch (const CLI::ParseError& error) {
+    return fail(error.what(), "; see \"" + commandName(app) + " --help\"", usageStatus);
+  } catch (const velumctl::UsageError& error) {
+    return fail(error.what(), "", usageStatus);
+  } catch (const velum::SystemError& error) {
+    return fail(error.what(), advice(error.code()), EXIT_FAILURE);
+  } catch (const std::exception& error) {
+    return fail(error.what(), "", EXIT_FAILURE);
+  }
+}

@@ -214,7 +214,7 @@ TEST_F(WorkspaceTest, KnowsAScriptByTheRecordOfItsLaunch) {
   writeFile(program(), "#!/bin/sh\necho $$ >> \"$SAMPLE_APP_EVENTS\"\nsleep 1000\n");
   std::filesystem::permissions(program(), std::filesystem::perms::owner_all);
   EXPECT_EQ(open(bundle_).get(), std::nullopt);
-  const pid_t script = std::stoi(events_.next().value_or("0"));
+  const pid_t script = std::stoi(events_.next().value_or(std::to_string(noProcess)));
   EXPECT_EQ(onMain([&] { return identifierOf(script); }), identifier_);
   EXPECT_EQ(open(bundle_).get(), std::nullopt);
   EXPECT_EQ(events_.next(std::chrono::milliseconds(0)), std::nullopt) << "opened twice";

@@ -229,7 +229,7 @@ TEST_F(FileLogManagerTest, KeepsTheHourThatComesTwice) {
 
 TEST_F(FileLogManagerTest, TreatsALogWithoutRecordsAsHavingNone) {
   for (const std::string& content : {std::string(), std::string("plain\n"), std::string("\x1E"),
-                                    std::string("\x1E") + "2026-03-10 12:00"}) {
+                                     std::string("\x1E") + "2026-03-10 12:00"}) {
     live(content);
     EXPECT_THAT(save({}), IsEmpty()) << content;
     EXPECT_THAT(save({.startDate = noon, .endDate = noon, .maxSize = {}}), IsEmpty()) << content;

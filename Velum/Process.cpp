@@ -50,7 +50,7 @@ void closeChildEnds(const RunOptions& options) noexcept {
 
 }  // namespace
 
-ByteBuffer Pipe::gatherData() {
+ByteBuffer Pipe::gatherData() const {
   constexpr std::size_t chunk = 4096;
   ByteBuffer data;
   for (;;) {
@@ -62,7 +62,7 @@ ByteBuffer Pipe::gatherData() {
   }
 }
 
-void Pipe::write(std::string_view bytes) {
+void Pipe::write(std::string_view bytes) const {
   while (!bytes.empty()) {
     const ssize_t size = writeQuietly(writeEnd(), bytes);
     if (size < 0) throw lastSystemError("Writing data to pipe");

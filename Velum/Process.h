@@ -32,11 +32,11 @@ class Pipe {
 
   /// Reads until every holder of the write end has closed it; blocks until then. Throws
   /// SystemError "Reading data from pipe".
-  ByteBuffer gatherData();
+  ByteBuffer gatherData() const;
 
   /// Writes all of it; blocks while the pipe is full. Throws SystemError, with EPIPE when nobody
   /// is left to read it; there is no SIGPIPE.
-  void write(std::string_view bytes);
+  void write(std::string_view bytes) const;
 
  private:
   PipeEnds ends_;

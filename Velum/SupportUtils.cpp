@@ -182,7 +182,7 @@ class ArchiveFolder {
 
  private:
   static std::string fileName(const fs::path& destination) {
-    const std::string name = destination.filename().string();
+    std::string name = destination.filename().string();
     if (name.empty() || name == "." || name == "..") {
       throw SystemError(EINVAL, fmt::format("{}: '{}'", createFolderName, destination.string()));
     }

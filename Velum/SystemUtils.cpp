@@ -154,7 +154,8 @@ std::optional<std::string> SystemUtil::compressFolder(const std::string& folderU
   fs::path folder = fs::absolute(folderUrl, error).lexically_normal();
   if (!folder.has_filename()) folder = folder.parent_path();  // it ended with a slash
   const std::string item = folder.filename().string();
-  if (item.empty() || ext.empty() || ext.find_first_of(std::string_view("/\0", 2)) != ext.npos) {
+  if (item.empty() || ext.empty() ||
+      ext.find_first_of(std::string_view("/\0", 2)) != std::string_view::npos) {
     logError(site(compressName), "Can't add \"{}\" extension to: {}", ext, item);
     return std::nullopt;
   }

@@ -20,7 +20,6 @@ namespace velum::test {
 namespace {
 
 using ::testing::AllOf;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
@@ -91,7 +90,7 @@ TEST(Pipe, WritingToNobodyIsAnErrorAndNoSignal) {
 class ProcessRun : public ::testing::Test {
  protected:
   ProcessRun() { Logger::shared().setHandlers({log_}); }
-  ~ProcessRun() override { Logger::shared().setHandlers({}); }
+  void TearDown() override { Logger::shared().setHandlers({}); }
 
   std::vector<std::string> log() const { return log_->texts(); }
 
@@ -261,7 +260,7 @@ TEST_F(ProcessRun, NeedsNobodyWhoHoldsIt) {
 
 TEST_F(ProcessRun, EndsWhereTheSystemReapsTheChildren) {
   inChild([] {
-    ::signal(SIGCHLD, SIG_IGN);
+    ASSERT_NE(::signal(SIGCHLD, SIG_IGN), SIG_ERR);
     for (int i = 0; i < 20; ++i) {
       const auto process = Process::run("/bin/true", {.wait = true});
       ASSERT_TRUE(process);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <future>
 #include <thread>
@@ -76,7 +77,7 @@ class SupportArchive : public ::testing::Test {
     fs::create_directory(temporary_);
     Logger::shared().setHandlers({log_});
   }
-  ~SupportArchive() override {
+  void TearDown() override {
     Logger::shared().setHandlers({});
     EXPECT_TRUE(fs::is_empty(temporary_)) << "something temporary is left";
     EXPECT_TRUE(Family::children().empty()) << "a zombie is left";
@@ -274,16 +275,15 @@ TEST_F(SupportArchive, StopsAtEachStepWhenCancelled) {
 
 TEST_F(SupportArchive, StopsAfterThePackingWhenCancelled) {
   std::vector<std::uint8_t> noise(32 << 20);
-  std::uint32_t state = 1;
-  for (std::uint8_t& byte : noise)
-    byte = static_cast<std::uint8_t>((state = state * 1664525U + 1013904223U) >> 24U);
+  std::ranges::generate(noise, [state = 1U]() mutable {
+    state = state * 1'664'525U + 1'013'904'223U;
+    return static_cast<std::uint8_t>(state >> 24U);
+  });
   auto end = start({{"noise", std::move(noise)}});
-  const auto isPacking = [this] {
-    for (const pid_t child : Family::children()) {
-      if (readFile("/proc/" + std::to_string(child) + "/comm") == "zip\n") return true;
-    }
-    return false;
+  const auto isZip = [](pid_t child) {
+    return readFile("/proc/" + std::to_string(child) + "/comm") == "zip\n";
   };
+  const auto isPacking = [&] { return std::ranges::any_of(Family::children(), isZip); };
   ASSERT_TRUE(eventually(isPacking));
   progress_->cancel();
   EXPECT_EQ(textOf(end.get()), textOf(Case::cancelled));
@@ -341,13 +341,15 @@ class FileManager {
  public:
   FileManager() {
     static const sd_bus_vtable methods[] = {
+        // NOLINT(*-avoid-c-arrays): the library's macros
+
         SD_BUS_VTABLE_START(0),
         SD_BUS_METHOD("ShowItems", "ass", "", &FileManager::showItems, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_VTABLE_END};
     constexpr const char* name = "org.freedesktop.FileManager1";
     EXPECT_GE(sd_bus_open_user(&bus_), 0);
     EXPECT_GE(sd_bus_add_object_vtable(bus_, nullptr, "/org/freedesktop/FileManager1", name,
-                                       methods, this),
+                                       &methods[0], this),
               0);
     EXPECT_GE(sd_bus_request_name(bus_, name, 0), 0);
   }

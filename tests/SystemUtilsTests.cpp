@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <array>
-#include <chrono>
 #include <filesystem>
 #include <thread>
 
@@ -23,14 +21,13 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 class Tools : public ::testing::Test {
  protected:
   Tools() { Logger::shared().setHandlers({log_}); }
-  ~Tools() override { Logger::shared().setHandlers({}); }
+  void TearDown() override { Logger::shared().setHandlers({}); }
 
   static CliResult shell(const std::string& script) {
     return SystemUtil::cliUtil("/bin/sh", {"-c", script}, std::nullopt, true);
@@ -101,7 +98,7 @@ TEST_F(CliUtil, WorksWithoutStandardStreamsAndWithIgnoredChildren) {
   inChild([] {
     for (int number = 0; number <= 2; ++number) ::close(number);
     EXPECT_EQ(shell("cat; echo out; echo err >&2").output->view(), "out\nerr\n");
-    ::signal(SIGCHLD, SIG_IGN);
+    ASSERT_NE(::signal(SIGCHLD, SIG_IGN), SIG_ERR);
     for (int i = 0; i < 20; ++i) EXPECT_EQ(shell("echo out").output->view(), "out\n");
   });
 }

@@ -32,7 +32,7 @@ inline std::string zipOf(const std::vector<ZipEntry>& entries) {
   std::string file;
   std::string directory;
   const auto put = [](std::string& to, std::uint32_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) to += static_cast<char>((value >> (8U * unsigned(i))) & 0xFFU);
+    for (; bytes > 0; --bytes, value >>= 8U) to += static_cast<char>(value & 0xFFU);
   };
   for (const ZipEntry& entry : entries) {
     const auto offset = static_cast<std::uint32_t>(file.size());

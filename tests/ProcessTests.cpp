@@ -165,10 +165,12 @@ TEST_F(ProcessRun, HandsOverArgumentsAsTheyAre) {
   const auto output = std::make_shared<velum::Pipe>();
   std::vector<std::string> all{"-c", R"(printf '%s\0' "$@")", "sh"};
   all.insert(all.end(), args.begin(), args.end());
-  ASSERT_TRUE(Process::run("/bin/sh", {.args = all, .outpipe = output}));
+  const auto process = Process::run("/bin/sh", {.args = all, .outpipe = output});
+  ASSERT_TRUE(process);
   std::string expected;
   for (const std::string& arg : args) expected += arg + '\0';
   EXPECT_EQ(output->gatherData().view(), expected);
+  EXPECT_EQ(process->waitUntilExit(), Termination{});
 }
 
 TEST_F(ProcessRun, ConnectsAllThreePipes) {
@@ -244,6 +246,8 @@ TEST_F(ProcessRun, EndsBesideOneThatNeverStopsWriting) {
   Logger::shared().setHandlers({});
   const auto process = Process::run("/bin/sh", {.args = {"-c", "yes & exit 5"}, .wait = true});
   EXPECT_EQ(process->termination(), (Termination{5, Termination::Reason::exit}));
+  // Listened to no more, it ends; nothing of it gets into another test's log.
+  for (const pid_t child : Family::children()) EXPECT_TRUE(hasEnded(child));
 }
 
 TEST_F(ProcessRun, NeedsNobodyWhoHoldsIt) {

@@ -76,8 +76,8 @@ TEST_F(DISABLED_InSession, KnowsAServiceByTheProcessThatTheManagerStarted) {
   LineReader lines(folder / "lines");
   startService("app-gnome-org.example.Demo@1",
                R"(sleep 1000 & echo $$ > "$3/lines"; echo $! > "$3/lines"; wait)");
-  const pid_t first = std::stoi(lines.next().value_or("0"));
-  const pid_t child = std::stoi(lines.next().value_or("0"));
+  const pid_t first = std::stoi(lines.next().value_or(std::to_string(noProcess)));
+  const pid_t child = std::stoi(lines.next().value_or(std::to_string(noProcess)));
   ProcessTable table({});
   EXPECT_EQ(table.bundleIdentifier(first), "org.example.Demo");
   EXPECT_EQ(table.bundleIdentifier(child), std::nullopt);

@@ -118,9 +118,9 @@ std::vector<std::string> FileLogManager::saveLogs(const LogSubsystemSelector& se
   const ScratchFolder scratch(folder, saveLogsName);
   const std::string subsystems = scratch.path() + "/subsystems";
   fs::create_directories(subsystems);
-  const auto files = prepareTempFiles(scratch.path(), std::nullopt);
+  auto files = prepareTempFiles(scratch.path(), std::nullopt);
   std::vector<std::string> saved;
-  for (const std::string& output : doSaveLogs(files, selector, subsystems, opts)) {
+  for (const std::string& output : doSaveLogs(std::move(files), selector, subsystems, opts)) {
     const std::string destination = inFolder(folder, output);
     if (checked::fileSize(output, saveLogsName) <= limit) {
       moveInto(output, destination, saveLogsName);  // what a clone would come to, for nothing
@@ -160,7 +160,7 @@ std::string FileLogManager::saveWholeLog(const std::string& folder,
     live.copyTo(target.get(), rotated.size(), saveWholeLogName);
   }
   rotated.copyTo(target.get(), 0, saveWholeLogName);
-  const std::string destination = inFolder(folder, logPath_);
+  std::string destination = inFolder(folder, logPath_);
   moveInto(unfinished, destination, saveWholeLogName);
   return destination;
 }
@@ -193,7 +193,7 @@ std::vector<FileLogManager::TempFile> FileLogManager::prepareTempFiles(
   return files;
 }
 
-std::vector<std::string> FileLogManager::doSaveLogs(const std::vector<TempFile>& files,
+std::vector<std::string> FileLogManager::doSaveLogs(std::vector<TempFile> files,
                                                     const LogSubsystemSelector& selector,
                                                     const std::string& folder,
                                                     const LogSavingOpts& opts) {
@@ -203,9 +203,10 @@ std::vector<std::string> FileLogManager::doSaveLogs(const std::vector<TempFile>&
   if (lower) *lower -= margin;
   if (upper) *upper += margin;
   LogSplitter splitter(folder, selector, doSaveLogsName);
-  for (auto file = files.rbegin(); file != files.rend(); ++file) {
-    if (file->size == 0) continue;
-    LogReader reader(file->path, doSaveLogsName);
+  std::reverse(files.begin(), files.end());  // oldest first
+  for (const TempFile& file : files) {
+    if (file.size == 0) continue;
+    LogReader reader(file.path, doSaveLogsName);
     const LogRange range = LogSearch(reader).range(lower, upper);
     if (!range.isEmpty()) splitter.add(reader, range);
   }

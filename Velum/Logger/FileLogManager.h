@@ -50,7 +50,7 @@ class FileLogManager {
   std::vector<std::string> duplicateLogFiles(const std::string& folder) const;
   std::vector<TempFile> prepareTempFiles(const std::string& folder,
                                          std::optional<std::int64_t> maxSize) const;
-  static std::vector<std::string> doSaveLogs(const std::vector<TempFile>& files,
+  static std::vector<std::string> doSaveLogs(std::vector<TempFile> files,
                                              const LogSubsystemSelector& selector,
                                              const std::string& folder, const LogSavingOpts& opts);
 

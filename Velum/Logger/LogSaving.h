@@ -24,14 +24,12 @@ struct LogSavingOpts {
 class LogSubsystemSelector {
  public:
   /// The complete log, in one file where no dates are given.
-  static LogSubsystemSelector whole() { return LogSubsystemSelector(Kind::whole, {}); }
+  static LogSubsystemSelector whole() { return {Kind::whole, {}}; }
   /// Every subsystem found in the log, one file each.
-  static LogSubsystemSelector all() { return LogSubsystemSelector(Kind::all, {}); }
-  static LogSubsystemSelector single(std::string name) {
-    return LogSubsystemSelector(Kind::some, {std::move(name)});
-  }
+  static LogSubsystemSelector all() { return {Kind::all, {}}; }
+  static LogSubsystemSelector single(std::string name) { return {Kind::some, {std::move(name)}}; }
   static LogSubsystemSelector some(std::vector<std::string> names) {
-    return LogSubsystemSelector(Kind::some, std::move(names));
+    return {Kind::some, std::move(names)};
   }
 
   bool isWhole() const noexcept { return kind_ == Kind::whole; }

@@ -248,6 +248,8 @@ TEST_F(FileLogManagerTest, SavesWholeRecordsWhileOthersWriteAndRotate) {
     for (int i = 0; !isOver; ++i) {
       handler->logWithLevel(LogLevel::info, std::chrono::system_clock::now(),
                             fmt::format("number {} {:0200}", i, 0));
+      // File locks are not fair: a thread that only logs would keep everybody else waiting.
+      std::this_thread::sleep_for(50us);
     }
   });
   for (int round = 0; round < 20; ++round) {

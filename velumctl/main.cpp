@@ -2,6 +2,7 @@
 // COMMAND.
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -74,13 +75,8 @@ std::string commandName(const CLI::App& app) {
   return chosen.empty() ? app.get_name() : app.get_name() + ' ' + commandName(*chosen.front());
 }
 
-}  // namespace
-
-int main(int argc, char* argv[]) {
-  // A reader that left, a pager for instance, is noticed by the failed write.
-  std::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): can't fail
+int run(int argc, char** argv) {
   velum::Logger::shared().setHandlers({});
-
   CLI::App app("Support tool of the VPN application.");
   try {
     addCommands(app);
@@ -96,5 +92,18 @@ int main(int argc, char* argv[]) {
     return fail(error.what(), advice(error.code()), EXIT_FAILURE);
   } catch (const std::exception& error) {
     return fail(error.what(), "", EXIT_FAILURE);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  // A reader that left, a pager for instance, is noticed by the failed write.
+  std::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): can't fail
+  try {
+    return run(argc, argv);
+  } catch (...) {  // the report of an error failed in its turn
+    static_cast<void>(std::fputs("velumctl: out of memory\n", stderr));
+    return EXIT_FAILURE;
   }
 }

@@ -12,6 +12,7 @@
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Application.h"
 #include "Velum/Relauncher.h"
+#include "Velum/SystemError.h"
 #include "vpn_relauncher/Locations.h"
 #include "vpn_relauncher/LogConfig.h"
 #include "vpn_relauncher/TerminationListener.h"
@@ -63,7 +64,12 @@ int main(int argc, char* argv[]) {
   parentProcessId = parsedProcessId(arguments[2]);
   velum::logInfo(site(), "Looking for :{} {}", executablePath, parentProcessId);
 
-  listener = std::make_unique<velum::TerminationListener>(executablePath, parentProcessId);
+  try {
+    listener = std::make_unique<velum::TerminationListener>(executablePath, parentProcessId);
+  } catch (const velum::SystemError& error) {  // no descriptors left, or a kernel that is too old
+    velum::logError(site(), "Can't watch the application: {}", error.what());
+    std::exit(EXIT_FAILURE);
+  }
   velum::reportReady();
   application.run();
 }

@@ -82,7 +82,7 @@ void addRun(CLI::App& app) {
       ->type_name("");
   run.add_option("--directory", options->directory, "The tool's working directory")
       ->type_name("FOLDER");
-  run.add_flag("--json", options->json, "Print {\"status\": ..., \"output\": ...} at the end");
+  run.add_flag("--json", options->json, R"(Print {"status": ..., "output": ...} at the end)");
   run.footer(
       "Fails when the tool does.\n\n"
       "Examples:\n"

@@ -131,12 +131,15 @@ bool beginsRecord(std::string_view text) noexcept {
 }
 
 std::optional<std::string_view> recordSubsystem(std::string_view text) noexcept {
-  constexpr std::string_view identifiers = " 0123456789abcdef:";
   constexpr std::size_t millisecondsSize = 4;
+  constexpr auto isIdentifier = [](char c) {
+    return (c >= '0' && c <= ':') || (c >= 'a' && c <= 'f') || c == ' ';
+  };
   if (!beginsRecord(text)) return std::nullopt;
   text = text.substr(0, mostPrefixSize);
-  const std::size_t open = text.find_first_not_of(identifiers, recordStartSize + millisecondsSize);
-  if (open == std::string_view::npos || text[open] != '[') return std::nullopt;
+  std::size_t open = recordStartSize + millisecondsSize;
+  while (open < text.size() && isIdentifier(text[open])) ++open;
+  if (open >= text.size() || text[open] != '[') return std::nullopt;
   const std::size_t close = text.find(']', open);
   if (close == std::string_view::npos) return std::nullopt;
   return text.substr(open + 1, close - open - 1);

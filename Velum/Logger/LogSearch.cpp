@@ -75,8 +75,11 @@ void LogSearch::scan(std::int64_t from, std::int64_t to, Visit visit) {
   // A record that begins just before `to` has its date behind it.
   constexpr auto lookAhead = static_cast<std::int64_t>(recordStartSize);
   const std::int64_t readable = std::min(to + lookAhead, reader_.size());
-  while (from < to) {
-    const std::string_view bytes = reader_.readAt(from, readable);
+  // Mostly the first record decides, and it is near: so begin small, and grow to whole buffers.
+  constexpr std::int64_t smallStep = 65'536;
+  constexpr auto largeStep = static_cast<std::int64_t>(LogReader::bufferSize);
+  for (std::int64_t step = smallStep; from < to; step = std::min(step * 4, largeStep)) {
+    const std::string_view bytes = reader_.readAt(from, std::min(from + step, readable));
     if (bytes.empty()) return;  // the file became shorter
     const std::int64_t end = from + static_cast<std::int64_t>(bytes.size());
     Probe next = nextRecord(bytes, 0, end >= readable);

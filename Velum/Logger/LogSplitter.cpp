@@ -38,9 +38,12 @@ std::size_t LogSplitter::addRecords(std::string_view bytes, std::int64_t positio
       appendUpTo(next);
       return done;
     }
-    if (!beginsRecord(bytes.substr(next))) continue;
+    const std::string_view record = bytes.substr(next);
+    if (!beginsRecord(record)) continue;
+    Output* const output = outputFor(record);
+    if (output == current_) continue;  // goes on where the bytes before it go
     appendUpTo(next);
-    current_ = outputFor(bytes.substr(next));
+    current_ = output;
   }
   appendUpTo(bytes.size());
   return done;
@@ -61,9 +64,10 @@ void LogSplitter::append(std::string_view bytes, std::int64_t position) {
 
 LogSplitter::Output* LogSplitter::outputFor(std::string_view record) {
   const auto subsystem = recordSubsystem(record);
-  if (!subsystem || !selector_.admits(*subsystem)) return nullptr;
+  if (!subsystem) return nullptr;
   const auto found = outputs_.find(*subsystem);
   if (found != outputs_.end()) return &found->second;
+  if (!selector_.admits(*subsystem)) return nullptr;
   const std::string path = folder_ + '/' + std::string(*subsystem) + ".log";
   paths_.push_back(path);
   return &outputs_.emplace(*subsystem, Output{path, {}}).first->second;

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <map>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "Velum/Logger/LogSaving.h"
@@ -32,6 +33,11 @@ class LogSplitter {
     std::string gathered;
   };
 
+  /// Lets names be looked up without a copy.
+  struct NameHash : std::hash<std::string_view> {
+    using is_transparent = void;  // NOLINT(readability-identifier-naming): the standard's name
+  };
+
   std::size_t addRecords(std::string_view bytes, std::int64_t position, bool isLast);
   void append(std::string_view bytes, std::int64_t position);
   Output* outputFor(std::string_view record);
@@ -41,7 +47,7 @@ class LogSplitter {
   std::string folder_;
   const LogSubsystemSelector& selector_;
   std::string caller_;
-  std::map<std::string, Output, std::less<>> outputs_;
+  std::unordered_map<std::string, Output, NameHash, std::equal_to<>> outputs_;
   std::vector<std::string> paths_;
   Output* current_ = nullptr;  // where the bytes before the next record go; null: nowhere
   std::size_t gathered_ = 0;

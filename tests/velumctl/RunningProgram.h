@@ -29,8 +29,9 @@ inline Strings environmentWith(const Strings& changes) {
   Strings names;
   for (const std::string& change : changes) names.push_back(change.substr(0, change.find('=')));
   Strings result = environmentWithout(names);
-  std::ranges::copy_if(changes, std::back_inserter(result),
-                       [](const std::string& change) { return change.find('=') != change.npos; });
+  std::ranges::copy_if(changes, std::back_inserter(result), [](const std::string& change) {
+    return change.find('=') != std::string::npos;
+  });
   return result;
 }
 
@@ -40,8 +41,9 @@ class RunningProgram {
   /// Connected by a pipe to its standard output; standard error and input are /dev/null.
   static RunningProgram piped(const Strings& arguments) {
     std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0)
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
       throw std::system_error(errno, std::generic_category());
+    }
     UniqueFd reader(ends[0]);
     const UniqueFd writer(ends[1]);
     SpawnOptions options;

@@ -264,7 +264,7 @@ TEST_F(Velumctl, ColoursAndTamesTextOnATerminal) {
 TEST_F(Velumctl, PagesOnATerminal) {
   writeSampleLog();
   const std::string text =
-      onTerminal({"logs", "show", log_}, "PAGER=sed -n 's/.*th\\(ree\\)/paged \\1/p'").readToEnd();
+      onTerminal({"logs", "show", log_}, R"(PAGER=sed -n 's/.*th\(ree\)/paged \1/p')").readToEnd();
   EXPECT_THAT(text, AllOf(HasSubstr("paged ree"), Not(HasSubstr("five"))));
   EXPECT_THAT(onTerminal({"logs", "show", log_, "--json"}, "PAGER=true").readToEnd(),
               HasSubstr("five"));
@@ -352,8 +352,9 @@ TEST_F(Velumctl, CtrlCLeavesNothingOfAnArchive) {
   const std::string temporary = folder_ / "temporary";
   std::filesystem::create_directory(temporary);
   writeFile(log_, record("09:00:00", "a", "I: x"));
-  std::mt19937_64 random(7);             // NOLINT(cert-msc32-c,cert-msc51-cpp)
-  std::string content(40'000'000, ' ');  // packing it takes a while
+  std::mt19937_64 random(7);  // NOLINT(cert-msc32-c,cert-msc51-cpp)
+  std::string content;
+  content.resize(40'000'000);  // packing it takes a while
   std::ranges::generate(content, [&random] { return static_cast<char>(random()); });
   writeFile(folder_ / "big", content);
   auto program =

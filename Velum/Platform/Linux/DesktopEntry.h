@@ -7,7 +7,7 @@
 
 namespace velum {
 
-/// The command of a desktop entry file (freedesktop.org Desktop Entry Specification 1.5).
+/// The command of a desktop entry file (freedesktop.org, version 1.5).
 struct DesktopEntry {
   std::string program;  ///< As it is written: a path, or a name to be looked up in PATH.
   std::vector<std::string> arguments;

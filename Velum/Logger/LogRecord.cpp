@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
 #include <mutex>
 #include <utility>
@@ -119,25 +121,58 @@ std::string makeRecordPrefix(LogDate date, std::string_view subsystem) {
   return prefix;
 }
 
+namespace {
+
+// A short text to compare with, where '0' stands for any digit: all its bytes at once, since every
+// record of a saved log is asked. Each byte's difference from the pattern must be 0, for a digit
+// at most 9; adding what is missing to 0x80 moves a larger one into the top bit, and a carry out of
+// a byte means that its top bit was set before.
+template <class Word>
+class Pattern {
+ public:
+  consteval explicit Pattern(std::string_view text) {
+    std::array<char, sizeof(Word)> expected{};
+    std::array<char, sizeof(Word)> margins{};
+    for (std::size_t i = 0; i < sizeof(Word); ++i) {
+      expected[i] = text[i];
+      margins[i] = text[i] == '0' ? 0x76 : 0x7F;
+    }
+    expected_ = std::bit_cast<Word>(expected);
+    margins_ = std::bit_cast<Word>(margins);
+  }
+
+  bool matches(const char* text) const noexcept {
+    constexpr auto topBits = static_cast<Word>(0x8080'8080'8080'8080U);
+    Word bytes = 0;
+    std::memcpy(&bytes, text, sizeof(Word));
+    const Word difference = bytes ^ expected_;
+    return ((difference | (difference + margins_)) & topBits) == 0;
+  }
+
+ private:
+  Word expected_ = 0;
+  Word margins_ = 0;
+};
+
+}  // namespace
+
 bool beginsRecord(std::string_view text) noexcept {
-  constexpr std::string_view pattern =
+  constexpr Pattern<std::uint64_t> year(
       "\x1E"
-      "dddd-dd-dd dd:dd:dd";
-  static_assert(pattern.size() == recordStartSize);
-  return text.size() >= pattern.size() &&
-         std::equal(pattern.begin(), pattern.end(), text.begin(), [](char expected, char actual) {
-           return expected == 'd' ? actual >= '0' && actual <= '9' : actual == expected;
-         });
+      "0000-00");
+  constexpr Pattern<std::uint64_t> day("-00 00:0");
+  constexpr Pattern<std::uint32_t> minute("0:00");
+  return text.size() >= recordStartSize && year.matches(text.data()) &&
+         day.matches(text.data() + 8) && minute.matches(text.data() + 16);
 }
 
 std::optional<std::string_view> recordSubsystem(std::string_view text) noexcept {
-  constexpr std::size_t millisecondsSize = 4;
   constexpr auto isIdentifier = [](char c) {
     return (c >= '0' && c <= ':') || (c >= 'a' && c <= 'f') || c == ' ';
   };
   if (!beginsRecord(text)) return std::nullopt;
   text = text.substr(0, mostPrefixSize);
-  std::size_t open = recordStartSize + millisecondsSize;
+  std::size_t open = recordDateEnd;
   while (open < text.size() && isIdentifier(text[open])) ++open;
   if (open >= text.size() || text[open] != '[') return std::nullopt;
   const std::size_t close = text.find(']', open);

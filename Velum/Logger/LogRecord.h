@@ -20,6 +20,9 @@ inline constexpr char recordSeparator = '\x1E';
 /// inside a message.
 inline constexpr std::size_t recordStartSize = 20;
 
+/// Where the date with its milliseconds ends, counted from the separator.
+inline constexpr std::size_t recordDateEnd = recordStartSize + 4;
+
 /// True when `text` begins with the start of a record.
 bool beginsRecord(std::string_view text) noexcept;
 

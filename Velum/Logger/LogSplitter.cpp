@@ -2,6 +2,9 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
+#include <utility>
+
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/Logger.h"
@@ -9,14 +12,20 @@
 namespace velum {
 namespace {
 
-constexpr std::size_t mostGathered = 4 * LogReader::bufferSize;
+// Sizes that stay in a processor's own cache from the read to the write.
+constexpr std::int64_t readSize = 262'144;
+constexpr std::size_t writeUnit = 65'536;  // whole units are written where the system likes them
+constexpr std::size_t mostGathered = 4 * writeUnit;  // for one file
+constexpr std::size_t mostGatheredTogether = std::size_t{4} << 20U;
+constexpr std::size_t mostOpenFiles = 64;
 
 }  // namespace
 
 void LogSplitter::add(LogReader& reader, LogRange range) {
   current_ = nullptr;
   for (std::int64_t position = range.begin; position < range.end;) {
-    const std::string_view bytes = reader.readAt(position, range.end);
+    const std::string_view bytes =
+        reader.readAt(position, std::min(range.end, position + readSize));
     if (bytes.empty()) break;  // the file became shorter
     const bool isLast = position + static_cast<std::int64_t>(bytes.size()) >= range.end;
     position += static_cast<std::int64_t>(addRecords(bytes, position, isLast));
@@ -59,18 +68,35 @@ void LogSplitter::append(std::string_view bytes, std::int64_t position) {
   reportSkipped();
   current_->gathered += bytes;
   gathered_ += bytes.size();
-  if (gathered_ >= mostGathered) flush();
+  if (current_->gathered.size() >= mostGathered) {
+    write(*current_, current_->gathered.size() / writeUnit * writeUnit);
+  } else if (gathered_ >= mostGatheredTogether) {
+    flush();
+  }
 }
 
+// Records mostly come in the order they came in before, from the same threads: the first guess
+// saves taking the prefix apart.
 LogSplitter::Output* LogSplitter::outputFor(std::string_view record) {
+  const std::string_view behindDate = record.substr(std::min(record.size(), recordDateEnd));
+  Output* const guess = current_ == nullptr ? nullptr : current_->next;
+  if (guess != nullptr && behindDate.starts_with(guess->head)) return guess;
+
   const auto subsystem = recordSubsystem(record);
   if (!subsystem) return nullptr;
-  const auto found = outputs_.find(*subsystem);
-  if (found != outputs_.end()) return &found->second;
-  if (!selector_.admits(*subsystem)) return nullptr;
-  const std::string path = folder_ + '/' + std::string(*subsystem) + ".log";
-  paths_.push_back(path);
-  return &outputs_.emplace(*subsystem, Output{path, {}}).first->second;
+  auto found = outputs_.find(*subsystem);
+  if (found == outputs_.end()) {
+    if (!selector_.admits(*subsystem)) return nullptr;
+    Output output;
+    output.path = folder_ + '/' + std::string(*subsystem) + ".log";
+    paths_.push_back(output.path);
+    found = outputs_.emplace(*subsystem, std::move(output)).first;
+  }
+  Output* const output = &found->second;
+  const char* const end = subsystem->data() + subsystem->size() + 1;  // with the bracket
+  output->head.assign(behindDate.data(), end);
+  if (current_ != nullptr) current_->next = output;
+  return output;
 }
 
 void LogSplitter::reportSkipped() {
@@ -80,16 +106,27 @@ void LogSplitter::reportSkipped() {
   skipped_.reset();
 }
 
-// Opens a file each time it has something for it, so that a log that names thousands of
-// subsystems does not exhaust the descriptors.
+// Writes the first `size` gathered bytes. A log that names thousands of subsystems must not use up
+// the descriptors: files beyond the first few are opened anew for each write.
+void LogSplitter::write(Output& output, std::size_t size) {
+  UniqueFd passing;
+  if (!output.file) {
+    passing = checked::open(output.path, O_WRONLY | O_CREAT | O_APPEND, 0660, caller_);
+    if (openFiles_ < mostOpenFiles) {
+      output.file = std::move(passing);
+      ++openFiles_;
+    }
+  }
+  const int file = output.file ? output.file.get() : passing.get();
+  checked::write(file, output.gathered.data(), size, caller_);
+  output.gathered.erase(0, size);
+  gathered_ -= size;
+}
+
 void LogSplitter::flush() {
   for (auto& [subsystem, output] : outputs_) {
-    if (output.gathered.empty()) continue;
-    const UniqueFd file = checked::open(output.path, O_WRONLY | O_CREAT | O_APPEND, 0660, caller_);
-    checked::write(file.get(), output.gathered.data(), output.gathered.size(), caller_);
-    output.gathered.clear();
+    if (!output.gathered.empty()) write(output, output.gathered.size());
   }
-  gathered_ = 0;
 }
 
 std::vector<std::string> LogSplitter::finish() {

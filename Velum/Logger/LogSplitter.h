@@ -9,6 +9,7 @@
 
 #include "Velum/Logger/LogSaving.h"
 #include "Velum/Logger/LogSearch.h"
+#include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
 
@@ -31,6 +32,9 @@ class LogSplitter {
   struct Output {
     std::string path;
     std::string gathered;
+    UniqueFd file;           // kept open where that does not use up the descriptors
+    std::string head;        // from the date to the message, of a record that went here
+    Output* next = nullptr;  // where the record behind one of these went
   };
 
   /// Lets names be looked up without a copy.
@@ -42,12 +46,14 @@ class LogSplitter {
   void append(std::string_view bytes, std::int64_t position);
   Output* outputFor(std::string_view record);
   void reportSkipped();
+  void write(Output& output, std::size_t size);
   void flush();
 
   std::string folder_;
   const LogSubsystemSelector& selector_;
   std::string caller_;
   std::unordered_map<std::string, Output, NameHash, std::equal_to<>> outputs_;
+  std::size_t openFiles_ = 0;
   std::vector<std::string> paths_;
   Output* current_ = nullptr;  // where the bytes before the next record go; null: nowhere
   std::size_t gathered_ = 0;

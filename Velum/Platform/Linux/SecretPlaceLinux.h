@@ -1,0 +1,75 @@
+#pragma once
+
+#include <chrono>
+#include <compare>
+#include <exception>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Velum/Platform/SecretStore.h"
+
+namespace velum {
+
+/// What names an item. An access group that is empty is none.
+struct SecretName {
+  std::string service;
+  std::string account;
+  std::string accessGroup;
+
+  auto operator<=>(const SecretName&) const = default;
+};
+
+/// Ends an operation with this status.
+class SecretFailure : public std::exception {
+ public:
+  explicit SecretFailure(SecretStatus status) noexcept : status_(status) {}
+  SecretStatus status() const noexcept { return status_; }
+  const char* what() const noexcept override { return "secret store"; }
+
+ private:
+  SecretStatus status_;
+};
+
+/// The surroundings of one call, taken on the caller's thread.
+struct SecretCall {
+  using Clock = std::chrono::steady_clock;
+
+  /// Nobody waits for the result after this.
+  Clock::time_point deadline;
+  /// Where vault, key and record are. Nothing when the user has no home.
+  std::optional<std::string> folder;
+  /// What the service manager hands over to this process.
+  std::optional<std::string> credentialsFolder;
+  /// D-Bus address of the session's bus; nothing when there is no session bus.
+  std::optional<std::string> busAddress;
+  /// A prompt would be seen.
+  bool hasDisplay = false;
+
+  /// Before a change: one that nobody waits for any more is not begun, for its caller was told
+  /// that it failed. Throws SecretFailure.
+  void requireTime() const {
+    if (Clock::now() >= deadline) throw SecretFailure(errSecTimedOut);
+  }
+};
+
+/// A place that holds items: the Secret Service or the vault. Operations throw SecretFailure, and
+/// SystemError for system calls. One thread at a time.
+class SecretPlace {
+ public:
+  SecretPlace() = default;
+  SecretPlace(const SecretPlace&) = delete;
+  SecretPlace& operator=(const SecretPlace&) = delete;
+  virtual ~SecretPlace() = default;
+
+  virtual SecretBytes read(const SecretName& name) = 0;
+  virtual void add(const SecretName& name, const SecretBytes& value) = 0;
+  virtual void update(const SecretName& name, const SecretBytes& value) = 0;
+  virtual void remove(const SecretName& name) = 0;
+  /// The items of one service, or all.
+  virtual std::vector<SecretName> list(const std::optional<std::string>& service) = 0;
+  /// What the system calls the place; nothing when there is none yet.
+  virtual std::optional<std::string> keychain() = 0;
+};
+
+}  // namespace velum

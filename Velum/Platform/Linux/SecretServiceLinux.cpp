@@ -1,0 +1,188 @@
+#include "Velum/Platform/Linux/SecretServiceLinux.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <string_view>
+
+#include "Velum/Platform/Linux/XdgFolders.h"
+
+namespace velum {
+namespace {
+
+constexpr const char* serviceAttribute = "service";
+constexpr const char* accountAttribute = "account";
+constexpr const char* groupAttribute = "accessGroup";
+
+SecretSession::Attributes attributesOf(const SecretName& name) {
+  // Services match subsets: without the last one, items of all access groups would be meant.
+  return {{serviceAttribute, name.service},
+          {accountAttribute, name.account},
+          {groupAttribute, name.accessGroup}};
+}
+
+SecretName nameOf(const SecretSession::Attributes& attributes) {
+  SecretName name;
+  for (const auto& [key, value] : attributes) {
+    if (key == serviceAttribute) name.service = value;
+    if (key == accountAttribute) name.account = value;
+    if (key == groupAttribute) name.accessGroup = value;
+  }
+  return name;
+}
+
+/// The right to prompt. While a prompt waits for its answer, another one would only pile up behind
+/// it; what is locked then stays locked.
+class PromptTurn {
+ public:
+  explicit PromptTurn(const SecretCall& call) {
+    if (!call.hasDisplay || isTaken.exchange(true)) {
+      throw SecretFailure(errSecInteractionNotAllowed);
+    }
+  }
+  PromptTurn(const PromptTurn&) = delete;
+  PromptTurn& operator=(const PromptTurn&) = delete;
+  ~PromptTurn() { isTaken = false; }
+
+ private:
+  static std::atomic<bool> isTaken;
+};
+std::atomic<bool> PromptTurn::isTaken{false};
+
+}  // namespace
+
+std::optional<std::string> SecretServiceLinux::sessionBusAddress() {
+  if (const char* const address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+      address != nullptr && *address != '\0') {
+    if (std::string_view(address) == "disabled:") return std::nullopt;
+    return address;
+  }
+  const auto folder = absoluteVariable("XDG_RUNTIME_DIR");
+  if (!folder) return std::nullopt;
+  const std::string path = *folder + "/bus";
+  struct stat status {};
+  const bool isOwnSocket = ::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) &&
+                           status.st_uid == ::geteuid();
+  if (!isOwnSocket) return std::nullopt;
+  return SecretSession::addressOfSocket(path);
+}
+
+SecretSession& SecretServiceLinux::connected() {
+  if (!call_.busAddress) throw SecretFailure(errSecNotAvailable);
+  if (session_ && (session_->busAddress() != *call_.busAddress || !session_->isCurrent())) {
+    session_.reset();
+  }
+  if (!session_) session_ = std::make_unique<SecretSession>(*call_.busAddress);
+  return *session_;
+}
+
+SecretSession& SecretServiceLinux::opened() {
+  SecretSession& session = connected();
+  session.open();
+  return session;
+}
+
+/// Once more where the service was started anew and we had not heard of it.
+template <class Operation>
+auto SecretServiceLinux::perform(Operation operation) {
+  try {
+    return operation(opened());
+  } catch (const StaleSession&) {
+    session_.reset();
+    return operation(opened());
+  }
+}
+
+SecretServiceLinux::Presence SecretServiceLinux::probe() {
+  if (!call_.busAddress || !connected().isOffered()) return Presence::absent;
+  opened();
+  return Presence::present;
+}
+
+void SecretServiceLinux::unlock(SecretSession& session, const std::vector<std::string>& paths) {
+  const PromptTurn turn(call_);
+  if (!session.unlock(paths)) throw SecretFailure(errSecUserCanceled);
+}
+
+/// The items with these attributes, all unlocked. None: there are none indeed.
+std::vector<std::string> SecretServiceLinux::find(SecretSession& session,
+                                                  const Attributes& attributes) {
+  SecretMatches matches = session.search(attributes);
+  if (!matches.unlocked.empty() && matches.locked.empty()) return matches.unlocked;
+  if (matches.locked.empty()) {
+    // A locked collection need not show what it holds.
+    const auto collection = session.defaultCollection();
+    if (!collection || !session.isLocked(*collection)) return {};
+    matches.locked.push_back(*collection);
+  }
+  unlock(session, matches.locked);
+  matches = session.search(attributes);
+  if (!matches.locked.empty()) throw SecretFailure(errSecInteractionNotAllowed);
+  return matches.unlocked;
+}
+
+std::vector<std::string> SecretServiceLinux::existing(SecretSession& session,
+                                                      const SecretName& name) {
+  auto items = find(session, attributesOf(name));
+  if (items.empty()) throw SecretFailure(errSecItemNotFound);
+  return items;
+}
+
+std::string SecretServiceLinux::collectionForNew(SecretSession& session) {
+  if (auto collection = session.defaultCollection()) return *collection;
+  const PromptTurn turn(call_);
+  auto collection = session.createDefaultCollection("Login");
+  if (!collection) throw SecretFailure(errSecUserCanceled);
+  return *collection;
+}
+
+SecretBytes SecretServiceLinux::read(const SecretName& name) {
+  return perform(
+      [&](SecretSession& session) { return session.secret(existing(session, name).front()); });
+}
+
+void SecretServiceLinux::add(const SecretName& name, const SecretBytes& value) {
+  perform([&](SecretSession& session) {
+    const Attributes attributes = attributesOf(name);
+    if (!find(session, attributes).empty()) throw SecretFailure(errSecDuplicateItem);
+    const std::string collection = collectionForNew(session);
+    call_.requireTime();
+    session.createItem(collection, name.account + " (" + name.service + ")", attributes, value);
+  });
+}
+
+void SecretServiceLinux::update(const SecretName& name, const SecretBytes& value) {
+  perform([&](SecretSession& session) {
+    const auto items = existing(session, name);
+    call_.requireTime();
+    for (const std::string& item : items) session.setSecret(item, value);
+  });
+}
+
+void SecretServiceLinux::remove(const SecretName& name) {
+  perform([&](SecretSession& session) {
+    const auto items = existing(session, name);
+    call_.requireTime();
+    for (const std::string& item : items) session.deleteItem(item);
+  });
+}
+
+std::vector<SecretName> SecretServiceLinux::list(const std::optional<std::string>& service) {
+  return perform([&](SecretSession& session) {
+    Attributes attributes;
+    if (service) attributes.emplace_back(serviceAttribute, *service);
+    std::vector<SecretName> names;
+    for (const std::string& item : find(session, attributes)) {
+      names.push_back(nameOf(session.attributes(item)));
+    }
+    return names;
+  });
+}
+
+std::optional<std::string> SecretServiceLinux::keychain() {
+  return perform([](SecretSession& session) { return session.defaultCollection(); });
+}
+
+}  // namespace velum

@@ -1,0 +1,200 @@
+#include "Velum/Platform/Linux/SecretStoreLinux.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+#include "Velum/Logger/Logger.h"
+#include "Velum/Platform/AtFork.h"
+#include "Velum/Platform/Linux/SecretChoiceLinux.h"
+#include "Velum/Platform/Linux/SecretServiceLinux.h"
+#include "Velum/Platform/Linux/SecretWorkersLinux.h"
+#include "Velum/Platform/Linux/VaultLinux.h"
+#include "Velum/Platform/Linux/XdgFolders.h"
+#include "Velum/SystemError.h"
+
+namespace velum {
+namespace {
+
+constexpr std::chrono::seconds publicTimeout(10);
+
+SecretCall callNow(std::chrono::milliseconds timeout) {
+  const auto isSet = [](const char* name) {
+    const char* const value = std::getenv(name);
+    return value != nullptr && *value != '\0';
+  };
+  SecretCall call;
+  call.deadline = SecretCall::Clock::now() + timeout;
+  call.folder = userFolder("XDG_DATA_HOME", ".local/share");
+  if (call.folder) call.folder->append("/velum");
+  call.credentialsFolder = absoluteVariable("CREDENTIALS_DIRECTORY");
+  call.busAddress = SecretServiceLinux::sessionBusAddress();
+  call.hasDisplay = isSet("DISPLAY") || isSet("WAYLAND_DISPLAY");
+  return call;
+}
+
+SecretStatus statusOfErrno(int code) noexcept {
+  return code == ETIMEDOUT ? errSecTimedOut : errSecErrnoBase + code;
+}
+
+void onChosenPlace(const SecretCall& call, SecretServiceLinux& service,
+                   const std::function<void(SecretPlace&)>& operation) {
+  if (!call.folder) throw SecretFailure(errSecNotAvailable);
+  const PrivateFolder folder(*call.folder);
+  service.begin(call);
+  const SecretPlaceKind kind = chooseSecretPlace(folder, [&] {
+    const bool isPresent = service.probe() == SecretServiceLinux::Presence::present;
+    return isPresent ? SecretPlaceKind::service : SecretPlaceKind::vault;
+  });
+  if (kind == SecretPlaceKind::service) return operation(service);
+  VaultLinux vault(folder, call);
+  operation(vault);
+}
+
+/// Nothing leaves the thread but a status.
+SecretStatus guarded(const std::function<void()>& work) noexcept {
+  try {
+    work();
+    return errSecSuccess;
+  } catch (const SecretFailure& failure) {
+    return failure.status();
+  } catch (const SystemError& error) {
+    logError({"SecretStore", "guarded()"}, "{}", error.what());
+    return statusOfErrno(error.code());
+  } catch (const std::bad_alloc&) {
+    return statusOfErrno(ENOMEM);
+  }
+}
+
+}  // namespace
+
+struct SecretStoreLinux::Threads {
+  unsigned generation = forkGeneration();
+  SecretWorkers workers;
+};
+
+SecretStoreLinux::~SecretStoreLinux() {
+  const Threads* const own = threads_.load();
+  if (own != nullptr && own->generation == forkGeneration()) delete own;  // NOLINT: see threads()
+}
+
+SecretStoreLinux::Threads& SecretStoreLinux::threads() {
+  Threads* seen = threads_.load(std::memory_order_acquire);
+  if (seen != nullptr && seen->generation == forkGeneration()) return *seen;
+  // In a forked child the parent's is left as it is: who held its lock does not live here.
+  auto fresh = std::make_unique<Threads>();
+  if (threads_.compare_exchange_strong(seen, fresh.get(), std::memory_order_acq_rel)) {
+    return *fresh.release();
+  }
+  return *seen;
+}
+
+SecretStatus SecretStoreLinux::run(std::function<void(SecretPlace&)> operation) {
+  const SecretCall call = callNow(timeout_);
+  const auto status = std::make_shared<SecretStatus>(errSecSuccess);
+  auto work = [call, status, operation = std::move(operation)](SecretServiceLinux& service) {
+    *status = guarded([&] { onChosenPlace(call, service, operation); });
+  };
+  try {
+    return threads().workers.run(std::move(work), call.deadline) ? *status : errSecTimedOut;
+  } catch (const std::system_error& error) {
+    return statusOfErrno(error.code().value());  // no more threads
+  }
+}
+
+SecretStatus SecretStoreLinux::runNamed(
+    const SecretQuery& query, std::function<void(SecretPlace&, const SecretName&)> operation) {
+  SecretName name{query.service, query.account, query.accessGroup.value_or("")};
+  for (const std::string* text : {&name.service, &name.account, &name.accessGroup}) {
+    if (!SecretSession::isText(*text)) return errSecInvalidData;
+  }
+  return run([name = std::move(name), operation = std::move(operation)](SecretPlace& place) {
+    operation(place, name);
+  });
+}
+
+SecretResult SecretStoreLinux::copyMatching(const SecretQuery& query) {
+  const auto data = std::make_shared<SecretBytes>();
+  const SecretStatus status =
+      runNamed(query, [data](SecretPlace& place, const auto& name) { *data = place.read(name); });
+  if (status != errSecSuccess) return {status, {}};  // after a time-out, the data is not ours
+  return {status, std::move(*data)};
+}
+
+SecretStatus SecretStoreLinux::add(const SecretQuery& query, const SecretBytes& value) {
+  if (value.size() > maximumValueSize) return statusOfErrno(EFBIG);
+  return runNamed(query, [value](SecretPlace& place, const auto& name) { place.add(name, value); });
+}
+
+SecretStatus SecretStoreLinux::update(const SecretQuery& query, const SecretBytes& value) {
+  if (value.size() > maximumValueSize) return statusOfErrno(EFBIG);
+  return runNamed(query,
+                  [value](SecretPlace& place, const auto& name) { place.update(name, value); });
+}
+
+SecretStatus SecretStoreLinux::remove(const SecretQuery& query) {
+  return runNamed(query, [](SecretPlace& place, const auto& name) { place.remove(name); });
+}
+
+SecretList SecretStoreLinux::list(const std::optional<std::string>& service) {
+  const auto names = std::make_shared<std::vector<SecretName>>();
+  if (service && !SecretSession::isText(*service)) return {errSecInvalidData, {}};
+  SecretList result;
+  result.status = run([names, service](SecretPlace& place) { *names = place.list(service); });
+  if (result.status != errSecSuccess) return result;
+  for (SecretName& name : *names) {
+    const bool hasGroup = !name.accessGroup.empty();
+    SecretQuery& query = result.items.emplace_back();
+    query.service = std::move(name.service);
+    query.account = std::move(name.account);
+    if (hasGroup) query.accessGroup = std::move(name.accessGroup);
+    query.usesDataProtectionKeychain = hasGroup;
+  }
+  return result;
+}
+
+SecKeychainList SecretStoreLinux::searchList(SecPreferencesDomain domain) {
+  SecKeychainList result;
+  if (domain != SecPreferencesDomain::user) return result;  // Linux has them for users only
+  const auto name = std::make_shared<std::optional<std::string>>();
+  result.status = run([name](SecretPlace& place) { *name = place.keychain(); });
+  if (result.status == errSecSuccess && *name) result.keychains.push_back({std::move(**name)});
+  return result;
+}
+
+SecretStore& SecretStore::shared() {
+  static SecretStoreLinux& instance = *new SecretStoreLinux(publicTimeout);  // NOLINT: never ends
+  return instance;
+}
+
+std::optional<std::string> SecretStore::errorText(SecretStatus status) {
+  switch (status) {
+    case errSecSuccess:
+      return "No error.";
+    case errSecUserCanceled:
+      return "User canceled the operation.";
+    case errSecNotAvailable:
+      return "The secret store is not available.";
+    case errSecDuplicateItem:
+      return "The specified item already exists in the keychain.";
+    case errSecItemNotFound:
+      return "The specified item could not be found in the keychain.";
+    case errSecInteractionNotAllowed:
+      return "The keychain is locked and user interaction is not allowed.";
+    case errSecDecode:
+      return "Unable to decode the provided data.";
+    case errSecInvalidData:
+      return "The data is invalid.";
+    case errSecTimedOut:
+      return systemErrorText(ETIMEDOUT);
+    default:
+      break;
+  }
+  const int code = status - errSecErrnoBase;
+  if (code <= 0 || code > SystemError::lastCode) return std::nullopt;
+  return systemErrorText(code);
+}
+
+}  // namespace velum

@@ -1,0 +1,107 @@
+#include "Velum/Platform/Linux/SecretWorkersLinux.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <csignal>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "Velum/Platform/Linux/SecretServiceLinux.h"
+
+namespace velum {
+
+struct SecretWorkers::Job {
+  enum class Stage : std::uint8_t { queued, running, done };
+
+  Work work;
+  Stage stage = Stage::queued;
+  bool isAbandoned = false;
+  std::condition_variable finished;
+};
+
+/// Shared with the threads, which may outlive the object.
+struct SecretWorkers::State : std::enable_shared_from_this<State> {
+  std::mutex mutex;
+  std::condition_variable wake;
+  std::deque<std::shared_ptr<Job>> queue;
+  bool hasServer = false;  // a thread takes jobs from the queue
+  int abandoned = 0;       // threads that are in a job nobody waits for
+  bool isEnding = false;
+
+  void ensureServerLk() {
+    if (hasServer || abandoned >= maximumAbandoned) return;
+    // The application's signals are for its own threads. Threads started below inherit the mask.
+    sigset_t all{};
+    sigset_t before{};
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    try {
+      std::thread([state = shared_from_this()] { serve(state); }).detach();
+      hasServer = true;
+    } catch (...) {
+      ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+      throw;
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  }
+
+  /// After a job: whether the thread that did it goes on serving.
+  bool goesOnLk(const Job& job) {
+    if (!job.isAbandoned) return true;
+    --abandoned;
+    return !std::exchange(hasServer, true);
+  }
+};
+
+SecretWorkers::SecretWorkers() : state_(std::make_shared<State>()) {}
+
+SecretWorkers::~SecretWorkers() {
+  const std::lock_guard guard(state_->mutex);
+  state_->isEnding = true;
+  state_->wake.notify_all();
+}
+
+void SecretWorkers::serve(const std::shared_ptr<State>& state) {
+  ::pthread_setname_np(::pthread_self(), "velum-secrets");
+  SecretServiceLinux service;
+  std::unique_lock lock(state->mutex);
+  for (;;) {
+    state->wake.wait(lock, [&] { return state->isEnding || !state->queue.empty(); });
+    if (state->queue.empty()) return;
+    const std::shared_ptr<Job> job = std::move(state->queue.front());
+    state->queue.pop_front();
+    job->stage = Job::Stage::running;
+    lock.unlock();
+    job->work(service);
+    job->work = nullptr;  // what it owns goes here, not under the lock
+    lock.lock();
+    job->stage = Job::Stage::done;
+    job->finished.notify_one();
+    if (!state->goesOnLk(*job)) return;
+  }
+}
+
+bool SecretWorkers::run(Work work, SecretCall::Clock::time_point deadline) {
+  const auto job = std::make_shared<Job>();
+  job->work = std::move(work);
+  std::unique_lock lock(state_->mutex);
+  state_->ensureServerLk();
+  state_->queue.push_back(job);
+  state_->wake.notify_one();
+  const auto isDone = [&] { return job->stage == Job::Stage::done; };
+  if (job->finished.wait_until(lock, deadline, isDone)) return true;
+  if (job->stage == Job::Stage::queued) {
+    std::erase(state_->queue, job);
+    return false;
+  }
+  job->isAbandoned = true;
+  ++state_->abandoned;
+  state_->hasServer = false;
+  if (!state_->queue.empty()) state_->ensureServerLk();
+  return false;
+}
+
+}  // namespace velum

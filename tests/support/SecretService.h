@@ -58,6 +58,11 @@ class Daemon {
   pid_t pid_ = -1;
 };
 
+struct BusCloser {
+  void operator()(sd_bus* bus) const noexcept { sd_bus_flush_close_unref(bus); }
+};
+using BusPointer = std::unique_ptr<sd_bus, BusCloser>;
+
 /// A message bus of the test's own. It starts no services but those in `servicesFolder`.
 class PrivateBus {
  public:
@@ -87,9 +92,8 @@ class PrivateBus {
 
   /// Waits until somebody on the bus has the name; false when nobody had it in time.
   bool waitForName(const char* name) const {
-    sd_bus* bus = connect();
-    const std::unique_ptr<sd_bus, decltype(&sd_bus_flush_close_unref)> owner(
-        bus, &sd_bus_flush_close_unref);
+    const BusPointer owner = connect();
+    sd_bus* const bus = owner.get();
     bool isThere = false;
     const std::string rule =
         "type='signal',member='NameOwnerChanged',arg0='" + std::string(name) + "'";
@@ -110,14 +114,24 @@ class PrivateBus {
     return isThere;
   }
 
+  /// Makes it look for services again.
+  void reload() const {
+    const BusPointer bus = connect();
+    const char* const service = "org.freedesktop.DBus";
+    EXPECT_GE(sd_bus_call_method(bus.get(), service, "/org/freedesktop/DBus", service,
+                                 "ReloadConfig", nullptr, nullptr, nullptr),
+              0);
+  }
+
   /// A connection for the test's own conversations.
-  sd_bus* connect() const {
+  BusPointer connect() const {
     sd_bus* bus = nullptr;
     sd_bus_new(&bus);
+    BusPointer owner(bus);
     sd_bus_set_address(bus, address().c_str());
     sd_bus_set_bus_client(bus, 1);
     EXPECT_GE(sd_bus_start(bus), 0);
-    return bus;
+    return owner;
   }
 
  private:
@@ -164,10 +178,10 @@ class SecretServiceEnvironment : public SecretEnvironment {
     std::vector<std::string> environment = environmentWithout({"XDG_RUNTIME_DIR", "XDG_DATA_HOME"});
     environment.push_back("XDG_RUNTIME_DIR=" + folder());
     environment.push_back("XDG_DATA_HOME=" + folder() + "/keyrings");
-    service_ = std::make_unique<Daemon>(
-        std::vector<std::string>{"gnome-keyring-daemon", "--unlock", "--components=secrets",
-                                 "--foreground"},
-        "password\n", SpawnOptions::nullDevice, environment);
+    service_ =
+        std::make_unique<Daemon>(std::vector<std::string>{"gnome-keyring-daemon", "--unlock",
+                                                          "--components=secrets", "--foreground"},
+                                 "password\n", SpawnOptions::nullDevice, environment);
     ASSERT_TRUE(bus_.waitForName("org.freedesktop.secrets")) << "no Secret Service";
   }
 
@@ -176,8 +190,7 @@ class SecretServiceEnvironment : public SecretEnvironment {
 
   /// Locks the default collection.
   void lock() const {
-    const std::unique_ptr<sd_bus, decltype(&sd_bus_flush_close_unref)> bus(
-        bus_.connect(), &sd_bus_flush_close_unref);
+    const BusPointer bus = bus_.connect();
     EXPECT_GE(sd_bus_call_method(bus.get(), "org.freedesktop.secrets", "/org/freedesktop/secrets",
                                  "org.freedesktop.Secret.Service", "Lock", nullptr, nullptr, "ao",
                                  1, "/org/freedesktop/secrets/collection/login"),

@@ -1,0 +1,364 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Velum/Platform/Linux/SecretStoreLinux.h"
+#include "Velum/Platform/Linux/SecretWorkersLinux.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/SecretService.h"
+
+namespace velum {
+namespace {
+
+using test::SecretServiceEnvironment;
+using testing::UnorderedElementsAre;
+
+constexpr std::chrono::seconds patient(60);
+constexpr std::chrono::milliseconds hasty(300);
+
+const SecretQuery token{"com.example.vpn", "token", {}, false};
+
+SecretQuery inGroup(SecretQuery query, const std::string& group) {
+  query.accessGroup = group;
+  query.usesDataProtectionKeychain = true;
+  return query;
+}
+
+std::string valueOf(SecretStore& store, const SecretQuery& query) {
+  const SecretResult result = store.copyMatching(query);
+  return result.status == errSecSuccess ? std::string(textView(result.data))
+                                        : "status " + std::to_string(result.status);
+}
+
+std::string recordedChoice(const test::SecretEnvironment& environment) {
+  return test::readFile(environment.storeFolder() + "/secret-store");
+}
+
+bool hasVault(const test::SecretEnvironment& environment) {
+  return std::filesystem::exists(environment.storeFolder() + "/vault");
+}
+
+/// What every store must do, wherever it keeps the items.
+void expectStoreBehaviour(SecretStore& store) {
+  EXPECT_EQ(store.copyMatching(token).status, errSecItemNotFound);
+  EXPECT_EQ(store.update(token, secretBytes("x")), errSecItemNotFound);
+  EXPECT_EQ(store.remove(token), errSecItemNotFound);
+  EXPECT_EQ(store.add(token, secretBytes("first")), errSecSuccess);
+  EXPECT_EQ(store.add(token, secretBytes("again")), errSecDuplicateItem);
+  EXPECT_EQ(valueOf(store, token), "first");
+  EXPECT_EQ(store.update(token, secretBytes("second")), errSecSuccess);
+  EXPECT_EQ(valueOf(store, token), "second");
+
+  SecretBytes large(std::size_t{1} << 20U);
+  for (std::size_t index = 0; index < large.size(); ++index) {
+    large[index] = static_cast<std::uint8_t>(index * 131 >> 3U);
+  }
+  for (const SecretBytes& value :
+       {secretBytes(""), secretBytes(std::string_view("a\0b\xFF\n\0", 6)), large}) {
+    EXPECT_EQ(store.update(token, value), errSecSuccess);
+    EXPECT_TRUE(store.copyMatching(token).data == value) << value.size() << " bytes";
+  }
+  EXPECT_EQ(store.add(token, SecretBytes((std::size_t{16} << 20U) + 1)), errSecErrnoBase + EFBIG);
+
+  // Neither an access group's item nor another service's is ever taken for another.
+  const SecretQuery grouped = inGroup(token, "TEAM.shared");
+  const SecretQuery other = inGroup(token, "TEAM.other");
+  const SecretQuery foreign{"com.example.mail", "tök €n", {}, false};
+  EXPECT_EQ(store.copyMatching(grouped).status, errSecItemNotFound);
+  EXPECT_EQ(store.add(grouped, secretBytes("grouped")), errSecSuccess);
+  EXPECT_EQ(store.add(other, secretBytes("other")), errSecSuccess);
+  EXPECT_EQ(store.add(foreign, secretBytes("foreign")), errSecSuccess);
+  EXPECT_THAT(store.list(token.service).items, UnorderedElementsAre(token, grouped, other));
+  EXPECT_THAT(store.list({}).items, UnorderedElementsAre(token, grouped, other, foreign));
+  EXPECT_EQ(store.remove(token), errSecSuccess);
+  EXPECT_EQ(store.copyMatching(token).status, errSecItemNotFound);
+  EXPECT_EQ(valueOf(store, grouped), "grouped");
+  EXPECT_EQ(valueOf(store, other), "other");
+  EXPECT_EQ(store.copyMatching(inGroup(token, "")).status, errSecItemNotFound);
+
+  for (const std::string& bad : {std::string("\xFF"), std::string("a\0b", 3)}) {
+    EXPECT_EQ(store.add({token.service, bad, {}, false}, secretBytes("x")), errSecInvalidData);
+    EXPECT_EQ(store.list(bad).status, errSecInvalidData);
+  }
+  EXPECT_TRUE(store.searchList(SecPreferencesDomain::system).keychains.empty());
+}
+
+TEST(SecretStore, KeepsItemsInTheSecretService) {
+  SecretServiceEnvironment environment;
+  SecretStoreLinux store(patient);
+  expectStoreBehaviour(store);
+  const SecKeychainList keychains = store.searchList(SecPreferencesDomain::user);
+  ASSERT_EQ(keychains.keychains.size(), 1U);
+  EXPECT_EQ(keychains.keychains[0].name, "/org/freedesktop/secrets/collection/login");
+  EXPECT_EQ(recordedChoice(environment), "service\n");
+  EXPECT_FALSE(hasVault(environment));
+}
+
+TEST(SecretStore, KeepsItemsInTheVaultWhereThereIsNoBus) {
+  const test::SecretEnvironment environment;
+  SecretStoreLinux store(patient);
+  expectStoreBehaviour(store);
+  const SecKeychainList keychains = store.searchList(SecPreferencesDomain::user);
+  ASSERT_EQ(keychains.keychains.size(), 1U);
+  EXPECT_EQ(keychains.keychains[0].name, environment.storeFolder() + "/vault");
+  EXPECT_EQ(recordedChoice(environment), "vault\n");
+}
+
+TEST(SecretStore, ShowsItemsInPasswordManagersAndLeavesTheirsAlone) {
+  SecretServiceEnvironment environment;
+  SecretStoreLinux store(patient);
+  const test::BusPointer bus = environment.bus().connect();
+  constexpr const char* service = "org.freedesktop.secrets";
+  constexpr const char* collection = "/org/freedesktop/secrets/collection/login";
+  const auto reply = [](sd_bus_message* message) {
+    return std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)>(message,
+                                                                            &sd_bus_message_unref);
+  };
+
+  // Somebody else's item with the same attributes.
+  sd_bus_message* answer = nullptr;
+  ASSERT_GE(sd_bus_call_method(bus.get(), service, "/org/freedesktop/secrets",
+                               "org.freedesktop.Secret.Service", "OpenSession", nullptr, &answer,
+                               "sv", "plain", "s", ""),
+            0);
+  auto opened = reply(answer);
+  const char* session = nullptr;
+  ASSERT_GE(sd_bus_message_skip(answer, "v"), 0);
+  ASSERT_GE(sd_bus_message_read(answer, "o", &session), 0);
+  const std::string sessionPath = session;
+  ASSERT_GE(sd_bus_call_method(bus.get(), service, collection, "org.freedesktop.Secret.Collection",
+                               "CreateItem", nullptr, nullptr, "a{sv}(oayays)b", 2,
+                               "org.freedesktop.Secret.Item.Label", "s", "Theirs",
+                               "org.freedesktop.Secret.Item.Attributes", "a{ss}", 3, "service",
+                               token.service.c_str(), "account", token.account.c_str(),
+                               "accessGroup", "", sessionPath.c_str(), 0, 1, 'x', "text/plain", 0),
+            0);
+  EXPECT_EQ(store.copyMatching(token).status, errSecItemNotFound);
+  EXPECT_EQ(store.add(token, secretBytes("ours")), errSecSuccess);
+  EXPECT_EQ(store.remove(token), errSecSuccess);
+  EXPECT_EQ(store.add(token, secretBytes("ours")), errSecSuccess);
+
+  std::vector<std::string> labels;
+  for (int number = 1; number < 9; ++number) {
+    char* label = nullptr;
+    if (sd_bus_get_property_string(bus.get(), service,
+                                   (std::string(collection) + '/' + std::to_string(number)).c_str(),
+                                   "org.freedesktop.Secret.Item", "Label", nullptr, &label) >= 0) {
+      labels.emplace_back(label);
+      std::free(label);  // NOLINT(*-no-malloc)
+    }
+  }
+  EXPECT_THAT(labels, UnorderedElementsAre("Theirs", "token (com.example.vpn)"));
+}
+
+TEST(SecretStore, TellsLockedFromMissing) {
+  SecretServiceEnvironment environment;
+  SecretStoreLinux store(patient);
+  ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess);
+  environment.lock();
+  const SecretQuery missing{"com.example.vpn", "missing", {}, false};
+  for (const SecretQuery& query : {token, missing}) {
+    EXPECT_EQ(store.copyMatching(query).status, errSecInteractionNotAllowed) << query.account;
+    EXPECT_EQ(store.add(query, secretBytes("new")), errSecInteractionNotAllowed);
+    EXPECT_EQ(store.update(query, secretBytes("new")), errSecInteractionNotAllowed);
+    EXPECT_EQ(store.remove(query), errSecInteractionNotAllowed);
+  }
+  EXPECT_EQ(store.list({}).status, errSecInteractionNotAllowed);
+  EXPECT_FALSE(hasVault(environment));
+  environment.service().kill();
+  environment.start();  // unlocked again
+  EXPECT_EQ(valueOf(store, token), "value");
+  EXPECT_EQ(store.copyMatching(missing).status, errSecItemNotFound);
+}
+
+TEST(SecretStore, TellsARefusedPromptFromOneThatNobodyAnswers) {
+  SecretServiceEnvironment environment;
+  const test::ScopedVariable display("DISPLAY", ":99");
+  SecretStoreLinux store(patient);
+  SecretStoreLinux hastyStore(hasty);
+  ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess);
+  environment.lock();
+  // Who shows prompts is a program on the bus; without it they count as refused.
+  EXPECT_EQ(store.copyMatching(token).status, errSecUserCanceled);
+  EXPECT_EQ(store.add({"new", "new", {}, false}, secretBytes("x")), errSecUserCanceled);
+
+  test::BusPointer prompter = environment.bus().connect();
+  ASSERT_GE(sd_bus_request_name(prompter.get(), "org.gnome.keyring.SystemPrompter", 0), 0);
+  EXPECT_EQ(hastyStore.add({"new", "new", {}, false}, secretBytes("x")), errSecTimedOut);
+  EXPECT_EQ(store.copyMatching(token).status, errSecInteractionNotAllowed)
+      << "a second prompt behind the one that is open";
+  prompter.reset();
+  EXPECT_TRUE(
+      test::eventually([&] { return store.copyMatching(token).status == errSecUserCanceled; }));
+  EXPECT_FALSE(test::hasEnded(environment.service().pid(), std::chrono::milliseconds(0)))
+      << "the service did not bear how its prompt was left";
+}
+
+TEST(SecretStore, NoticesThatTheServiceIsGoneAndBackAgain) {
+  SecretServiceEnvironment environment;
+  SecretStoreLinux store(patient);
+  ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess);
+  const auto descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  const auto before = descriptors();
+  for (int round = 0; round < 3; ++round) {
+    environment.service().kill();
+    EXPECT_EQ(store.copyMatching(token).status, errSecNotAvailable);
+    EXPECT_EQ(store.add(token, secretBytes("x")), errSecNotAvailable);
+    EXPECT_FALSE(hasVault(environment));
+    environment.start();
+    EXPECT_EQ(valueOf(store, token), "value");
+  }
+  EXPECT_TRUE(test::eventually([&] { return descriptors() <= before; })) << descriptors();
+  environment.bus().daemon().kill();
+  EXPECT_EQ(store.copyMatching(token).status, errSecNotAvailable);
+  EXPECT_FALSE(hasVault(environment));
+  EXPECT_EQ(recordedChoice(environment), "service\n");
+}
+
+TEST(SecretStore, ReportsAServiceThatDiesDuringACall) {
+  SecretServiceEnvironment environment;
+  SecretStoreLinux store(patient);
+  ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess);
+  environment.service().signal(SIGSTOP);
+  std::atomic<SecretStatus> status{errSecSuccess};
+  std::thread caller([&] { status = store.copyMatching(token).status; });
+  environment.service().kill();
+  caller.join();
+  EXPECT_EQ(status, errSecNotAvailable);
+}
+
+TEST(SecretStore, LeavesAHungServiceInTimeAndComesBackToIt) {
+  SecretServiceEnvironment environment;
+  SecretStoreLinux store(hasty);
+  ASSERT_TRUE(test::eventually([&] {  // a loaded machine may need longer than we are ready to wait
+    const SecretStatus status = store.add(token, secretBytes("value"));
+    return status == errSecSuccess || status == errSecDuplicateItem;
+  }));
+  environment.service().signal(SIGSTOP);
+  // More often than threads may be left behind.
+  for (int call = 0; call < SecretWorkers::maximumAbandoned + 2; ++call) {
+    EXPECT_EQ(store.copyMatching(token).status, errSecTimedOut);
+  }
+  EXPECT_EQ(store.add({"late", "late", {}, false}, secretBytes("x")), errSecTimedOut);
+  environment.service().signal(SIGCONT);
+  EXPECT_TRUE(test::eventually([&] { return valueOf(store, token) == "value"; }));
+  SecretStoreLinux another(patient);
+  EXPECT_EQ(another.copyMatching({"late", "late", {}, false}).status, errSecItemNotFound)
+      << "a call that was reported as failed was done later";
+  EXPECT_FALSE(hasVault(environment));
+}
+
+TEST(SecretStore, ServesManyThreads) {
+  SecretServiceEnvironment environment;
+  SecretStoreLinux store(patient);
+  std::vector<std::thread> threads;
+  for (int number = 0; number < 4; ++number) {
+    threads.emplace_back([&store, number] {
+      const SecretQuery query{"com.example.vpn", std::to_string(number), {}, false};
+      for (int round = 0; round < 5; ++round) {
+        const SecretBytes value = secretBytes(std::to_string(round));
+        EXPECT_EQ(round == 0 ? store.add(query, value) : store.update(query, value), 0);
+        EXPECT_EQ(valueOf(store, query), std::to_string(round));
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(store.list({}).items.size(), 4U);
+}
+
+TEST(SecretStore, RefusesTheServiceInAForkedChildInsteadOfHanging) {
+  SecretServiceEnvironment environment;
+  SecretStoreLinux store(patient);
+  ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess);
+  test::inChild([&] { EXPECT_EQ(store.copyMatching(token).status, errSecNotAvailable); });
+  EXPECT_EQ(valueOf(store, token), "value");
+}
+
+TEST(SecretStore, ServesTheVaultInAForkedChild) {
+  const test::SecretEnvironment environment;
+  SecretStoreLinux store(patient);
+  ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess);
+  test::inChild([&] {
+    EXPECT_EQ(valueOf(store, token), "value");
+    EXPECT_EQ(store.update(token, secretBytes("child")), errSecSuccess);
+  });
+  EXPECT_EQ(valueOf(store, token), "child");
+}
+
+TEST(SecretChoice, IsTheVaultWhereNobodyOffersTheService) {
+  const SecretServiceEnvironment environment(SecretServiceEnvironment::Start::later);
+  SecretStoreLinux store(patient);
+  EXPECT_EQ(store.copyMatching(token).status, errSecItemNotFound);
+  EXPECT_EQ(recordedChoice(environment), "vault\n") << "a search chooses too";
+}
+
+TEST(SecretChoice, HoldsWhenTheServiceComesOrGoes) {
+  SecretServiceEnvironment environment(SecretServiceEnvironment::Start::later);
+  SecretStoreLinux store(patient);
+  ASSERT_EQ(store.add(token, secretBytes("in the vault")), errSecSuccess);
+  environment.start();
+  EXPECT_EQ(valueOf(store, token), "in the vault");
+  std::filesystem::remove(environment.storeFolder() + "/secret-store");
+  EXPECT_EQ(valueOf(store, token), "in the vault") << "the record was lost, the vault was not";
+  EXPECT_EQ(recordedChoice(environment), "vault\n");
+
+  const test::ScopedVariable profile("XDG_DATA_HOME", environment.folder() + "/other");
+  EXPECT_EQ(store.add(token, secretBytes("in the service")), errSecSuccess);
+  const test::ScopedVariable noBus("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+  EXPECT_EQ(store.copyMatching(token).status, errSecNotAvailable);
+  EXPECT_EQ(store.add(token, secretBytes("x")), errSecNotAvailable);
+  EXPECT_FALSE(std::filesystem::exists(environment.folder() + "/other/velum/vault"));
+}
+
+TEST(SecretChoice, IsNotMadeWhileItIsUncertain) {
+  SecretServiceEnvironment environment;
+  environment.service().signal(SIGSTOP);
+  {
+    SecretStoreLinux store(hasty);
+    EXPECT_EQ(store.add(token, secretBytes("x")), errSecTimedOut);
+  }
+  EXPECT_EQ(recordedChoice(environment), "");
+  environment.service().kill();
+
+  // One that could be started, but is not up to it.
+  test::writeFile(environment.bus().servicesFolder() + "/secrets.service",
+                  "[D-BUS Service]\nName=org.freedesktop.secrets\nExec=/bin/false\n");
+  SecretStoreLinux store(patient);
+  environment.bus().reload();
+  EXPECT_EQ(store.add(token, secretBytes("x")), errSecNotAvailable);
+  {
+    const test::ScopedVariable address("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nowhere");
+    EXPECT_EQ(store.add(token, secretBytes("x")), errSecNotAvailable) << "a bus that is down";
+  }
+  EXPECT_EQ(recordedChoice(environment), "");
+  EXPECT_FALSE(hasVault(environment));
+}
+
+TEST(SecretChoice, ReportsADamagedRecord) {
+  const test::SecretEnvironment environment;
+  SecretStoreLinux store(patient);
+  ASSERT_EQ(store.copyMatching(token).status, errSecItemNotFound);
+  test::writeFile(environment.storeFolder() + "/secret-store", "vau");
+  EXPECT_EQ(store.copyMatching(token).status, errSecDecode);
+  EXPECT_EQ(store.add(token, secretBytes("x")), errSecDecode);
+  EXPECT_EQ(recordedChoice(environment), "vau");
+}
+
+TEST(SecretStore, NamesStatuses) {
+  EXPECT_EQ(SecretStore::errorText(errSecItemNotFound),
+            "The specified item could not be found in the keychain.");
+  EXPECT_EQ(SecretStore::errorText(errSecErrnoBase + ENOSPC), "No space left on device");
+  EXPECT_EQ(SecretStore::errorText(errSecTimedOut), "Connection timed out");
+  EXPECT_EQ(SecretStore::errorText(-1), std::nullopt);
+  EXPECT_EQ(SecretStore::errorText(errSecErrnoBase + 9999), std::nullopt);
+}
+
+}  // namespace
+}  // namespace velum

@@ -1,0 +1,264 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "Velum/Platform/Linux/SecretStoreLinux.h"
+#include "Velum/Platform/Linux/VaultFormat.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/PrivateMounts.h"
+#include "tests/support/Processes.h"
+#include "tests/support/SecretEnvironment.h"
+
+namespace velum {
+namespace {
+
+using std::filesystem::perms;
+
+constexpr std::chrono::seconds patient(60);
+const SecretQuery token{"com.example.vpn", "token", {}, false};
+
+class Vault : public testing::Test {
+ protected:
+  std::string path(const std::string& name) const { return environment.storeFolder() + '/' + name; }
+  std::string content() const { return test::readFile(path("vault")); }
+
+  std::string value(const SecretQuery& query = token) {
+    const SecretResult result = store.copyMatching(query);
+    return result.status == errSecSuccess ? std::string(textView(result.data))
+                                          : "status " + std::to_string(result.status);
+  }
+  SecretStatus readStatus() { return store.copyMatching(token).status; }
+
+  /// A vault with the item `token`.
+  void fill() { ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess); }
+
+  static unsigned mode(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777U;
+  }
+
+  test::SecretEnvironment environment;
+  SecretStoreLinux store{patient};
+};
+
+TEST_F(Vault, ClosesItsFilesToOthersAndShowsNothing) {
+  const mode_t before = ::umask(0);
+  fill();
+  ::umask(before);
+  EXPECT_EQ(mode(environment.storeFolder()), 0700U);
+  for (const char* name : {"vault", "vault-key", "secret-store", "lock"}) {
+    EXPECT_EQ(mode(path(name)), 0600U) << name;
+  }
+  for (const char* shown : {"token", "value", "com.example"}) {
+    EXPECT_EQ(content().find(shown), std::string::npos) << shown;
+  }
+  const std::string first = content();
+  EXPECT_EQ(store.update(token, secretBytes("value")), errSecSuccess);
+  EXPECT_NE(content(), first) << "the same nonce twice";
+}
+
+TEST_F(Vault, RefusesEveryChangeAndLeavesTheFileAlone) {
+  fill();
+  const std::string whole = content();
+  const auto expectRefused = [&](const std::string& damaged, const std::string& what) {
+    test::writeFile(path("vault"), damaged);
+    EXPECT_EQ(readStatus(), errSecDecode) << what;
+    EXPECT_EQ(store.update(token, secretBytes("new")), errSecDecode) << what;
+    EXPECT_EQ(content(), damaged) << what;
+  };
+  for (std::size_t place = 0; place < whole.size(); ++place) {
+    std::string changed = whole;
+    changed[place] = static_cast<char>(changed[place] ^ (1 << place % 8));
+    expectRefused(changed, "byte " + std::to_string(place));
+    expectRefused(whole.substr(0, place), "cut to " + std::to_string(place));
+  }
+  expectRefused(whole + '\0', "a byte more");
+  test::writeFile(path("vault"), whole);
+  EXPECT_EQ(value(), "value");
+}
+
+TEST_F(Vault, NeverMakesANewKeyForOldContent) {
+  fill();
+  const std::string whole = content();
+  std::filesystem::rename(path("vault-key"), path("kept"));
+  EXPECT_EQ(readStatus(), errSecDecode);
+  EXPECT_EQ(store.add({"a", "b", {}, false}, secretBytes("x")), errSecDecode);
+  EXPECT_FALSE(std::filesystem::exists(path("vault-key")));
+  test::writeFile(path("vault-key"), "too short");
+  std::filesystem::permissions(path("vault-key"), perms::owner_read | perms::owner_write);
+  EXPECT_EQ(readStatus(), errSecDecode);
+  std::filesystem::rename(path("kept"), path("vault-key"));
+  EXPECT_EQ(content(), whole);
+  EXPECT_EQ(value(), "value");
+}
+
+TEST_F(Vault, TakesItsKeyFromTheServiceManager) {
+  const std::string credentials = environment.folder() + "/credentials";
+  const std::string file = credentials + "/velum-vault-key";
+  const test::ScopedVariable variable("CREDENTIALS_DIRECTORY", credentials);
+  test::writeFile(file, std::string(31, 'k'));
+  std::filesystem::permissions(file, perms::owner_read | perms::group_read);
+  EXPECT_EQ(store.add(token, secretBytes("x")), errSecDecode) << "31 bytes are no key";
+  std::filesystem::remove(file);
+  test::writeFile(file, std::string(32, 'k'));
+  std::filesystem::permissions(file, perms::owner_read | perms::group_read);
+  fill();
+  EXPECT_EQ(value(), "value");
+  EXPECT_FALSE(std::filesystem::exists(path("vault-key")));
+  std::filesystem::permissions(file, perms::owner_read | perms::others_read);
+  EXPECT_EQ(readStatus(), errSecErrnoBase + EPERM);
+  std::filesystem::remove(file);
+  EXPECT_EQ(readStatus(), errSecDecode) << "it was sealed with the key that is gone";
+}
+
+TEST_F(Vault, RefusesWhatOthersCouldHavePlanted) {
+  fill();
+  const std::string whole = content();
+  for (const char* name : {"vault", "vault-key", "secret-store"}) {
+    const std::string kept = environment.folder() + "/kept";
+    std::filesystem::permissions(path(name), perms::owner_read | perms::group_read);
+    EXPECT_EQ(readStatus(), errSecErrnoBase + EPERM) << name;
+    std::filesystem::permissions(path(name), perms::owner_read | perms::owner_write);
+    std::filesystem::rename(path(name), kept);
+
+    std::filesystem::create_symlink(kept, path(name));
+    EXPECT_EQ(readStatus(), errSecErrnoBase + ELOOP) << name;
+    std::filesystem::remove(path(name));
+    ASSERT_EQ(::mkfifo(path(name).c_str(), 0600), 0);
+    EXPECT_EQ(readStatus(), errSecErrnoBase + EINVAL) << name;
+    std::filesystem::remove(path(name));
+    std::filesystem::rename(kept, path(name));
+  }
+  // Where a write would go.
+  const std::string victim = environment.folder() + "/victim";
+  test::writeFile(victim, "precious");
+  std::filesystem::create_symlink(victim, path("vault.new"));
+  EXPECT_EQ(store.update(token, secretBytes("new")), errSecSuccess);
+  EXPECT_EQ(test::readFile(victim), "precious");
+
+  std::filesystem::permissions(environment.storeFolder(), perms::owner_all | perms::others_exec);
+  EXPECT_EQ(readStatus(), errSecErrnoBase + EPERM);
+  std::filesystem::rename(environment.storeFolder(), environment.folder() + "/moved");
+  std::filesystem::create_symlink(environment.folder() + "/moved", environment.storeFolder());
+  EXPECT_EQ(readStatus(), errSecErrnoBase + ENOTDIR);
+}
+
+TEST_F(Vault, RefusesFilesOfOtherUsers) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+  fill();
+  ASSERT_EQ(::chown(path("vault").c_str(), 12345, 12345), 0);
+  EXPECT_EQ(readStatus(), errSecErrnoBase + EPERM);
+}
+
+TEST_F(Vault, LosesNothingOfProcessesAndThreadsThatWriteAtOnce) {
+  constexpr int count = 10;
+  const auto write = [&](SecretStore& own, const std::string& writer) {
+    for (int number = 0; number < count; ++number) {
+      EXPECT_EQ(own.add({writer, std::to_string(number), {}, false}, secretBytes(writer)), 0);
+    }
+  };
+  std::vector<test::ChildProcess> processes;
+  for (const char* name : {"first", "second"}) {
+    processes.emplace_back([&] {
+      SecretStoreLinux own(patient);
+      write(own, name);
+    });
+  }
+  std::thread thread([&] {
+    SecretStoreLinux own(patient);
+    write(own, "third");
+  });
+  write(store, "fourth");
+  thread.join();
+  for (test::ChildProcess& process : processes) EXPECT_EQ(process.wait(), 0);
+  EXPECT_EQ(store.list({}).items.size(), 4U * count);
+}
+
+TEST_F(Vault, IsWholeWhenAWriterIsKilled) {
+  fill();
+  const SecretBytes large(200'000, 'x');
+  for (int round = 0; round < 10; ++round) {
+    test::Pipe started;
+    test::ChildProcess writer([&] {
+      SecretStoreLinux own(patient);
+      for (int number = 0;; ++number) {
+        SecretBytes next = large;
+        next[0] = static_cast<std::uint8_t>('0' + number % 10);
+        EXPECT_EQ(own.update(token, next), errSecSuccess);
+        if (number == 0 && ::write(started.writer.get(), "x", 1) != 1) return;
+      }
+    });
+    ASSERT_TRUE(test::isReadable(started.reader.get()));
+    writer.kill();
+    ASSERT_EQ(value().size(), large.size()) << "round " << round;
+    ASSERT_EQ(store.update(token, secretBytes("after")), errSecSuccess);
+    EXPECT_EQ(value(), "after");
+    EXPECT_FALSE(std::filesystem::exists(path("vault.new"))) << "left behind for ever";
+  }
+}
+
+TEST_F(Vault, KeepsTheOldFileWhenTheDiskIsFull) {
+  test::inChild([&] {
+    if (!test::enterPrivateMounts()) GTEST_SKIP() << "not permitted to mount";
+    std::filesystem::create_directories(environment.dataFolder());
+    test::mountMemory(environment.dataFolder(), "size=256k,mode=700");
+    const std::string early = test::fillDisk(environment.dataFolder());
+    EXPECT_EQ(store.add(token, secretBytes("x")), errSecErrnoBase + ENOSPC);
+    std::filesystem::remove(early);
+    fill();
+    const std::string filler = test::fillDisk(environment.dataFolder());
+    EXPECT_EQ(store.update(token, SecretBytes(100'000)), errSecErrnoBase + ENOSPC);
+    EXPECT_EQ(value(), "value");
+    std::filesystem::remove(filler);
+    EXPECT_EQ(store.update(token, secretBytes("there is room again")), errSecSuccess);
+    test::remount(environment.dataFolder(), "ro");
+    EXPECT_EQ(store.update(token, secretBytes("x")), errSecErrnoBase + EROFS);
+    EXPECT_EQ(value(), "there is room again");
+  });
+}
+
+TEST_F(Vault, DoesNotWaitForALockForEver) {
+  fill();
+  const UniqueFd lock(::open(path("lock").c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
+  SecretStoreLinux hasty(std::chrono::milliseconds(100));
+  EXPECT_EQ(hasty.update(token, secretBytes("too late")), errSecTimedOut);
+  EXPECT_EQ(value(), "value") << "readers need no lock";
+  ASSERT_EQ(::flock(lock.get(), LOCK_UN), 0);
+  EXPECT_EQ(store.update({"x", "y", {}, false}, secretBytes("")), errSecItemNotFound);
+  EXPECT_EQ(value(), "value") << "a call that was reported as failed was done later";
+}
+
+TEST(VaultFormat, ReadsBackWhatItWrites) {
+  VaultTable table;
+  table[{"a", "b", ""}] = secretBytes(std::string_view("\0x", 2));
+  table[{"a", "b", "group"}] = {};
+  table[{"", "", ""}] = secretBytes("empty name");
+  for (const VaultTable& each : {VaultTable{}, table}) {
+    const SecretBytes encoded = encodeVaultTable(each);
+    EXPECT_EQ(decodeVaultTable(encoded), each);
+    for (std::size_t size = 0; size < encoded.size(); ++size) {
+      EXPECT_EQ(decodeVaultTable(std::span(encoded).first(size)), std::nullopt) << size;
+    }
+  }
+}
+
+TEST(VaultFormat, RefusesLengthsBeyondTheEnd) {
+  for (const std::string_view text :
+       {std::string_view("\xFF\xFF\xFF\xFF"), std::string_view("\x01\0\0\0\xFF\xFF\xFF\xFF", 8)}) {
+    EXPECT_EQ(decodeVaultTable(secretBytes(text)), std::nullopt);
+  }
+}
+
+}  // namespace
+}  // namespace velum

@@ -30,6 +30,7 @@ struct GDeleter {
   void operator()(GMainContext* context) const noexcept { g_main_context_unref(context); }
   void operator()(GDBusConnection* connection) const noexcept { g_object_unref(connection); }
   void operator()(SecretService* service) const noexcept { g_object_unref(service); }
+  void operator()(GAsyncResult* result) const noexcept { g_object_unref(result); }
 };
 template <class T>
 using GPointer = std::unique_ptr<T, GDeleter>;
@@ -186,6 +187,24 @@ GPointer<SecretValue> valueOf(const SecretBytes& bytes) {
                        static_cast<gssize>(bytes.size()), contentType));
 }
 
+/// The outcome of a call that prompts. libsecret's own waiting for it leaks each prompt.
+class Answer {
+ public:
+  explicit Answer(GMainContext* context) noexcept : context_(context) {}
+
+  static void take(GObject* /*source*/, GAsyncResult* result, gpointer self) {
+    static_cast<Answer*>(self)->result_.reset(static_cast<GAsyncResult*>(g_object_ref(result)));
+  }
+  GAsyncResult* wait() const {
+    while (!result_) g_main_context_iteration(context_, TRUE);
+    return result_.get();
+  }
+
+ private:
+  GMainContext* context_;
+  GPointer<GAsyncResult> result_;
+};
+
 std::vector<std::string> textsOf(const GTexts& texts) {
   std::vector<std::string> result;
   for (char** text = texts.get(); text != nullptr && *text != nullptr; ++text) {
@@ -208,7 +227,13 @@ struct SecretSession::Handles {
   ~Handles() {
     service.reset();
     connection.reset();
+    handleEvents();  // what they left to be freed later
     g_main_context_pop_thread_default(context.get());
+  }
+
+  /// What has come in, without waiting for more.
+  void handleEvents() const {
+    while (g_main_context_iteration(context.get(), FALSE) != FALSE) continue;
   }
 
   std::string currentOwner() const {
@@ -257,7 +282,7 @@ SecretSession::SecretSession(std::string busAddress)
 SecretSession::~SecretSession() = default;
 
 bool SecretSession::isCurrent() {
-  while (g_main_context_iteration(handles_->context.get(), FALSE) != FALSE) continue;
+  handles_->handleEvents();
   if (g_dbus_connection_is_closed(handles_->connection.get()) != FALSE) return false;
   return !handles_->service || handles_->currentOwner() == handles_->owner;
 }
@@ -373,10 +398,13 @@ bool SecretSession::unlock(const std::vector<std::string>& paths) {
   std::vector<const char*> texts;
   for (const std::string& path : paths) texts.push_back(path.c_str());
   texts.push_back(nullptr);
+  Answer answer(handles_->context.get());
+  secret_service_unlock_dbus_paths(handles_->service.get(), texts.data(), nullptr, Answer::take,
+                                   &answer);
   ErrorSlot error;
   char** unlocked = nullptr;
-  const int count = secret_service_unlock_dbus_paths_sync(handles_->service.get(), texts.data(),
-                                                          nullptr, &unlocked, error);
+  const int count = secret_service_unlock_dbus_paths_finish(handles_->service.get(), answer.wait(),
+                                                            &unlocked, error);
   const GTexts owner(unlocked);
   error.check();
   return count > 0;
@@ -386,10 +414,13 @@ std::optional<std::string> SecretSession::createDefaultCollection(const std::str
   const auto properties = makeProperties();
   setProperty(properties.get(), "org.freedesktop.Secret.Collection.Label",
               g_variant_new_string(label.c_str()));
+  Answer answer(handles_->context.get());
+  secret_service_create_collection_dbus_path(handles_->service.get(), properties.get(), "default",
+                                             SECRET_COLLECTION_CREATE_NONE, nullptr, Answer::take,
+                                             &answer);
   ErrorSlot error;
-  const GText path(secret_service_create_collection_dbus_path_sync(
-      handles_->service.get(), properties.get(), "default", SECRET_COLLECTION_CREATE_NONE, nullptr,
-      error));
+  const GText path(secret_service_create_collection_dbus_path_finish(handles_->service.get(),
+                                                                     answer.wait(), error));
   error.check();
   if (!path) return std::nullopt;
   return path.get();

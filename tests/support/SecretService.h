@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Velum/Platform/Posix/Spawn.h"
@@ -67,7 +68,7 @@ using BusPointer = std::unique_ptr<sd_bus, BusCloser>;
 /// A message bus of the test's own. It starts no services but those in `servicesFolder`.
 class PrivateBus {
  public:
-  explicit PrivateBus(const std::string& folder) : folder_(folder) {
+  explicit PrivateBus(std::string folder) : folder_(std::move(folder)) {
     writeFile(folder_ + "/bus.conf", R"(<busconfig><type>session</type>
 <listen>unix:path=)" + socket() + R"(</listen>
 <servicedir>)" + servicesFolder() +

@@ -17,7 +17,7 @@ struct SecretName {
   std::string account;
   std::string accessGroup;
 
-  auto operator<=>(const SecretName&) const = default;
+  auto operator<=>(const SecretName&) const = default;  // NOLINT(modernize-use-nullptr): false
 };
 
 /// Ends an operation with this status.

@@ -38,6 +38,7 @@ SecretName nameOf(const SecretSession::Attributes& attributes) {
 class PromptTurn {
  public:
   explicit PromptTurn(const SecretCall& call) {
+    call.requireTime();
     if (!call.hasDisplay || isTaken.exchange(true)) {
       throw SecretFailure(errSecInteractionNotAllowed);
     }

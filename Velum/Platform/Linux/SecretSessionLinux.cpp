@@ -396,6 +396,7 @@ bool SecretSession::isLocked(const std::string& collection) {
 
 bool SecretSession::unlock(const std::vector<std::string>& paths) {
   std::vector<const char*> texts;
+  texts.reserve(paths.size() + 1);
   for (const std::string& path : paths) texts.push_back(path.c_str());
   texts.push_back(nullptr);
   Answer answer(handles_->context.get());

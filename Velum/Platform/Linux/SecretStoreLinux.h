@@ -23,6 +23,8 @@ class SecretStoreLinux final : public SecretStore {
 
   /// `timeout`: the longest that a call may take.
   explicit SecretStoreLinux(std::chrono::milliseconds timeout) noexcept : timeout_(timeout) {}
+  SecretStoreLinux(const SecretStoreLinux&) = delete;
+  SecretStoreLinux& operator=(const SecretStoreLinux&) = delete;
   /// Not while a call is under way.
   ~SecretStoreLinux() override;
 

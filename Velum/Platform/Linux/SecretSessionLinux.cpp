@@ -327,11 +327,13 @@ SecretMatches SecretSession::search(const Attributes& attributes) {
 }
 
 SecretBytes SecretSession::secret(const std::string& item) {
-  ErrorSlot error;
-  const GPointer<SecretValue> value(secret_service_get_secret_for_dbus_path_sync(
-      handles_->service.get(), item.c_str(), nullptr, error));
-  error.check();
-  if (!value) throw StaleSession();
+  const char* const session = secret_service_get_session_dbus_path(handles_->service.get());
+  const auto answer = handles_->call(busName, item.c_str(), itemInterface, "GetSecret",
+                                     g_variant_new("(o)", session), "((oayays))");
+  const GPointer<GVariant> encoded(g_variant_get_child_value(answer.get(), 0));
+  const GPointer<SecretValue> value(
+      secret_service_decode_dbus_secret(handles_->service.get(), encoded.get()));
+  if (!value) throw StaleSession();  // of another session
   gsize size = 0;
   const char* const bytes = secret_value_get(value.get(), &size);
   return secretBytes({bytes, size});

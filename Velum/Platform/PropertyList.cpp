@@ -18,4 +18,8 @@ std::string PropertyList::binary() const {
   return detail::writeBinaryPropertyList(*this);
 }
 
+std::optional<std::string> PropertyList::readableBinary() const {
+  return detail::writeReadableBinaryPropertyList(*this);
+}
+
 }  // namespace velum

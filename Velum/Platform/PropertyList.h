@@ -56,6 +56,9 @@ class PropertyList {
   /// The value in the binary format, version 1 ("bplist00").
   std::string binary() const;
 
+  /// The same, or nothing when `read` would refuse the result: nested too deep or too large.
+  std::optional<std::string> readableBinary() const;
+
   Value value;
 };
 

@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <bit>
 #include <limits>
-#include <map>
 #include <type_traits>
+#include <unordered_map>
 
 #include "Velum/Platform/PropertyListFormats.h"
 #include "Velum/String.h"
@@ -72,9 +72,14 @@ void append(std::string& out, const PropertyList::Data& value) {
   out.append(value.begin(), value.end());
 }
 
-/// Well-formed UTF-8 as UTF-16 units.
-std::u16string utf16(std::string_view text) {
-  std::u16string units;
+bool isAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char unit) { return static_cast<unsigned char>(unit) < 0x80; });
+}
+
+/// Hands the UTF-16 units of well-formed UTF-8 to `take`.
+template <class Take>
+void forEachUtf16Unit(std::string_view text, Take take) {
   for (std::size_t at = 0; at < text.size();) {
     const auto lead = static_cast<unsigned char>(text[at]);
     const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
@@ -83,63 +88,122 @@ std::u16string utf16(std::string_view text) {
       scalar = (scalar << 6U) | (static_cast<unsigned char>(next) & 0x3FU);
     }
     if (scalar >= 0x10000) {
-      units.push_back(static_cast<char16_t>(0xD800 + ((scalar - 0x10000) >> 10U)));
-      scalar = 0xDC00 + (scalar & 0x3FFU);
+      take(0xD800U + ((scalar - 0x10000) >> 10U));
+      scalar = 0xDC00U + (scalar & 0x3FFU);
     }
-    units.push_back(static_cast<char16_t>(scalar));
+    take(scalar);
     at += length;
   }
-  return units;
+}
+
+std::size_t utf16Length(std::string_view text) {
+  std::size_t length = 0;
+  forEachUtf16Unit(text, [&](std::uint32_t) { ++length; });
+  return length;
+}
+
+/// Bytes that `text`'s content takes in the document.
+std::size_t contentSize(std::string_view text) {
+  if (isAscii(text)) return text.size();
+  return 2 * (isValidUtf8(text) ? utf16Length(text) : utf16Length(repairedUtf8(text)));
 }
 
 void append(std::string& out, std::string_view text) {
-  const auto isAscii = [](char unit) { return static_cast<unsigned char>(unit) < 0x80; };
-  if (std::all_of(text.begin(), text.end(), isAscii)) {
+  if (isAscii(text)) {
     appendLength(out, BinaryMarker::ascii, text.size());
     out.append(text);
-    return;
+  } else if (isValidUtf8(text)) {
+    appendLength(out, BinaryMarker::utf16, utf16Length(text));
+    forEachUtf16Unit(text, [&](std::uint32_t unit) { appendBigEndian(out, unit, 2); });
+  } else {
+    append(out, std::string_view(repairedUtf8(text)));
   }
-  const std::u16string units = utf16(repairedUtf8(text));
-  appendLength(out, BinaryMarker::utf16, units.size());
-  for (const char16_t unit : units) appendBigEndian(out, unit, 2);
 }
 
 /// Numbers the objects in a first pass, because the width of a reference depends on their count,
-/// and writes them in a second. Equal keys are one object.
+/// and writes them in a second, into memory that was reserved for all of them. Equal keys are one
+/// object.
 class Writer {
  public:
   std::string write(const PropertyList& root) {
-    number(root);
+    measure(root, 0);
+    return emitAll(root);
+  }
+
+  std::optional<std::string> writeReadable(const PropertyList& root) {
+    checksLimits_ = true;
+    measure(root, 0);
+    if (exceedsLimits_) return std::nullopt;
+    std::string bytes = emitAll(root);
+    if (bytes.size() > PropertyListLimits::size) return std::nullopt;
+    return bytes;
+  }
+
+ private:
+  static constexpr std::size_t markerSize = 10;  // with the longest length
+
+  void measure(const PropertyList& value, unsigned depth) {
+    ++objectCount_;
+    spend(PropertyListLimits::perObject);
+    if (const auto* array = value.get<PropertyList::Array>()) {
+      references_ += array->size();
+      if (isTooDeep(depth)) return;
+      for (const auto& element : *array) measure(element, depth + 1);
+    } else if (const auto* dictionary = value.get<PropertyList::Dictionary>()) {
+      references_ += 2 * dictionary->size();
+      if (isTooDeep(depth)) return;
+      for (const auto& [key, element] : *dictionary) {
+        measureKey(key);
+        measure(element, depth + 1);
+      }
+    } else if (const auto* text = value.get<std::string>()) {
+      measureContent(contentSize(*text));
+    } else if (const auto* data = value.get<PropertyList::Data>()) {
+      measureContent(data->size());
+    }
+  }
+
+  void measureKey(std::string_view key) {
+    const std::size_t size = contentSize(key);
+    spend(PropertyListLimits::perObject + size);
+    if (!keys_.try_emplace(key, keyOrder_.size()).second) return;
+    keyOrder_.push_back(key);
+    contentSize_ += size;
+  }
+
+  void measureContent(std::size_t size) {
+    contentSize_ += size;
+    spend(size);
+  }
+
+  /// Counts as the reader will.
+  void spend(std::size_t cost) {
+    expandedSize_ += cost;
+    if (expandedSize_ > PropertyListLimits::expandedSize) exceedsLimits_ = true;
+  }
+
+  /// Stops the walk in time: whoever checks the limits doesn't trust the depth.
+  bool isTooDeep(unsigned depth) {
+    if (depth >= PropertyListLimits::depth) exceedsLimits_ = true;
+    return checksLimits_ && exceedsLimits_;
+  }
+
+  std::string emitAll(const PropertyList& root) {
+    valueCount_ = objectCount_;
+    objectCount_ += keyOrder_.size();  // the keys follow the values
     referenceWidth_ = std::size_t{1} << widthExponent(objectCount_);
+    out_.reserve(binaryPropertyListMagic.size() + contentSize_ + references_ * referenceWidth_ +
+                 objectCount_ * (markerSize + sizeof(std::uint64_t)) +
+                 binaryPropertyListTrailerSize);
     out_ = binaryPropertyListMagic;
-    nextNumber_ = 0;
     offsets_.resize(objectCount_);
     emit(root);
-    for (const auto& [key, number] : keys_) {
-      offsets_[number] = out_.size();
+    for (const auto key : keyOrder_) {
+      offsets_[nextNumber_++] = out_.size();
       append(out_, key);
     }
     appendTable();
     return std::move(out_);
-  }
-
- private:
-  /// Values come first, in the order of a walk; the keys follow them.
-  void number(const PropertyList& root) {
-    count(root);
-    for (auto& [key, number] : keys_) number = objectCount_++;
-  }
-
-  void count(const PropertyList& value) {
-    ++objectCount_;
-    if (const auto* array = value.get<PropertyList::Array>()) {
-      for (const auto& element : *array) count(element);
-    } else if (const auto* dictionary = value.get<PropertyList::Dictionary>()) {
-      for (const auto& [key, element] : *dictionary) {
-        keys_.try_emplace(key, 0);
-        count(element);
-      }
-    }
   }
 
   /// Writes `value`, then what it contains, and returns its number.
@@ -155,7 +219,7 @@ class Writer {
       std::size_t keyReference = reserveReferences(dictionary->size());
       std::size_t reference = reserveReferences(dictionary->size());
       for (const auto& [key, element] : *dictionary) {
-        putReference(keyReference, keys_.at(key));
+        putReference(keyReference, valueCount_ + keys_.at(key));
         putReference(reference, emit(element));
       }
     } else {
@@ -183,10 +247,9 @@ class Writer {
 
   /// Fills the reference at `position`, which moves to the next.
   void putReference(std::size_t& position, std::uint64_t number) {
-    std::string reference;
-    appendBigEndian(reference, number, referenceWidth_);
-    out_.replace(position, referenceWidth_, reference);
-    position += referenceWidth_;
+    for (std::size_t left = referenceWidth_; left-- > 0;) {
+      out_[position++] = static_cast<char>(number >> (left * 8));
+    }
   }
 
   void appendTable() {
@@ -202,17 +265,28 @@ class Writer {
   }
 
   std::string out_;
-  std::map<std::string_view, std::uint64_t> keys_;
+  std::unordered_map<std::string_view, std::uint64_t> keys_;  // the place in keyOrder_
+  std::vector<std::string_view> keyOrder_;
   std::vector<std::uint64_t> offsets_;
   std::uint64_t objectCount_ = 0;
+  std::uint64_t valueCount_ = 0;
   std::uint64_t nextNumber_ = 0;
   std::size_t referenceWidth_ = 0;
+  std::size_t references_ = 0;
+  std::size_t contentSize_ = 0;
+  std::size_t expandedSize_ = 0;
+  bool checksLimits_ = false;
+  bool exceedsLimits_ = false;
 };
 
 }  // namespace
 
 std::string writeBinaryPropertyList(const PropertyList& root) {
   return Writer().write(root);
+}
+
+std::optional<std::string> writeReadableBinaryPropertyList(const PropertyList& root) {
+  return Writer().writeReadable(root);
 }
 
 }  // namespace velum::detail

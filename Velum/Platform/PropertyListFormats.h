@@ -29,8 +29,11 @@ std::optional<PropertyList> readBinaryPropertyList(std::string_view bytes);
 /// malformed, declares entities, or exceeds the limits.
 std::optional<std::string> binaryFromXmlPropertyList(std::string_view text);
 
-/// Writes the binary format. Text that is not UTF-8 is repaired.
+/// Writes the binary format. Text that is not UTF-8 is repaired. The content is written to one
+/// piece of memory, the result's: whoever must not leave copies of it has only that to wipe.
 std::string writeBinaryPropertyList(const PropertyList& root);
+/// The same; nothing when the result would exceed the limits.
+std::optional<std::string> writeReadableBinaryPropertyList(const PropertyList& root);
 
 /// First bytes of the binary format, and its last 32: the widths, counts and offsets below.
 constexpr std::string_view binaryPropertyListMagic = "bplist00";

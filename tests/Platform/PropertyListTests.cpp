@@ -238,6 +238,39 @@ TEST(PropertyList, LimitsWhatSharedReferencesExpandTo) {
   EXPECT_FALSE(PropertyList::read(std::string(17 << 20, ' ') + xml("<true/>")));
 }
 
+TEST(PropertyList, WritesNothingThatCouldNotBeReadAgain) {
+  const auto nest = [](std::size_t levels) {
+    PropertyList value(PropertyList::Array{});
+    for (std::size_t level = 1; level < levels; ++level) {
+      PropertyList::Array outer;
+      outer.push_back(std::move(value));
+      value = list(std::move(outer));
+    }
+    return value;
+  };
+  EXPECT_TRUE(PropertyList::read(nest(512).readableBinary().value()));
+  EXPECT_FALSE(nest(513).readableBinary());
+
+  // Shared keys and text beside ASCII cost the reader as much as they cost the check.
+  const auto entries = [](std::size_t count, const std::string& key) {
+    PropertyList::Dictionary entry;
+    entry.emplace(key, list(true));
+    return list(PropertyList::Array(count, list(std::move(entry))));
+  };
+  constexpr std::size_t budget = (std::size_t{32} << 20U) - 64;  // beside the root
+  for (const auto& [key, keySize] :
+       {std::pair(std::string(64, 'k'), 64U), std::pair(std::string("\xE2\x82\xAC"), 2U),
+        std::pair(std::string("\xF0\x9F\x98\x80"), 4U), std::pair(std::string("a\xFF"), 4U)}) {
+    const std::size_t most = budget / (3 * 64 + keySize);
+    const auto bytes = entries(most, key).readableBinary();
+    ASSERT_TRUE(bytes) << key;
+    EXPECT_TRUE(PropertyList::read(*bytes)) << key;
+    EXPECT_FALSE(PropertyList::read(entries(most + 1, key).binary())) << key;
+    EXPECT_FALSE(entries(most + 1, key).readableBinary()) << key;
+  }
+  EXPECT_FALSE(list(std::string(std::size_t{16} << 20U, 'x')).readableBinary());
+}
+
 TEST(PropertyList, RefusesCyclesAndWrongReferences) {
   EXPECT_FALSE(PropertyList::read(document({arrayOf({0})})));
   EXPECT_FALSE(PropertyList::read(document({arrayOf({1, 1}), arrayOf({0, 0})})));

@@ -130,11 +130,11 @@ class UserDefaultsLinux final : public UserDefaults {
 
   static bool replace(const std::string& folder, const std::string& path,
                       const PropertyList& content, bool keepsOldFile) {
-    const std::string bytes = content.binary();
-    if (!PropertyList::read(bytes)) return false;  // too deep or too large to be read again
+    const auto bytes = content.readableBinary();
+    if (!bytes) return false;
     const std::string temporary = path + ".new";
     const bool isReplaced =
-        writeNewFile(temporary, bytes) &&
+        writeNewFile(temporary, *bytes) &&
         (!keepsOldFile || ::rename(path.c_str(), (path + ".damaged").c_str()) == 0) &&
         ::rename(temporary.c_str(), path.c_str()) == 0;
     if (!isReplaced) {
@@ -149,12 +149,11 @@ class UserDefaultsLinux final : public UserDefaults {
 };
 
 std::string ownDomain() {
+  const auto bundle = Bundle::main();
+  if (bundle && bundle->identifier && isFileName(*bundle->identifier)) return *bundle->identifier;
   std::error_code error;
   const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-  if (error) return program_invocation_short_name;
-  const auto bundle = Bundle::ofExecutable(program.string());
-  if (bundle && bundle->identifier && isFileName(*bundle->identifier)) return *bundle->identifier;
-  return program.filename().string();
+  return error ? program_invocation_short_name : program.filename().string();
 }
 
 }  // namespace

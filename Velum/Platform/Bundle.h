@@ -28,6 +28,9 @@ struct Bundle {
   /// (helpers, daemons) are not the application. A trailing " (deleted)" is understood, as
   /// /proc shows it for a program that was replaced while it runs.
   static std::optional<Bundle> ofExecutable(const std::string& executable);
+
+  /// The bundle whose main program this process runs. Nothing for a program outside a bundle.
+  static std::optional<Bundle> main();
 };
 
 }  // namespace velum

@@ -139,4 +139,10 @@ std::optional<Bundle> Bundle::ofExecutable(const std::string& executable) {
   return bundle;
 }
 
+std::optional<Bundle> Bundle::main() {
+  std::error_code error;
+  const fs::path program = fs::read_symlink("/proc/self/exe", error);
+  return error ? std::nullopt : ofExecutable(program.string());
+}
+
 }  // namespace velum

@@ -9,9 +9,11 @@
 
 namespace velum {
 
-std::optional<std::string> readRegularFile(const std::string& path, std::size_t maximumSize) {
-  const UniqueFd file(retryInterrupted(
-      [&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }));
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t maximumSize,
+                                           SymbolicLink link) {
+  const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY |
+                    (link == SymbolicLink::refuse ? O_NOFOLLOW : 0);
+  const UniqueFd file(retryInterrupted([&] { return ::open(path.c_str(), flags); }));
   struct stat status {};
   if (!file || ::fstat(file.get(), &status) != 0) return std::nullopt;
   if (!S_ISREG(status.st_mode)) {

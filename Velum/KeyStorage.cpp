@@ -1,0 +1,364 @@
+#include "Velum/KeyStorage.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <exception>
+#include <mutex>
+#include <set>
+#include <unordered_map>
+#include <utility>
+
+#include "Velum/Fatal.h"
+#include "Velum/Logger/Logger.h"
+#include "Velum/Platform/AtFork.h"
+#include "Velum/Platform/Dispatch.h"
+#include "Velum/Platform/Thread.h"
+#include "Velum/StorageError.h"
+#include "Velum/UnfairLock.h"
+
+namespace velum {
+namespace {
+
+constexpr std::string_view sourceFile = "Velum/KeyStorage";
+constexpr std::string_view abstractOperation = "Must be implemented in subclass";
+
+std::chrono::nanoseconds duration(double seconds) {
+  constexpr double longest = 365.0 * 24 * 60 * 60;
+  if (!(seconds > 0)) return {};  // not a number is no delay either
+  const std::chrono::duration<double> time(std::min(seconds, longest));
+  return std::max(std::chrono::nanoseconds(1),
+                  std::chrono::duration_cast<std::chrono::nanoseconds>(time));
+}
+
+void wipe(PropertyList& list) noexcept {
+  if (auto* text = std::get_if<std::string>(&list.value)) {
+    velum::wipe(*text);
+  } else if (auto* data = std::get_if<PropertyList::Data>(&list.value)) {
+    velum::wipe(data->data(), data->size());
+  } else if (auto* array = std::get_if<PropertyList::Array>(&list.value)) {
+    for (auto& element : *array) wipe(element);
+  } else if (auto* dictionary = std::get_if<PropertyList::Dictionary>(&list.value)) {
+    for (auto& [key, element] : *dictionary) wipe(element);
+  }
+}
+
+/// A dictionary that can be written as it is, and an index that finds an entry without comparing
+/// its way down a tree. Values are wiped when they go.
+class Cache {
+ public:
+  Cache() = default;
+  Cache(const Cache&) = delete;
+  Cache& operator=(const Cache&) = delete;
+  ~Cache() { wipe(root_); }
+
+  const PropertyList& root() const noexcept { return root_; }
+  const PropertyList::Dictionary& entries() const { return *root_.get<PropertyList::Dictionary>(); }
+
+  const PropertyList* find(std::string_view key) const {
+    const auto found = index_.find(key);
+    return found == index_.end() ? nullptr : found->second;
+  }
+
+  void set(std::string_view key, PropertyList value) {
+    if (const auto found = index_.find(key); found != index_.end()) {
+      wipe(*found->second);
+      *found->second = std::move(value);
+      return;
+    }
+    const auto entry = dictionary().emplace(key, std::move(value)).first;
+    index_.emplace(entry->first, &entry->second);
+  }
+
+  void remove(std::string_view key) {
+    const auto entry = dictionary().find(key);
+    if (entry == dictionary().end()) return;
+    wipe(entry->second);
+    index_.erase(entry->first);
+    dictionary().erase(entry);
+  }
+
+  void replace(PropertyList::Dictionary content) {
+    index_.clear();
+    wipe(root_);
+    dictionary() = std::move(content);
+    index_.reserve(dictionary().size());
+    for (auto& [key, value] : dictionary()) index_.emplace(key, &value);
+  }
+
+ private:
+  PropertyList::Dictionary& dictionary() { return std::get<PropertyList::Dictionary>(root_.value); }
+
+  PropertyList root_;
+  std::unordered_map<std::string_view, PropertyList*> index_;  // into the nodes of root_
+};
+
+/// The dictionary in `bytes`; nothing, and a log record, when there is another value.
+std::optional<PropertyList::Dictionary> decoded(const SecretBytes& bytes,
+                                                std::string_view function) {
+  auto list = PropertyList::read(textView(bytes));
+  if (!list) throw StorageError("The data is no property list, or exceeds its limits");
+  if (auto* dictionary = std::get_if<PropertyList::Dictionary>(&list->value)) {
+    return std::move(*dictionary);
+  }
+  logError({sourceFile, function}, "The decoded object is not a dictionary");
+  return std::nullopt;
+}
+
+}  // namespace
+
+struct KeyStorageBase::State final : ForkParticipant {
+  State(std::string label, double delay)
+      : ForkParticipant(Stage::service),
+        queue(DispatchQueue::serial(std::move(label))),
+        writeDelay(duration(delay)) {
+    registerForFork();
+  }
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+  ~State() override { unregisterForFork(); }
+
+  void prepareFork() noexcept override { lock.lock(); }
+  void afterForkInParent() noexcept override { lock.unlock(); }
+  // A write may be in flight, also on the forking thread, so no fork waits for it. The queue of
+  // the child is empty.
+  void afterForkInChild() noexcept override {
+    lock.resetAfterFork();
+    writing.resetAfterFork();
+    writer = 0;
+    isScheduled = false;
+  }
+
+  const std::shared_ptr<DispatchQueue> queue;
+  const std::chrono::nanoseconds writeDelay;
+
+  UnfairLock lock;
+  Cache cache;
+  bool dirty = false;
+  // The changes between two writes are a period; its first change schedules its one write. What is
+  // scheduled for a period that something else has written finds another number and does nothing.
+  std::uint64_t period = 0;
+  bool isScheduled = false;
+  bool isComplete = false;  // `cache` was read or reset: nothing is stored that it doesn't know
+  // There is stored content that `load` could not get at. What was removed since stays removed.
+  bool isUnread = false;
+  std::set<std::string, std::less<>> removedUnread;
+
+  // Held while the back end works; taken before `lock`.
+  UnfairLock writing;
+  std::atomic<std::uint32_t> writer{0};  // the thread that holds it, 0 when none does
+  KeyStorageBase* storage = nullptr;     // guarded by `writing`; null once `finish` has run
+};
+
+namespace {
+
+/// The right to use the back end, for one thread at a time. Inside of the back end's operations
+/// the thread has it already.
+template <class State>
+class Turn {
+ public:
+  explicit Turn(State& state) : state_(state), isNested_(state.writer == currentThreadId()) {
+    if (isNested_) return;
+    state_.writing.lock();
+    state_.writer = currentThreadId();
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  ~Turn() {
+    if (isNested_) return;
+    state_.writer = 0;
+    state_.writing.unlock();
+  }
+
+  bool isNested() const noexcept { return isNested_; }
+
+ private:
+  State& state_;
+  bool isNested_;
+};
+
+}  // namespace
+
+KeyStorageBase::KeyStorageBase(std::string queueLabel, double writeDelay)
+    : state_(std::make_shared<State>(std::move(queueLabel), writeDelay)) {
+  state_->storage = this;
+}
+
+KeyStorageBase::~KeyStorageBase() {
+  const Turn turn(*state_);
+  state_->storage = nullptr;
+}
+
+bool KeyStorageBase::isEmpty() const {
+  const std::lock_guard guard(state_->lock);
+  return state_->cache.entries().empty();
+}
+
+std::optional<PropertyList> KeyStorageBase::object(std::string_view key) const {
+  const std::lock_guard guard(state_->lock);
+  const PropertyList* const value = state_->cache.find(key);
+  if (value == nullptr) return std::nullopt;
+  return *value;
+}
+
+void KeyStorageBase::setObject(std::optional<PropertyList> value, std::string_view key) {
+  std::uint64_t period = 0;
+  bool schedules = false;
+  {
+    const std::lock_guard guard(state_->lock);
+    if (value) {
+      state_->cache.set(key, *std::move(value));
+    } else {
+      state_->cache.remove(key);
+      if (state_->isUnread) state_->removedUnread.emplace(key);
+    }
+    state_->dirty = true;
+    if (state_->writeDelay.count() != 0 && !state_->isScheduled) {
+      state_->isScheduled = schedules = true;
+      period = ++state_->period;
+    }
+  }
+  if (state_->writeDelay.count() == 0) {
+    // Jobs of the queue do nothing but this, so the queue's thread need not be the one.
+    store();
+  } else if (schedules) {
+    state_->queue->asyncAfter(state_->writeDelay, writeJob(period));
+  }
+}
+
+PropertyList::Dictionary KeyStorageBase::dictionaryRepresentation() const {
+  const std::lock_guard guard(state_->lock);
+  return state_->cache.entries();
+}
+
+void KeyStorageBase::reset(std::optional<PropertyList::Dictionary> content) {
+  {
+    const std::lock_guard guard(state_->lock);
+    state_->cache.replace(std::move(content).value_or(PropertyList::Dictionary{}));
+    state_->dirty = true;
+    state_->isComplete = true;
+    state_->isUnread = false;
+    state_->removedUnread.clear();
+  }
+  store();
+}
+
+void KeyStorageBase::load() {
+  constexpr std::string_view function = "load()";
+  const Turn turn(*state_);
+  try {
+    const auto bytes = loadData();
+    auto content = bytes ? decoded(*bytes, function) : std::nullopt;
+    const std::lock_guard guard(state_->lock);
+    state_->isComplete = true;
+    state_->isUnread = false;
+    if (!content) return;
+    state_->cache.replace(*std::move(content));
+    state_->dirty = false;
+    state_->isScheduled = false;
+  } catch (const std::exception& error) {
+    const bool isThere = dynamic_cast<const StorageUnavailable*>(&error) != nullptr;
+    {
+      const std::lock_guard guard(state_->lock);
+      state_->isUnread = isThere && !state_->isComplete;
+    }
+    logError({sourceFile, function}, "Failed to load stored cache: {}", error.what());
+  }
+}
+
+void KeyStorageBase::store() {
+  const Turn turn(*state_);
+  if (turn.isNested()) {
+    state_->queue->async(writeJob(std::nullopt));  // the write that called this one comes first
+  } else {
+    writeLk();
+  }
+}
+
+/// Writes the changes of `period` if they are not written yet; any changes when there is none.
+Work KeyStorageBase::writeJob(std::optional<std::uint64_t> period) const {
+  return [weak = std::weak_ptr(state_), period] {
+    const auto state = weak.lock();
+    if (!state) return;
+    const Turn turn(*state);
+    if (state->storage == nullptr) return;
+    if (period) {
+      const std::lock_guard guard(state->lock);
+      if (!state->isScheduled || state->period != *period) return;
+      state->isScheduled = false;
+    }
+    state->storage->writeLk();
+  };
+}
+
+void KeyStorageBase::writeLk() {
+  constexpr std::string_view function = "store()";
+  std::optional<std::string> bytes;
+  try {
+    readUnreadLk();
+    {
+      const std::lock_guard guard(state_->lock);
+      if (!state_->dirty) return;
+      bytes = state_->cache.root().readableBinary();
+      state_->dirty = false;
+      state_->isScheduled = false;
+    }
+    if (!bytes)
+      throw StorageError("The values are nested too deep, or too large, to be read again");
+    storeData(*bytes);
+  } catch (const std::exception& error) {
+    {
+      const std::lock_guard guard(state_->lock);
+      state_->dirty = true;
+    }
+    logError({sourceFile, function}, "Failed to store cache: {}", error.what());
+  }
+  if (bytes) wipe(*bytes);
+}
+
+/// Adds the stored content that could not be read before to what was changed since.
+void KeyStorageBase::readUnreadLk() {
+  {
+    const std::lock_guard guard(state_->lock);
+    if (!state_->isUnread || !state_->dirty) return;
+  }
+  std::optional<PropertyList::Dictionary> content;
+  try {
+    if (const auto bytes = loadData()) content = decoded(*bytes, "store()");
+  } catch (const StorageUnavailable&) {
+    throw;
+  } catch (const std::exception& error) {  // damaged: nothing is lost by replacing it
+    logError({sourceFile, "store()"}, "Failed to load stored cache: {}", error.what());
+  }
+  const std::lock_guard guard(state_->lock);
+  if (content) {
+    for (auto& [key, value] : *content) {
+      if (state_->cache.find(key) == nullptr && !state_->removedUnread.contains(key)) {
+        state_->cache.set(key, std::move(value));
+      }
+    }
+  }
+  state_->isComplete = true;
+  state_->isUnread = false;
+  state_->removedUnread.clear();
+}
+
+std::optional<SecretBytes> KeyStorageBase::loadData() {
+  fatal(abstractOperation);
+}
+
+void KeyStorageBase::storeData(std::string_view /*bytes*/) {
+  fatal(abstractOperation);
+}
+
+void KeyStorageBase::deleteData() {
+  fatal(abstractOperation);
+}
+
+void KeyStorageBase::finish() noexcept {
+  const Turn turn(*state_);
+  writeLk();
+  state_->storage = nullptr;
+}
+
+}  // namespace velum

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "Velum/SecretBytes.h"
+
+namespace velum {
+
+/// Text that leaves no copy in freed memory.
+using SecretText = std::basic_string<char, std::char_traits<char>, WipingAllocator<char>>;
+
+namespace detail {
+inline void requireFiniteNumbers(const nlohmann::json& value) {
+  if (value.is_number_float() && !std::isfinite(value.get<double>())) {
+    throw std::domain_error("a number is not finite");
+  }
+  if (!value.is_structured()) return;
+  for (const auto& element : value) requireFiniteNumbers(element);
+}
+}  // namespace detail
+
+/// The value as JSON in the form that the platform's own encoder writes and others compare byte by
+/// byte: no spaces, every slash as "\/", other text unescaped UTF-8. Throws when JSON can't
+/// express it: text that is no UTF-8, numbers that are not finite.
+template <class Text = std::string>
+Text jsonText(const nlohmann::json& value) {
+  detail::requireFiniteNumbers(value);  // the library would write null
+  constexpr std::size_t onHeap = 64;  // short texts would lie in the object, which nothing wipes
+  Text plain;
+  plain.reserve(onHeap);
+  // What dump() does, but into any kind of text.
+  nlohmann::detail::serializer<nlohmann::json>(nlohmann::detail::output_adapter<char, Text>(plain),
+                                               ' ')
+      .dump(value, false, false, 0);
+  Text text;
+  text.reserve(std::max(plain.size(), onHeap));
+  for (const char unit : plain) {
+    if (unit == '/') text.push_back('\\');  // a slash stands in strings only
+    text.push_back(unit);
+  }
+  return text;
+}
+
+/// What went wrong, for the log. The library's own text quotes what it read, which may be secret.
+inline std::string jsonErrorText(const nlohmann::json::exception& error) {
+  std::string text = "JSON error " + std::to_string(error.id);
+  if (const auto* parse = dynamic_cast<const nlohmann::json::parse_error*>(&error)) {
+    text += " at byte " + std::to_string(parse->byte);
+  }
+  return text;
+}
+
+/// Overwrites all texts in the value and empties it.
+inline void wipe(nlohmann::json& value) {
+  if (auto* text = value.get_ptr<std::string*>()) wipe(*text);
+  if (value.is_structured()) {
+    for (auto& element : value) wipe(element);
+  }
+  value = nullptr;
+}
+
+}  // namespace velum

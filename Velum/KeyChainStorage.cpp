@@ -1,0 +1,49 @@
+#include "Velum/KeyChainStorage.h"
+
+#include <fmt/format.h>
+
+#include "Velum/KeyChain.h"
+#include "Velum/Logger/Logger.h"
+#include "Velum/StorageError.h"
+
+namespace velum {
+namespace {
+
+constexpr std::string_view sourceFile = "Velum/KeyChainStorage";
+
+}  // namespace
+
+KeyChainStorage::KeyChainStorage(std::string key, SecretStore& store)
+    : KeyStorageBase("KeychainStorage:" + key, 0), key_(std::move(key)), store_(store) {}
+
+KeyChainStorage::~KeyChainStorage() {
+  finish();
+}
+
+std::optional<SecretBytes> KeyChainStorage::loadData() {
+  logDebug({sourceFile, "loadData()"}, "Load from {}", key_);
+  SecretResult found = KeyChain::loadResult(key_, {}, {}, store_);
+  if (found.status == errSecItemNotFound) return std::nullopt;
+  if (found.status != errSecSuccess) throw StorageUnavailable(KeyChain::statusText(found.status));
+  return std::move(found.data);
+}
+
+void KeyChainStorage::storeData(std::string_view bytes) {
+  constexpr std::string_view function = "storeData(_:)";
+  logDebug({sourceFile, function}, "Store to {}", key_);
+  const SecretStatus status = KeyChain::save(key_, secretBytes(bytes), {}, {}, store_);
+  if (status == errSecSuccess) return;
+  const std::string text =
+      fmt::format("Failed to store {}: {}", key_, KeyChain::statusText(status));
+  logError({sourceFile, function}, "{}", text);
+  throw StorageError(text);
+}
+
+void KeyChainStorage::deleteData() {
+  const SecretStatus status = KeyChain::remove(key_, {}, {}, store_);
+  if (status != errSecSuccess) {
+    logError({sourceFile, "deleteData()"}, "Failed to delete {}: {}", key_, status);
+  }
+}
+
+}  // namespace velum

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+namespace velum {
+
+/// Bytes that belong to somebody else, who keeps them as long as the view is used.
+using ByteView = std::span<const std::uint8_t>;
+
+inline ByteView byteView(std::string_view text) noexcept {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};  // NOLINT: bytes
+}
+
+}  // namespace velum

@@ -1,0 +1,69 @@
+#include "Velum/Cipher.h"
+
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <new>
+#include <string>
+
+#include "Velum/Fatal.h"
+#include "Velum/Platform/AtFork.h"
+#include "Velum/SecretBytes.h"
+
+namespace velum::detail {
+
+RandomPool::~RandomPool() {
+  wipe(bytes_.data(), bytes_.size());
+}
+
+bool RandomPool::take(std::span<std::uint8_t> out) noexcept {
+  if (left_ < out.size() || generation_ != forkGeneration()) {
+    generation_ = forkGeneration();
+    left_ = 0;
+    if (RAND_bytes(bytes_.data(), static_cast<int>(bytes_.size())) != 1) return false;
+    left_ = bytes_.size();
+  }
+  left_ -= out.size();
+  std::copy_n(bytes_.data() + left_, out.size(), out.data());
+  wipe(bytes_.data() + left_, out.size());
+  return true;
+}
+
+CipherContext::CipherContext(const EVP_CIPHER* cipher, Direction direction, ByteView key,
+                             const std::uint8_t* iv)
+    : context_(EVP_CIPHER_CTX_new()) {
+  // The lengths are right by construction, so that nothing but memory can be missing.
+  if (!context_ || EVP_CIPHER_get_key_length(cipher) != static_cast<int>(key.size()) ||
+      EVP_CipherInit_ex2(context_.get(), cipher, key.data(), iv, static_cast<int>(direction),
+                         nullptr) != 1) {
+    throw std::bad_alloc();
+  }
+}
+
+bool CipherContext::restart(const std::uint8_t* iv) noexcept {
+  return EVP_CipherInit_ex2(context_.get(), nullptr, nullptr, iv, -1, nullptr) == 1;
+}
+
+bool CipherContext::update(ByteView in, std::uint8_t* out, std::size_t& written) noexcept {
+  constexpr std::size_t most = std::size_t{1} << 30U;  // the library counts in int
+  written = 0;
+  do {
+    const auto part = in.first(std::min(in.size(), most));
+    int count = 0;
+    if (EVP_CipherUpdate(context_.get(), out + written, &count, part.data(),
+                         static_cast<int>(part.size())) != 1) {
+      return false;
+    }
+    written += static_cast<std::size_t>(count);
+    in = in.subspan(part.size());
+  } while (!in.empty());
+  return true;
+}
+
+const EVP_CIPHER* fetchCipher(const char* name) {
+  const EVP_CIPHER* const cipher = EVP_CIPHER_fetch(nullptr, name, nullptr);
+  if (cipher == nullptr) fatal("The cryptographic library has no " + std::string(name));
+  return cipher;
+}
+
+}  // namespace velum::detail

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <openssl/evp.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+#include "Velum/ByteView.h"
+
+namespace velum::detail {
+
+/// Random bytes in small pieces, for a tenth of the time that the system's generator takes for
+/// each. Bytes handed out are gone from here; a forked child draws its own. One thread at a time.
+class RandomPool {
+ public:
+  RandomPool() = default;
+  RandomPool(const RandomPool&) = delete;
+  RandomPool& operator=(const RandomPool&) = delete;
+  ~RandomPool();
+
+  /// Fills `out`, at most 16 bytes; false when there is no randomness.
+  bool take(std::span<std::uint8_t> out) noexcept;
+
+ private:
+  std::array<std::uint8_t, 512> bytes_{};
+  std::size_t left_ = 0;
+  unsigned generation_ = 0;  // of the process that drew them
+};
+
+/// A cipher under one key, expanded once. The library wipes its state when it goes.
+class CipherContext {
+ public:
+  enum class Direction : int { decrypt = 0, encrypt = 1 };
+
+  /// Throws std::bad_alloc. `iv` may be null until the first `restart`.
+  CipherContext(const EVP_CIPHER* cipher, Direction direction, ByteView key,
+                const std::uint8_t* iv);
+
+  bool restart(const std::uint8_t* iv) noexcept;
+  /// Transforms `in`, of any length, into `out`, which may be the same place, and returns the bytes
+  /// that came out; nothing on failure.
+  bool update(ByteView in, std::uint8_t* out, std::size_t& written) noexcept;
+
+  EVP_CIPHER_CTX* get() const noexcept { return context_.get(); }
+
+ private:
+  struct Free {
+    void operator()(EVP_CIPHER_CTX* context) const noexcept { EVP_CIPHER_CTX_free(context); }
+  };
+  std::unique_ptr<EVP_CIPHER_CTX, Free> context_;
+};
+
+/// The cipher of that name, looked up once per name by its caller and never freed. Stops the
+/// process when the library does not have it.
+const EVP_CIPHER* fetchCipher(const char* name);
+
+}  // namespace velum::detail

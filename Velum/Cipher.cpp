@@ -8,21 +8,21 @@
 
 #include "Velum/Fatal.h"
 #include "Velum/Platform/AtFork.h"
-#include "Velum/SecretBytes.h"
 
 namespace velum::detail {
 
-RandomPool::~RandomPool() {
-  wipe(bytes_.data(), bytes_.size());
+bool RandomPool::refill(std::size_t least) {
+  constexpr std::size_t largest = 4096;
+  generation_ = forkGeneration();
+  left_ = 0;
+  bytes_.resize(std::max(least, std::min(bytes_.size() * 4, largest)));
+  if (RAND_bytes(bytes_.data(), static_cast<int>(bytes_.size())) != 1) return false;
+  left_ = bytes_.size();
+  return true;
 }
 
-bool RandomPool::take(std::span<std::uint8_t> out) noexcept {
-  if (left_ < out.size() || generation_ != forkGeneration()) {
-    generation_ = forkGeneration();
-    left_ = 0;
-    if (RAND_bytes(bytes_.data(), static_cast<int>(bytes_.size())) != 1) return false;
-    left_ = bytes_.size();
-  }
+bool RandomPool::take(std::span<std::uint8_t> out) {
+  if ((left_ < out.size() || generation_ != forkGeneration()) && !refill(out.size())) return false;
   left_ -= out.size();
   std::copy_n(bytes_.data() + left_, out.size(), out.data());
   wipe(bytes_.data() + left_, out.size());

@@ -2,13 +2,13 @@
 
 #include <openssl/evp.h>
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
 
 #include "Velum/ByteView.h"
+#include "Velum/SecretBytes.h"
 
 namespace velum::detail {
 
@@ -19,13 +19,15 @@ class RandomPool {
   RandomPool() = default;
   RandomPool(const RandomPool&) = delete;
   RandomPool& operator=(const RandomPool&) = delete;
-  ~RandomPool();
+  ~RandomPool() = default;
 
-  /// Fills `out`, at most 16 bytes; false when there is no randomness.
-  bool take(std::span<std::uint8_t> out) noexcept;
+  /// Fills `out`; false when there is no randomness.
+  bool take(std::span<std::uint8_t> out);
 
  private:
-  std::array<std::uint8_t, 512> bytes_{};
+  bool refill(std::size_t least);
+
+  SecretBytes bytes_;  // the more the longer the pool is in use
   std::size_t left_ = 0;
   unsigned generation_ = 0;  // of the process that drew them
 };

@@ -36,8 +36,8 @@ class SealedBox {
   /// A new random key.
   static SecretBytes newKey();
 
-  /// Writes the box of `plain` into `box`, whose size is that of `plain` and `overhead`, and which
-  /// does not overlap it.
+  /// Writes the box of `plain` into `box`, whose size is that of `plain` and `overhead`. `plain`
+  /// may be the very place in `box` where the ciphertext goes, but not overlap it otherwise.
   void seal(ByteView plain, std::span<std::uint8_t> box);
   std::string seal(ByteView plain);
 
@@ -45,7 +45,7 @@ class SealedBox {
   /// "authenticationFailure" for any that this key did not seal; nothing of the content is left
   /// behind then.
   SecretBytes open(ByteView box);
-  /// The same into `plain`, whose size is the box's less `overhead`.
+  /// The same into `plain`, whose size is the box's less `overhead`; may be the ciphertext's place.
   void open(ByteView box, std::span<std::uint8_t> plain);
 
  private:

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace velum {
+
+/// A file that is replaced as a whole: whatever happens to the process or the power, its path names
+/// the old content or the new. Of several writers, in any processes, the last one wins.
+///
+/// The new content is written to a hidden file beside it, "." + name + "." + random letters +
+/// ".new", mode 0600 from the start, which no link that somebody planted can stand for.
+class AtomicFile {
+ public:
+  explicit AtomicFile(std::string path);
+
+  const std::string& path() const noexcept { return path_; }
+
+  /// The content is on the disk when this returns. Throws SystemError, with messages that begin
+  /// with `caller`: the old file then stands, and nothing is left beside it. (Only when the last
+  /// step fails, making the new name durable, the new file stands already.) The folder must
+  /// exist. A symbolic link at the path is replaced, not followed.
+  void replace(std::string_view content, std::string_view caller) const;
+
+  /// Removes what writers left that were killed while they wrote. Failures don't matter.
+  void removeLeftovers() const noexcept;
+
+ private:
+  bool isTemporaryName(std::string_view name) const;
+
+  std::string path_;
+  std::string folder_;
+  std::string name_;
+};
+
+}  // namespace velum

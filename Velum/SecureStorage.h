@@ -1,0 +1,47 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "Velum/AtomicFile.h"
+#include "Velum/KeyChainData.h"
+#include "Velum/KeyStorage.h"
+
+namespace velum {
+
+/// A key storage in a file that is sealed with AES-256-GCM (see SealedBox) under a key of its own,
+/// which is kept elsewhere, usually in the keychain. The file is replaced as a whole and is on the
+/// disk when a write returns; mode 0600. Its folder must exist.
+///
+/// A file without its key is worthless, so it is deleted when the storage is made and the key is
+/// known to be missing; the next write makes a new key. A key that can't be read now is another
+/// matter: reading and writing then fail, and nothing is lost.
+///
+/// A file that was changed by anybody else is refused: the storage begins empty, and the file stays
+/// until the next write.
+class SecureStorage final : public KeyStorageBase {
+ public:
+  SecureStorage(std::shared_ptr<KeyChainDataProtocol> storageKey, std::string path,
+                double writeDelay);
+  SecureStorage(const SecureStorage&) = delete;
+  SecureStorage& operator=(const SecureStorage&) = delete;
+  ~SecureStorage() override;
+
+  const std::string& path() const noexcept { return file_.path(); }
+
+  /// Deletes the file; what is in memory stays, and so does the key. A failure is logged, a missing
+  /// file is none.
+  void deleteData() override;
+
+ protected:
+  std::optional<SecretBytes> loadData() override;
+  void storeData(std::string_view bytes) override;
+
+ private:
+  SecretBytes keyForWriting();
+
+  const std::shared_ptr<KeyChainDataProtocol> storageKey_;
+  const AtomicFile file_;
+};
+
+}  // namespace velum

@@ -1,0 +1,293 @@
+#include "Velum/KeyChain.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+#include <map>
+
+#include "Velum/KeyChainData.h"
+#include "Velum/KeyChainStorage.h"
+#include "Velum/Platform/Bundle.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/FakeSecretStore.h"
+#include "tests/support/Processes.h"
+#include "tests/support/TemporaryFolder.h"
+
+// This program lies in a bundle, VELUM_BUNDLE_IDENTIFIER.
+
+namespace velum {
+namespace {
+
+using test::CapturedLog;
+using test::FakeSecretStore;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+using Call = FakeSecretStore::Call;
+
+const SecretQuery plain{.service = "service", .account = "key", .accessGroup = {}};
+const SecretQuery grouped{.service = "service",
+                          .account = "key",
+                          .accessGroup = "group",
+                          .usesDataProtectionKeychain = true};
+
+TEST(KeyChain, SavesWithAsFewWritesAsPossible) {
+  const CapturedLog log;
+  FakeSecretStore store;
+  const auto save = [&](const char* value) {
+    return KeyChain::save("key", secretBytes(value), "service", {}, store);
+  };
+  EXPECT_EQ(save("one"), 0);
+  EXPECT_THAT(store.takeCalls(), ElementsAre(Call{"copyMatching", plain}, Call{"add", plain}));
+  EXPECT_EQ(save("two"), 0);
+  EXPECT_THAT(store.takeCalls(), ElementsAre(Call{"copyMatching", plain}, Call{"update", plain}));
+  EXPECT_EQ(save("two"), 0);
+  EXPECT_THAT(store.takeCalls(), ElementsAre(Call{"copyMatching", plain}));
+  EXPECT_EQ(KeyChain::load("key", "service", {}, store), secretBytes("two"));
+
+  constexpr const char* tag = ": save(key:value:service:accessGroup:)";
+  const auto texts = log.texts();
+  ASSERT_EQ(texts.size(), 3U);
+  EXPECT_THAT(texts[0], HasSubstr("Keychain value for key key doesn't exist - adding"));
+  EXPECT_THAT(texts[1], HasSubstr("Keychain value for key key exists - updating"));
+  EXPECT_THAT(texts[2], HasSubstr("Keychain value for key key exists - updating"));
+  for (const auto& text : texts) {
+    EXPECT_TRUE(text.starts_with("D")) << text;
+    EXPECT_THAT(text, HasSubstr("KeyChain"));
+    EXPECT_THAT(text, HasSubstr(tag));
+  }
+}
+
+TEST(KeyChain, NamesTheAccessGroupInEveryCall) {
+  FakeSecretStore store;
+  KeyChain::save("key", secretBytes("plain"), "service", {}, store);
+  store.takeCalls();
+  KeyChain::save("key", secretBytes("one"), "service", "group", store);
+  KeyChain::save("key", secretBytes("two"), "service", "group", store);
+  EXPECT_EQ(KeyChain::remove("key", "service", "group", store), 0);
+  EXPECT_THAT(store.takeCalls(), ElementsAre(Call{"copyMatching", grouped}, Call{"add", grouped},
+                                             Call{"copyMatching", grouped}, Call{"update", grouped},
+                                             Call{"remove", grouped}));
+  EXPECT_EQ(KeyChain::load("key", "service", {}, store), secretBytes("plain"));
+}
+
+TEST(KeyChain, KeepsMissingApartFromOutOfReach) {
+  const CapturedLog log;
+  FakeSecretStore store;
+  EXPECT_EQ(KeyChain::loadResult("key", "service", {}, store).status, errSecItemNotFound);
+  EXPECT_FALSE(KeyChain::load("key", "service", {}, store));
+  EXPECT_THAT(log.texts(), IsEmpty());
+
+  for (const SecretStatus status :
+       {errSecInteractionNotAllowed, errSecNotAvailable, errSecTimedOut, errSecUserCanceled}) {
+    store.takeCalls();
+    store.failWith(status);
+    EXPECT_EQ(KeyChain::save("key", secretBytes("v"), "service", {}, store), status);
+    EXPECT_THAT(store.takeCalls(), ElementsAre(Call{"copyMatching", plain}));
+    const CapturedLog failures;
+    EXPECT_EQ(KeyChain::loadResult("key", "service", {}, store).status, status);
+    EXPECT_FALSE(KeyChain::load("key", "service", {}, store));
+    EXPECT_EQ(failures.count("Failed to find key in Keychain. " +
+                             SecretStore::errorText(status).value_or(std::to_string(status))),
+              2U);
+  }
+  // A number that has no text stands for itself.
+  store.failWith(-7);
+  EXPECT_FALSE(KeyChain::load("key", "service", {}, store));
+  EXPECT_TRUE(log.has("Failed to find key in Keychain. -7"));
+}
+
+TEST(KeyChain, ReturnsTheStatusOfAFailedWrite) {
+  FakeSecretStore store;
+  store.failWritesWith(errSecNotAvailable);
+  EXPECT_EQ(KeyChain::save("key", secretBytes("v"), "service", {}, store), errSecNotAvailable);
+  EXPECT_EQ(KeyChain::remove("key", "service", {}, store), errSecNotAvailable);
+}
+
+struct Account {
+  std::string name;
+  double balance = 0;
+  std::map<std::string, std::vector<int>> devices;
+  NLOHMANN_DEFINE_TYPE_INTRUSIVE(Account, name, balance, devices)
+  bool operator==(const Account&) const = default;
+};
+
+TEST(KeyChain, StoresObjectsAsJson) {
+  FakeSecretStore store;
+  const Account account{"a/b \xE2\x82\xAC\"", 1.5, {{"x", {1, 2}}}};
+  EXPECT_EQ(KeyChain::saveObject(account, "key", "service", {}, store), 0);
+  EXPECT_EQ(textView(store.items().at(0).value),
+            "{\"balance\":1.5,\"devices\":{\"x\":[1,2]},\"name\":\"a\\/b \xE2\x82\xAC\\\"\"}");
+  EXPECT_EQ(KeyChain::loadObject<Account>("key", "service", {}, store), account);
+  // An encoder that leaves slashes alone is understood too; so are single values.
+  KeyChain::save("key", secretBytes("\"a/b\\/c\""), "service", {}, store);
+  EXPECT_EQ(KeyChain::loadObject<std::string>("key", "service", {}, store), "a/b/c");
+  EXPECT_FALSE(KeyChain::loadObject<std::string>("other", "service", {}, store));
+}
+
+TEST(KeyChain, RefusesWhatJsonCantExpress) {
+  const CapturedLog log;
+  FakeSecretStore store;
+  const std::string secret = "hidden\xFF";
+  const auto save = [&](const auto& value) {
+    return KeyChain::saveObject(value, "key", "service", {}, store);
+  };
+  EXPECT_EQ(save(secret), -67673);
+  EXPECT_EQ(save(std::vector<double>{1, std::numeric_limits<double>::quiet_NaN()}), -67673);
+  EXPECT_EQ(save(Account{"hidden", std::numeric_limits<double>::infinity(), {}}), -67673);
+  EXPECT_THAT(store.takeCalls(), IsEmpty());
+  EXPECT_EQ(log.count("Failed to encode value "), 3U);
+  EXPECT_TRUE(log.has("saveObject(_:key:service:accessGroup:)"));
+  EXPECT_TRUE(log.has("Account for key 'key'. "));
+  EXPECT_FALSE(log.has("hidden"));
+}
+
+TEST(KeyChain, ReadsNothingFromJsonOfAnotherForm) {
+  FakeSecretStore store;
+  for (const char* bytes : {"", "hidden", "{\"hidden\":", "\"hidden\xFF\"", "[1, \"hidden\"]",
+                            "{\"name\": \"hidden\"}", "[[[[[[[["}) {
+    KeyChain::save("key", secretBytes(bytes), "service", {}, store);
+    const CapturedLog log;
+    EXPECT_FALSE(KeyChain::loadObject<Account>("key", "service", {}, store)) << bytes;
+    EXPECT_EQ(log.count("Failed to decode data for key 'key'. "), 1U);
+    EXPECT_TRUE(log.has(": loadObject(key:service:accessGroup:)"));
+    EXPECT_FALSE(log.has("hidden"));
+  }
+}
+
+TEST(KeyChain, FindsTheFirstKeychainOfADomain) {
+  const CapturedLog log;
+  FakeSecretStore store;
+  EXPECT_FALSE(KeyChain::keychain(SecPreferencesDomain::user, store));
+  store.setSearchList({.status = 0, .keychains = {{"first"}, {"second"}}});
+  EXPECT_EQ(KeyChain::keychain(SecPreferencesDomain::user, store)->name, "first");
+  EXPECT_THAT(log.texts(), IsEmpty());
+  store.setSearchList({.status = -7, .keychains = {}});
+  EXPECT_FALSE(KeyChain::keychain(SecPreferencesDomain::system, store));
+  EXPECT_TRUE(log.has("Failed searching for keychain in SecPreferencesDomain(rawValue: 1)-7"));
+}
+
+TEST(KeyChain, TakesTheMainBundlesIdentifierAsTheService) {
+  FakeSecretStore store;
+  KeyChain::save("key", secretBytes("v"), {}, {}, store);
+  ASSERT_EQ(store.items().size(), 1U);
+  EXPECT_EQ(store.items()[0].query.service, VELUM_BUNDLE_IDENTIFIER);
+}
+
+TEST(KeyChain, StopsAProgramThatHasNoBundle) {
+  if (Bundle::main()) {
+    // The same program somewhere else.
+    const test::TemporaryFolder folder;
+    const std::string copy = folder / "program";
+    std::filesystem::copy_file("/proc/self/exe", copy);
+    const int child = test::startShell("ulimit -c 0; exec " + copy +
+                                       " --gtest_filter=KeyChain.StopsAProgramThatHasNoBundle "
+                                       "2>&1 | grep -q 'The main bundle has no identifier'");
+    EXPECT_EQ(test::exitStatus(child), 0);
+  } else {
+    FakeSecretStore store;
+    KeyChain::load("key", {}, {}, store);
+  }
+}
+
+TEST(KeyChainData, ReadsOnceAndFollowsWhatItStores) {
+  FakeSecretStore store;
+  KeyChainData data("key", store);
+  EXPECT_FALSE(data.data());
+  EXPECT_EQ(data.read().status, errSecItemNotFound);
+  EXPECT_TRUE(data.store(secretBytes("one")));
+  store.takeCalls();
+  EXPECT_EQ(data.data(), secretBytes("one"));
+  EXPECT_THAT(store.takeCalls(), IsEmpty());
+  EXPECT_EQ(KeyChainData("key", store).data(), secretBytes("one"));
+
+  EXPECT_TRUE(data.store(std::nullopt));
+  EXPECT_THAT(store.items(), IsEmpty());
+  EXPECT_FALSE(data.data());
+}
+
+TEST(KeyChainData, IsReadAgainAfterAFailure) {
+  FakeSecretStore store;
+  EXPECT_TRUE(KeyChainData("key", store).store(secretBytes("one")));
+  KeyChainData data("key", store);
+  store.failWith(errSecInteractionNotAllowed);
+  EXPECT_EQ(data.read().status, errSecInteractionNotAllowed);
+  store.failWith(errSecSuccess);
+  EXPECT_EQ(data.data(), secretBytes("one"));
+}
+
+TEST(KeyChainData, SaysWhenItCantStore) {
+  const CapturedLog log;
+  FakeSecretStore store;
+  KeyChainData data("key", store);
+  store.failWritesWith(errSecNotAvailable);
+  EXPECT_FALSE(data.store(secretBytes("hidden")));
+  EXPECT_TRUE(log.has("Failed to store key: status -25291"));
+  EXPECT_FALSE(data.data());
+  store.failWith(errSecSuccess);
+  EXPECT_FALSE(data.store(std::nullopt));
+  EXPECT_TRUE(log.has("Failed to delete key: status -25300"));
+  EXPECT_FALSE(log.has("hidden"));
+
+  store.takeCalls();
+  KeyChainData empty("", store);
+  EXPECT_FALSE(empty.store(secretBytes("v")));
+  EXPECT_FALSE(empty.store(std::nullopt));
+  EXPECT_FALSE(empty.data());
+  EXPECT_THAT(store.takeCalls(), IsEmpty());
+}
+
+TEST(KeyChainStorage, LivesInOneItem) {
+  const CapturedLog log;
+  FakeSecretStore store;
+  {
+    KeyChainStorage storage("settings", store);
+    storage.load();
+    EXPECT_TRUE(storage.isEmpty());
+    storage.setObject(PropertyList(std::string("hidden")), "name");
+    ASSERT_EQ(store.items().size(), 1U);  // written before setObject returned
+    EXPECT_EQ(store.items()[0].query.account, "settings");
+    EXPECT_TRUE(textView(store.items()[0].value).starts_with("bplist00"));
+  }
+  KeyChainStorage storage("settings", store);
+  storage.load();
+  EXPECT_EQ(storage.object("name"), PropertyList(std::string("hidden")));
+  storage.deleteData();
+  EXPECT_THAT(store.items(), IsEmpty());
+  EXPECT_TRUE(log.has("Load from settings"));
+  EXPECT_TRUE(log.has("Store to settings"));
+  EXPECT_FALSE(log.has("Failed"));
+  storage.deleteData();
+  EXPECT_TRUE(log.has("Failed to delete settings: -25300"));
+  EXPECT_FALSE(log.has("hidden"));
+}
+
+TEST(KeyChainStorage, LosesNothingToALockedKeychain) {
+  const CapturedLog log;
+  FakeSecretStore store;
+  KeyChainStorage("settings", store).setObject(PropertyList(true), "old");
+
+  KeyChainStorage storage("settings", store);
+  store.failWith(errSecInteractionNotAllowed);
+  storage.load();
+  EXPECT_TRUE(log.has("Failed to load stored cache: "));
+  store.failWritesWith(errSecNotAvailable);
+  storage.setObject(PropertyList(std::int64_t{1}), "new");
+  EXPECT_TRUE(log.has("Failed to store settings"));
+  EXPECT_TRUE(log.has("Failed to store cache: "));
+  store.failWith(errSecSuccess);
+  storage.store();
+
+  KeyChainStorage later("settings", store);
+  later.load();
+  EXPECT_EQ(later.dictionaryRepresentation(),
+            (PropertyList::Dictionary{{"new", PropertyList(std::int64_t{1})},
+                                      {"old", PropertyList(true)}}));
+}
+
+}  // namespace
+}  // namespace velum

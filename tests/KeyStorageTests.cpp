@@ -1,0 +1,383 @@
+#include "Velum/KeyStorage.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "Velum/StorageError.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Waiting.h"
+
+namespace velum {
+namespace {
+
+using test::CapturedLog;
+using test::eventually;
+using testing::IsEmpty;
+using Dictionary = PropertyList::Dictionary;
+
+constexpr double never = 100'000;  // seconds
+
+PropertyList number(std::int64_t value) {
+  return PropertyList(value);
+}
+
+std::string encoded(const Dictionary& content) {
+  return PropertyList(content).binary();
+}
+
+/// What a storage writes to; outlives it.
+struct BackEnd {
+  std::optional<Dictionary> content() const {
+    const std::lock_guard guard(mutex);
+    if (!bytes) return std::nullopt;
+    const auto list = PropertyList::read(*bytes);
+    return list ? std::optional(*list->get<Dictionary>()) : std::nullopt;
+  }
+
+  mutable std::mutex mutex;
+  std::optional<std::string> bytes;
+  std::function<void()> onLoad = [] {};  // may throw
+  std::function<void()> onStore = [] {};
+  std::atomic<int> writes{0};
+};
+
+class Storage final : public KeyStorageBase {
+ public:
+  Storage(BackEnd& backEnd, double writeDelay)
+      : KeyStorageBase("test", writeDelay), backEnd_(backEnd) {}
+  Storage(const Storage&) = delete;
+  Storage& operator=(const Storage&) = delete;
+  ~Storage() override { finish(); }
+
+ protected:
+  std::optional<SecretBytes> loadData() override {
+    backEnd_.onLoad();
+    const std::lock_guard guard(backEnd_.mutex);
+    if (!backEnd_.bytes) return std::nullopt;
+    return secretBytes(*backEnd_.bytes);
+  }
+  void storeData(std::string_view bytes) override {
+    ++backEnd_.writes;
+    backEnd_.onStore();
+    const std::lock_guard guard(backEnd_.mutex);
+    backEnd_.bytes = bytes;
+  }
+
+ private:
+  BackEnd& backEnd_;
+};
+
+TEST(KeyStorage, WritesEveryChangeBeforeItReturns) {
+  BackEnd backEnd;
+  Storage storage(backEnd, 0);
+  EXPECT_TRUE(storage.isEmpty());
+  storage.setObject(number(1), "one");
+  EXPECT_EQ(backEnd.content(), (Dictionary{{"one", number(1)}}));
+  storage.setObject(number(2), "one");
+  storage.setObject(number(3), "three");
+  EXPECT_EQ(backEnd.content(), (Dictionary{{"one", number(2)}, {"three", number(3)}}));
+  EXPECT_EQ(storage.dictionaryRepresentation(), backEnd.content());
+  storage.setObject(std::nullopt, "one");
+  EXPECT_EQ(backEnd.content(), (Dictionary{{"three", number(3)}}));
+  EXPECT_FALSE(storage.object("one"));
+  EXPECT_EQ(storage.object("three"), number(3));
+  EXPECT_FALSE(storage.isEmpty());
+  EXPECT_EQ(backEnd.writes, 4);
+  storage.store();  // nothing to write
+  EXPECT_EQ(backEnd.writes, 4);
+
+  Storage other(backEnd, 0);
+  other.load();
+  EXPECT_EQ(other.object("three"), number(3));
+  EXPECT_EQ(other.dictionaryRepresentation(), storage.dictionaryRepresentation());
+}
+
+TEST(KeyStorage, FindsEveryKeyAfterManyChanges) {
+  BackEnd backEnd;
+  Storage storage(backEnd, never);
+  Dictionary expected;
+  for (std::int64_t step = 0; step < 5000; ++step) {
+    const std::string key = "key" + std::to_string(step * 7919 % 1000);
+    if (step % 3 == 0) {
+      storage.setObject(std::nullopt, key);
+      expected.erase(key);
+    } else {
+      storage.setObject(number(step), key);
+      expected.insert_or_assign(key, number(step));
+    }
+  }
+  EXPECT_EQ(storage.dictionaryRepresentation(), expected);
+  for (int index = 0; index < 1000; ++index) {
+    const std::string key = "key" + std::to_string(index);
+    const auto entry = expected.find(key);
+    const auto value = storage.object(key);
+    EXPECT_EQ(value, entry == expected.end() ? std::nullopt : std::optional(entry->second));
+  }
+}
+
+TEST(KeyStorage, RefusesWhatIsNoDictionary) {
+  const CapturedLog log;
+  BackEnd backEnd;
+  Storage storage(backEnd, never);
+  storage.setObject(number(1), "one");
+  const auto refuses = [&](std::string bytes, const char* text) {
+    backEnd.bytes = std::move(bytes);
+    storage.load();
+    EXPECT_EQ(storage.dictionaryRepresentation(), (Dictionary{{"one", number(1)}}));
+    EXPECT_EQ(log.count(text), 1U) << text;
+  };
+  refuses(PropertyList(PropertyList::Array{}).binary(), "The decoded object is not a dictionary");
+  refuses("bplist00 damaged", "Failed to load stored cache: ");
+  backEnd.onLoad = [] { throw std::runtime_error("disk on fire"); };
+  refuses("", "Failed to load stored cache: disk on fire");
+}
+
+TEST(KeyStorage, ResetsAtOnce) {
+  BackEnd backEnd;
+  Storage storage(backEnd, never);
+  storage.setObject(number(1), "one");
+  storage.reset(Dictionary{{"two", number(2)}});
+  EXPECT_EQ(backEnd.content(), (Dictionary{{"two", number(2)}}));
+  EXPECT_FALSE(storage.object("one"));
+  storage.reset(std::nullopt);
+  EXPECT_EQ(backEnd.content(), Dictionary{});
+  EXPECT_TRUE(storage.isEmpty());
+}
+
+TEST(KeyStorage, WritesNoMoreThanOncePerDelay) {
+  using Clock = std::chrono::steady_clock;
+  constexpr std::chrono::milliseconds delay{20};
+  BackEnd backEnd;
+  Storage storage(backEnd, std::chrono::duration<double>(delay).count());
+  const auto start = Clock::now();
+  std::int64_t changes = 0;
+  // Long enough for several periods, however fast the machine is.
+  for (; backEnd.writes < 5; ++changes) {
+    storage.setObject(number(changes), "key");
+    if (changes % 64 == 0) std::this_thread::yield();
+    ASSERT_LT(Clock::now() - start, test::deadline);
+  }
+  EXPECT_TRUE(eventually([&] {
+    return backEnd.content() == Dictionary{{"key", number(changes - 1)}};
+  }));
+  // Time only adds to what is allowed, so a slow machine fails nothing.
+  const auto periods = (Clock::now() - start) / delay;
+  EXPECT_LE(backEnd.writes, periods + 1);
+}
+
+TEST(KeyStorage, AnExplicitWriteReplacesTheDelayedOne) {
+  BackEnd backEnd;
+  Storage storage(backEnd, 0.01);
+  storage.setObject(number(1), "one");
+  storage.store();
+  const int writes = backEnd.writes;
+  // The period after it has a write of its own.
+  storage.setObject(number(2), "one");
+  EXPECT_TRUE(eventually([&] { return backEnd.writes > writes; }));
+  EXPECT_TRUE(eventually([&] { return backEnd.content() == Dictionary{{"one", number(2)}}; }));
+  EXPECT_LE(backEnd.writes, 2);
+}
+
+TEST(KeyStorage, WritesWhatIsLeftAtTheEnd) {
+  BackEnd backEnd;
+  { Storage(backEnd, never).setObject(number(1), "one"); }
+  EXPECT_EQ(backEnd.content(), (Dictionary{{"one", number(1)}}));
+  { Storage(backEnd, never).load(); }
+  EXPECT_EQ(backEnd.writes, 1);
+}
+
+TEST(KeyStorage, IsNotTouchedByDelayedWritesAfterItsEnd) {
+  constexpr int rounds = 200;
+  BackEnd backEnd;
+  for (int round = 0; round < rounds; ++round) {
+    // About as long as the delay, so that writes begin before, while and after it goes.
+    Storage storage(backEnd, 1e-5 * (round % 20));
+    for (int change = 0; change < 20; ++change) storage.setObject(number(round), "key");
+  }
+  EXPECT_EQ(backEnd.content(), (Dictionary{{"key", number(rounds - 1)}}));
+}
+
+TEST(KeyStorage, KeepsChangesWhoseWriteFailed) {
+  const CapturedLog log;
+  BackEnd backEnd;
+  Storage storage(backEnd, 0);
+  backEnd.onStore = [] { throw StorageError("disk full"); };
+  storage.setObject(number(1), "one");
+  EXPECT_FALSE(backEnd.content());
+  EXPECT_TRUE(log.has("Failed to store cache: disk full"));
+  EXPECT_EQ(storage.object("one"), number(1));
+  backEnd.onStore = [] {};
+  storage.store();
+  EXPECT_EQ(backEnd.content(), (Dictionary{{"one", number(1)}}));
+}
+
+TEST(KeyStorage, RetriesAFailedDelayedWriteWithTheNextChange) {
+  const CapturedLog log;
+  BackEnd backEnd;
+  backEnd.onStore = [&] {
+    if (backEnd.writes == 1) throw StorageError("disk full");
+  };
+  Storage storage(backEnd, 0.001);
+  storage.setObject(number(1), "one");
+  ASSERT_TRUE(eventually([&] { return log.has("Failed to store cache: disk full"); }));
+  storage.setObject(number(2), "two");
+  EXPECT_TRUE(eventually([&] {
+    return backEnd.content() == Dictionary{{"one", number(1)}, {"two", number(2)}};
+  }));
+}
+
+TEST(KeyStorage, ChangesMadeByTheBackEndAreWrittenAfterwards) {
+  BackEnd backEnd;
+  Storage storage(backEnd, 0);
+  backEnd.onStore = [&] {
+    if (backEnd.writes == 1) storage.setObject(number(2), "inside");
+  };
+  storage.setObject(number(1), "one");
+  EXPECT_TRUE(eventually([&] {
+    return backEnd.content() == Dictionary{{"inside", number(2)}, {"one", number(1)}};
+  }));
+}
+
+TEST(KeyStorage, WritesNothingThatCouldNotBeReadAgain) {
+  const CapturedLog log;
+  BackEnd backEnd;
+  Storage storage(backEnd, 0);
+  storage.setObject(number(1), "one");
+  PropertyList deep(PropertyList::Array{});
+  for (int level = 0; level < 600; ++level) {
+    PropertyList::Array outer;
+    outer.push_back(std::move(deep));
+    deep = PropertyList(std::move(outer));
+  }
+  storage.setObject(std::move(deep), "deep");
+  EXPECT_EQ(log.count("Failed to store cache: "), 1U);
+  storage.setObject(PropertyList(std::string(std::size_t{17} << 20U, 'x')), "deep");
+  EXPECT_EQ(log.count("Failed to store cache: "), 2U);
+  EXPECT_EQ(backEnd.content(), (Dictionary{{"one", number(1)}}));
+  storage.setObject(std::nullopt, "deep");
+  EXPECT_EQ(backEnd.writes, 2);
+}
+
+TEST(KeyStorage, ReadsWhatWasOutOfReachBeforeItReplacesIt) {
+  const CapturedLog log;
+  BackEnd backEnd;
+  backEnd.bytes = encoded({{"changed", number(1)}, {"kept", number(2)}, {"removed", number(3)}});
+  backEnd.onLoad = [] { throw StorageUnavailable("locked"); };
+  Storage storage(backEnd, 0);
+  storage.load();
+  EXPECT_TRUE(log.has("Failed to load stored cache: locked"));
+  storage.setObject(number(4), "changed");
+  storage.setObject(std::nullopt, "removed");
+  EXPECT_EQ(backEnd.writes, 0);
+  EXPECT_EQ(log.count("Failed to store cache: locked"), 2U);
+
+  backEnd.onLoad = [] {};
+  storage.setObject(number(5), "new");
+  EXPECT_EQ(backEnd.content(),
+            (Dictionary{{"changed", number(4)}, {"kept", number(2)}, {"new", number(5)}}));
+  EXPECT_EQ(storage.dictionaryRepresentation(), backEnd.content());
+
+  // What was read once is known: being out of reach later loses nothing.
+  backEnd.onLoad = [] { throw StorageUnavailable("locked"); };
+  storage.load();
+  storage.setObject(std::nullopt, "new");
+  EXPECT_EQ(backEnd.content(), (Dictionary{{"changed", number(4)}, {"kept", number(2)}}));
+}
+
+TEST(KeyStorage, ReplacesDamagedContentWithTheNextWrite) {
+  BackEnd backEnd;
+  backEnd.bytes = "damaged";
+  Storage storage(backEnd, 0);
+  storage.load();
+  EXPECT_TRUE(storage.isEmpty());
+  EXPECT_EQ(backEnd.bytes, "damaged");
+  storage.setObject(number(1), "one");
+  EXPECT_EQ(backEnd.content(), (Dictionary{{"one", number(1)}}));
+}
+
+TEST(KeyStorage, ConcurrentWritesNeverOverlapNorLoseAChange) {
+  BackEnd backEnd;
+  std::atomic<int> inside{0};
+  std::atomic<int> overlaps{0};
+  backEnd.onStore = [&] {
+    if (++inside != 1) ++overlaps;
+    std::this_thread::yield();
+    --inside;
+  };
+  for (const double delay : {0.0, 0.0001}) {
+    Storage storage(backEnd, delay);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+      threads.emplace_back([&storage, thread] {
+        for (int index = 0; index < 100; ++index) {
+          const std::string key = std::to_string(thread) + "." + std::to_string(index);
+          storage.setObject(number(index), key);
+          EXPECT_EQ(storage.object(key), number(index));
+          if (index % 10 == 0) storage.store();
+        }
+      });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_TRUE(eventually([&] {
+      const auto content = backEnd.content();
+      return content && content->size() == 400;
+    }));
+    EXPECT_EQ(backEnd.content(), storage.dictionaryRepresentation());
+  }
+  EXPECT_EQ(overlaps, 0);
+}
+
+/// Only counts the writes that hold an entry "child"; needs no lock of its own, which a fork could
+/// find held.
+class ForkedStorage final : public KeyStorageBase {
+ public:
+  ForkedStorage() : KeyStorageBase("test", 0.001) {}
+  ForkedStorage(const ForkedStorage&) = delete;
+  ForkedStorage& operator=(const ForkedStorage&) = delete;
+  ~ForkedStorage() override { finish(); }
+
+  std::atomic<int> writesOfChild{0};
+
+ protected:
+  void storeData(std::string_view bytes) override {
+    if (PropertyList::read(bytes)->get<bool>("child") != nullptr) ++writesOfChild;
+  }
+};
+
+TEST(KeyStorage, WorksInAForkedChild) {
+  ForkedStorage storage;
+  std::atomic<bool> stops{false};
+  std::thread other([&] {  // so that the locks are often held when the process forks
+    while (!stops) storage.setObject(number(1), "other");
+  });
+  for (int round = 0; round < 20; ++round) {
+    test::inChild([&] {
+      storage.setObject(PropertyList(true), "child");
+      EXPECT_TRUE(eventually([&] { return storage.writesOfChild > 0; }));
+    });
+  }
+  stops = true;
+  other.join();
+  EXPECT_EQ(storage.writesOfChild, 0);
+}
+
+TEST(KeyStorageDeathTest, StopsTheProcessWhereTheSubclassHasNothing) {
+  class Base : public KeyStorageBase {
+   public:
+    Base() : KeyStorageBase("test", 0) {}
+    using KeyStorageBase::deleteData;
+  };
+  EXPECT_DEATH(Base().load(), "Must be implemented in subclass");
+  EXPECT_DEATH(Base().setObject(number(1), "key"), "Must be implemented in subclass");
+  EXPECT_DEATH(Base().deleteData(), "Must be implemented in subclass");
+}
+
+}  // namespace
+}  // namespace velum

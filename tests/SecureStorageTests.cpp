@@ -1,0 +1,350 @@
+#include "Velum/SecureStorage.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include "Velum/ByteView.h"
+#include "Velum/SealedBox.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/PrivateMounts.h"
+#include "tests/support/Processes.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace velum {
+namespace {
+
+namespace fs = std::filesystem;
+using test::CapturedLog;
+using test::readFile;
+using test::TemporaryFolder;
+using test::writeFile;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Dictionary = PropertyList::Dictionary;
+
+PropertyList text(std::string value) {
+  return PropertyList(std::move(value));
+}
+
+/// A key in memory that can be out of reach.
+class Key final : public KeyChainDataProtocol {
+ public:
+  SecretResult read() override {
+    const std::lock_guard guard(mutex_);
+    if (status != errSecSuccess) return {.status = status, .data = {}};
+    if (!value) return {.status = errSecItemNotFound, .data = {}};
+    return {.status = errSecSuccess, .data = *value};
+  }
+  bool store(const std::optional<SecretBytes>& newValue) override {
+    const std::lock_guard guard(mutex_);
+    if (refusesToStore) return false;
+    value = newValue;
+    return true;
+  }
+
+  std::optional<SecretBytes> value;
+  SecretStatus status = errSecSuccess;
+  bool refusesToStore = false;
+
+ private:
+  std::mutex mutex_;
+};
+
+class SecureStorageTest : public testing::Test {
+ protected:
+  std::unique_ptr<SecureStorage> make(double writeDelay = 0) const {
+    return std::make_unique<SecureStorage>(key, path, writeDelay);
+  }
+  Dictionary stored() const {
+    const auto storage = make();
+    storage->load();
+    return storage->dictionaryRepresentation();
+  }
+  std::vector<std::string> names() const {
+    std::vector<std::string> found;
+    for (const auto& entry : fs::directory_iterator(folder.path())) {
+      found.push_back(entry.path().filename().string());
+    }
+    return found;
+  }
+
+  const TemporaryFolder folder;
+  const std::string path = folder / "settings.sealed";
+  const std::shared_ptr<Key> key = std::make_shared<Key>();
+};
+
+TEST_F(SecureStorageTest, MakesKeyAndFileWithTheFirstWrite) {
+  const CapturedLog log;
+  const Dictionary content{{"name", text("hidden value")}};
+  const mode_t mask = ::umask(0);
+  {
+    const auto storage = make();
+    EXPECT_TRUE(log.has("Storage Key doesn't exist."));
+    storage->load();
+    EXPECT_TRUE(log.has("File " + path + " doesn't exist"));
+    EXPECT_FALSE(key->value);
+    storage->setObject(text("hidden value"), "name");
+  }
+  ::umask(mask);
+  ASSERT_TRUE(key->value);
+  EXPECT_EQ(key->value->size(), 32U);
+  EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_THAT(names(), ElementsAre("settings.sealed"));
+  EXPECT_EQ(stored(), content);
+
+  // The file is the nonce, the ciphertext and the tag of the property list, and nothing else.
+  const std::string box = readFile(path);
+  const std::string plain = PropertyList(content).binary();
+  EXPECT_EQ(box.size(), plain.size() + 28);
+  EXPECT_EQ(textView(SealedBox(*key->value).open(byteView(box))), plain);
+
+  // The same content again: another nonce.
+  make()->reset(content);
+  EXPECT_NE(readFile(path), box);
+  EXPECT_NE(readFile(path).substr(0, 12), box.substr(0, 12));
+  EXPECT_EQ(stored(), content);
+
+  EXPECT_TRUE(log.has("Load from " + path));
+  EXPECT_TRUE(log.has("Write to " + path));
+  EXPECT_FALSE(log.has("hidden"));
+  make()->deleteData();
+  EXPECT_THAT(names(), IsEmpty());
+}
+
+TEST_F(SecureStorageTest, ThrowsAwayAFileWhoseKeyIsMissing) {
+  make()->setObject(text("value"), "name");
+  {
+    const auto storage = make();
+    key->value.reset();
+    const CapturedLog log;
+    storage->load();
+    EXPECT_TRUE(log.has("No secure key found"));
+    EXPECT_TRUE(storage->isEmpty());
+    EXPECT_TRUE(fs::exists(path));
+  }
+  const auto storage = make();
+  EXPECT_FALSE(fs::exists(path));
+  storage->setObject(text("new"), "name");
+  EXPECT_EQ(stored(), (Dictionary{{"name", text("new")}}));
+}
+
+TEST_F(SecureStorageTest, KeepsAFileWhoseKeyIsOutOfReach) {
+  make()->setObject(text("old"), "old");
+  const std::string before = readFile(path);
+  const auto oldKey = key->value;
+  for (const SecretStatus status : {errSecInteractionNotAllowed, errSecNotAvailable, errSecTimedOut,
+                                    errSecUserCanceled, errSecDecode}) {
+    const CapturedLog log;
+    key->status = status;
+    const auto storage = make();
+    storage->load();
+    storage->setObject(text("new"), "new");
+    EXPECT_EQ(readFile(path), before) << status;
+    EXPECT_EQ(key->value, oldKey);
+    EXPECT_EQ(log.count("Failed to load stored cache: The key can't be read"), 1U);
+    EXPECT_EQ(log.count("Failed to store cache: The key can't be read"), 1U);
+
+    key->status = errSecSuccess;
+    storage->store();
+    EXPECT_EQ(stored(), (Dictionary{{"new", text("new")}, {"old", text("old")}}));
+    storage->setObject(std::nullopt, "new");
+    writeFile(path, before);
+  }
+  // The same without a file: no new key.
+  fs::remove(path);
+  key->value.reset();
+  key->status = errSecInteractionNotAllowed;
+  make()->setObject(text("new"), "new");
+  EXPECT_FALSE(key->value);
+  EXPECT_FALSE(fs::exists(path));
+}
+
+TEST_F(SecureStorageTest, WritesNothingWithoutAKeyThatIsKept) {
+  const CapturedLog log;
+  key->refusesToStore = true;
+  const auto storage = make();
+  storage->setObject(text("value"), "name");
+  EXPECT_EQ(log.count("Failed to store the key for settings"), 2U);  // and as what store() says
+  EXPECT_TRUE(log.has("Failed to store cache: Failed to store the key for settings"));
+  EXPECT_THAT(names(), IsEmpty());
+  key->refusesToStore = false;
+  storage->store();
+  EXPECT_EQ(stored(), (Dictionary{{"name", text("value")}}));
+}
+
+TEST_F(SecureStorageTest, RefusesEveryChangeAndTruncation) {
+  make()->setObject(text("hidden"), "name");
+  const std::string whole = readFile(path);
+  const auto isRefused = [&](const std::string& damaged, const char* reason) {
+    writeFile(path, damaged);
+    const CapturedLog log;
+    {
+      const auto storage = make();
+      storage->load();
+      EXPECT_TRUE(storage->isEmpty());
+    }
+    EXPECT_EQ(log.count(std::string("Failed to load stored cache: ") + reason), 1U);
+    EXPECT_EQ(readFile(path), damaged);
+  };
+  for (std::size_t position = 0; position < whole.size(); ++position) {
+    std::string damaged = whole;
+    damaged[position] = static_cast<char>(damaged[position] ^ 0x10);
+    isRefused(damaged, "authenticationFailure");
+    isRefused(whole.substr(0, position),
+              position < 28 ? "incorrectParameterSize" : "authenticationFailure");
+  }
+  isRefused(whole + '\0', "authenticationFailure");
+
+  // What another key sealed is no content either, and the next write replaces it.
+  isRefused(SealedBox(SealedBox::newKey()).seal(byteView(PropertyList().binary())),
+            "authenticationFailure");
+  make()->setObject(text("new"), "name");
+  EXPECT_EQ(stored(), (Dictionary{{"name", text("new")}}));
+}
+
+TEST_F(SecureStorageTest, RefusesWhatIsNotAFileOfItsOwn) {
+  key->value = SealedBox::newKey();
+  const auto isRefused = [&] {
+    const CapturedLog log;
+    make()->load();
+    return log.count("Failed to load stored cache: " + path) == 1;
+  };
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  EXPECT_TRUE(isRefused());
+  fs::remove(path);
+  fs::create_directory(path);
+  EXPECT_TRUE(isRefused());
+  fs::remove(path);
+  writeFile(path, "");
+  fs::resize_file(path, 100'000'000'000);  // sparse
+  EXPECT_TRUE(isRefused());
+}
+
+TEST_F(SecureStorageTest, DoesNotFollowPlantedLinks) {
+  const std::string victim = folder / "victim";
+  writeFile(victim, "precious");
+  fs::create_symlink(victim, path);
+  key->value = SealedBox::newKey();
+  const CapturedLog log;
+  const auto storage = make();
+  storage->load();
+  EXPECT_EQ(log.count("Failed to load stored cache: "), 1U);
+  storage->setObject(text("value"), "name");
+  EXPECT_EQ(readFile(victim), "precious");
+  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(path)));
+  EXPECT_EQ(stored(), (Dictionary{{"name", text("value")}}));
+}
+
+TEST_F(SecureStorageTest, KeepsChangesWhileTheFolderIsMissing) {
+  const CapturedLog log;
+  SecureStorage storage(key, folder / "later/settings", 0);
+  storage.setObject(text("value"), "name");
+  EXPECT_TRUE(log.has("Failed to store cache: storeData(_:): open ("));
+  fs::create_directory(folder / "later");
+  storage.store();
+  EXPECT_TRUE(fs::exists(storage.path()));
+}
+
+/// Content of half a megabyte that is recognised as whole.
+Dictionary large(char letter) {
+  return {{"letter", text(std::string(1, letter))}, {"text", text(std::string(500'000, letter))}};
+}
+bool isWhole(const Dictionary& content) {
+  const auto letter = content.find("letter");
+  return letter != content.end() && content == large(letter->second.get<std::string>()->front());
+}
+
+TEST_F(SecureStorageTest, SurvivesBeingKilledAtAnyPointOfAWrite) {
+  key->value = SealedBox::newKey();
+  make()->reset(large('a'));
+  for (int round = 0; round < 40; ++round) {
+    const test::Pipe ready;
+    test::ChildProcess writer([&] {
+      const auto storage = make();
+      storage->load();
+      for (char letter = 'b';; letter = letter == 'z' ? 'b' : static_cast<char>(letter + 1)) {
+        if (::write(ready.writer.get(), "", 1) != 1) return;
+        storage->reset(large(letter));
+      }
+    });
+    // A few writes are done; the rest of the time falls anywhere in one.
+    std::array<char, 1> byte{};
+    for (int writes = 0; writes <= round % 3; ++writes) {
+      ASSERT_TRUE(test::isReadable(ready.reader.get()));
+      ASSERT_EQ(::read(ready.reader.get(), byte.data(), 1), 1);
+    }
+    const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(100 * round);
+    while (std::chrono::steady_clock::now() < end) continue;
+    writer.kill();
+    EXPECT_TRUE(isWhole(stored())) << round;
+    EXPECT_THAT(names(), ElementsAre("settings.sealed")) << "what the killed writer left";
+  }
+}
+
+TEST_F(SecureStorageTest, TheLastOfSeveralWritersWinsWhole) {
+  key->value = SealedBox::newKey();
+  std::vector<test::ChildProcess> writers;
+  for (const char letter : {'x', 'y', 'z'}) {
+    writers.emplace_back([&, letter] {
+      for (int round = 0; round < 20; ++round) {
+        const CapturedLog log;
+        make()->reset(large(letter));
+        EXPECT_FALSE(log.has("Failed"));
+        EXPECT_TRUE(isWhole(stored()));
+      }
+    });
+  }
+  for (auto& writer : writers) EXPECT_EQ(writer.wait(), 0);
+  EXPECT_TRUE(isWhole(stored()));
+  EXPECT_THAT(names(), ElementsAre("settings.sealed"));
+}
+
+TEST_F(SecureStorageTest, AFullDiskLeavesTheOldFile) {
+  test::inChild([&] {
+    if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts";
+    test::mountMemory(folder.path(), "size=2m");
+    key->value = SealedBox::newKey();
+    const auto storage = make();
+    storage->reset(large('a'));
+    const std::string before = readFile(path);
+    const std::string filler = test::fillDisk(folder.path());
+
+    const CapturedLog log;
+    storage->reset(large('b'));
+    EXPECT_EQ(log.count("Failed to store cache: storeData(_:): write ("), 1U);
+    EXPECT_EQ(readFile(path), before);
+    EXPECT_EQ(names().size(), 2U) << "nothing but the file and what fills the disk";
+    EXPECT_EQ(storage->dictionaryRepresentation(), large('b'));
+
+    fs::remove(filler);
+    storage->store();
+    EXPECT_EQ(stored(), large('b'));
+  });
+}
+
+TEST_F(SecureStorageTest, ShowsNoSecretInAnyRecord) {
+  const CapturedLog log;
+  key->value = secretBytes("KEYKEYKEYKEYKEYKEYKEYKEYKEYKEYKE");
+  const auto storage = make(0.001);
+  storage->setObject(text("hidden value"), "hidden key");
+  storage->store();
+  writeFile(path, "hidden garbage");
+  make()->load();
+  key->value = secretBytes("KEYSHORT");
+  make()->load();
+  storage->setObject(text("hidden too"), "hidden key");
+  storage->store();
+  EXPECT_TRUE(log.has("incorrectKeySize"));
+  for (const char* secret : {"hidden", "KEY"}) {
+    EXPECT_FALSE(log.has(secret)) << secret;
+  }
+}
+
+}  // namespace
+}  // namespace velum

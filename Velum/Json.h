@@ -30,7 +30,7 @@ inline void requireFiniteNumbers(const nlohmann::json& value) {
 template <class Text = std::string>
 Text jsonText(const nlohmann::json& value) {
   detail::requireFiniteNumbers(value);  // the library would write null
-  constexpr std::size_t onHeap = 64;  // short texts would lie in the object, which nothing wipes
+  constexpr std::size_t onHeap = 64;    // short texts would lie in the object, which nothing wipes
   Text plain;
   plain.reserve(onHeap);
   // What dump() does, but into any kind of text.
@@ -55,13 +55,15 @@ inline std::string jsonErrorText(const nlohmann::json::exception& error) {
   return text;
 }
 
-/// Overwrites all texts in the value and empties it.
-inline void wipe(nlohmann::json& value) {
-  if (auto* text = value.get_ptr<std::string*>()) wipe(*text);
-  if (value.is_structured()) {
-    for (auto& element : value) wipe(element);
+/// Overwrites all texts in the value.
+inline void wipe(nlohmann::json& value) noexcept {
+  if (auto* text = value.get_ptr<std::string*>()) {
+    wipe(*text);
+  } else if (auto* array = value.get_ptr<nlohmann::json::array_t*>()) {
+    for (auto& element : *array) wipe(element);
+  } else if (auto* object = value.get_ptr<nlohmann::json::object_t*>()) {
+    for (auto& [key, element] : *object) wipe(element);
   }
-  value = nullptr;
 }
 
 }  // namespace velum

@@ -303,8 +303,7 @@ void KeyStorageBase::writeLk() {
       state_->dirty = false;
       state_->isScheduled = false;
     }
-    if (!bytes)
-      throw StorageError("The values are nested too deep, or too large, to be read again");
+    if (!bytes) throw StorageError("The values are too deep or too large to be read again");
     storeData(*bytes);
   } catch (const std::exception& error) {
     {

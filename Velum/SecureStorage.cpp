@@ -21,8 +21,8 @@ namespace {
 constexpr std::string_view sourceFile = "Velum/SecureStorage";
 constexpr std::size_t maximumFileSize = detail::PropertyListLimits::size + SealedBox::overhead;
 
-StorageUnavailable keyUnavailable(SecretStatus status) {
-  return StorageUnavailable("The key can't be read: " + KeyChain::statusText(status));
+[[noreturn]] void throwKeyUnavailable(SecretStatus status) {
+  throw StorageUnavailable("The key can't be read: " + KeyChain::statusText(status));
 }
 
 }  // namespace
@@ -60,7 +60,7 @@ std::optional<SecretBytes> SecureStorage::loadData() {
   const SecretResult key = storageKey_->read();
   if (key.status != errSecSuccess) {
     logWarning({sourceFile, function}, "No secure key found");
-    if (key.status != errSecItemNotFound) throw keyUnavailable(key.status);
+    if (key.status != errSecItemNotFound) throwKeyUnavailable(key.status);
     return std::nullopt;
   }
   return SealedBox(key.data).open(byteView(*box));
@@ -77,7 +77,7 @@ void SecureStorage::storeData(std::string_view bytes) {
 SecretBytes SecureStorage::keyForWriting() {
   SecretResult key = storageKey_->read();
   if (key.status == errSecSuccess) return std::move(key.data);
-  if (key.status != errSecItemNotFound) throw keyUnavailable(key.status);
+  if (key.status != errSecItemNotFound) throwKeyUnavailable(key.status);
   SecretBytes fresh = SealedBox::newKey();
   if (!storageKey_->store(fresh)) {
     const std::string text =

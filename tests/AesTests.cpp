@@ -230,7 +230,7 @@ TEST(SealedBox, RefusesEveryChangeAndTruncation) {
     }
     for (std::size_t bit = 0; bit < sealed.size() * 8; ++bit) {
       std::string damaged = sealed;
-      damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ (1U << (bit % 8)));
+      damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ static_cast<char>(1U << (bit % 8)));
       EXPECT_EQ(errorOf([&] { box.open(byteView(damaged)); }), "authenticationFailure");
     }
     EXPECT_EQ(errorOf([&] { SealedBox(SealedBox::newKey()).open(byteView(sealed)); }),

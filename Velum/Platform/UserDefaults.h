@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,6 +16,9 @@ namespace velum {
 /// kept as defaults.plist.damaged when the next change replaces it. Thread-safe.
 class UserDefaults {
  public:
+  /// Changes the entries; returns whether there is anything to write.
+  using Edit = std::function<bool(PropertyList::Dictionary&)>;
+
   UserDefaults() = default;
   UserDefaults(const UserDefaults&) = delete;
   UserDefaults& operator=(const UserDefaults&) = delete;
@@ -25,11 +29,28 @@ class UserDefaults {
   /// Null for a name that cannot be a folder's: empty, or with a slash.
   static std::unique_ptr<UserDefaults> domain(std::string name);
 
-  /// The stored value; nothing when absent or unreadable.
+  /// What this process's arguments set for themselves, in every domain: pairs "-key value", the
+  /// value as propertyListFromText (PropertyListText.h) reads it. An argument with two dashes is no
+  /// key, one with a dash no value, unless it is a number. Of equal keys the last counts.
+  static const PropertyList::Dictionary& argumentDomain();
+
+  /// The first value found among the arguments, what is stored, and the registered defaults.
   virtual std::optional<PropertyList> object(std::string_view key) = 0;
   /// Stores `value`; false when it could not be written, the old file then stands.
   virtual bool setObject(std::string_view key, PropertyList value) = 0;
   virtual bool removeObject(std::string_view key) = 0;
+
+  /// Sets what `object` returns where nothing is stored; for this object, until it is destroyed.
+  virtual void registerDefaults(PropertyList::Dictionary entries) = 0;
+  virtual std::optional<PropertyList> registeredObject(std::string_view key) const = 0;
+
+  /// All that is stored. Nothing when there is a file that can't be read or is no property list.
+  virtual std::optional<PropertyList::Dictionary> persistentDomain() = 0;
+  /// Replaces all that is stored.
+  bool setPersistentDomain(PropertyList::Dictionary entries);
+  /// Lets `edit` change what is stored while no other thread or process can. False when it could
+  /// not be read or written. `edit` must not use any object of the same domain.
+  virtual bool change(const Edit& edit) = 0;
 };
 
 }  // namespace velum

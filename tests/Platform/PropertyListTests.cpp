@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "Velum/Platform/PropertyListText.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum {
@@ -192,6 +193,22 @@ TEST(PropertyList, RefusesMalformedXml) {
   for (const char* other : {"", "{\"key\": 1}", "{ key = value; }", "bplist01", "<", "\"text\""}) {
     EXPECT_FALSE(PropertyList::read(other)) << other;
   }
+}
+
+TEST(PropertyListText, MalformedContainersAreText) {
+  EXPECT_EQ(propertyListFromText(" ( ) "), list(PropertyList::Array{}));
+  EXPECT_EQ(propertyListFromText("{a = (b, {});}"),
+            list(PropertyList::Dictionary{
+                {"a", list(PropertyList::Array{text("b"), list(PropertyList::Dictionary{})})}}));
+  EXPECT_EQ(propertyListFromText("\"a \\\\ b\""), text("a \\ b"));
+  EXPECT_EQ(propertyListFromText("<>"), list(PropertyList::Data{}));
+  for (const char* malformed :
+       {"(a", "(a b)", "(,)", "{a}", "{a = b}", "{= b;}", "<0>", "<0x>", "<plist><true>", "\"a",
+        "\"a\\", "\"a\" b", "(a) b", "a, b", "", " ", "-", "(\xFF)"}) {
+    EXPECT_EQ(propertyListFromText(malformed), text(malformed));
+  }
+  const std::string deep = repeated("(", 100'000) + repeated(")", 100'000);
+  EXPECT_EQ(propertyListFromText(deep), list(deep));
 }
 
 TEST(PropertyList, FollowsNoEntities) {

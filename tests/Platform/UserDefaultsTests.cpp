@@ -1,5 +1,6 @@
 #include "Velum/Platform/UserDefaults.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -9,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "Velum/Platform/Posix/Spawn.h"
 #include "tests/support/Environment.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -119,6 +121,105 @@ TEST_F(UserDefaultsTest, NeverWaitsForAFifo) {
   EXPECT_EQ(defaults->object("key"), std::nullopt);
   EXPECT_TRUE(defaults->setObject("key", text("value")));
   EXPECT_EQ(defaults->object("key"), text("value"));
+}
+
+TEST_F(UserDefaultsTest, ReplacesTheWholeDomainAtOnce) {
+  using Entries = PropertyList::Dictionary;
+  EXPECT_EQ(defaults->persistentDomain(), Entries{});
+  ASSERT_TRUE(defaults->setObject("old", text("value")));
+  const Entries entries{{"a", text("1")}, {"b", PropertyList(Entries{{"c", text("2")}})}};
+  EXPECT_TRUE(defaults->setPersistentDomain(entries));
+  EXPECT_EQ(UserDefaults::domain("com.example")->persistentDomain(), entries);
+  EXPECT_EQ(defaults->object("old"), std::nullopt);
+  writeFile(file, "garbage");
+  EXPECT_EQ(defaults->persistentDomain(), std::nullopt);
+  EXPECT_TRUE(defaults->setPersistentDomain(entries));
+  EXPECT_EQ(defaults->persistentDomain(), entries);
+  EXPECT_EQ(readFile(file + ".damaged"), "garbage");
+}
+
+TEST_F(UserDefaultsTest, ChangesOfOneDomainNeverInterleave) {
+  const auto increment = [](PropertyList::Dictionary& entries) {
+    auto& count = entries.try_emplace("count", PropertyList(std::int64_t{0})).first->second;
+    count = PropertyList(*count.get<std::int64_t>() + 1);
+    return true;
+  };
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 3; ++thread) {
+    threads.emplace_back([&] {
+      const auto own = UserDefaults::domain("com.example");
+      for (int i = 0; i < 20; ++i) EXPECT_TRUE(own->change(increment));
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(defaults->object("count"), PropertyList(std::int64_t{60}));
+}
+
+TEST_F(UserDefaultsTest, RegisteredDefaultsStandBackBehindStoredOnes) {
+  defaults->registerDefaults({{"key", text("first")}, {"other", text("kept")}});
+  defaults->registerDefaults({{"key", text("newer")}});
+  EXPECT_EQ(defaults->object("key"), text("newer"));
+  EXPECT_EQ(defaults->object("other"), text("kept"));
+  EXPECT_TRUE(defaults->setObject("key", text("stored")));
+  EXPECT_EQ(defaults->object("key"), text("stored"));
+  EXPECT_EQ(defaults->registeredObject("key"), text("newer"));
+  EXPECT_EQ(UserDefaults::domain("com.example")->object("other"), std::nullopt);
+  EXPECT_FALSE(defaults->persistentDomain()->contains("other"));
+}
+
+// Runs in a process of its own, started with the arguments below.
+TEST(UserDefaultsArguments, DISABLED_AreReadInTheChild) {
+  using Entries = PropertyList::Dictionary;
+  const Entries expected{
+      {"name", text("plain (text")},
+      {"list", PropertyList(PropertyList::Array{text("a"), text("b c")})},
+      {"nested", PropertyList(Entries{{"k", PropertyList(PropertyList::Data{0x0F, 0xBD})},
+                                      {"q \"", text("line\nfeed")}})},
+      {"xml", PropertyList(std::int64_t{7})},
+      {"number", text("-5")},
+      {"twice", text("2")},
+      {"empty", text("")},
+  };
+  EXPECT_EQ(UserDefaults::argumentDomain(), expected);
+  const auto defaults = UserDefaults::domain("com.example");
+  EXPECT_TRUE(defaults->setObject("name", text("stored")));
+  EXPECT_EQ(defaults->object("name"), text("plain (text"));
+  EXPECT_EQ(defaults->persistentDomain()->at("name"), text("stored"));
+}
+
+TEST_F(UserDefaultsTest, ArgumentsOverrideWhatIsStored) {
+  EXPECT_THAT(UserDefaults::argumentDomain(), testing::IsEmpty());
+  SpawnOptions options;
+  options.executable = "/proc/self/exe";
+  options.arguments = {"-sh",
+                       "--gtest_also_run_disabled_tests",
+                       "--gtest_filter=UserDefaultsArguments.*",
+                       "-name",
+                       "plain (text",
+                       "-list",
+                       "( a, \"b c\", )",
+                       "-flag",
+                       "-nested",
+                       "{k = <0f BD>; \"q \\\"\" = \"line\\nfeed\";}",
+                       "value without a key",
+                       "-xml",
+                       "<plist><integer>7</integer></plist>",
+                       "-number",
+                       "-5",
+                       "-twice",
+                       "1",
+                       "-twice",
+                       "2",
+                       "-empty",
+                       "",
+                       "--long",
+                       "x",
+                       "-last"};
+  const pid_t pid = spawn(options);
+  int status = -1;
+  EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(defaults->object("name"), text("stored")) << "the child ran nothing";
 }
 
 TEST_F(UserDefaultsTest, RefusesDomainsThatAreNoFolderName) {

@@ -2,16 +2,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
 #include "Velum/Platform/Posix/FileLock.h"
 #include "Velum/Platform/Posix/ReadFile.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Platform/PropertyListText.h"
 #include "Velum/Platform/UserDefaults.h"
 
 namespace velum {
@@ -44,20 +45,60 @@ void syncFolder(const std::string& folder) {
   if (directory) retryInterrupted([&] { return ::fsync(directory.get()); });
 }
 
-/// The file is the only state, and the file lock the only lock: every call opens the lock file
-/// anew, which excludes threads as well as processes and leaves nothing behind in a forked child.
+std::optional<PropertyList> found(const PropertyList::Dictionary& entries, std::string_view key) {
+  const auto entry = entries.find(key);
+  if (entry == entries.end()) return std::nullopt;
+  return entry->second;
+}
+
+/// Registered defaults, the newest first. Without a lock, which a forked child would inherit in
+/// whatever state it was.
+class RegisteredDefaults {
+ public:
+  RegisteredDefaults() = default;
+  RegisteredDefaults(const RegisteredDefaults&) = delete;
+  RegisteredDefaults& operator=(const RegisteredDefaults&) = delete;
+  ~RegisteredDefaults() {
+    for (std::unique_ptr<Node> node(newest_.load()); node;) node.reset(node->older);
+  }
+
+  void add(PropertyList::Dictionary entries) {
+    auto node = std::make_unique<Node>(std::move(entries), newest_.load());
+    while (!newest_.compare_exchange_weak(node->older, node.get())) continue;
+    static_cast<void>(node.release());  // the list's now
+  }
+
+  std::optional<PropertyList> object(std::string_view key) const {
+    for (const Node* node = newest_.load(); node != nullptr; node = node->older) {
+      if (auto value = found(node->entries, key)) return value;
+    }
+    return std::nullopt;
+  }
+
+ private:
+  struct Node {
+    Node(PropertyList::Dictionary entries_, Node* older_)
+        : entries(std::move(entries_)), older(older_) {}
+    PropertyList::Dictionary entries;
+    Node* older;
+  };
+
+  std::atomic<Node*> newest_{nullptr};
+};
+
+/// The file is the only stored state, and the file lock the only lock: every call opens the lock
+/// file anew, which excludes threads as well as processes and leaves nothing behind in a forked
+/// child.
 class UserDefaultsLinux final : public UserDefaults {
  public:
   explicit UserDefaultsLinux(std::string domain) : domain_(std::move(domain)) {}
 
   std::optional<PropertyList> object(std::string_view key) override {
-    const auto folder = this->folder();
-    if (!folder) return std::nullopt;
-    const auto content = read(*folder + fileName);
-    if (!content.entries) return std::nullopt;
-    const auto entry = content.entries->find(key);
-    if (entry == content.entries->end()) return std::nullopt;
-    return entry->second;
+    if (auto value = found(argumentDomain(), key)) return value;
+    if (const auto entries = persistentDomain()) {
+      if (auto value = found(*entries, key)) return value;
+    }
+    return registeredObject(key);
   }
 
   bool setObject(std::string_view key, PropertyList value) override {
@@ -77,6 +118,22 @@ class UserDefaultsLinux final : public UserDefaults {
       return true;
     });
   }
+
+  void registerDefaults(PropertyList::Dictionary entries) override {
+    registered_.add(std::move(entries));
+  }
+
+  std::optional<PropertyList> registeredObject(std::string_view key) const override {
+    return registered_.object(key);
+  }
+
+  std::optional<PropertyList::Dictionary> persistentDomain() override {
+    const auto folder = this->folder();
+    if (!folder) return std::nullopt;
+    return read(*folder + fileName).entries;
+  }
+
+  bool change(const Edit& edit) override;
 
  private:
   static constexpr const char* fileName = "/defaults.plist";
@@ -106,28 +163,6 @@ class UserDefaultsLinux final : public UserDefaults {
     return {.entries = std::move(*entries)};
   }
 
-  /// Applies `edit`, which returns whether there is anything to write, to the stored entries.
-  bool change(const std::function<bool(PropertyList::Dictionary&)>& edit) const {
-    const auto folder = this->folder();
-    if (!folder) return false;
-    std::error_code error;
-    std::filesystem::create_directories(std::filesystem::path(*folder).parent_path(), error);
-    ::mkdir(folder->c_str(), ownerOnlyFolder);  // what fails here shows when the lock is opened
-    const std::string path = *folder + fileName;
-    const UniqueFd lockFile(retryInterrupted([&] {
-      return ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, ownerOnlyFile);
-    }));
-    if (!lockFile) return false;
-    const FileLock lock(lockFile.get());
-
-    Content content = read(path);
-    if (content.isUnreadable) return false;
-    const bool isDamaged = !content.entries;
-    if (isDamaged) content.entries.emplace();
-    if (!edit(*content.entries)) return true;
-    return replace(*folder, path, PropertyList(std::move(*content.entries)), isDamaged);
-  }
-
   static bool replace(const std::string& folder, const std::string& path,
                       const PropertyList& content, bool keepsOldFile) {
     const auto bytes = content.readableBinary();
@@ -146,7 +181,61 @@ class UserDefaultsLinux final : public UserDefaults {
   }
 
   std::string domain_;
+  RegisteredDefaults registered_;
 };
+
+bool UserDefaultsLinux::change(const Edit& edit) {
+  const auto folder = this->folder();
+  if (!folder) return false;
+  std::error_code error;
+  std::filesystem::create_directories(std::filesystem::path(*folder).parent_path(), error);
+  ::mkdir(folder->c_str(), ownerOnlyFolder);  // what fails here shows when the lock is opened
+  const std::string path = *folder + fileName;
+  const UniqueFd lockFile(retryInterrupted([&] {
+    return ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, ownerOnlyFile);
+  }));
+  if (!lockFile) return false;
+  const FileLock lock(lockFile.get());
+
+  Content content = read(path);
+  if (content.isUnreadable) return false;
+  const bool isDamaged = !content.entries;
+  if (isDamaged) content.entries.emplace();
+  if (!edit(*content.entries)) return true;
+  return replace(*folder, path, PropertyList(std::move(*content.entries)), isDamaged);
+}
+
+/// A number, which may begin with a dash, or anything that does not.
+bool isArgumentValue(std::string_view argument) {
+  if (!argument.starts_with('-') || argument == "-") return true;
+  const auto digit = argument.find_first_not_of("-.");
+  return digit <= 2 && argument[digit] >= '0' && argument[digit] <= '9';
+}
+
+PropertyList::Dictionary readArgumentDomain() {
+  PropertyList::Dictionary entries;
+  const std::string all = readRegularFile("/proc/self/cmdline", maximumFileSize).value_or("");
+  std::string_view rest = all;
+  const auto next = [&rest] {
+    const std::string_view argument = rest.substr(0, rest.find('\0'));
+    rest.remove_prefix(std::min(argument.size() + 1, rest.size()));
+    return argument;
+  };
+  next();  // the program's name, which may begin with a dash
+  std::string_view key;
+  while (!rest.empty()) {
+    const std::string_view argument = next();
+    if (!key.empty() && isArgumentValue(argument)) {
+      entries.insert_or_assign(std::string(key), propertyListFromText(argument));
+      key = {};
+    } else {
+      const bool isKey =
+          argument.size() > 1 && argument.starts_with('-') && !argument.starts_with("--");
+      key = isKey ? argument.substr(1) : std::string_view();
+    }
+  }
+  return entries;
+}
 
 std::string ownDomain() {
   const auto bundle = Bundle::main();
@@ -157,6 +246,19 @@ std::string ownDomain() {
 }
 
 }  // namespace
+
+const PropertyList::Dictionary& UserDefaults::argumentDomain() {
+  static const auto& entries =
+      *new PropertyList::Dictionary(readArgumentDomain());  // NOLINT: never destroyed
+  return entries;
+}
+
+bool UserDefaults::setPersistentDomain(PropertyList::Dictionary entries) {
+  return change([&](PropertyList::Dictionary& stored) {
+    std::swap(stored, entries);
+    return stored != entries;
+  });
+}
 
 UserDefaults& UserDefaults::standard() {
   static UserDefaultsLinux& instance =

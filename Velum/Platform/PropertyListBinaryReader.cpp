@@ -60,10 +60,15 @@ std::string utf8FromUtf16(std::string_view units) {
   return text;
 }
 
+/// Whole seconds and the rest apart: a date that was read is the same when it is written and read
+/// again, however far away it is.
 PropertyList::Date dateFromSecondsSince2001(double seconds) {
-  const double microseconds = std::round((seconds + secondsFrom1970To2001) * 1e6);
-  require(std::abs(microseconds) < 9.2e18);  // also refuses what is not a number
-  return PropertyList::Date(std::chrono::microseconds(static_cast<std::int64_t>(microseconds)));
+  constexpr double mostSeconds = 9.2e12;
+  require(std::abs(seconds) < mostSeconds);  // also refuses what is not a number
+  const double whole = std::floor(seconds);
+  const auto microseconds = static_cast<std::int64_t>(std::round((seconds - whole) * 1e6));
+  return start2001 + std::chrono::seconds(static_cast<std::int64_t>(whole)) +
+         std::chrono::microseconds(microseconds);
 }
 
 class Reader {

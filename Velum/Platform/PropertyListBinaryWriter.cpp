@@ -62,9 +62,11 @@ void append(std::string& out, double value) {
 }
 
 void append(std::string& out, PropertyList::Date value) {
-  const double seconds = std::chrono::duration<double>(value.time_since_epoch()).count();
+  const auto whole = std::chrono::floor<std::chrono::seconds>(value);
+  const double seconds = static_cast<double>((whole - start2001).count()) +
+                         static_cast<double>((value - whole).count()) / 1e6;
   appendMarker(out, BinaryMarker::date, 3);
-  appendBigEndian(out, std::bit_cast<std::uint64_t>(seconds - secondsFrom1970To2001), 8);
+  appendBigEndian(out, std::bit_cast<std::uint64_t>(seconds), 8);
 }
 
 void append(std::string& out, const PropertyList::Data& value) {

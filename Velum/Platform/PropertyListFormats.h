@@ -52,7 +52,8 @@ enum class BinaryMarker : unsigned char {
   dictionary = 0xD,
 };
 
-/// Dates count seconds from 2001-01-01T00:00:00Z; this is that moment in Unix time.
-constexpr double secondsFrom1970To2001 = 978307200;
+/// Dates count seconds from this moment.
+constexpr std::chrono::sys_seconds start2001 =
+    std::chrono::sys_days{std::chrono::year{2001} / 1 / 1};
 
 }  // namespace velum::detail

@@ -119,6 +119,12 @@ TEST(PropertyList, RoundTripsEveryType) {
   // Six decimals of a present-day moment survive the format's floating point.
   const auto moment = list(start2001 + 800'000'000s + 123'457us);
   EXPECT_EQ(PropertyList::read(moment.binary()), moment);
+  // Far dates have no place for them; what was read is exact all the same.
+  for (std::int64_t date = 1; date < 3'000'000'000'000'000'000; date = date * 3 + 1) {
+    const auto once = PropertyList::read(list(PropertyList::Date(-date * 1us)).binary());
+    ASSERT_TRUE(once);
+    EXPECT_EQ(PropertyList::read(once->binary()), once) << date;
+  }
   const auto beforeEpoch = list(PropertyList::Date(-500'001us));
   EXPECT_EQ(PropertyList::read(beforeEpoch.binary()), beforeEpoch);
   const auto withNul = list(std::string("a\0b", 3));

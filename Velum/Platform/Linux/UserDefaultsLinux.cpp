@@ -45,6 +45,14 @@ void syncFolder(const std::string& folder) {
   if (directory) retryInterrupted([&] { return ::fsync(directory.get()); });
 }
 
+/// Renames what is at `path`, a folder too, and replaces what is at `aside`.
+bool setAside(const std::string& path, const std::string& aside) {
+  if (::rename(path.c_str(), aside.c_str()) == 0) return true;
+  std::error_code error;
+  std::filesystem::remove_all(aside, error);  // a folder where a file comes, or the other way round
+  return ::rename(path.c_str(), aside.c_str()) == 0;
+}
+
 std::optional<PropertyList> found(const PropertyList::Dictionary& entries, std::string_view key) {
   const auto entry = entries.find(key);
   if (entry == entries.end()) return std::nullopt;
@@ -168,10 +176,9 @@ class UserDefaultsLinux final : public UserDefaults {
     const auto bytes = content.readableBinary();
     if (!bytes) return false;
     const std::string temporary = path + ".new";
-    const bool isReplaced =
-        writeNewFile(temporary, *bytes) &&
-        (!keepsOldFile || ::rename(path.c_str(), (path + ".damaged").c_str()) == 0) &&
-        ::rename(temporary.c_str(), path.c_str()) == 0;
+    const bool isReplaced = writeNewFile(temporary, *bytes) &&
+                            (!keepsOldFile || setAside(path, path + ".damaged")) &&
+                            ::rename(temporary.c_str(), path.c_str()) == 0;
     if (!isReplaced) {
       ::unlink(temporary.c_str());
       return false;

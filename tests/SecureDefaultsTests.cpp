@@ -1,0 +1,356 @@
+#include "Velum/SecureDefaults.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <functional>
+#include <limits>
+#include <thread>
+
+#include "Velum/DefaultsConversions.h"
+#include "Velum/Logger/Logger.h"
+#include "Velum/Platform/Posix/Spawn.h"
+#include "tests/support/Environment.h"
+#include "tests/support/MemoryKeyStorage.h"
+#include "tests/support/RecordingLogHandler.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace velum {
+namespace {
+
+namespace fs = std::filesystem;
+using Entries = PropertyList::Dictionary;
+using test::MemoryKeyStorage;
+using test::readFile;
+using test::writeFile;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+template <class T>
+PropertyList list(T value) {
+  return PropertyList(std::move(value));
+}
+PropertyList text(const char* value) {
+  return list(std::string(value));
+}
+
+class SecureDefaultsTest : public testing::Test {
+ protected:
+  SecureDefaultsTest() {
+    Logger::shared().setHandlers({log});
+    defaults.setCorruptionHandler([this](auto reason) { reasons.push_back(reason); });
+  }
+  ~SecureDefaultsTest() override { Logger::shared().setHandlers({}); }
+
+  /// What the domain holds, as another program sees it.
+  std::optional<Entries> domain() const { return outsider->persistentDomain(); }
+  /// Expects that exactly one change was reported since the last call.
+  void expectOneReport() {
+    EXPECT_THAT(reasons, ElementsAre(DefaultsCorruptionReason::changedOutside));
+    reasons.clear();
+  }
+
+  test::TemporaryFolder folder;
+  test::ScopedVariable configuration{"XDG_CONFIG_HOME", folder.path()};
+  std::string file = folder / "com.example/defaults.plist";
+  std::shared_ptr<test::RecordingLogHandler> log = std::make_shared<test::RecordingLogHandler>();
+  std::shared_ptr<MemoryKeyStorage> copy = std::make_shared<MemoryKeyStorage>();
+  SecureDefaults defaults{"com.example", copy};
+  std::unique_ptr<UserDefaults> outsider = UserDefaults::domain("com.example");
+  std::vector<DefaultsCorruptionReason> reasons;
+};
+
+TEST_F(SecureDefaultsTest, KeepsEveryTypeInBothPlaces) {
+  using namespace std::chrono_literals;
+  const PropertyList::Date moment{1'800'000'000s + 250ms};
+  const PropertyList::Data bytes{0, 255};
+  EXPECT_TRUE(defaults.setBool(true, "bool"));
+  EXPECT_TRUE(defaults.setInteger(-7, "integer"));
+  EXPECT_TRUE(defaults.setDouble(0.5, "double"));
+  EXPECT_TRUE(defaults.setString("t\u20ACxt", "string"));
+  EXPECT_TRUE(defaults.setData(bytes, "data"));
+  EXPECT_TRUE(defaults.setDate(moment, "date"));
+  EXPECT_TRUE(defaults.setArray({text("a")}, "array"));
+  EXPECT_TRUE(defaults.setDictionary({{"k", list(false)}}, "dictionary"));
+  EXPECT_TRUE(defaults.setUrl("https://example.com/?q=1", "url"));
+  EXPECT_FALSE(defaults.setUrl("/no/scheme", "url"));
+
+  SecureDefaults later("com.example", copy);
+  EXPECT_TRUE(later.boolValue("bool"));
+  EXPECT_EQ(later.integer("integer"), -7);
+  EXPECT_EQ(later.doubleValue("double"), 0.5);
+  EXPECT_EQ(later.string("string"), "t\u20ACxt");
+  EXPECT_EQ(later.data("data"), bytes);
+  EXPECT_EQ(later.date("date"), moment);
+  EXPECT_EQ(later.array("array"), PropertyList::Array{text("a")});
+  EXPECT_EQ(later.dictionary("dictionary"), (Entries{{"k", list(false)}}));
+  EXPECT_EQ(later.url("url"), "https://example.com/?q=1");
+  EXPECT_EQ(later.url("string"), std::nullopt);
+  EXPECT_EQ(later.object("bool"), list(true));
+  EXPECT_EQ(later.data("string"), std::nullopt);
+  EXPECT_EQ(domain(), copy->dictionaryRepresentation());
+  EXPECT_EQ(domain()->size(), 9U);
+
+  EXPECT_TRUE(defaults.removeObject("bool"));
+  EXPECT_FALSE(defaults.boolValue("bool"));
+  EXPECT_EQ(domain(), copy->dictionaryRepresentation());
+  EXPECT_THAT(log->texts(), IsEmpty());
+}
+
+TEST_F(SecureDefaultsTest, PutsTheWholeDomainBackWhateverWasChanged) {
+  const Entries original{
+      {"key", list(std::int64_t{1})},
+      {"nested", list(Entries{{"a", list(PropertyList::Array{text("x"), text("y")})}})},
+      {"other", text("kept")},
+  };
+  const auto replaceBy = [this](const char* key, const PropertyList& value) {
+    return [this, key, value] { EXPECT_TRUE(outsider->setObject(key, value)); };
+  };
+  const std::vector<std::pair<const char*, std::function<void()>>> changes{
+      {"key", replaceBy("key", list(std::int64_t{2}))},
+      {"key", replaceBy("key", list(true))},
+      {"key", replaceBy("key", list(1.0))},
+      {"key", replaceBy("key", text("1"))},
+      {"key", [this] { outsider->removeObject("key"); }},
+      {"nested", replaceBy("nested", list(Entries{{"a", list(PropertyList::Array{text("x")})}}))},
+      {"added", replaceBy("added", text("new"))},
+      {"key", [this] { fs::remove(file); }},
+      {"key", [this] { writeFile(file, "garbage"); }},
+      {"other", [this] { writeFile(file, list(PropertyList::Array{}).binary()); }},
+      {"key", [this] { fs::create_directories((fs::remove(file), file)); }},
+  };
+  copy->reset(original);
+  EXPECT_TRUE(outsider->setPersistentDomain(original));
+  for (std::size_t number = 0; number < changes.size(); ++number) {
+    SCOPED_TRACE(number);
+    const auto& [key, change] = changes[number];
+    change();
+    outsider->setObject("key two", text("changed along with it"));
+    EXPECT_EQ(defaults.object(key),
+              original.contains(key) ? std::optional(original.at(key)) : std::nullopt);
+    expectOneReport();
+    EXPECT_EQ(domain(), original);
+    EXPECT_EQ(copy->dictionaryRepresentation(), original);
+    for (const auto& [each, value] : original) EXPECT_EQ(defaults.object(each), value);
+    EXPECT_THAT(reasons, IsEmpty());
+    ASSERT_EQ(log->texts().size(), number + 1);
+    EXPECT_EQ(log->texts().back(), "E: (SecureDefaults: validate(key:block:)) Default " +
+                                       std::string(key) + " was changed in defaults.plist");
+  }
+  EXPECT_EQ(defaults.integer("key"), 1);
+}
+
+TEST_F(SecureDefaultsTest, BlocksRunOnTheRepairedDomain) {
+  ASSERT_TRUE(defaults.setString("right", "key"));
+  outsider->setObject("key", text("wrong"));
+  EXPECT_EQ(defaults.validate("key", [&] { return *outsider->object("key"); }), text("right"));
+  expectOneReport();
+  // Only the value that is asked for is compared.
+  outsider->setObject("key", text("wrong"));
+  EXPECT_EQ(defaults.string("absent"), std::nullopt);
+  EXPECT_THAT(reasons, IsEmpty());
+}
+
+TEST_F(SecureDefaultsTest, HandsOutWhatStandsThereWhenItShallNotCompare) {
+  ASSERT_TRUE(defaults.setString("right", "key"));
+  outsider->setObject("key", text("wrong"));
+  defaults.skipValidating = true;
+  EXPECT_EQ(defaults.string("key"), "wrong");
+  EXPECT_THAT(reasons, IsEmpty());
+  defaults.skipValidating = false;
+  EXPECT_EQ(defaults.string("key"), "right");
+  expectOneReport();
+}
+
+TEST_F(SecureDefaultsTest, ReportsARepairThatFailsOnceAndTrustsTheCopy) {
+  ASSERT_TRUE(defaults.setString("right", "key"));
+  defaults.registerDefaults({{"added", text("registered")}});
+  outsider->setPersistentDomain({{"key", text("wrong")}, {"added", text("wrong")}});
+  fs::create_directories(file + ".new/full");  // in the way of every write
+  for (int read = 0; read < 3; ++read) {
+    EXPECT_EQ(defaults.string("key"), "right");
+    EXPECT_EQ(defaults.string("added"), "registered");
+  }
+  expectOneReport();
+  EXPECT_THAT(log->texts(), ElementsAre(HasSubstr("Failed to restore"), HasSubstr("Default key")));
+  // A write that fails leaves both places as they are.
+  EXPECT_FALSE(defaults.setString("newer", "key"));
+  EXPECT_EQ(copy->object("key"), text("right"));
+
+  fs::remove_all(file + ".new");
+  EXPECT_EQ(defaults.string("key"), "right");
+  expectOneReport();
+  EXPECT_EQ(domain(), copy->dictionaryRepresentation());
+}
+
+TEST_F(SecureDefaultsTest, TheHandlerMayReadAndWrite) {
+  ASSERT_TRUE(defaults.setString("right", "key"));
+  int calls = 0;
+  defaults.setCorruptionHandler([&](auto) {
+    ++calls;
+    EXPECT_EQ(defaults.string("key"), "right");
+    EXPECT_TRUE(defaults.setInteger(calls, "count"));
+    defaults.setCorruptionHandler([&](auto) { calls += 10; });  // replaces the running one
+  });
+  outsider->removeObject("key");
+  EXPECT_EQ(defaults.string("key"), "right");
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(defaults.integer("count"), 1);
+  outsider->removeObject("key");
+  EXPECT_EQ(defaults.validate("key", [&] { return defaults.string("key"); }), "right");
+  EXPECT_EQ(calls, 11);
+  defaults.handleCorruption(DefaultsCorruptionReason::protectedCopyLost);
+  EXPECT_EQ(calls, 21);
+}
+
+TEST_F(SecureDefaultsTest, ThreadsThatFindOneChangeReportItOnce) {
+  ASSERT_TRUE(defaults.setString("right", "key"));
+  std::atomic<int> calls{0};
+  defaults.setCorruptionHandler([&](auto) { ++calls; });
+  for (int round = 1; round <= 5; ++round) {
+    outsider->setObject("key", text("wrong"));
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+      threads.emplace_back([&] { EXPECT_EQ(defaults.string("key"), "right"); });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(calls, round);
+  }
+}
+
+TEST_F(SecureDefaultsTest, WritersOfOneCopyAreNotTakenForIntruders) {
+  constexpr int writers = 3;
+  constexpr int writes = 10;
+  const auto stored = std::make_shared<MemoryKeyStorage::Content>();
+  std::atomic<int> calls{0};
+  std::vector<std::thread> threads;
+  for (int writer = 0; writer < writers; ++writer) {
+    threads.emplace_back([&, writer] {
+      // A copy in memory of its own, as a process has it.
+      SecureDefaults own("com.example", std::make_shared<MemoryKeyStorage>(stored));
+      own.setCorruptionHandler([&](auto) { ++calls; });
+      for (int i = 0; i < writes; ++i) {
+        const std::string key = std::to_string(writer) + '.' + std::to_string(i);
+        EXPECT_TRUE(own.setInteger(i, key));
+        EXPECT_TRUE(own.setInteger(i, "shared"));
+        EXPECT_EQ(own.integer(key), i);
+        own.integer("shared");
+        own.integer(std::to_string((writer + 1) % writers) + '.' + std::to_string(i));
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(calls, 0);
+  EXPECT_EQ(domain()->size(), writers * writes + 1U);
+  EXPECT_EQ(domain(), stored->entries);
+}
+
+TEST_F(SecureDefaultsTest, ValuesTheFormatRewritesAreNotTakenForChanged) {
+  EXPECT_TRUE(defaults.setObject(list(std::uint64_t{5}), "unsigned"));
+  EXPECT_TRUE(defaults.setDouble(std::nan(""), "no number"));
+  EXPECT_TRUE(defaults.setString("\xFF", "\xFE key"));
+  EXPECT_TRUE(
+      defaults.setDate(PropertyList::Date(PropertyList::Date::duration::min() / 7), "early"));
+  const auto stored = domain().value();
+  for (const auto& [key, value] : stored) defaults.object(key);
+  EXPECT_EQ(defaults.string("\uFFFD key"), "\uFFFD");
+  EXPECT_TRUE(std::isnan(defaults.doubleValue("no number")));
+  EXPECT_THAT(reasons, IsEmpty());
+
+  PropertyList deep;
+  for (int level = 0; level < 600; ++level) deep = list(PropertyList::Array{std::move(deep)});
+  EXPECT_FALSE(defaults.setObject(std::move(deep), "deep"));
+  EXPECT_EQ(copy->object("deep"), std::nullopt);
+}
+
+// Runs in a process of its own, which is started with the marker as an argument.
+TEST_F(SecureDefaultsTest, DISABLED_IsSilentInTheChild) {
+  ASSERT_TRUE(defaults.setString("right", "key"));
+  outsider->setObject("key", text("wrong"));
+  EXPECT_EQ(defaults.string("key"), "right");
+  expectOneReport();
+  EXPECT_EQ(domain(), copy->dictionaryRepresentation());
+  writeFile(std::getenv("VELUM_TEST_RECORDS"), testing::PrintToString(log->texts()));
+}
+
+TEST_F(SecureDefaultsTest, TheMarkerSilencesTheRecordAndNothingElse) {
+  const std::string records = folder / "records";
+  const test::ScopedVariable variable("VELUM_TEST_RECORDS", records);
+  for (const char* value : {"YES", "NO"}) {
+    fs::remove(records);
+    SpawnOptions options;
+    options.executable = "/proc/self/exe";
+    options.arguments = {"child", "--gtest_also_run_disabled_tests",
+                         "--gtest_filter=*DISABLED_IsSilentInTheChild", "-SecureDefaults:silent",
+                         value};
+    const pid_t pid = spawn(options);
+    int status = -1;
+    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readFile(records) == "{}", value == std::string("YES")) << readFile(records);
+  }
+}
+
+TEST(SecureDefaultsDeathTest, StopsWithoutACopyOfTheSubclass) {
+  class Sub : public SecureDefaults {
+   public:
+    Sub() : SecureDefaults("com.example") {}
+  };
+  const test::TemporaryFolder folder;
+  const test::ScopedVariable configuration("XDG_CONFIG_HOME", folder.path());
+  EXPECT_DEATH(Sub().boolValue("key"), "Must be overwritten in subclass");
+  EXPECT_DEATH(SecureDefaults("../x", std::make_shared<MemoryKeyStorage>()), "folder's");
+}
+
+TEST(DefaultsConversions, TakeWhatCanOnlyMeanOneThing) {
+  struct Case {
+    PropertyList value;
+    bool flag;
+    std::int64_t number;
+    double real;
+    std::optional<std::string> words;
+  };
+  constexpr auto most = std::numeric_limits<std::int64_t>::max();
+  constexpr auto least = std::numeric_limits<std::int64_t>::min();
+  const std::vector<Case> cases{
+      {list(true), true, 1, 1, "1"},
+      {list(false), false, 0, 0, "0"},
+      {list(std::int64_t{-3}), true, -3, -3, "-3"},
+      {list(~std::uint64_t{0}), true, most, 18446744073709551616.0, "18446744073709551615"},
+      {list(-2.75), true, -2, -2.75, "-2.75"},
+      {list(1e300), true, most, 1e300, "1e+300"},
+      {list(-9223372036854775808.0), true, least, -9223372036854775808.0, "-9.223372036854776e+18"},
+      {text("YES"), true, 0, 0, "YES"},
+      {text("true"), true, 0, 0, "true"},
+      {text("NO"), false, 0, 0, "NO"},
+      {text(" -007.5e1 apples"), true, -7, -75, " -007.5e1 apples"},
+      {text("+12"), true, 12, 12, "+12"},
+      {text("+-12"), false, 0, 0, "+-12"},
+      {text("0x10"), false, 0, 0, "0x10"},
+      {text("-99999999999999999999"), true, least, -1e20, "-99999999999999999999"},
+      {text(""), false, 0, 0, ""},
+      {list(PropertyList::Data{1}), false, 0, 0, std::nullopt},
+      {list(PropertyList::Date{}), false, 0, 0, std::nullopt},
+      {list(PropertyList::Array{list(true)}), false, 0, 0, std::nullopt},
+      {list(Entries{}), false, 0, 0, std::nullopt},
+  };
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.value.binary());
+    EXPECT_EQ(boolFrom(each.value), each.flag);
+    EXPECT_EQ(integerFrom(each.value), each.number);
+    EXPECT_EQ(doubleFrom(each.value), each.real);
+    EXPECT_EQ(stringFrom(each.value), each.words);
+  }
+  EXPECT_EQ(integerFrom(list(std::nan(""))), 0);
+  EXPECT_TRUE(isUrl("file:///x") && isUrl("x-a.b+1:y"));
+  EXPECT_FALSE(isUrl("://x") || isUrl("1a:x") || isUrl("a/b:c") || isUrl("") || isUrl(":"));
+}
+
+}  // namespace
+}  // namespace velum

@@ -2,8 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
-// Each function adds one command to its parent. The command runs while the command line is parsed
-// and throws UsageError, Failure or velum::SystemError when it fails.
+// Each function adds one command, or a group of them, to its parent. The command runs while the
+// command line is parsed and throws UsageError, Failure or velum::SystemError when it fails.
 namespace velumctl {
 
 void addLogsShow(CLI::App& logs);
@@ -11,5 +11,9 @@ void addLogsSave(CLI::App& logs);
 void addLogsReset(CLI::App& logs);
 void addSupportArchive(CLI::App& support);
 void addRun(CLI::App& app);
+void addKeychain(CLI::App& app);
+void addDefaults(CLI::App& app);
+void addStorage(CLI::App& app);
+void addEncryption(CLI::App& app);
 
 }  // namespace velumctl

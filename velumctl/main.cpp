@@ -1,5 +1,5 @@
-// What support staff and developers do with the application's logs and tools: velumctl GROUP
-// COMMAND.
+// What support staff and developers do with the application's logs, secrets, settings and tools:
+// velumctl GROUP COMMAND.
 
 #include <csignal>
 #include <cstdio>
@@ -54,7 +54,8 @@ void addCommands(CLI::App& app) {
       "Examples:\n"
       "  velumctl logs show vpn.log --since 10m --level warning\n"
       "  velumctl logs save vpn.log ~/for-support --since 3d\n"
-      "  velumctl support archive vpn.zip --log vpn.log\n\n"
+      "  velumctl support archive vpn.zip --log vpn.log\n"
+      "  velumctl defaults read com.example.vpn\n\n"
       "\"velumctl GROUP COMMAND --help\" tells the rest. Exit status: 0, 1 on failure, 2 on wrong "
       "usage.");
 
@@ -67,6 +68,10 @@ void addCommands(CLI::App& app) {
   support.require_subcommand(1);
   velumctl::addSupportArchive(support);
   velumctl::addRun(app);
+  velumctl::addKeychain(app);
+  velumctl::addDefaults(app);
+  velumctl::addStorage(app);
+  velumctl::addEncryption(app);
 }
 
 // The command that the arguments name, as the user would type it, for pointing to its help.

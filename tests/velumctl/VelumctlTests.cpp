@@ -17,6 +17,7 @@
 #include "Velum/Logger/LogRecord.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/velumctl/RunningProgram.h"
+#include "tests/velumctl/VelumctlTest.h"
 
 namespace velum::test {
 namespace {
@@ -29,43 +30,8 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
 
-struct Result {
-  int status = -1;  // the exit status
-  std::string output;
-  std::string errors;
-};
-
-class Velumctl : public testing::Test {
+class Velumctl : public VelumctlTest {
  protected:
-  Result run(const Strings& arguments, const std::string& input = {}) const {
-    writeFile(folder_ / "input", input);
-    const auto opened = [this](const char* name, int flags) {
-      return UniqueFd(::open((folder_ / name).c_str(), flags | O_CLOEXEC, 0600));
-    };
-    const UniqueFd in = opened("input", O_RDONLY);
-    const UniqueFd out = opened("output", O_WRONLY | O_CREAT | O_TRUNC);
-    const UniqueFd error = opened("errors", O_WRONLY | O_CREAT | O_TRUNC);
-    SpawnOptions options;
-    options.executable = VELUM_VELUMCTL;
-    options.arguments = commandLine(arguments);
-    options.standardStreams = {in.get(), out.get(), error.get()};
-    int status = 0;
-    const pid_t pid = spawn(options);
-    retryInterrupted([&] { return ::waitpid(pid, &status, 0); });
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(folder_ / "output"),
-            readFile(folder_ / "errors")};
-  }
-
-  static Strings commandLine(Strings arguments) {
-    arguments.insert(arguments.begin(), VELUM_VELUMCTL);
-    return arguments;
-  }
-  static RunningProgram onTerminal(const Strings& arguments, const std::string& pager = "PAGER=cat",
-                                   const std::string& colour = "NO_COLOR") {
-    return RunningProgram::onTerminal(commandLine(arguments),
-                                      {"TERM=xterm", "LESS", colour, pager});
-  }
-
   // One record, as handlers write it.
   static std::string record(std::string_view time, std::string_view subsystem,
                             std::string_view text) {
@@ -80,7 +46,6 @@ class Velumctl : public testing::Test {
                         record("11:00:00", "a.ui", "five"));
   }
 
-  TemporaryFolder folder_;
   std::string log_ = folder_ / "app.log";
 };
 
@@ -195,6 +160,21 @@ TEST_F(Velumctl, RejectsWrongUsageInOneLine) {
       {{"support", "archive", folder_ / "a.zip"}, 2},
       {{"support", "archive", folder_ / "a.zip", "--log", log_, "--include", "name"}, 2},
       {{"run"}, 2},
+      {{"keychain", "get", "a"}, 2},
+      {{"keychain", "set", "a", "secret", "--service", "s"}, 2},
+      {{"keychain", "set", "a", "--service", "s"}, 2},
+      {{"keychain", "delete", "a", "--service", "s"}, 2},
+      {{"defaults", "read", "../x"}, 2},
+      {{"defaults", "write", "d", "k"}, 2},
+      {{"defaults", "write", "d", "k", "v", "--stdin"}, 2},
+      {{"defaults", "write", "d", "k", "5x", "--type", "integer"}, 2},
+      {{"defaults", "verify", "d", "--key-item", "a"}, 2},
+      {{"storage", "dump", log_}, 2},
+      {{"encrypt", log_}, 2},
+      {{"encrypt", "--key-fd", "0"}, 2},
+      {{"encrypt", log_, "--key-file", log_}, 1},
+      {{"decrypt", log_, "--key-file", folder_ / "missing"}, 1},
+      {{"storage", "dump", folder_ / "missing", "--key-item", "a", "--service", "s"}, 1},
       {{"logs", "show", folder_ / "missing.log"}, 1},
       {{"support", "archive", folder_ / "a.zip", "--log", folder_ / "missing.log"}, 1},
       {{"support", "archive", folder_ / "a.zip", "--log", log_, "--include", "../x=" + log_}, 1},
@@ -402,7 +382,9 @@ TEST_F(Velumctl, CompletionAndManualKnowEveryOption) {
     return std::set<std::string>(std::istream_iterator<std::string>(lines), {});
   };
   for (const std::string words :
-       {"logs show", "logs save", "logs reset", "support archive", "run"}) {
+       {"logs show", "logs save", "logs reset", "support archive", "run", "keychain get",
+        "keychain set", "keychain delete", "keychain list", "defaults read", "defaults write",
+        "defaults verify", "storage dump", "encrypt", "decrypt"}) {
     Strings arguments{"--help"};
     std::istringstream parts(words);
     arguments.insert(arguments.begin(), std::istream_iterator<std::string>(parts), {});
@@ -416,6 +398,8 @@ TEST_F(Velumctl, CompletionAndManualKnowEveryOption) {
   }
   EXPECT_THAT(complete("logs s"), ElementsAre("save", "show"));
   EXPECT_THAT(complete("logs show f --level e"), ElementsAre("error"));
+  EXPECT_THAT(complete("keychain ''"), ElementsAre("--help", "delete", "get", "list", "set"));
+  EXPECT_THAT(complete("defaults write d k --type d"), ElementsAre("data", "double"));
 }
 
 }  // namespace

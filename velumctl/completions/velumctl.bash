@@ -7,15 +7,28 @@ _velumctl_options() {
     "logs reset") echo "--yes --help" ;;
     "support archive") echo "--log --purpose --since --include --reveal --json --help" ;;
     "run ") echo "--directory --json --help" ;;
+    "keychain get" | "keychain delete") echo "--service --group --yes --help" ;;
+    "keychain set") echo "--service --group --stdin --help" ;;
+    "keychain list") echo "--service --json --help" ;;
+    "defaults read") echo "--json --help" ;;
+    "defaults write") echo "--type --stdin --help" ;;
+    "defaults verify") echo "--storage --key-item --service --group --json --help" ;;
+    "storage dump") echo "--key-item --service --group --yes --json --help" ;;
+    "encrypt " | "decrypt ") echo "--key-file --key-fd --output --help" ;;
     "logs ") echo "show save reset --help" ;;
     "support ") echo "archive --help" ;;
-    " ") echo "logs support run --version --help" ;;
+    "keychain ") echo "get set delete list --help" ;;
+    "defaults ") echo "read write verify --help" ;;
+    "storage ") echo "dump --help" ;;
+    " ") echo "logs support run keychain defaults storage encrypt decrypt --version --help" ;;
   esac
 }
 
 _velumctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local group='' command='' i
+  local groups='logs|support|keychain|defaults|storage' single='run|encrypt|decrypt'
+  local commands='show|save|reset|archive|get|set|delete|list|read|write|verify|dump'
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; ++i)); do
     # What follows is the command line of another tool.
@@ -29,9 +42,9 @@ _velumctl() {
       fi
       return
     fi
-    if [[ -z $group && ${COMP_WORDS[i]} == @(logs|support|run) ]]; then
+    if [[ -z $group && ${COMP_WORDS[i]} == @($groups|$single) ]]; then
       group=${COMP_WORDS[i]}
-    elif [[ -n $group && -z $command && ${COMP_WORDS[i]} == @(show|save|reset|archive) ]]; then
+    elif [[ $group == @($groups) && -z $command && ${COMP_WORDS[i]} == @($commands) ]]; then
       command=${COMP_WORDS[i]}
     fi
   done
@@ -42,12 +55,18 @@ _velumctl() {
     --purpose) words="report diagnosis" ;;
     --since | --until) words="10m 1h 1d" ;;
     --max-size) words="1M 30M 100M" ;;
-    --subsystem) return ;;
-    --log | --include) compopt -o default 2>/dev/null && return ;;
+    --type) words="bool integer double string data plist" ;;
+    --subsystem | --service | --group | --key-item | --key-fd) return ;;
+    --log | --include | --storage | --key-file | --output) compopt -o default 2>/dev/null && return ;;
     --directory) compopt -o dirnames 2>/dev/null && return ;;
     *)
-      if [[ $current == -* || -z $group || ($group != run && -z $command) ]]; then
+      if [[ $current == -* || -z $group || ($group == @($groups) && -z $command) ]]; then
         words=$(_velumctl_options "$group $command")
+      elif [[ $group == keychain ]]; then
+        return
+      elif [[ $group == defaults ]]; then
+        words=$(cd "${XDG_CONFIG_HOME:-$HOME/.config}" 2>/dev/null &&
+          compgen -G '*/defaults.plist' | sed 's|/defaults.plist$||')
       else
         compopt -o default 2>/dev/null
       fi

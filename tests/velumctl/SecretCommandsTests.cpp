@@ -1,0 +1,313 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "Velum/ByteView.h"
+#include "Velum/Platform/PropertyList.h"
+#include "Velum/SealedBox.h"
+#include "tests/support/SecretService.h"
+#include "tests/velumctl/VelumctlTest.h"
+
+namespace velum::test {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+using Entries = PropertyList::Dictionary;
+
+constexpr std::string_view secret = "s\xFF\0cret\n";
+const std::string service = "com.example.velumctl-tests";
+
+std::string secretText() {
+  return {secret.data(), 8};
+}
+
+class VelumctlKeychain : public VelumctlTest {
+ protected:
+  Result keychain(const std::string& command, const Strings& options,
+                  const std::string& input = {}) const {
+    Strings arguments{"keychain", command};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    return run(arguments, input);
+  }
+  void expectFailure(const Result& result, const std::string& number) const {
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.errors, AllOf(StartsWith("velumctl: "), HasSubstr("(" + number + ");")));
+    EXPECT_EQ(std::ranges::count(result.errors, '\n'), 1);
+    EXPECT_THAT(result.output, IsEmpty());
+  }
+  /// Everything that can be done, wherever the secrets are.
+  void expectItemsComeAndGo() const {
+    const Strings item{"token", "--service", service};
+    Strings ofGroup = item;
+    ofGroup.insert(ofGroup.end(), {"--group", "team"});
+    expectFailure(keychain("get", item), "-25300");
+    EXPECT_EQ(keychain("set", {"token", "--service", service, "--stdin"}, secretText()).status, 0);
+    Strings setOfGroup = ofGroup;
+    setOfGroup.emplace_back("--stdin");
+    EXPECT_EQ(keychain("set", setOfGroup, "other").status, 0);
+    EXPECT_EQ(keychain("get", item).output, secretText());
+    EXPECT_EQ(keychain("get", ofGroup).output, "other");
+
+    const Result listed = keychain("list", {"--service", service, "--json"});
+    auto items = nlohmann::json::parse(listed.output).get<std::vector<nlohmann::json>>();
+    std::ranges::sort(items);
+    ASSERT_EQ(items.size(), 2U);
+    EXPECT_EQ(items[0].at("group"), nullptr);
+    EXPECT_EQ(items[1].at("group"), "team");
+    EXPECT_THAT(keychain("list", {}).output, HasSubstr(service + "\ttoken\tteam\n"));
+    EXPECT_THAT(keychain("list", {"--service", "other"}).output, IsEmpty());
+
+    EXPECT_EQ(keychain("delete", {"token", "--service", service, "--yes"}).status, 0);
+    expectFailure(keychain("get", item), "-25300");
+    EXPECT_EQ(keychain("get", ofGroup).output, "other");
+  }
+};
+
+TEST_F(VelumctlKeychain, KeepsSecretsInTheSessionsService) {
+  const SecretServiceEnvironment environment;
+  expectItemsComeAndGo();
+  environment.lock();
+  expectFailure(keychain("get", {"token", "--service", service, "--group", "team"}), "-25308");
+}
+
+TEST_F(VelumctlKeychain, KeepsSecretsInTheVaultOfAHeadlessMachine) {
+  const SecretEnvironment environment;
+  expectItemsComeAndGo();
+}
+
+TEST_F(VelumctlKeychain, AsksBeforeItShowsOrDeletes) {
+  const SecretEnvironment environment;
+  const Strings item{"token", "--service", service};
+  EXPECT_EQ(keychain("set", {"token", "--service", service, "--stdin"}, "hidden gem").status, 0);
+  for (const std::string command : {"get", "delete"}) {
+    for (const std::string answer : {"n\n", "\n", "y\n"}) {
+      auto program = onTerminal({"keychain", command, "token", "--service", service});
+      EXPECT_THAT(program.readUntil("[y/N] "), Not(HasSubstr("gem")));
+      program.type(answer);
+      const std::string output = program.readToEnd();
+      EXPECT_EQ(output.find("hidden gem") != std::string::npos,
+                command == "get" && answer == "y\n");
+      EXPECT_EQ(WEXITSTATUS(program.wait()), answer == "y\n" ? 0 : 1);
+    }
+  }
+  expectFailure(keychain("get", item), "-25300");
+  // Bytes that are no text are not sent to a terminal, whatever the answer.
+  EXPECT_EQ(keychain("set", {"token", "--service", service, "--stdin"}, "\x1B[2J gem").status, 0);
+  auto program = onTerminal({"keychain", "get", "token", "--service", service, "--yes"});
+  EXPECT_THAT(program.readToEnd(), AllOf(HasSubstr("is no text"), Not(HasSubstr("gem"))));
+}
+
+TEST_F(VelumctlKeychain, DoesNotShowWhatIsTyped) {
+  const SecretEnvironment environment;
+  const auto type = [&](const std::string& first, const std::string& again) {
+    auto program = onTerminal({"keychain", "set", "token", "--service", service});
+    program.readUntil("Secret: ");
+    program.type(first);
+    if (!again.empty()) {
+      program.readUntil("again: ");
+      program.type(again);
+    }
+    EXPECT_THAT(program.readToEnd(), Not(HasSubstr("gem")));
+    return WEXITSTATUS(program.wait());
+  };
+  EXPECT_EQ(type("hidden gem\n", "hidden gems\n"), 1);
+  EXPECT_EQ(type("hidden gem\x03", ""), 1);
+  EXPECT_EQ(type("\x04", ""), 1);
+  expectFailure(keychain("get", {"token", "--service", service}), "-25300");
+  EXPECT_EQ(type("hidden gem\n", "hidden gem\n"), 0);
+  EXPECT_EQ(keychain("get", {"token", "--service", service}).output, "hidden gem");
+}
+
+class VelumctlDefaults : public VelumctlTest {
+ protected:
+  SecretEnvironment environment_;
+  ScopedVariable configuration_{"XDG_CONFIG_HOME", folder_ / "config"};
+  std::string domainFile_ = folder_ / "config/com.example/defaults.plist";
+  std::string sealedFile_ = folder_ / "settings.sealed";
+
+  /// Makes a sealed file whose key is in the keychain, as the library does.
+  void seal(const Entries& entries) const {
+    const SecretBytes key = SealedBox::newKey();
+    const std::string content = PropertyList(entries).binary();
+    writeFile(sealedFile_, SealedBox(key).seal(byteView(content)));
+    EXPECT_EQ(
+        run({"keychain", "set", "key", "--service", service, "--stdin"}, std::string(textView(key)))
+            .status,
+        0);
+  }
+  Result withSealedFile(Strings arguments, const std::string& item = "key") const {
+    for (const std::string& word :
+         {std::string("--key-item"), item, std::string("--service"), service}) {
+      arguments.push_back(word);
+    }
+    return run(arguments);
+  }
+};
+
+TEST_F(VelumctlDefaults, WritesAndReadsEveryType) {
+  const auto write = [this](const std::string& key, const Strings& rest,
+                            const std::string& input = {}) {
+    Strings arguments{"defaults", "write", "com.example", key};
+    arguments.insert(arguments.end(), rest.begin(), rest.end());
+    const Result result = run(arguments, input);
+    EXPECT_EQ(result.status, 0) << result.errors;
+    EXPECT_THAT(result.output, IsEmpty());
+  };
+  write("bool", {"YES", "--type", "bool"});
+  write("integer", {"--type", "integer", "--", "-5"});
+  write("double", {"0.5", "--type", "double"});
+  write("string", {"(a", "--type", "string"});
+  write("data", {"--type", "data", "--stdin"}, secretText());
+  write("list", {"(one, {k = \"two words\";})"});
+  write("text", {"--stdin"}, "\xE2\x82\xAC \"x\"\n");
+  write("xml", {"<plist><date>2026-11-21T09:00:00Z</date></plist>", "--type", "plist"});
+  const auto stored = PropertyList::read(readFile(domainFile_));
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(*stored->get<bool>("bool"), true);
+  EXPECT_EQ(*stored->get<std::int64_t>("integer"), -5);
+  EXPECT_EQ(*stored->get<double>("double"), 0.5);
+  EXPECT_EQ(*stored->get<std::string>("text"), "\u20AC \"x\"");
+
+  EXPECT_EQ(run({"defaults", "read", "com.example"}).output, R"({
+    bool = 1;
+    data = <73ff00637265740a>;
+    double = 0.5;
+    integer = -5;
+    list = (
+        one,
+        {
+            k = "two words";
+        },
+    );
+    string = "(a";
+    text = ")"
+                                                             "\u20AC"
+                                                             R"( \"x\"";
+    xml = "2026-11-21 09:00:00 +0000";
+}
+)");
+  EXPECT_EQ(run({"defaults", "read", "com.example", "text"}).output, "\u20AC \"x\"\n");
+  const auto json =
+      nlohmann::json::parse(run({"defaults", "read", "com.example", "--json"}).output);
+  EXPECT_EQ(json.at("data"), "c/8AY3JldAo=");
+  EXPECT_EQ(json.at("list").at(1).at("k"), "two words");
+  EXPECT_EQ(json.at("xml"), "2026-11-21T09:00:00Z");
+  EXPECT_EQ(json.at("text"), "\u20AC \"x\"");
+  EXPECT_EQ(json.at("integer"), -5);
+  EXPECT_EQ(run({"defaults", "read", "com.example", "absent"}).status, 1);
+  writeFile(domainFile_, "garbage");
+  EXPECT_THAT(run({"defaults", "read", "com.example"}).errors, HasSubstr("damaged"));
+}
+
+TEST_F(VelumctlDefaults, VerifiesWithoutChangingAnything) {
+  const PropertyList noNumber(std::nan(""));
+  const Entries original{{"a", PropertyList(std::int64_t{1})},
+                         {"b", PropertyList(std::string("x"))},
+                         {"c", noNumber},
+                         {"d", PropertyList(true)}};
+  seal(original);
+  writeFile(domainFile_, PropertyList(original).binary());
+  const Strings verify{"defaults", "verify", "com.example", "--storage", sealedFile_};
+  Result result = withSealedFile(verify);
+  EXPECT_EQ(result.status, 0) << result.errors;
+  EXPECT_THAT(result.output + result.errors, IsEmpty());
+
+  const std::string changed = PropertyList(Entries{{"a", PropertyList(true)},
+                                                   {"c", noNumber},
+                                                   {"d", PropertyList(true)},
+                                                   {"e", PropertyList(false)}})
+                                  .binary();
+  writeFile(domainFile_, changed);
+  const std::string sealed = readFile(sealedFile_);
+  result = withSealedFile(verify);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.output, "changed\ta\nremoved\tb\nadded\te\n");
+  EXPECT_EQ(std::ranges::count(result.errors, '\n'), 1);
+  Strings json = verify;
+  json.emplace_back("--json");
+  EXPECT_EQ(nlohmann::json::parse(withSealedFile(json).output).size(), 3U);
+  EXPECT_EQ(withSealedFile(verify, "no such key").status, 1);
+  EXPECT_EQ(readFile(domainFile_), changed);
+  EXPECT_EQ(readFile(sealedFile_), sealed);
+}
+
+TEST_F(VelumctlDefaults, DumpsStoragesAfterItAsked) {
+  seal({{"token", PropertyList(std::string("hidden gem"))}});
+  const Strings dump{"storage", "dump", sealedFile_};
+  EXPECT_EQ(withSealedFile(dump).output, "{\n    token = \"hidden gem\";\n}\n");
+  Strings arguments{"storage", "dump", sealedFile_, "--key-item", "key", "--service", service};
+  auto refused = onTerminal(arguments);
+  refused.readUntil("[y/N] ");
+  refused.type("n\n");
+  EXPECT_THAT(refused.readToEnd(), Not(HasSubstr("gem")));
+  EXPECT_EQ(WEXITSTATUS(refused.wait()), 1);
+  arguments.insert(arguments.end(), {"--yes", "--json"});
+  EXPECT_THAT(onTerminal(arguments).readToEnd(), HasSubstr(R"({"token":"hidden gem"})"));
+
+  const std::string sealed = readFile(sealedFile_);
+  for (const std::string& damaged : {sealed.substr(1), std::string("x"), std::string()}) {
+    writeFile(sealedFile_, damaged);
+    const Result result = withSealedFile(dump);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.errors, HasSubstr("check --key-item"));
+    EXPECT_EQ(readFile(sealedFile_), damaged);  // kept for inspection
+  }
+}
+
+class VelumctlEncryption : public VelumctlTest {
+ protected:
+  std::string keyFile_ = folder_ / "key";
+  std::string plain_ = folder_ / "plain";
+  std::string blob_ = folder_ / "blob";
+};
+
+TEST_F(VelumctlEncryption, RoundTripsFilesAndStreams) {
+  for (const std::size_t keySize : {16U, 24U, 32U}) {
+    writeFile(keyFile_, std::string(keySize, '\xA5'));
+    for (const std::string& text : {std::string(), secretText(), std::string(300'000, 'x')}) {
+      writeFile(plain_, text);
+      ASSERT_EQ(run({"encrypt", plain_, "--key-file", keyFile_, "--output", blob_}).status, 0);
+      EXPECT_EQ(std::filesystem::file_size(blob_), 16 + (text.size() / 16 + 1) * 16);
+      EXPECT_EQ(std::filesystem::status(blob_).permissions(), std::filesystem::perms(0600));
+      EXPECT_EQ(run({"decrypt", blob_, "--key-file", keyFile_}).output, text);
+      const std::string streamed = run({"encrypt", "--key-file", keyFile_}, text).output;
+      EXPECT_NE(streamed, readFile(blob_));
+      EXPECT_EQ(run({"decrypt", "-", "--key-file", keyFile_}, streamed).output, text);
+      EXPECT_EQ(run({"decrypt", blob_, "--key-fd", "0"}, readFile(keyFile_)).output, text);
+    }
+  }
+}
+
+TEST_F(VelumctlEncryption, FailsWithoutOutput) {
+  writeFile(keyFile_, std::string(32, 'k'));
+  writeFile(plain_, "text");
+  ASSERT_EQ(run({"encrypt", plain_, "--key-file", keyFile_, "--output", blob_}).status, 0);
+  const std::string blob = readFile(blob_);
+  for (const std::size_t size : {0U, 15U, 16U, 17U, 31U}) {
+    writeFile(blob_, blob.substr(0, size));
+    const Result result = run({"decrypt", blob_, "--key-file", keyFile_, "--output", plain_});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.errors, AllOf(HasSubstr("damaged"), Not(HasSubstr("text"))));
+    EXPECT_EQ(readFile(plain_), "text");
+  }
+  for (const std::size_t size : {0U, 15U, 33U, 5000U}) {
+    writeFile(keyFile_, std::string(size, 'k'));
+    EXPECT_EQ(run({"encrypt", plain_, "--key-file", keyFile_}).status, 1);
+  }
+  writeFile(keyFile_, std::string(32, 'k'));
+  auto program = onTerminal({"encrypt", plain_, "--key-file", keyFile_});
+  EXPECT_THAT(program.readToEnd(), HasSubstr("--output"));
+  EXPECT_EQ(WEXITSTATUS(program.wait()), 2);
+}
+
+}  // namespace
+}  // namespace velum::test

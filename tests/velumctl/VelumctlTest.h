@@ -1,0 +1,54 @@
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/support/TemporaryFolder.h"
+#include "tests/velumctl/RunningProgram.h"
+
+namespace velum::test {
+
+/// Runs velumctl as its users do.
+class VelumctlTest : public testing::Test {
+ protected:
+  struct Result {
+    int status = -1;  // the exit status
+    std::string output;
+    std::string errors;
+  };
+
+  Result run(const Strings& arguments, const std::string& input = {}) const {
+    writeFile(folder_ / "input", input);
+    const auto opened = [this](const char* name, int flags) {
+      return UniqueFd(::open((folder_ / name).c_str(), flags | O_CLOEXEC, 0600));
+    };
+    const UniqueFd in = opened("input", O_RDONLY);
+    const UniqueFd out = opened("output", O_WRONLY | O_CREAT | O_TRUNC);
+    const UniqueFd error = opened("errors", O_WRONLY | O_CREAT | O_TRUNC);
+    SpawnOptions options;
+    options.executable = VELUM_VELUMCTL;
+    options.arguments = commandLine(arguments);
+    options.standardStreams = {in.get(), out.get(), error.get()};
+    int status = 0;
+    const pid_t pid = spawn(options);
+    retryInterrupted([&] { return ::waitpid(pid, &status, 0); });
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(folder_ / "output"),
+            readFile(folder_ / "errors")};
+  }
+
+  static Strings commandLine(Strings arguments) {
+    arguments.insert(arguments.begin(), VELUM_VELUMCTL);
+    return arguments;
+  }
+  static RunningProgram onTerminal(const Strings& arguments, const std::string& pager = "PAGER=cat",
+                                   const std::string& colour = "NO_COLOR") {
+    return RunningProgram::onTerminal(commandLine(arguments),
+                                      {"TERM=xterm", "LESS", colour, pager});
+  }
+
+  TemporaryFolder folder_;
+};
+
+}  // namespace velum::test

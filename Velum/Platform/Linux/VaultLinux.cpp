@@ -74,12 +74,13 @@ VaultLinux::Content VaultLinux::load() const {
 void VaultLinux::change(const std::function<void(VaultTable&)>& edit) {
   const UniqueFd lockFile = folder_.openLock(lockFileName);
   const FileLock lock(lockFile.get());
+  call_.requireTime();  // the lock may have been long in coming
   Content content = load();
   edit(content.table);
   const SecretBytes plaintext = encodeVaultTable(content.table);
   if (plaintext.size() > maximumContentSize) throw SystemError(EFBIG, folder_.pathOf(fileName));
   if (!content.key) content.key = key();
-  call_.requireTime();  // the lock may have been long in coming
+  call_.requireTime();
   if (!content.key) {
     content.key = makeKey();
     folder_.replace(keyFileName, *content.key);

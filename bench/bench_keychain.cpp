@@ -11,8 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "Velum/Platform/SecretStore.h"
-#include "Velum/SystemError.h"
+#include "Velum/KeyChain.h"
 #include "bench/support/Process.h"
 #include "bench/support/Table.h"
 #include "bench/support/TemporaryFolder.h"
@@ -89,9 +88,9 @@ void require(bool isRight, const char* what) {
 }
 
 void measure(const std::string& size, const std::string& value) {
-  const velum::SecretQuery query{serviceName, size, {}, false};
-  velum::SecretStore& store = velum::SecretStore::shared();
-  require(store.add(query, velum::secretBytes(value)) == velum::errSecSuccess, "add");
+  require(
+      velum::KeyChain::save(size, velum::secretBytes(value), serviceName) == velum::errSecSuccess,
+      "KeyChain::save");
   require(secret_password_store_sync(&schema, SECRET_COLLECTION_DEFAULT, "bench", value.c_str(),
                                      nullptr, nullptr, "service", serviceName, "account",
                                      size.c_str(), "accessGroup", "", nullptr) != FALSE,
@@ -100,7 +99,8 @@ void measure(const std::string& size, const std::string& value) {
   const bench::Run ours = [&] {
     return bench::timed([&] {
       for (int count = 0; count < lookupsPerRound; ++count) {
-        require(store.copyMatching(query).data.size() == value.size(), "copyMatching");
+        const auto found = velum::KeyChain::load(size, serviceName);
+        require(found && found->size() == value.size(), "KeyChain::load");
       }
     });
   };
@@ -117,8 +117,8 @@ void measure(const std::string& size, const std::string& value) {
     });
   };
   const auto times = bench::interleaved(rounds, {ours, theirs});
-  bench::report("secret of " + size, times[0], "secret_password_lookup_binary_sync", times[1],
-                {1.1}, lookupsPerRound);
+  bench::report("KeyChain::load of " + size, times[0], "secret_password_lookup_binary_sync",
+                times[1], {1.1}, lookupsPerRound);
 }
 
 }  // namespace

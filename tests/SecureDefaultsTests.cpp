@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <limits>
@@ -15,6 +16,9 @@
 #include "Velum/DefaultsConversions.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/SealedBox.h"
+#include "Velum/SecureStorage.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"
 #include "tests/support/MemoryKeyStorage.h"
 #include "tests/support/RecordingLogHandler.h"
@@ -295,6 +299,87 @@ TEST_F(SecureDefaultsTest, TheMarkerSilencesTheRecordAndNothingElse) {
     EXPECT_EQ(status, 0);
     EXPECT_EQ(readFile(records) == "{}", value == std::string("YES")) << readFile(records);
   }
+}
+
+/// A key that every process of the test knows.
+class CommonKey final : public KeyChainDataProtocol {
+ public:
+  SecretResult read() override {
+    return {.status = errSecSuccess, .data = SecretBytes(SealedBox::keySize, 7)};
+  }
+  bool store(const std::optional<SecretBytes>& /*value*/) override { return false; }
+};
+
+std::shared_ptr<KeyStorageProtocol> sealedCopy(const std::string& path) {
+  auto storage = std::make_shared<SecureStorage>(std::make_shared<CommonKey>(), path, 0);
+  storage->load();
+  return storage;
+}
+
+/// A storage whose process is killed at a write, before it or after it.
+class DeadlyStorage final : public KeyStorageProtocol {
+ public:
+  enum class Moment : std::uint8_t { before, after };
+  DeadlyStorage(std::shared_ptr<KeyStorageProtocol> storage, Moment moment)
+      : storage_(std::move(storage)), moment_(moment) {}
+
+  bool isEmpty() const override { return storage_->isEmpty(); }
+  std::optional<PropertyList> object(std::string_view key) const override {
+    return storage_->object(key);
+  }
+  void setObject(std::optional<PropertyList> value, std::string_view key) override {
+    if (moment_ == Moment::before) ::raise(SIGKILL);
+    storage_->setObject(std::move(value), key);
+    ::raise(SIGKILL);
+  }
+  Entries dictionaryRepresentation() const override { return storage_->dictionaryRepresentation(); }
+  void reset(std::optional<Entries> content) override { storage_->reset(std::move(content)); }
+  void load() override { storage_->load(); }
+  void store() override { storage_->store(); }
+
+ private:
+  std::shared_ptr<KeyStorageProtocol> storage_;
+  Moment moment_;
+};
+
+TEST_F(SecureDefaultsTest, AProcessKilledWhileItWritesLeavesTheOldValueOrTheNew) {
+  using Moment = DeadlyStorage::Moment;
+  const std::string sealed = folder / "sealed";
+  ASSERT_TRUE(SecureDefaults("com.example", sealedCopy(sealed)).setString("old", "key"));
+  for (const Moment moment : {Moment::before, Moment::after}) {
+    test::ChildProcess child([&] {
+      SecureDefaults dying("com.example",
+                           std::make_shared<DeadlyStorage>(sealedCopy(sealed), moment));
+      dying.setString("new", "key");
+    });
+    EXPECT_EQ(WTERMSIG(child.wait()), SIGKILL);
+    EXPECT_EQ(domain()->at("key"), text("old"));
+    SecureDefaults later("com.example", sealedCopy(sealed));
+    EXPECT_EQ(later.string("key"), moment == Moment::before ? "old" : "new");
+  }
+  EXPECT_EQ(domain()->at("key"), text("new"));
+}
+
+TEST_F(SecureDefaultsTest, ProcessesMayShareASealedCopy) {
+  constexpr int processes = 3;
+  constexpr int writes = 8;
+  const std::string sealed = folder / "sealed";
+  std::vector<test::ChildProcess> children;
+  for (int process = 0; process < processes; ++process) {
+    children.emplace_back([&, process] {
+      SecureDefaults own("com.example", sealedCopy(sealed));
+      own.setCorruptionHandler([](auto) { ADD_FAILURE() << "took another one for an intruder"; });
+      for (int i = 0; i < writes; ++i) {
+        const std::string key = std::to_string(process) + '.' + std::to_string(i);
+        EXPECT_TRUE(own.setInteger(i, key));
+        EXPECT_EQ(own.integer(key), i);
+        own.integer(std::to_string((process + 1) % processes) + '.' + std::to_string(i));
+      }
+    });
+  }
+  for (auto& child : children) EXPECT_EQ(child.wait(), 0);
+  EXPECT_EQ(domain()->size(), processes * writes);
+  EXPECT_EQ(domain(), sealedCopy(sealed)->dictionaryRepresentation());
 }
 
 TEST(SecureDefaultsDeathTest, StopsWithoutACopyOfTheSubclass) {

@@ -51,13 +51,14 @@ void seal(CipherContext& context, detail::RandomPool& random, ByteView data,
   const auto vector = blob.first(AES::blockSize);
   if (!random.take(vector)) throw AESError("IV generation failed", -1);
 
-  // Short data are copied, so that one call takes them, the vector and the padding.
+  // Short data are copied (if they are not there), so that one call takes all there is.
   constexpr std::size_t longestCopy = 4096;
   const std::size_t direct =
       data.size() <= longestCopy ? 0 : data.size() / AES::blockSize * AES::blockSize;
   const auto copied = data.subspan(direct);
   const auto tail = blob.subspan(vector.size() + direct);
-  const auto padding = std::copy(copied.begin(), copied.end(), tail.begin());
+  const auto padding = tail.begin() + static_cast<std::ptrdiff_t>(copied.size());
+  if (copied.data() != tail.data()) std::copy(copied.begin(), copied.end(), tail.begin());
   std::fill(padding, tail.end(), static_cast<std::uint8_t>(tail.end() - padding));
 
   std::size_t written = 0;

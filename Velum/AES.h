@@ -60,7 +60,8 @@ class AES {
   static constexpr std::size_t encryptedSize(std::size_t size) noexcept {
     return blockSize + (size / blockSize + 1) * blockSize;
   }
-  /// Writes the blob of `data` into `blob`, which has exactly that size and does not overlap it.
+  /// Writes the blob of `data` into `blob`, which has exactly that size. `data` may be the very
+  /// place in `blob` where the ciphertext goes, but not overlap it otherwise.
   void encrypt(ByteView data, std::span<std::uint8_t> blob);
   /// Writes the plaintext into `plain`, which has room for the blob's size less 16 and does not
   /// overlap it, and returns its size. What was written before a failure is wiped.

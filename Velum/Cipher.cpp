@@ -25,7 +25,6 @@ bool RandomPool::take(std::span<std::uint8_t> out) {
   if ((left_ < out.size() || generation_ != forkGeneration()) && !refill(out.size())) return false;
   left_ -= out.size();
   std::copy_n(bytes_.data() + left_, out.size(), out.data());
-  wipe(bytes_.data() + left_, out.size());
   return true;
 }
 

@@ -12,8 +12,9 @@
 
 namespace velum::detail {
 
-/// Random bytes in small pieces, for a tenth of the time that the system's generator takes for
-/// each. Bytes handed out are gone from here; a forked child draws its own. One thread at a time.
+/// Random bytes for nonces and vectors, in small pieces for a tenth of the time that the system's
+/// generator takes for each; not for keys. No byte is handed out twice: a forked child draws its
+/// own. One thread at a time.
 class RandomPool {
  public:
   RandomPool() = default;

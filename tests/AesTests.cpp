@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <numeric>
 
 #include "Velum/SealedBox.h"
@@ -54,7 +55,7 @@ constexpr const char* nistVector = "000102030405060708090a0b0c0d0e0f";
 constexpr const char* nistPlain =
     "6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51"
     "30c81c46a35ce411e5fbc1191a0a52eff69f2445df4f9b17ad2b417be66c3710";
-constexpr Vector nist[] = {
+constexpr std::array<Vector, 3> nist{{
     // NOLINT(modernize-avoid-c-arrays)
     {"2b7e151628aed2a6abf7158809cf4f3c",
      "7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db113a917678b2"
@@ -68,7 +69,7 @@ constexpr Vector nist[] = {
      "f58c4c04d6e5f1ba779eabfb5f7bfbd69cfc4e967edb808d679f777bc6702c7d"
      "39f23369a9d9bacfa530e26304231461b2eb05e2c39be9fcda6c19078c6a9d1b"
      "3f461796d6b0d6b2e0c2a72b4d80e644"},
-};
+}};
 
 TEST(Aes, AgreesWithPublishedVectors) {
   for (const auto& [key, ciphertext] : nist) {
@@ -92,6 +93,10 @@ TEST(Aes, BringsBackEveryLength) {
 
       Bytes again(AES::encryptedSize(size));
       aes.encrypt(data, again);
+      Bytes inPlace(again.size());
+      std::copy(data.begin(), data.end(), inPlace.begin() + 16);
+      aes.encrypt(std::span(inPlace).subspan(16, size), inPlace);
+      EXPECT_TRUE(equal(AES::decrypted(inPlace, counted(keySize)), data));
       Bytes plain(again.size() - 16);
       plain.resize(aes.decrypt(blob, plain));
       EXPECT_EQ(plain, data);

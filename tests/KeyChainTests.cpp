@@ -121,10 +121,10 @@ TEST(KeyChain, StoresObjectsAsJson) {
   const Account account{"a/b \xE2\x82\xAC\"", 1.5, {{"x", {1, 2}}}};
   EXPECT_EQ(KeyChain::saveObject(account, "key", "service", {}, store), 0);
   EXPECT_EQ(textView(store.items().at(0).value),
-            "{\"balance\":1.5,\"devices\":{\"x\":[1,2]},\"name\":\"a\\/b \xE2\x82\xAC\\\"\"}");
+            R"({"balance":1.5,"devices":{"x":[1,2]},"name":"a\/b €\""})");
   EXPECT_EQ(KeyChain::loadObject<Account>("key", "service", {}, store), account);
   // An encoder that leaves slashes alone is understood too; so are single values.
-  KeyChain::save("key", secretBytes("\"a/b\\/c\""), "service", {}, store);
+  KeyChain::save("key", secretBytes(R"("a/b\/c")"), "service", {}, store);
   EXPECT_EQ(KeyChain::loadObject<std::string>("key", "service", {}, store), "a/b/c");
   EXPECT_FALSE(KeyChain::loadObject<std::string>("other", "service", {}, store));
 }
@@ -148,8 +148,8 @@ TEST(KeyChain, RefusesWhatJsonCantExpress) {
 
 TEST(KeyChain, ReadsNothingFromJsonOfAnotherForm) {
   FakeSecretStore store;
-  for (const char* bytes : {"", "hidden", "{\"hidden\":", "\"hidden\xFF\"", "[1, \"hidden\"]",
-                            "{\"name\": \"hidden\"}", "[[[[[[[["}) {
+  for (const char* bytes : {"", "hidden", R"({"hidden":)", "\"hidden\xFF\"", R"([1, "hidden"])",
+                            R"({"name": "hidden"})", "[[[[[[[["}) {
     KeyChain::save("key", secretBytes(bytes), "service", {}, store);
     const CapturedLog log;
     EXPECT_FALSE(KeyChain::loadObject<Account>("key", "service", {}, store)) << bytes;

@@ -1,6 +1,5 @@
 #include "Velum/KeyStorage.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -19,7 +18,6 @@ namespace {
 
 using test::CapturedLog;
 using test::eventually;
-using testing::IsEmpty;
 using Dictionary = PropertyList::Dictionary;
 
 constexpr double never = 100'000;  // seconds

@@ -87,8 +87,12 @@ std::string NotifyFolder::fileName(std::string_view name) {
   return file;
 }
 
-UniqueFd NotifyFolder::make() const {
+void NotifyFolder::requirePath() const {
   if (path_.empty()) throw SystemError(ENOENT, "notify center, no folder for this user's sockets");
+}
+
+UniqueFd NotifyFolder::make() const {
+  requirePath();
   const bool isForAll = sharing_ == Sharing::all;
   const auto makeFolder = [&] { return ::mkdir(path_.c_str(), isForAll ? 0755 : 0700) == 0; };
   bool isNew = makeFolder();
@@ -112,12 +116,14 @@ UniqueFd NotifyFolder::make() const {
 }
 
 // Nothing, with errno EINVAL, for what can't be a file of ours.
-UniqueFd NotifyFolder::openExisting(const std::string& file, int access) const noexcept {
+UniqueFd NotifyFolder::openExisting(const std::string& file, int access,
+                                    std::size_t maxSize) const noexcept {
   UniqueFd fd(
       ::open(pathOf(file).c_str(), access | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat status {};
   if (!fd || ::fstat(fd.get(), &status) != 0) return {};
   const bool isAcceptable = S_ISREG(status.st_mode) && status.st_nlink <= 1 &&
+                            static_cast<std::size_t>(status.st_size) <= maxSize &&
                             (sharing_ == Sharing::all || status.st_uid == ::geteuid());
   if (isAcceptable) return fd;
   errno = EINVAL;
@@ -125,7 +131,7 @@ UniqueFd NotifyFolder::openExisting(const std::string& file, int access) const n
 }
 
 NotifyFolder::Look NotifyFolder::look(const std::string& file) const noexcept {
-  const UniqueFd fd = openExisting(file, O_RDONLY);
+  const UniqueFd fd = openExisting(file, O_RDONLY, std::string::npos);
   if (!fd) return {errno == ENOENT ? State::absent : State::refused, {}, errno};
   Header header;
   const ssize_t size = ::pread(fd.get(), &header, sizeof header, 0);
@@ -162,12 +168,13 @@ UniqueFd NotifyFolder::createForAll(const std::string& file) const noexcept {
 }
 
 bool NotifyFolder::post(std::string_view name) const {
+  requirePath();
   const std::string file = fileName(name);
   const std::string bytes = content(name);
   // Another turn when the folder was missing, or somebody else made or removed the file meanwhile.
   constexpr int maxTurns = 100;
   for (int turn = 0; turn < maxTurns; ++turn) {
-    UniqueFd fd = openExisting(file, O_WRONLY);
+    UniqueFd fd = openExisting(file, O_WRONLY, bytes.size());
     const bool isNew = !fd && errno == ENOENT;
     if (isNew) {
       fd = create(file);

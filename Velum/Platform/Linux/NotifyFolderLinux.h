@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -73,8 +74,9 @@ class NotifyFolder {
   void sweep() const noexcept;
 
  private:
+  void requirePath() const;
   std::string pathOf(const std::string& file) const { return path_ + '/' + file; }
-  UniqueFd openExisting(const std::string& file, int access) const noexcept;
+  UniqueFd openExisting(const std::string& file, int access, std::size_t maxSize) const noexcept;
   UniqueFd create(const std::string& file) const;
   UniqueFd createForAll(const std::string& file) const noexcept;
 

@@ -3,6 +3,7 @@
 include(CMakePackageConfigHelpers)
 
 install(TARGETS velum_core EXPORT VelumTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS velum_messaging EXPORT VelumTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS vpn_relauncher velumctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES docs/vpn_relauncher.1 docs/velumctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES velumctl/completions/velumctl.bash RENAME velumctl
@@ -11,6 +12,9 @@ install(FILES velumctl/completions/_velumctl
   DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 install(DIRECTORY Velum DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h" PATTERN Linux EXCLUDE)
+
+# Below lib whatever the libraries' folder is called: there systemd-tmpfiles looks.
+install(FILES packaging/velum.conf DESTINATION lib/tmpfiles.d)
 
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/Velum)
 install(EXPORT VelumTargets NAMESPACE Velum:: DESTINATION ${package})

@@ -15,5 +15,8 @@ void addKeychain(CLI::App& app);
 void addDefaults(CLI::App& app);
 void addStorage(CLI::App& app);
 void addEncryption(CLI::App& app);
+void addNotify(CLI::App& app);
+void addRequest(CLI::App& app);
+void addRespond(CLI::App& app);
 
 }  // namespace velumctl

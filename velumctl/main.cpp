@@ -72,6 +72,9 @@ void addCommands(CLI::App& app) {
   velumctl::addDefaults(app);
   velumctl::addStorage(app);
   velumctl::addEncryption(app);
+  velumctl::addNotify(app);
+  velumctl::addRequest(app);
+  velumctl::addRespond(app);
 }
 
 // The command that the arguments name, as the user would type it, for pointing to its help.

@@ -15,6 +15,7 @@ test -x "$prefix/bin/vpn_relauncher"
 test -s "$prefix/share/man/man1/vpn_relauncher.1"
 "$prefix/bin/velumctl" --version >/dev/null
 test -s "$prefix/share/bash-completion/completions/velumctl"
+test -s "$prefix/lib/tmpfiles.d/velum.conf"
 
 cd "$prefix/include"
 mkdir "$work/include"

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
@@ -104,6 +105,20 @@ class RunningProgram {
       output_.append(bytes.data(), static_cast<std::size_t>(got));
     }
     return output_;
+  }
+  /// True when the output so far, or what comes within `limit`, contains `text`.
+  bool hasPrinted(std::string_view text, std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (output_.find(text) == std::string::npos && std::chrono::steady_clock::now() < end) {
+      pollfd readable{fd_.get(), POLLIN, 0};
+      if (::poll(&readable, 1, static_cast<int>(limit.count())) <= 0) continue;
+      std::array<char, 65536> bytes{};
+      const ssize_t got =
+          retryInterrupted([&] { return ::read(fd_.get(), bytes.data(), bytes.size()); });
+      if (got <= 0) break;
+      output_.append(bytes.data(), static_cast<std::size_t>(got));
+    }
+    return output_.find(text) != std::string::npos;
   }
   const std::string& readToEnd() { return readUntil("\x1F never printed \x1F"); }
 

@@ -15,20 +15,29 @@ _velumctl_options() {
     "defaults verify") echo "--storage --key-item --service --group --json --help" ;;
     "storage dump") echo "--key-item --service --group --yes --json --help" ;;
     "encrypt " | "decrypt ") echo "--key-file --key-fd --output --help" ;;
+    "notify post" | "notify listen") echo "--system --json --help" ;;
+    "notify wait") echo "--timeout --system --json --help" ;;
+    "request ") echo "--id --prefix --timeout --system --json --help" ;;
+    "respond ") echo "--id --prefix --once --system --json --help" ;;
     "logs ") echo "show save reset --help" ;;
     "support ") echo "archive --help" ;;
     "keychain ") echo "get set delete list --help" ;;
     "defaults ") echo "read write verify --help" ;;
     "storage ") echo "dump --help" ;;
-    " ") echo "logs support run keychain defaults storage encrypt decrypt --version --help" ;;
+    "notify ") echo "post wait listen --help" ;;
+    " ")
+      echo "logs support run keychain defaults storage encrypt decrypt notify request respond" \
+        "--version --help"
+      ;;
   esac
 }
 
 _velumctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local group='' command='' i
-  local groups='logs|support|keychain|defaults|storage' single='run|encrypt|decrypt'
-  local commands='show|save|reset|archive|get|set|delete|list|read|write|verify|dump'
+  local groups='logs|support|keychain|defaults|storage|notify'
+  local single='run|encrypt|decrypt|request|respond'
+  local commands='show|save|reset|archive|get|set|delete|list|read|write|verify|dump|post|wait|listen'
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; ++i)); do
     # What follows is the command line of another tool.
@@ -56,13 +65,14 @@ _velumctl() {
     --since | --until) words="10m 1h 1d" ;;
     --max-size) words="1M 30M 100M" ;;
     --type) words="bool integer double string data plist" ;;
-    --subsystem | --service | --group | --key-item | --key-fd) return ;;
+    --timeout) words="1 10 60" ;;
+    --subsystem | --service | --group | --key-item | --key-fd | --id | --prefix) return ;;
     --log | --include | --storage | --key-file | --output) compopt -o default 2>/dev/null && return ;;
     --directory) compopt -o dirnames 2>/dev/null && return ;;
     *)
       if [[ $current == -* || -z $group || ($group == @($groups) && -z $command) ]]; then
         words=$(_velumctl_options "$group $command")
-      elif [[ $group == keychain ]]; then
+      elif [[ $group == @(keychain|notify|request|respond) ]]; then
         return
       elif [[ $group == defaults ]]; then
         words=$(cd "${XDG_CONFIG_HOME:-$HOME/.config}" 2>/dev/null &&

@@ -154,7 +154,7 @@ void NotifyCenterLinux::rewatchLk(Outcome& outcome) {
         const std::lock_guard guard(self->lock_);
         if (self->watch_ < 0) self->rewatchLk(later);
       }
-      self->finish(later);
+      finish(later);
     });
     return;
   }
@@ -227,7 +227,7 @@ void NotifyCenterLinux::compareAllLk(Outcome& outcome) {
 }
 
 // Without the lock: neither callbacks nor log handlers may be called under it.
-void NotifyCenterLinux::finish(const Outcome& outcome) const {
+void NotifyCenterLinux::finish(const Outcome& outcome) {
   for (const std::string& complaint : outcome.complaints) {
     logError({"Velum/NotifyCenter", "read()"}, "{}", complaint);
   }

@@ -60,7 +60,7 @@ class NotifyCenterLinux final : public NotifyCenter,
   bool readEventsLk(std::vector<std::string>& changed);
   void compareLk(const std::string& file, bool isChanged, Outcome& outcome);
   void compareAllLk(Outcome& outcome);
-  void finish(const Outcome& outcome) const;
+  static void finish(const Outcome& outcome);
   void sweepNowAndThen();
   void remove(const std::shared_ptr<Registration>& registration);
 

@@ -206,11 +206,11 @@ void NotifyFolder::sweep() const noexcept {
   const std::time_t limit = std::time(nullptr) - quietSeconds;
   while (const dirent* entry = ::readdir(folder.get())) {
     struct stat status {};
-    if (::fstatat(::dirfd(folder.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
-      continue;
+    const int parent = ::dirfd(folder.get());
+    const bool isThere = ::fstatat(parent, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0;
     // In a folder for all, only the owner's try succeeds.
-    if (S_ISREG(status.st_mode) && status.st_mtime < limit) {
-      ::unlinkat(::dirfd(folder.get()), entry->d_name, 0);
+    if (isThere && S_ISREG(status.st_mode) && status.st_mtime < limit) {
+      ::unlinkat(parent, entry->d_name, 0);
     }
   }
 }

@@ -163,13 +163,10 @@ TEST_F(NotifyCenterTest, ComparesGenerationsWhenTheKernelLostEvents) {
   std::atomic<int> seen{0};
   std::binary_semaphore begun{0};
   std::binary_semaphore goOn{0};
-  const auto observers = std::vector<Observer>{[&] {
-    std::vector<Observer> list;
-    list.push_back(counting("lost", lost));
-    list.push_back(counting("quiet", quiet));
-    list.push_back(counting("seen", seen));
-    return list;
-  }()};
+  std::vector<Observer> observers;
+  observers.push_back(counting("lost", lost));
+  observers.push_back(counting("quiet", quiet));
+  observers.push_back(counting("seen", seen));
   center->post("quiet");
   center->post("seen");
   EXPECT_TRUE(reaches(quiet, 1));
@@ -369,7 +366,6 @@ TEST_F(NotifyCenterTest, ObservesAThousandNamesWithOneDescriptor) {
     EXPECT_EQ(descriptors(), before);
   }
   EXPECT_EQ(descriptors(), before);
-  std::atomic<bool> isGone{false};
   auto another = centerOf(path);
   const auto kept = another->addObserver("name", [] {});
   another.reset();  // its descriptors are closed from its queue

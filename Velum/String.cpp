@@ -138,4 +138,51 @@ std::string repairedUtf8(std::string_view text) {
   return out;
 }
 
+namespace {
+
+constexpr bool isAsciiLetter(char c) noexcept {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+// What RFC 3986 calls unreserved: it means the same everywhere in a URL.
+constexpr bool isUnreserved(char c) noexcept {
+  return isAsciiLetter(c) || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_' || c == '~';
+}
+
+void appendHex(std::string& out, char byte, std::string_view digits) {
+  const auto value = static_cast<unsigned char>(byte);
+  out += digits[value >> 4U];
+  out += digits[value & 0xFU];
+}
+
+}  // namespace
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+    return x == y || (isAsciiLetter(x) && isAsciiLetter(y) && (x | 0x20) == (y | 0x20));
+  });
+}
+
+std::string escapedUrlQueryParam(std::optional<std::string_view> text) {
+  std::string out;
+  if (!text) return out;
+  out.reserve(text->size());
+  for (const char c : *text) {
+    if (isUnreserved(c)) {
+      out += c;
+    } else {
+      out += '%';
+      appendHex(out, c, "0123456789ABCDEF");
+    }
+  }
+  return out;
+}
+
+std::string hexText(std::string_view bytes) {
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (const char byte : bytes) appendHex(out, byte, "0123456789abcdef");
+  return out;
+}
+
 }  // namespace velum

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -21,5 +22,15 @@ bool isValidUtf8(std::string_view text) noexcept;
 /// `text` with every maximal ill-formed sequence replaced by U+FFFD, so that a path or a tool's
 /// output of unknown encoding can be logged and read. Well-formed text comes back unchanged.
 std::string repairedUtf8(std::string_view text);
+
+/// Whether two texts differ in the case of ASCII letters at most; independent of the locale.
+bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept;
+
+/// `text` as a name or value in a URL's query: every byte but ASCII letters, digits, '-', '.', '_'
+/// and '~' becomes "%XX". Nothing becomes an empty text.
+std::string escapedUrlQueryParam(std::optional<std::string_view> text);
+
+/// Two lower-case hexadecimal digits for each byte.
+std::string hexText(std::string_view bytes);
 
 }  // namespace velum

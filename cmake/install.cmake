@@ -1,9 +1,9 @@
 # Installs the library, its headers and the helper, and what lets other projects find them:
-# a CMake package (find_package(Velum), target Velum::core) and velum.pc.
+# a CMake package (find_package(Velum), targets Velum::core and the others) and velum.pc.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS velum_core EXPORT VelumTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(TARGETS velum_messaging EXPORT VelumTargets ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS velum_core velum_messaging velum_telemetry EXPORT VelumTargets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS vpn_relauncher velumctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES docs/vpn_relauncher.1 docs/velumctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES velumctl/completions/velumctl.bash RENAME velumctl
@@ -28,4 +28,6 @@ install(FILES ${PROJECT_BINARY_DIR}/VelumConfig.cmake ${PROJECT_BINARY_DIR}/Velu
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
   BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig OUTPUT_VARIABLE prefix_from_pc)
 configure_file(cmake/velum.pc.in velum.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/velum.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+configure_file(cmake/velum-telemetry.pc.in velum-telemetry.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/velum.pc ${PROJECT_BINARY_DIR}/velum-telemetry.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

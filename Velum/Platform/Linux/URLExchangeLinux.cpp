@@ -1,0 +1,362 @@
+#include "Velum/Platform/Linux/URLExchangeLinux.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <new>
+#include <utility>
+
+#include "Velum/String.h"
+#include "Velum/SystemError.h"
+
+namespace velum {
+namespace {
+
+constexpr long maxRedirects = 20;
+constexpr long uploadPiece = 256L * 1024;  // bytes that one call reads of a body
+constexpr std::array<std::string_view, 2> reservedFields{"Content-Length", "Transfer-Encoding"};
+
+std::chrono::nanoseconds timeoutOf(const URLRequest& request) {
+  constexpr double week = 7.0 * 24 * 60 * 60;
+  const double seconds =
+      request.timeoutInterval > 0 ? request.timeoutInterval : URLRequest::defaultTimeout;
+  return std::chrono::nanoseconds(static_cast<std::int64_t>(std::min(seconds, week) * 1e9));
+}
+
+/// The body of a request that has it in memory.
+class BytesStream final : public BodyStream {
+ public:
+  explicit BytesStream(std::shared_ptr<const URLRequest> request) : request_(std::move(request)) {}
+  std::size_t read(char* buffer, std::size_t size) override {
+    const std::size_t got = request_->body.copy(buffer, size, offset_);
+    offset_ += got;
+    return got;
+  }
+
+ private:
+  std::shared_ptr<const URLRequest> request_;
+  std::size_t offset_ = 0;
+};
+
+// The characters that names of methods and header fields are made of.
+bool isToken(std::string_view text) {
+  constexpr std::string_view allowed =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789!#$%&'*+-.^_`|~";
+  return !text.empty() && text.find_first_not_of(allowed) == std::string_view::npos;
+}
+
+bool isFieldValue(std::string_view text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
+std::string_view trimmed(std::string_view text) {
+  const std::size_t begin = text.find_first_not_of(" \t\r\n");
+  if (begin == std::string_view::npos) return {};
+  return text.substr(begin, text.find_last_not_of(" \t\r\n") + 1 - begin);
+}
+
+URLError bodyEnded() {
+  return URLError::url(URLError::requestBodyStreamExhausted,
+                       "the request's body ended before its announced size");
+}
+
+template <class Value>
+void set(CURL* transfer, CURLoption option, Value value) {
+  // Fails only for want of memory, which shows when the transfer begins, or for an option that
+  // this libcurl was built without.
+  static_cast<void>(curl_easy_setopt(transfer, option, value));
+}
+
+}  // namespace
+
+URLExchange::URLExchange(std::shared_ptr<const URLRequest> request, DispatchQueue& queue,
+                         URLCompletion completion, Canceller canceller)
+    : request_(std::move(request)),
+      queue_(queue),
+      completion_(std::move(completion)),
+      canceller_(std::move(canceller)),
+      timeout_(timeoutOf(*request_)) {}
+
+URLExchange& URLExchange::of(CURL* transfer) {
+  char* self = nullptr;
+  curl_easy_getinfo(transfer, CURLINFO_PRIVATE, &self);
+  return *reinterpret_cast<URLExchange*>(self);  // NOLINT(*-reinterpret-cast): how it was put in
+}
+
+void URLExchange::cancel() {
+  canceller_(shared_from_this());
+}
+
+std::optional<URLError> URLExchange::prepare(SocketOwner& sockets) {
+  if (const CURLcode bad = checkedUrl(request_->url); bad != CURLE_OK) {
+    return urlError({.code = bad});
+  }
+  if (!isToken(request_->method)) return URLError::posix(EINVAL, "the method is no word");
+  transfer_.reset(curl_easy_init());
+  if (!transfer_) return urlError({.code = CURLE_OUT_OF_MEMORY});
+  if (auto error = setHeaders()) return error;
+  setSafety(sockets);
+  setRequest();
+  return std::nullopt;
+}
+
+std::optional<URLError> URLExchange::setHeaders() {
+  for (const auto& [name, value] : request_->headers) {
+    if (!isToken(name) || !isFieldValue(value)) {
+      return URLError::posix(EINVAL, "a header field's name or value is none");
+    }
+    const auto isThis = [&field = name](std::string_view other) {
+      return equalsIgnoringCase(field, other);
+    };
+    if (std::ranges::any_of(reservedFields, isThis)) continue;
+    // ';' is how libcurl is told of an empty value; "Name:" would remove a field.
+    const std::string_view text = trimmed(value);
+    const bool isAdded = append(text.empty() ? name + ';' : (name + ": ").append(text));
+    if (!isAdded) return urlError({.code = CURLE_OUT_OF_MEMORY});
+  }
+  using Policy = URLRequest::CachePolicy;
+  if (request_->cachePolicy == Policy::reloadIgnoringLocalCacheData &&
+      !request_->headers.value("Cache-Control") && !append("Cache-Control: no-cache")) {
+    return urlError({.code = CURLE_OUT_OF_MEMORY});
+  }
+  // Else a large body would wait a second for servers that don't know of asking first.
+  if (!request_->headers.value("Expect") && !append("Expect:")) {
+    return urlError({.code = CURLE_OUT_OF_MEMORY});
+  }
+  return std::nullopt;
+}
+
+bool URLExchange::append(const std::string& line) {
+  curl_slist* const longer = curl_slist_append(headers_.get(), line.c_str());
+  if (longer == nullptr) return false;
+  static_cast<void>(headers_.release());
+  headers_.reset(longer);
+  return true;
+}
+
+void URLExchange::setSafety(SocketOwner& sockets) {
+  CURL* const transfer = transfer_.get();
+  set(transfer, CURLOPT_NOSIGNAL, 1L);
+  set(transfer, CURLOPT_PROTOCOLS_STR, "http,https");
+  set(transfer, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  set(transfer, CURLOPT_FOLLOWLOCATION, 1L);
+  set(transfer, CURLOPT_MAXREDIRS, maxRedirects);
+  set(transfer, CURLOPT_SSL_VERIFYPEER, 1L);
+  set(transfer, CURLOPT_SSL_VERIFYHOST, 2L);
+  // OpenSSL's own variables name another store, as they do for most programs of the system.
+  if (const char* const file = std::getenv("SSL_CERT_FILE")) set(transfer, CURLOPT_CAINFO, file);
+  if (const char* const folder = std::getenv("SSL_CERT_DIR")) {
+    set(transfer, CURLOPT_CAPATH, folder);
+  }
+  // A lookup that is given up is left to its thread: waiting for it would hold up all exchanges.
+  set(transfer, CURLOPT_QUICK_EXIT, 1L);
+  set(transfer, CURLOPT_OPENSOCKETDATA, &sockets);
+  set(
+      transfer, CURLOPT_OPENSOCKETFUNCTION,
+      +[](void* owner, curlsocktype /*purpose*/, curl_sockaddr* address) -> curl_socket_t {
+        return static_cast<SocketOwner*>(owner)->open(address->family, address->socktype,
+                                                      address->protocol);
+      });
+  set(transfer, CURLOPT_CLOSESOCKETDATA, &sockets);
+  set(
+      transfer, CURLOPT_CLOSESOCKETFUNCTION, +[](void* owner, curl_socket_t socket) -> int {
+        static_cast<SocketOwner*>(owner)->close(socket);
+        return 0;
+      });
+}
+
+void URLExchange::setRequest() {
+  CURL* const transfer = transfer_.get();
+  set(transfer, CURLOPT_PRIVATE, this);
+  set(transfer, CURLOPT_URL, request_->url.c_str());
+  set(transfer, CURLOPT_HTTPHEADER, headers_.get());
+  set(transfer, CURLOPT_ERRORBUFFER, errorText_.data());
+  set(transfer, CURLOPT_ACCEPT_ENCODING, "");  // all that can be decoded
+  set(transfer, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  // The limit is on inactivity and kept by the loader. libcurl is told of it all the same, so that
+  // it shares the time out among a host's addresses.
+  const auto limit = std::chrono::ceil<std::chrono::milliseconds>(timeout_).count();
+  set(transfer, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(limit));
+  set(transfer, CURLOPT_HEADERDATA, this);
+  set(
+      transfer, CURLOPT_HEADERFUNCTION,
+      +[](char* bytes, std::size_t, std::size_t size, void* self) -> std::size_t {
+        return static_cast<URLExchange*>(self)->takeHeader({bytes, size});
+      });
+  set(transfer, CURLOPT_WRITEDATA, this);
+  set(
+      transfer, CURLOPT_WRITEFUNCTION,
+      +[](char* bytes, std::size_t, std::size_t size, void* self) -> std::size_t {
+        return static_cast<URLExchange*>(self)->takeData({bytes, size});
+      });
+  set(transfer, CURLOPT_NOPROGRESS, 0L);
+  set(transfer, CURLOPT_XFERINFODATA, this);
+  set(
+      transfer, CURLOPT_XFERINFOFUNCTION,
+      +[](void* self, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) -> int {
+        static_cast<URLExchange*>(self)->noteProgress(received, sent);
+        return 0;
+      });
+  setBody();
+}
+
+// libcurl knows the methods by what they do with bodies; redirects depend on it.
+void URLExchange::setBody() {
+  CURL* const transfer = transfer_.get();
+  const std::string& method = request_->method;
+  const bool hasBody = request_->bodyStream || !request_->body.empty();
+  bool isNamed = true;  // by what is set here, so that a redirect may change it
+  if (method == "POST") {
+    set(transfer, CURLOPT_POST, 1L);
+    set(transfer, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(bodySize()));
+  } else if (hasBody || method == "PUT") {
+    set(transfer, CURLOPT_UPLOAD, 1L);
+    set(transfer, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(bodySize()));
+    isNamed = method == "PUT";
+  } else if (method == "HEAD") {
+    set(transfer, CURLOPT_NOBODY, 1L);
+  } else {
+    isNamed = method == "GET";
+  }
+  if (!isNamed) set(transfer, CURLOPT_CUSTOMREQUEST, method.c_str());
+  set(transfer, CURLOPT_UPLOAD_BUFFERSIZE, uploadPiece);
+  set(transfer, CURLOPT_READDATA, this);
+  set(
+      transfer, CURLOPT_READFUNCTION,
+      +[](char* buffer, std::size_t unit, std::size_t count, void* self) -> std::size_t {
+        return static_cast<URLExchange*>(self)->readBody(buffer, unit * count);
+      });
+  set(transfer, CURLOPT_SEEKDATA, this);
+  set(
+      transfer, CURLOPT_SEEKFUNCTION, +[](void* self, curl_off_t offset, int origin) -> int {
+        const bool isRewind = offset == 0 && origin == SEEK_SET;
+        return isRewind && static_cast<URLExchange*>(self)->rewindBody() ? CURL_SEEKFUNC_OK
+                                                                         : CURL_SEEKFUNC_FAIL;
+      });
+}
+
+std::int64_t URLExchange::bodySize() const noexcept {
+  return request_->bodyStream ? request_->bodyStream->size()
+                              : static_cast<std::int64_t>(request_->body.size());
+}
+
+// Runs what a callback does; its exception becomes the exchange's error.
+template <class Work>
+bool URLExchange::guarded(Work work) noexcept {
+  try {
+    work();
+    return true;
+  } catch (const SystemError& error) {
+    callbackError_ = URLError::posix(error.code(), error.what());
+  } catch (const BodyChanged& error) {
+    callbackError_ = URLError::url(URLError::requestBodyStreamExhausted, error.what());
+  } catch (const std::bad_alloc&) {
+    callbackError_ = URLError::posix(ENOMEM, "no memory for the exchange");
+  } catch (const std::exception& error) {
+    callbackError_ = URLError::url(URLError::unknown, error.what());
+  }
+  return false;
+}
+
+void URLExchange::openBody() {
+  body_ =
+      request_->bodyStream ? request_->bodyStream->open() : std::make_unique<BytesStream>(request_);
+  bodyLeft_ = bodySize();
+}
+
+std::size_t URLExchange::readBody(char* buffer, std::size_t size) noexcept {
+  std::size_t got = 0;
+  const bool isRead = guarded([&] {
+    if (!body_) openBody();
+    const auto wanted = static_cast<std::size_t>(
+        std::min<std::int64_t>(bodyLeft_, static_cast<std::int64_t>(size)));
+    if (wanted == 0) return;
+    got = body_->read(buffer, wanted);
+    bodyLeft_ -= static_cast<std::int64_t>(got);
+    if (got == 0) callbackError_ = bodyEnded();
+  });
+  return isRead && !callbackError_ ? got : CURL_READFUNC_ABORT;
+}
+
+bool URLExchange::rewindBody() noexcept {
+  return guarded([this] { openBody(); });
+}
+
+std::size_t URLExchange::takeHeader(std::string_view line) noexcept {
+  lastActivity_ = Clock::now();
+  const bool isTaken = guarded([&] {
+    if (line.starts_with("HTTP/")) {  // the answer after a redirect or after an interim one
+      response_.headers.clear();
+      // A redirect after 303 is a GET, whatever the method was; a name given as text would stay.
+      long status = 0;
+      curl_easy_getinfo(transfer(), CURLINFO_RESPONSE_CODE, &status);
+      constexpr long seeOther = 303;
+      if (status == seeOther && request_->method != "HEAD") {
+        set(transfer(), CURLOPT_CUSTOMREQUEST, static_cast<const char*>(nullptr));
+      }
+      return;
+    }
+    const std::size_t colon = line.find(':');
+    if (colon == std::string_view::npos) return;
+    response_.headers.add(std::string(trimmed(line.substr(0, colon))),
+                          std::string(trimmed(line.substr(colon + 1))));
+  });
+  return isTaken ? line.size() : 0;
+}
+
+std::size_t URLExchange::takeData(std::string_view bytes) noexcept {
+  return guarded([&] { data_ += bytes; }) ? bytes.size() : CURL_WRITEFUNC_ERROR;
+}
+
+void URLExchange::noteProgress(curl_off_t received, curl_off_t sent) noexcept {
+  if (received == received_ && sent == countOfBytesSent()) return;
+  received_ = received;
+  sent_.store(sent, std::memory_order_relaxed);
+  lastActivity_ = Clock::now();
+}
+
+void URLExchange::finish(CURLcode result) {
+  CurlFailure failure{.code = result};
+  if (result != CURLE_OK) {
+    curl_easy_getinfo(transfer(), CURLINFO_OS_ERRNO, &failure.systemError);
+    curl_easy_getinfo(transfer(), CURLINFO_SSL_VERIFYRESULT, &failure.verifyResult);
+    failure.text = errorText_.data();
+    fail(callbackError_ ? std::move(*callbackError_) : urlError(failure));
+    return;
+  }
+  long status = 0;
+  const char* url = nullptr;
+  curl_easy_getinfo(transfer(), CURLINFO_RESPONSE_CODE, &status);
+  curl_easy_getinfo(transfer(), CURLINFO_EFFECTIVE_URL, &url);
+  response_.statusCode = static_cast<int>(status);
+  response_.url = url == nullptr ? request_->url : url;
+  transfer_.reset();
+  complete(std::move(data_), std::move(response_), std::nullopt);
+}
+
+void URLExchange::fail(URLError error) {
+  transfer_.reset();
+  complete({}, std::nullopt, std::move(error));
+}
+
+void URLExchange::complete(std::string data, std::optional<URLResponse> response,
+                           std::optional<URLError> error) {
+  if (!completion_) return;
+  body_.reset();
+  // On the heap, because work has to be copyable and the data should not be copied.
+  struct Outcome {
+    URLCompletion completion;
+    std::string data;
+    std::optional<URLResponse> response;
+    std::optional<URLError> error;
+  };
+  auto outcome = std::make_shared<Outcome>(Outcome{
+      std::exchange(completion_, nullptr), std::move(data), std::move(response), std::move(error)});
+  queue_.async([outcome = std::move(outcome)] {
+    outcome->completion(std::move(outcome->data), std::move(outcome->response),
+                        std::move(outcome->error));
+  });
+}
+
+}  // namespace velum

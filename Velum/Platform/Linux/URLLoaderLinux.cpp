@@ -1,0 +1,255 @@
+#include "Velum/Platform/Linux/URLLoaderLinux.h"
+
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <exception>
+#include <iterator>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "Velum/Fatal.h"
+#include "Velum/SystemError.h"
+
+namespace velum {
+namespace {
+
+constexpr long idleConnections = 8;
+
+URLError cancelledError() {
+  return URLError::url(URLError::cancelled, "cancelled");
+}
+
+}  // namespace
+
+URLEngine::URLEngine() : multi_(curl_multi_init(), curl_multi_cleanup) {
+  // Without descriptors for it, libcurl would go on and never wake up.
+  if (!multi_ || curl_multi_wakeup(multi_.get()) != CURLM_OK) {
+    throw SystemError(multi_ ? EMFILE : ENOMEM, "URLLoader, curl_multi_init ()");
+  }
+  curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, idleConnections);
+}
+
+bool URLEngine::start(std::shared_ptr<URLExchange> exchange) {
+  {
+    const std::lock_guard guard(lock_);
+    if (!hasThread_ && !startThread()) return false;
+    hasThread_ = true;
+    started_.push_back(std::move(exchange));
+  }
+  curl_multi_wakeup(multi_.get());
+  return true;
+}
+
+void URLEngine::cancel(std::shared_ptr<URLExchange> exchange) {
+  {
+    const std::lock_guard guard(lock_);
+    cancelled_.push_back(std::move(exchange));
+  }
+  curl_multi_wakeup(multi_.get());
+}
+
+int URLEngine::open(int family, int type, int protocol) noexcept {
+  const std::lock_guard guard(lock_);
+  try {
+    sockets_.reserve(sockets_.size() + 1);
+  } catch (const std::exception&) {
+    errno = ENOMEM;
+    return -1;
+  }
+  const int socket = ::socket(family, type | SOCK_CLOEXEC, protocol);
+  if (socket >= 0) sockets_.push_back(socket);
+  return socket;
+}
+
+void URLEngine::close(int socket) noexcept {
+  const std::lock_guard guard(lock_);
+  std::erase(sockets_, socket);
+  ::close(socket);
+}
+
+void URLEngine::lockForFork() noexcept {
+  working_.lock();
+  lock_.lock();
+}
+
+void URLEngine::unlockAfterFork() noexcept {
+  lock_.unlock();
+  working_.unlock();
+}
+
+void URLEngine::abandonInChild() noexcept {
+  for (const int socket : sockets_) ::close(socket);
+}
+
+// Signals belong to the program's own threads.
+bool URLEngine::startThread() {
+  sigset_t all{};
+  sigset_t old{};
+  ::sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, &old);
+  bool isStarted = true;
+  try {
+    std::thread([this] {
+      ::pthread_setname_np(::pthread_self(), "velum-http");
+      run();
+    }).detach();
+  } catch (const std::system_error&) {
+    isStarted = false;
+  }
+  ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  return isStarted;
+}
+
+void URLEngine::run() {
+  while (true) {
+    int milliseconds = 0;
+    {
+      const std::lock_guard guard(working_);
+      takeOrders();
+      int running = 0;
+      curl_multi_perform(multi_.get(), &running);
+      reapFinished();
+      endOverdue();
+      milliseconds = millisecondsToWait();
+    }
+    curl_multi_poll(multi_.get(), nullptr, 0, milliseconds, nullptr);
+  }
+}
+
+// What was ordered during the wait, or since: an order that comes later wakes the next wait.
+void URLEngine::takeOrders() {
+  Exchanges started;
+  Exchanges cancelled;
+  {
+    const std::lock_guard guard(lock_);
+    started.swap(started_);
+    cancelled.swap(cancelled_);
+  }
+  for (auto& exchange : started) add(std::move(exchange));
+  for (const auto& exchange : cancelled) {
+    if (remove(*exchange)) exchange->fail(cancelledError());
+  }
+}
+
+void URLEngine::add(std::shared_ptr<URLExchange> exchange) {
+  exchange->start();
+  const CURLMcode result = curl_multi_add_handle(multi_.get(), exchange->transfer());
+  if (result != CURLM_OK) {
+    exchange->fail(urlError({.code = CURLE_OUT_OF_MEMORY}));
+    return;
+  }
+  running_.push_back(std::move(exchange));
+}
+
+// Takes the exchange away from libcurl; nothing when it has ended before.
+std::shared_ptr<URLExchange> URLEngine::remove(const URLExchange& exchange) {
+  const auto place = std::ranges::find(running_, &exchange, &std::shared_ptr<URLExchange>::get);
+  if (place == running_.end()) return nullptr;
+  std::swap(*place, running_.back());
+  std::shared_ptr<URLExchange> owner = std::move(running_.back());
+  running_.pop_back();
+  curl_multi_remove_handle(multi_.get(), owner->transfer());
+  return owner;
+}
+
+void URLEngine::reapFinished() {
+  int left = 0;
+  while (const CURLMsg* const message = curl_multi_info_read(multi_.get(), &left)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    const CURLcode result = message->data.result;  // gone with the handle's removal
+    if (const auto exchange = remove(URLExchange::of(message->easy_handle))) {
+      exchange->finish(result);
+    }
+  }
+}
+
+void URLEngine::endOverdue() {
+  const auto now = URLExchange::Clock::now();
+  Exchanges overdue;
+  std::ranges::copy_if(running_, std::back_inserter(overdue),
+                       [now](const auto& exchange) { return exchange->deadline() <= now; });
+  for (const auto& exchange : overdue) {
+    remove(*exchange);
+    exchange->fail(URLError::url(URLError::timedOut, "the request timed out"));
+  }
+}
+
+int URLEngine::millisecondsToWait() const {
+  constexpr std::chrono::milliseconds longest(std::chrono::hours(1));
+  if (running_.empty()) return static_cast<int>(longest.count());
+  const auto first = *std::ranges::min_element(
+      running_, {}, [](const auto& exchange) { return exchange->deadline(); });
+  const auto wait =
+      std::chrono::ceil<std::chrono::milliseconds>(first->deadline() - URLExchange::Clock::now());
+  return static_cast<int>(std::clamp(wait, std::chrono::milliseconds(0), longest).count());
+}
+
+URLLoaderLinux::URLLoaderLinux() : ForkParticipant(Stage::service) {
+  if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) fatal("URLLoader: curl_global_init");
+  registerForFork();
+}
+
+std::shared_ptr<URLTask> URLLoaderLinux::load(std::shared_ptr<const URLRequest> request,
+                                              DispatchQueue& queue, URLCompletion completion) {
+  auto exchange = std::make_shared<URLExchange>(
+      std::move(request), queue, std::move(completion),
+      [this](std::shared_ptr<URLExchange> cancelled) { cancel(std::move(cancelled)); });
+  try {
+    URLEngine& serving = engine();
+    if (auto error = exchange->prepare(serving)) {
+      exchange->fail(std::move(*error));
+    } else if (!serving.start(exchange)) {
+      exchange->fail(URLError::posix(EAGAIN, "the system gives no thread for the exchange"));
+    }
+  } catch (const SystemError& error) {
+    exchange->fail(URLError::posix(error.code(), error.what()));
+  }
+  return exchange;
+}
+
+URLEngine& URLLoaderLinux::engine() {
+  const std::lock_guard guard(lock_);
+  if (engine_ == nullptr) engine_ = new URLEngine;  // NOLINT(*-owning-memory): never destroyed
+  return *engine_;
+}
+
+// In a forked child, an exchange of the parent is none of its engine's and nothing happens.
+void URLLoaderLinux::cancel(std::shared_ptr<URLExchange> exchange) {
+  URLEngine* serving = nullptr;
+  {
+    const std::lock_guard guard(lock_);
+    serving = engine_;
+  }
+  if (serving != nullptr) serving->cancel(std::move(exchange));
+}
+
+void URLLoaderLinux::prepareFork() noexcept {
+  lock_.lock();
+  if (engine_ != nullptr) engine_->lockForFork();
+}
+
+void URLLoaderLinux::afterForkInParent() noexcept {
+  if (engine_ != nullptr) engine_->unlockAfterFork();
+  lock_.unlock();
+}
+
+void URLLoaderLinux::afterForkInChild() noexcept {
+  if (engine_ != nullptr) engine_->abandonInChild();
+  abandoned_ = std::exchange(engine_, nullptr);
+  lock_.resetAfterFork();
+}
+
+URLLoader& URLLoader::shared() {
+  static URLLoader& instance = *new URLLoaderLinux;  // NOLINT(*-owning-memory): never destroyed
+  return instance;
+}
+
+}  // namespace velum

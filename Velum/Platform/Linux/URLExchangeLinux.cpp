@@ -317,18 +317,20 @@ void URLExchange::noteProgress(curl_off_t received, curl_off_t sent) noexcept {
 }
 
 void URLExchange::finish(CURLcode result) {
-  CurlFailure failure{.code = result};
-  if (result != CURLE_OK) {
-    curl_easy_getinfo(transfer(), CURLINFO_OS_ERRNO, &failure.systemError);
-    curl_easy_getinfo(transfer(), CURLINFO_SSL_VERIFYRESULT, &failure.verifyResult);
-    failure.text = errorText_.data();
-    fail(callbackError_ ? std::move(*callbackError_) : urlError(failure));
-    return;
-  }
   long status = 0;
   const char* url = nullptr;
   curl_easy_getinfo(transfer(), CURLINFO_RESPONSE_CODE, &status);
   curl_easy_getinfo(transfer(), CURLINFO_EFFECTIVE_URL, &url);
+  if (result != CURLE_OK) {
+    CurlFailure failure{.code = result, .text = errorText_.data()};
+    // Before any answer, it is not the URL: what the server sent is no HTTP.
+    if (result == CURLE_UNSUPPORTED_PROTOCOL && status == 0)
+      failure.code = CURLE_WEIRD_SERVER_REPLY;
+    curl_easy_getinfo(transfer(), CURLINFO_OS_ERRNO, &failure.systemError);
+    curl_easy_getinfo(transfer(), CURLINFO_SSL_VERIFYRESULT, &failure.verifyResult);
+    fail(callbackError_ ? std::move(*callbackError_) : urlError(failure));
+    return;
+  }
   response_.statusCode = static_cast<int>(status);
   response_.url = url == nullptr ? request_->url : url;
   transfer_.reset();

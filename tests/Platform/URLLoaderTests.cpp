@@ -1,0 +1,341 @@
+#include "Velum/Platform/URLLoader.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <iterator>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Velum/Logger/Logger.h"
+#include "Velum/MultipartBody.h"
+#include "Velum/Platform/Linux/CurlErrors.h"
+#include "Velum/SystemError.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Environment.h"
+#include "tests/support/Exchanges.h"
+#include "tests/support/HttpServer.h"
+
+namespace velum::test {
+namespace {
+
+using nlohmann::json;
+
+class Loader : public testing::Test {
+ protected:
+  Loader() { Logger::shared().setHandlers({}); }
+
+  // What /echo saw of a request.
+  static json echoed(const URLRequest& request) {
+    const Outcome outcome = exchanged(request);
+    EXPECT_EQ(outcome.status(), 200) << outcome.failure();
+    return json::parse(outcome.data, nullptr, false);
+  }
+  static std::string failure(const std::string& url) { return exchanged({.url = url}).failure(); }
+
+  // Whatever the machine's own settings are.
+  ScopedVariable noHttpProxy_{"http_proxy", std::nullopt};
+  ScopedVariable noHttpsProxy_{"https_proxy", std::nullopt};
+  ScopedVariable noProxy_{"no_proxy", std::nullopt};
+  HttpServer server_;
+};
+
+TEST_F(Loader, SendsMethodHeadersAndBody) {
+  const std::string bytes("\0\r\n\xFF", 4);
+  for (const std::string method : {"GET", "POST", "PUT", "DELETE", "PATCH", "OPTIONS", "PURGE"}) {
+    for (const std::string& body : {std::string(), bytes}) {
+      const json seen =
+          echoed({.url = server_.url("/a?b=%20c"),
+                  .method = method,
+                  .headers = {{"X-One", " 1 "}, {"X-Empty", ""}, {"content-length", "99"}},
+                  .body = body});
+      EXPECT_EQ(seen["method"], method);
+      EXPECT_EQ(seen["path"], "/a?b=%20c");
+      EXPECT_EQ(seen["body"].get<std::string>().size(), body.empty() ? 0U : 5U) << method;
+      EXPECT_EQ(seen["headers"]["x-one"], "1");
+      EXPECT_EQ(seen["headers"]["x-empty"], "");
+      EXPECT_FALSE(seen["headers"].contains("expect"));
+      EXPECT_FALSE(seen["headers"].contains("transfer-encoding"));
+    }
+  }
+  const Outcome head = exchanged({.url = server_.url("/echo"), .method = "HEAD"});
+  EXPECT_EQ(head.status(), 200);
+  EXPECT_EQ(head.data, "");
+  EXPECT_EQ(head.response->headers.value("x-kind"), "echo");
+}
+
+TEST_F(Loader, GivesAnyStatusAndDecompressedBodies) {
+  const Outcome failed = exchanged({.url = server_.url("/status/500")});
+  EXPECT_EQ(failed.status(), 500);
+  EXPECT_EQ(failed.data, "status");
+  EXPECT_EQ(exchanged({.url = server_.url("/gzip")}).data.size(), 6000U);
+  EXPECT_EQ(failure(server_.url("/badgzip")), "NSURLErrorDomain -1016");
+  const Outcome early =
+      exchanged({.url = server_.url("/early"), .method = "POST", .body = std::string(1'000, 'x')});
+  EXPECT_EQ(early.status(), 413) << early.failure();
+}
+
+TEST_F(Loader, TellsFailuresApart) {
+  const ClosedPort closed;
+  const std::vector<std::pair<std::string, int>> cases{
+      {closed.url(), -1004},
+      {"http://host.invalid/", -1003},
+      {server_.url("/empty"), -1005},
+      {server_.url("/reset"), -1005},
+      {server_.url("/half"), -1005},
+      {server_.url("/garbage"), -1011},
+      {server_.url("/loop"), -1007},
+      {"http://", -1000},
+      {"http://a b/", -1000},
+      {"http://host:99999999/", -1000},
+      {std::string("http://127.0.0.1/\0", 18), -1000},
+      {"", -1002},
+      {"file:///etc/passwd", -1002},
+      {"127.0.0.1/path", -1002},
+      {server_.url("/redirect?status=302&to=file:///etc/passwd"), -1002},
+      {server_.url("/redirect?status=302&to=ftp://127.0.0.1/"), -1002}};
+  for (const auto& [url, code] : cases) {
+    EXPECT_EQ(failure(url), fmt::format("NSURLErrorDomain {}", code)) << url;
+  }
+}
+
+TEST_F(Loader, RefusesHeadersAndMethodsThatWouldBecomeSomethingElse) {
+  for (const HTTPHeaders::Field& field :
+       {HTTPHeaders::Field{"X", "1\r\nY: 2"}, {"X: 1\r\nY", "2"}, {"", "1"}, {"X", "1\nY: 2"}}) {
+    EXPECT_EQ(exchanged({.url = server_.url("/"), .headers = {field}}).failure(),
+              fmt::format("NSPOSIXErrorDomain {}", EINVAL));
+  }
+  for (const std::string method : {"", "GET / HTTP/1.1\r\nX:", "a b"}) {
+    EXPECT_EQ(exchanged({.url = server_.url("/"), .method = method}).failure(),
+              fmt::format("NSPOSIXErrorDomain {}", EINVAL));
+  }
+}
+
+TEST(CurlErrors, KnowWhatOnlyTheSystemSays) {
+  const auto code = [](CURLcode from, long systemError, long verifyResult = 0) {
+    const URLError error =
+        urlError({.code = from, .systemError = systemError, .verifyResult = verifyResult});
+    EXPECT_FALSE(error.text.empty());
+    return error.domain + ' ' + std::to_string(error.code);
+  };
+  EXPECT_EQ(code(CURLE_SEND_ERROR, EPROTOTYPE), "NSPOSIXErrorDomain 41");
+  EXPECT_EQ(code(CURLE_SEND_ERROR, EPIPE), "NSURLErrorDomain -1005");
+  EXPECT_EQ(code(CURLE_COULDNT_CONNECT, ENETUNREACH), "NSURLErrorDomain -1009");
+  EXPECT_EQ(code(CURLE_COULDNT_CONNECT, EHOSTUNREACH), "NSURLErrorDomain -1004");
+  EXPECT_EQ(code(CURLE_COULDNT_CONNECT, ETIMEDOUT), "NSURLErrorDomain -1001");
+  EXPECT_EQ(code(CURLE_COULDNT_RESOLVE_PROXY, 0), "NSURLErrorDomain -1006");
+  EXPECT_EQ(code(CURLE_SSL_CONNECT_ERROR, 0), "NSURLErrorDomain -1200");
+  EXPECT_EQ(code(CURLE_PEER_FAILED_VERIFICATION, 0, 10), "NSURLErrorDomain -1201");
+  EXPECT_EQ(code(CURLE_PEER_FAILED_VERIFICATION, 0, 9), "NSURLErrorDomain -1204");
+  EXPECT_EQ(code(CURLE_PEER_FAILED_VERIFICATION, 0, 18), "NSURLErrorDomain -1202");
+  EXPECT_EQ(code(CURLE_OUT_OF_MEMORY, 0), fmt::format("NSPOSIXErrorDomain {}", ENOMEM));
+  EXPECT_EQ(code(CURLE_FTP_WEIRD_227_FORMAT, 0), "NSURLErrorDomain -1");
+}
+
+TEST_F(Loader, FollowsRedirectsAsBrowsersDo) {
+  struct Case {
+    int status;
+    std::string method;
+    std::string after;
+    bool keepsBody;
+  };
+  const std::vector<Case> cases{
+      {301, "POST", "GET", false}, {302, "POST", "GET", false},   {303, "POST", "GET", false},
+      {303, "PUT", "GET", false},  {303, "PATCH", "GET", false},  {303, "DELETE", "GET", false},
+      {301, "PUT", "PUT", true},   {302, "PATCH", "PATCH", true}, {307, "POST", "POST", true},
+      {308, "POST", "POST", true}, {307, "PATCH", "PATCH", true}, {302, "GET", "GET", true}};
+  for (const Case& redirect : cases) {
+    const Outcome outcome =
+        exchanged({.url = server_.url(fmt::format("/redirect?status={}&to=/echo", redirect.status)),
+                   .method = redirect.method,
+                   .body = "body"});
+    ASSERT_EQ(outcome.status(), 200) << redirect.status << redirect.method << outcome.failure();
+    const json seen = json::parse(outcome.data);
+    EXPECT_EQ(seen["method"], redirect.after) << redirect.status << redirect.method;
+    EXPECT_EQ(seen["body"], redirect.keepsBody ? "body" : "") << redirect.status << redirect.method;
+    EXPECT_EQ(outcome.response->url, server_.url("/echo"));
+    EXPECT_FALSE(outcome.response->headers.value("Location").has_value());
+  }
+}
+
+TEST_F(Loader, KeepsCredentialsFromOtherHosts) {
+  const HTTPHeaders secrets{{"Authorization", "Bearer x"}, {"Cookie", "c=1"}, {"X-Other", "y"}};
+  const std::string redirect = "/redirect?status=302&to=";
+  const json same = echoed({.url = server_.url(redirect + "/echo"), .headers = secrets});
+  EXPECT_EQ(same["headers"]["authorization"], "Bearer x");
+  EXPECT_EQ(same["headers"]["cookie"], "c=1");
+  const json other =
+      echoed({.url = server_.url(redirect + server_.otherUrl("/echo")), .headers = secrets});
+  EXPECT_FALSE(other["headers"].contains("authorization"));
+  EXPECT_FALSE(other["headers"].contains("cookie"));
+  EXPECT_EQ(other["headers"]["x-other"], "y");
+}
+
+TEST_F(Loader, TimesOutWhenNothingMovesHoweverLongTheWhole) {
+  EXPECT_EQ(exchanged({.url = server_.url("/never"), .timeoutInterval = 0.2}, 3).failure(),
+            "NSURLErrorDomain -1001");
+  const Outcome slow = exchanged({.url = server_.url("/drip"), .timeoutInterval = 2});
+  EXPECT_EQ(slow.data, "............") << slow.failure();
+}
+
+TEST_F(Loader, UsesTheProxyOfTheEnvironment) {
+  const ScopedVariable proxy("http_proxy", server_.url(""));
+  EXPECT_EQ(echoed({.url = "http://host.invalid/a"})["path"], "http://host.invalid/a");
+  const ScopedVariable direct("no_proxy", "host.invalid");
+  EXPECT_EQ(failure("http://host.invalid/a"), "NSURLErrorDomain -1003");
+}
+
+TEST(LoaderTls, TrustsOnlyServersThatAnAuthorityVouchesFor) {
+  Logger::shared().setHandlers({});
+  const HttpServer server(HttpServer::Tls::yes);
+  const Outcome refused = exchanged({.url = server.tlsUrl("/echo"), .method = "POST", .body = "b"});
+  EXPECT_EQ(refused.failure(), "NSURLErrorDomain -1202");
+  const ScopedVariable authority("SSL_CERT_FILE", server.certificate());
+  const Outcome trusted = exchanged({.url = server.tlsUrl("/echo"), .method = "POST", .body = "b"});
+  EXPECT_EQ(trusted.status(), 200) << trusted.error->text;
+  // The certificate is another host's.
+  EXPECT_EQ(exchanged({.url = server.tlsUrl("/echo", "localhost")}).failure(),
+            "NSURLErrorDomain -1202");
+  // A server that does not speak TLS at all.
+  std::string plain = server.url("/");
+  EXPECT_EQ(exchanged({.url = plain.replace(0, 4, "https")}).failure(), "NSURLErrorDomain -1200");
+}
+
+TEST_F(Loader, ServesAHundredAtOnce) {
+  std::vector<std::unique_ptr<PendingExchange>> exchanges;
+  for (int i = 0; i < 100; ++i) {
+    exchanges.push_back(std::make_unique<PendingExchange>(
+        URLRequest{.url = server_.url("/store"),
+                   .method = "POST",
+                   .body = std::string(100'000, static_cast<char>('a' + i % 26))}));
+  }
+  for (auto& exchange : exchanges) {
+    const Outcome outcome = exchange->end();
+    EXPECT_EQ(outcome.status(), 200) << outcome.failure();
+    EXPECT_EQ(exchange->task().countOfBytesSent(), 100'000);
+  }
+}
+
+TEST_F(Loader, StreamsAFormFromDisk) {
+  const TemporaryFolder folder;
+  std::string bytes;
+  while (bytes.size() < 3'000'000) bytes += fmt::format("{} ", bytes.size());
+  writeFile(folder / "file", bytes);
+  auto form = std::make_shared<MultipartBody>("B");
+  form->appendField("a", "1");
+  form->appendFile("f", "file", "text/plain", folder / "file", PartPosition::last);
+  std::string expected;
+  appendMultipartField(expected, "B", "a", "1");
+  appendMultipartFile(expected, "B", "f", "file", "text/plain", bytes, PartPosition::last);
+  // A redirect has it read a second time.
+  for (const std::string path : {"/store", "/redirect?status=307&to=/store"}) {
+    const Outcome outcome = exchanged({.url = server_.url(path),
+                                       .method = "POST",
+                                       .headers = {{"Content-Type", form->contentType()}},
+                                       .bodyStream = form});
+    EXPECT_EQ(outcome.status(), 200) << outcome.failure();
+    EXPECT_TRUE(server_.stored() == expected) << path;
+  }
+}
+
+/// Fails in the middle, or ends early.
+class BadBody final : public BodySource {
+ public:
+  explicit BadBody(int error) : error_(error) {}
+  std::int64_t size() const noexcept override { return 1'000'000; }
+  std::unique_ptr<BodyStream> open() const override {
+    struct Stream final : BodyStream {
+      explicit Stream(int code) : error(code) {}
+      std::size_t read(char* buffer, std::size_t) override {
+        *buffer = 'x';
+        if (++reads < 5) return 1;
+        if (error != 0) throw SystemError(error, "read");
+        return 0;
+      }
+      int error;
+      int reads = 0;
+    };
+    return std::make_unique<Stream>(error_);
+  }
+
+ private:
+  int error_;
+};
+
+TEST_F(Loader, EndsWhenTheBodyIsNotWhatWasAnnounced) {
+  const TemporaryFolder folder;
+  const auto sentFrom = [this](std::shared_ptr<const BodySource> body) {
+    return exchanged({.url = server_.url("/store"), .method = "PUT", .bodyStream = std::move(body)})
+        .failure();
+  };
+  EXPECT_EQ(sentFrom(std::make_shared<BadBody>(0)), "NSURLErrorDomain -1021");
+  EXPECT_EQ(sentFrom(std::make_shared<BadBody>(EIO)), fmt::format("NSPOSIXErrorDomain {}", EIO));
+  const auto file = std::make_shared<BodyParts>();
+  writeFile(folder / "file", "12345");
+  file->appendFile(folder / "file");
+  writeFile(folder / "file", "1234");
+  EXPECT_EQ(sentFrom(file), "NSURLErrorDomain -1021");
+  std::filesystem::remove(folder / "file");
+  EXPECT_EQ(sentFrom(file), fmt::format("NSPOSIXErrorDomain {}", ENOENT));
+}
+
+std::ptrdiff_t openDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                       std::filesystem::directory_iterator());
+}
+
+TEST_F(Loader, LeavesNoDescriptorBehind) {
+  constexpr std::ptrdiff_t idleConnections = 8;
+  exchanged({.url = server_.url("/echo")});
+  const std::ptrdiff_t before = openDescriptors();
+  for (int i = 0; i < 15; ++i) {
+    for (const std::string path : {"/half", "/reset", "/echo", "/empty"}) {
+      exchanged({.url = server_.url(path)});
+    }
+    PendingExchange cancelled({.url = server_.url("/never")});
+    cancelled.cancel();
+    cancelled.end();
+  }
+  EXPECT_LE(openDescriptors(), before + idleConnections);
+}
+
+TEST_F(Loader, HandsNoSocketToProgramsThatAreStarted) {
+  PendingExchange exchange({.url = server_.url("/never"), .method = "POST", .body = "b"});
+  ASSERT_TRUE(eventually([&] { return exchange.task().countOfBytesSent() == 1; }));
+  int connections = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int fd = std::stoi(entry.path().filename().string());
+    sockaddr_storage peer{};
+    socklen_t size = sizeof peer;
+    auto* const generic = reinterpret_cast<sockaddr*>(&peer);  // NOLINT: as sockets want it
+    if (::getpeername(fd, generic, &size) != 0 || peer.ss_family == AF_UNIX) continue;
+    ++connections;
+    EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+  }
+  EXPECT_GE(connections, 1);
+  exchange.cancel();
+  exchange.end();
+}
+
+TEST_F(Loader, StartsAnewInAForkedChild) {
+  PendingExchange pending({.url = server_.url("/never"), .method = "POST", .body = "b"});
+  ASSERT_TRUE(eventually([&] { return pending.task().countOfBytesSent() == 1; }));
+  inChild([&] {
+    pending.cancel();  // the parent's
+    EXPECT_EQ(exchanged({.url = server_.url("/echo")}).status(), 200);
+  });
+  EXPECT_EQ(exchanged({.url = server_.url("/echo")}).status(), 200);
+  pending.cancel();
+  EXPECT_EQ(pending.end().failure(), "NSURLErrorDomain -999");
+}
+
+}  // namespace
+}  // namespace velum::test

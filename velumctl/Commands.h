@@ -18,5 +18,6 @@ void addEncryption(CLI::App& app);
 void addNotify(CLI::App& app);
 void addRequest(CLI::App& app);
 void addRespond(CLI::App& app);
+void addHttp(CLI::App& app);
 
 }  // namespace velumctl

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <csignal>
 #include <exception>
 #include <future>
@@ -21,6 +20,7 @@
 #include "velumctl/Errors.h"
 #include "velumctl/LogFile.h"
 #include "velumctl/Moments.h"
+#include "velumctl/ProgressBar.h"
 #include "velumctl/Terminal.h"
 
 namespace velumctl {
@@ -65,28 +65,6 @@ extern "C" void cancelArchive(int /*signal*/) {
   if (Progress* const progress = cancellable.load()) progress->cancel();
 }
 
-// On standard error, where it does not mix with the result.
-void drawBar(const Progress& progress) {
-  constexpr int width = 40;
-  const double done = progress.fractionCompleted();
-  const int filled = static_cast<int>(done * width);
-  std::cerr << fmt::format("\r[{:#<{}}{:<{}}] {:3.0f} %", "", filled, "", width - filled,
-                           done * 100)
-            << std::flush;
-}
-
-void waitFor(std::future<std::exception_ptr>& end, const Progress& progress) {
-  constexpr std::chrono::milliseconds frame(100);
-  if (!isTerminal(STDERR_FILENO)) {
-    end.wait();
-    return;
-  }
-  do {
-    drawBar(progress);
-  } while (end.wait_for(frame) == std::future_status::timeout);
-  std::cerr << "\r\x1B[K" << std::flush;
-}
-
 [[noreturn]] void report(const std::exception_ptr& error, bool isCancelled) try {
   std::rethrow_exception(error);
 } catch (const ArchivingError& failure) {
@@ -120,7 +98,7 @@ void archive(const ArchiveOptions& options) {
       [end](std::exception_ptr failure) { end->set_value(std::move(failure)); });
   cancellable = progress.get();
   if (isInterrupted) progress->cancel();
-  waitFor(error, *progress);
+  waitWithBar(error, isTerminal(STDERR_FILENO), [&] { return progress->fractionCompleted(); });
   cancellable = nullptr;
   if (const std::exception_ptr failure = error.get()) report(failure, progress->isCancelled());
   if (options.json) {

@@ -75,6 +75,7 @@ void addCommands(CLI::App& app) {
   velumctl::addNotify(app);
   velumctl::addRequest(app);
   velumctl::addRespond(app);
+  velumctl::addHttp(app);
 }
 
 // The command that the arguments name, as the user would type it, for pointing to its help.

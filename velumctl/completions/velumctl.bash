@@ -6,6 +6,9 @@ _velumctl_options() {
     "logs save") echo "--since --until --subsystem --max-size --whole --json --help" ;;
     "logs reset") echo "--yes --help" ;;
     "support archive") echo "--log --purpose --since --include --reveal --json --help" ;;
+    "http send")
+      echo "--method --header --data-file --form --file --retries --timeout --output --json --help" ;;
+    "http ") echo "send --help" ;;
     "run ") echo "--directory --json --help" ;;
     "keychain get" | "keychain delete") echo "--service --group --yes --help" ;;
     "keychain set") echo "--service --group --stdin --help" ;;
@@ -26,7 +29,7 @@ _velumctl_options() {
     "storage ") echo "dump --help" ;;
     "notify ") echo "post wait listen --help" ;;
     " ")
-      echo "logs support run keychain defaults storage encrypt decrypt notify request respond" \
+      echo "logs support run keychain defaults storage encrypt decrypt notify request respond http" \
         "--version --help"
       ;;
   esac
@@ -35,9 +38,10 @@ _velumctl_options() {
 _velumctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local group='' command='' i
-  local groups='logs|support|keychain|defaults|storage|notify'
+  local groups='logs|support|keychain|defaults|storage|notify|http'
   local single='run|encrypt|decrypt|request|respond'
   local commands='show|save|reset|archive|get|set|delete|list|read|write|verify|dump|post|wait|listen'
+  commands+='|send'
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; ++i)); do
     # What follows is the command line of another tool.
@@ -64,10 +68,12 @@ _velumctl() {
     --purpose) words="report diagnosis" ;;
     --since | --until) words="10m 1h 1d" ;;
     --max-size) words="1M 30M 100M" ;;
+    --method) words="GET HEAD POST PUT PATCH DELETE" ;;
+    --header | --form | --file | --retries) return ;;
     --type) words="bool integer double string data plist" ;;
     --timeout) words="1 10 60" ;;
     --subsystem | --service | --group | --key-item | --key-fd | --id | --prefix) return ;;
-    --log | --include | --storage | --key-file | --output) compopt -o default 2>/dev/null && return ;;
+    --log | --include | --data-file | --storage | --key-file | --output) compopt -o default 2>/dev/null && return ;;
     --directory) compopt -o dirnames 2>/dev/null && return ;;
     *)
       if [[ $current == -* || -z $group || ($group == @($groups) && -z $command) ]]; then

@@ -68,7 +68,9 @@ class FileReader {
 
 class PartsStream final : public BodyStream {
  public:
-  explicit PartsStream(const std::vector<BodyParts::Part>& parts) : parts_(parts) { beginPart(); }
+  explicit PartsStream(std::vector<BodyParts::Part> parts) : parts_(std::move(parts)) {
+    beginPart();
+  }
 
   std::size_t read(char* buffer, std::size_t size) override {
     std::size_t filled = 0;

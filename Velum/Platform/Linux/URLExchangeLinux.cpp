@@ -324,8 +324,8 @@ void URLExchange::finish(CURLcode result) {
   if (result != CURLE_OK) {
     CurlFailure failure{.code = result, .text = errorText_.data()};
     // Before any answer, it is not the URL: what the server sent is no HTTP.
-    if (result == CURLE_UNSUPPORTED_PROTOCOL && status == 0)
-      failure.code = CURLE_WEIRD_SERVER_REPLY;
+    const bool isNoHttp = result == CURLE_UNSUPPORTED_PROTOCOL && status == 0;
+    if (isNoHttp) failure.code = CURLE_WEIRD_SERVER_REPLY;
     curl_easy_getinfo(transfer(), CURLINFO_OS_ERRNO, &failure.systemError);
     curl_easy_getinfo(transfer(), CURLINFO_SSL_VERIFYRESULT, &failure.verifyResult);
     fail(callbackError_ ? std::move(*callbackError_) : urlError(failure));

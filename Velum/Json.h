@@ -14,6 +14,9 @@ namespace velum {
 /// Text that leaves no copy in freed memory.
 using SecretText = std::basic_string<char, std::char_traits<char>, WipingAllocator<char>>;
 
+/// How the platform's own encoder writes a slash in a string. JSON allows it unescaped as well.
+inline constexpr std::string_view escapedJsonSlash = "\\/";
+
 namespace detail {
 inline void requireFiniteNumbers(const nlohmann::json& value) {
   if (value.is_number_float() && !std::isfinite(value.get<double>())) {
@@ -40,8 +43,11 @@ Text jsonText(const nlohmann::json& value) {
   Text text;
   text.reserve(std::max(plain.size(), onHeap));
   for (const char unit : plain) {
-    if (unit == '/') text.push_back('\\');  // a slash stands in strings only
-    text.push_back(unit);
+    if (unit == '/') {  // stands in strings only
+      text.append(escapedJsonSlash);
+    } else {
+      text.push_back(unit);
+    }
   }
   return text;
 }

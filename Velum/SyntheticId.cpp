@@ -105,12 +105,12 @@ std::optional<std::int64_t> numberOfCodes(std::string_view text) {
 
 std::string Telemetry::createSyntheticId(std::string_view text) {
   constexpr std::string_view alphabet = "abcdef123456789";
-  constexpr std::size_t length = 8;
+  constexpr std::size_t length = invalidSyntheticId.size();
   std::int64_t number = hexadecimalNumber(text).value_or(0);
   if (number == 0) number = numberOfCodes(text).value_or(0);
   if (number == 0) {
     logError({"Velum/Telemetry", "createSyntheticId(from:)"}, "Invalid synthetic id");
-    return std::string(length, alphabet.front());
+    return std::string(invalidSyntheticId);
   }
   constexpr auto base = static_cast<std::int64_t>(alphabet.size());
   std::string identifier;

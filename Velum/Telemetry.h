@@ -101,9 +101,13 @@ class Telemetry {
   AppType appType;
   std::string appVersion;
 
+  /// What stands for every text that no identifier can be made of.
+  static constexpr std::string_view invalidSyntheticId = "aaaaaaaa";
+
   /// Eight characters of "abcdef123456789" that stand for an installation: the number that `text`
   /// is, in hexadecimal, and failing that its characters' ASCII codes written one after the other,
-  /// in decimal. "aaaaaaaa", and an error in the log, when that is no number of 64 bits but 0.
+  /// in decimal. `invalidSyntheticId`, and an error in the log, when that is no number of 64 bits
+  /// but 0.
   static std::string createSyntheticId(std::string_view text);
 
   /// The body for one event; nothing when a text is not UTF-8.

@@ -19,5 +19,7 @@ void addNotify(CLI::App& app);
 void addRequest(CLI::App& app);
 void addRespond(CLI::App& app);
 void addHttp(CLI::App& app);
+void addSysinfo(CLI::App& app);
+void addTelemetry(CLI::App& app);
 
 }  // namespace velumctl

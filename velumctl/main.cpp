@@ -76,6 +76,8 @@ void addCommands(CLI::App& app) {
   velumctl::addRequest(app);
   velumctl::addRespond(app);
   velumctl::addHttp(app);
+  velumctl::addSysinfo(app);
+  velumctl::addTelemetry(app);
 }
 
 // The command that the arguments name, as the user would type it, for pointing to its help.

@@ -9,6 +9,13 @@ _velumctl_options() {
     "http send")
       echo "--method --header --data-file --form --file --retries --timeout --output --json --help" ;;
     "http ") echo "send --help" ;;
+    "telemetry body") echo "--type --name --ref-name --action --label --app-type --app-version" \
+      "--synthetic-id --website-exclusions --app-exclusions --app-locale --system-locale" \
+      "--logged-in --theme --kill-switch --stats --retention-cohort --update-interval" \
+      "--operating-mode --experiment-1 --experiment-2 --experiment-3 --help" ;;
+    "telemetry synthetic-id") echo "--help" ;;
+    "telemetry ") echo "body synthetic-id --help" ;;
+    "sysinfo ") echo "--json --help" ;;
     "run ") echo "--directory --json --help" ;;
     "keychain get" | "keychain delete") echo "--service --group --yes --help" ;;
     "keychain set") echo "--service --group --stdin --help" ;;
@@ -29,8 +36,8 @@ _velumctl_options() {
     "storage ") echo "dump --help" ;;
     "notify ") echo "post wait listen --help" ;;
     " ")
-      echo "logs support run keychain defaults storage encrypt decrypt notify request respond http" \
-        "--version --help"
+      echo "logs support run keychain defaults storage encrypt decrypt notify request respond http sysinfo" \
+        "telemetry --version --help"
       ;;
   esac
 }
@@ -38,10 +45,10 @@ _velumctl_options() {
 _velumctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local group='' command='' i
-  local groups='logs|support|keychain|defaults|storage|notify|http'
-  local single='run|encrypt|decrypt|request|respond'
+  local groups='logs|support|keychain|defaults|storage|notify|http|telemetry'
+  local single='run|encrypt|decrypt|request|respond|sysinfo'
   local commands='show|save|reset|archive|get|set|delete|list|read|write|verify|dump|post|wait|listen'
-  commands+='|send'
+  commands+='|send|body|synthetic-id'
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; ++i)); do
     # What follows is the command line of another tool.
@@ -70,7 +77,8 @@ _velumctl() {
     --max-size) words="1M 30M 100M" ;;
     --method) words="GET HEAD POST PUT PATCH DELETE" ;;
     --header | --form | --file | --retries) return ;;
-    --type) words="bool integer double string data plist" ;;
+    --type) [[ $group == telemetry ]] && words="pageview custom" || words="bool integer double string data plist" ;;
+    --app-type) words="KESTREL_DESK PLOVER_DESK" ;;
     --timeout) words="1 10 60" ;;
     --subsystem | --service | --group | --key-item | --key-fd | --id | --prefix) return ;;
     --log | --include | --data-file | --storage | --key-file | --output) compopt -o default 2>/dev/null && return ;;

@@ -1,0 +1,88 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "Velum/SystemInfo.h"
+#include "Velum/Telemetry.h"
+#include "tests/velumctl/RunningProgram.h"
+
+namespace velum::test {
+namespace {
+
+using testing::HasSubstr;
+
+struct Result {
+  int status;
+  std::string output;
+};
+
+Result velumctl(Strings arguments) {
+  arguments.insert(arguments.begin(), VELUM_VELUMCTL);
+  RunningProgram program = RunningProgram::piped(arguments);
+  const std::string output = program.readToEnd();
+  const int status = program.wait();
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+TEST(VelumctlSysinfo, PrintsWhatTheLibraryKnowsOfTheMachine) {
+  const Result text = velumctl({"sysinfo"});
+  EXPECT_EQ(text.status, 0);
+  EXPECT_THAT(text.output, HasSubstr("System version:    " + SystemInfo::getOSVersion() + "\n"));
+  EXPECT_THAT(text.output, HasSubstr("System extensions: none active\n"));
+  const Result result = velumctl({"sysinfo", "--json"});
+  EXPECT_EQ(result.status, 0);
+  const auto info = nlohmann::json::parse(result.output);
+  EXPECT_EQ(info.at("serial_number"), SystemInfo::serialNumber());
+  EXPECT_EQ(info.at("mac"), SystemInfo::mac() ? nlohmann::json(*SystemInfo::mac()) : nullptr);
+  EXPECT_EQ(info.at("cpu_type"), rawValue(SystemInfo::getCPUType()));
+  EXPECT_EQ(info.at("model"), SystemInfo::getHardwareModel());
+  EXPECT_TRUE(info.at("system_extensions").is_array());
+}
+
+TEST(VelumctlTelemetry, PrintsTheBodyOfAnEvent) {
+  const Strings common{"telemetry",      "body",        "--name",        "a/b",
+                       "--app-type",     "PLOVER_DESK", "--app-version", "1.0",
+                       "--synthetic-id", "x",           "--ref-name",    "r"};
+  const auto body = [&common](const Strings& more) {
+    Strings arguments = common;
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return velumctl(arguments);
+  };
+  const Telemetry telemetry("x", Telemetry::AppType::ploverDesk, "1.0");
+  Telemetry::Props props;
+  props.appLocale = "de-AT";
+  props.systemLocale = "fr-FR";
+  props.loggedIn = false;
+  props.theme = Telemetry::Theme::systemDark;
+  props.experiment3 = "";
+  const Result pageview =
+      body({"--type", "pageview", "--app-locale", "de-AT", "--system-locale", "fr-FR",
+            "--logged-in", "false", "--theme", "SYSTEM_DARK", "--experiment-3", ""});
+  EXPECT_EQ(pageview.status, 0);
+  EXPECT_EQ(pageview.output,
+            telemetry.eventJSONData(Telemetry::Pageview{"a/b", "r"}, props).value() + "\n");
+  const Result custom = body({"--type", "custom", "--action", "click", "--label", "l"});
+  EXPECT_THAT(custom.output,
+              HasSubstr(R"("event":{"name":"a\/b","ref_name":"r","action":"click","label":"l"})"));
+
+  constexpr int usage = 2;
+  EXPECT_EQ(body({"--type", "pageview", "--action", "click"}).status, usage);
+  EXPECT_EQ(body({"--type", "session"}).status, usage);
+  EXPECT_EQ(body({"--type", "custom", "--theme", "Dark"}).status, usage);
+  const Result unencodable = body({"--type", "custom", "--action", "\xFF"});
+  EXPECT_EQ(unencodable.status, 1);
+  EXPECT_EQ(unencodable.output, "");
+}
+
+TEST(VelumctlTelemetry, PrintsSyntheticIdentifiers) {
+  EXPECT_EQ(velumctl({"telemetry", "synthetic-id", "1f"}).output, "bcaaaaaa\n");
+  EXPECT_EQ(velumctl({"telemetry", "synthetic-id", "--", "-1f"}).output, "bcaaaaaa\n");
+  const Result unusable = velumctl({"telemetry", "synthetic-id", "no such number"});
+  EXPECT_EQ(unusable.output, "aaaaaaaa\n");
+  EXPECT_EQ(unusable.status, 1);
+}
+
+}  // namespace
+}  // namespace velum::test

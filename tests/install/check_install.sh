@@ -21,9 +21,10 @@ cd "$prefix/include"
 mkdir "$work/include"
 find Velum -name '*.h' | sort | sed 's/.*/#include "&"/' >"$work/include/all_headers.h"
 test -s "$work/include/all_headers.h"
-while read -r header; do
-  echo "$header" | "$compiler" -std=c++20 -fsyntax-only -I. -x c++ -
-done <"$work/include/all_headers.h"
+export compiler
+# shellcheck disable=SC2016  # expanded by the inner shell
+xargs -P "$(nproc)" -d '\n' -n 1 sh -c \
+  'echo "$0" | "$compiler" -std=c++20 -fsyntax-only -I. -x c++ -' <"$work/include/all_headers.h"
 
 expect_output() {
   local output
@@ -42,8 +43,9 @@ expect_output "$work/build/consumer"
 
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name velum.pc)")
 export PKG_CONFIG_PATH
-read -ra cflags < <(pkg-config --cflags velum)
-read -ra libs < <(pkg-config --libs velum)
+packages=(velum-storage velum-messaging velum-telemetry)
+read -ra cflags < <(pkg-config --cflags "${packages[@]}")
+read -ra libs < <(pkg-config --libs "${packages[@]}")
 "$compiler" -std=c++20 -I"$work/include" "${cflags[@]}" "$sources/consumer.cpp" "${libs[@]}" \
   -o "$work/consumer"
 expect_output "$work/consumer"

@@ -263,7 +263,7 @@ bool isWhole(const Dictionary& content) {
 TEST_F(SecureStorageTest, SurvivesBeingKilledAtAnyPointOfAWrite) {
   key->value = SealedBox::newKey();
   make()->reset(large('a'));
-  for (int round = 0; round < 40; ++round) {
+  for (int round = 0; round < 25; ++round) {
     const test::Pipe ready;
     test::ChildProcess writer([&] {
       const auto storage = make();
@@ -279,7 +279,7 @@ TEST_F(SecureStorageTest, SurvivesBeingKilledAtAnyPointOfAWrite) {
       ASSERT_TRUE(test::isReadable(ready.reader.get()));
       ASSERT_EQ(::read(ready.reader.get(), byte.data(), 1), 1);
     }
-    const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(100 * round);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(160 * round);
     while (std::chrono::steady_clock::now() < end) continue;
     writer.kill();
     EXPECT_TRUE(isWhole(stored())) << round;
@@ -292,7 +292,7 @@ TEST_F(SecureStorageTest, TheLastOfSeveralWritersWinsWhole) {
   std::vector<test::ChildProcess> writers;
   for (const char letter : {'x', 'y', 'z'}) {
     writers.emplace_back([&, letter] {
-      for (int round = 0; round < 20; ++round) {
+      for (int round = 0; round < 8; ++round) {
         const CapturedLog log;
         make()->reset(large(letter));
         EXPECT_FALSE(log.has("Failed"));

@@ -102,7 +102,7 @@ TEST(MultipartBody, StreamsTheSameBytes) {
 TEST(MultipartBody, TakesRegularFilesOnly) {
   const TemporaryFolder folder;
   ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
-  const auto code = [&folder](const std::string& path) {
+  const auto code = [](const std::string& path) {
     MultipartBody body;
     try {
       body.appendFile("f", "f", "text/plain", path);

@@ -27,6 +27,7 @@
 #include "Velum/String.h"
 #include "Velum/SystemError.h"
 #include "Velum/URLSession.h"
+#include "bench/support/Memory.h"
 #include "bench/support/Process.h"
 #include "bench/support/Table.h"
 #include "bench/support/TemporaryFolder.h"
@@ -156,31 +157,13 @@ void upload(const std::string& url, const std::string& path) {
   if (!failure.empty()) throw velum::SystemError(EIO, failure);
 }
 
-// The most memory that `work` had beyond what the process had before, in bytes.
-std::int64_t peakMemory(const std::function<void()>& work) {
-  const auto value = [](const std::string& name) {
-    std::ifstream status("/proc/self/status");
-    for (std::string word; status >> word;) {
-      if (word != name) continue;
-      std::int64_t kilobytes = 0;
-      status >> kilobytes;
-      return kilobytes * 1024;
-    }
-    return std::int64_t{0};
-  };
-  std::ofstream("/proc/self/clear_refs") << "5";  // the peak begins anew
-  const std::int64_t before = value("VmRSS:");
-  work();
-  return value("VmHWM:") - before;
-}
-
 void benchUpload() {
   const bench::TemporaryFolder folder;
   const std::string path = folder.file("file");
   std::ofstream(path).close();
   std::filesystem::resize_file(path, static_cast<std::uintmax_t>(fileSize));
   const Sink sink;
-  const std::int64_t memory = peakMemory([&] { upload(sink.url(), path); });
+  const std::int64_t memory = bench::peakMemory([&] { upload(sink.url(), path); });
   const bench::Run ours = [&] { return bench::timed([&] { upload(sink.url(), path); }); };
   const bench::Run tool = [&] {
     return bench::timed([&] {

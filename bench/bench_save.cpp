@@ -13,6 +13,7 @@
 #include "Velum/Logger/LogSearch.h"
 #include "Velum/Logger/LogSplitter.h"
 #include "Velum/Platform/FileClone.h"
+#include "bench/support/Memory.h"
 #include "bench/support/Process.h"
 #include "bench/support/Table.h"
 #include "bench/support/TemporaryFolder.h"
@@ -125,25 +126,6 @@ void plainCopy(const std::vector<std::string>& files, const std::string& target)
   }
 }
 
-// The most memory that `work` had beyond what the process had before, in bytes.
-template <class Work>
-std::int64_t peakMemory(Work work) {
-  const auto value = [](const std::string& name) {
-    std::ifstream status("/proc/self/status");
-    for (std::string word; status >> word;) {
-      if (word != name) continue;
-      std::int64_t kilobytes = 0;
-      status >> kilobytes;
-      return kilobytes * 1024;
-    }
-    return std::int64_t{0};
-  };
-  std::ofstream("/proc/self/clear_refs") << "5";  // the peak begins anew
-  const std::int64_t before = value("VmRSS:");
-  work();
-  return value("VmHWM:") - before;
-}
-
 }  // namespace
 
 int main() {
@@ -158,9 +140,10 @@ int main() {
   const velum::FileLogManager manager(live);
   emptied(out);
 
-  std::int64_t memory = peakMemory([&] { manager.saveWholeLog(out); });
-  memory = std::max(
-      memory, peakMemory([&] { manager.saveLogs(velum::LogSubsystemSelector::all(), out, {}); }));
+  std::int64_t memory = bench::peakMemory([&] { manager.saveWholeLog(out); });
+  memory = std::max(memory, bench::peakMemory([&] {
+                      manager.saveLogs(velum::LogSubsystemSelector::all(), out, {});
+                    }));
 
   const bench::Run whole = [&] {
     emptied(out);

@@ -4,12 +4,16 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS velum_core velum_storage velum_messaging velum_telemetry EXPORT VelumTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(TARGETS vpn_relauncher velumctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES docs/vpn_relauncher.1 docs/velumctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES velumctl/completions/velumctl.bash RENAME velumctl
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-install(FILES velumctl/completions/_velumctl
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+install(TARGETS vpn_relauncher RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES docs/vpn_relauncher.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+if(TARGET velumctl)
+  install(TARGETS velumctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES docs/velumctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES velumctl/completions/velumctl.bash RENAME velumctl
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+  install(FILES velumctl/completions/_velumctl
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
+endif()
 install(DIRECTORY Velum DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h" PATTERN Linux EXCLUDE)
 

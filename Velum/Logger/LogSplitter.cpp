@@ -110,15 +110,12 @@ void LogSplitter::reportSkipped() {
 // the descriptors: files beyond the first few are opened anew for each write.
 void LogSplitter::write(Output& output, std::size_t size) {
   UniqueFd passing;
-  if (!output.file) {
-    passing = checked::open(output.path, O_WRONLY | O_CREAT | O_APPEND, 0660, caller_);
-    if (openFiles_ < mostOpenFiles) {
-      output.file = std::move(passing);
-      ++openFiles_;
-    }
+  UniqueFd& file = output.file || openFiles_ < mostOpenFiles ? output.file : passing;
+  if (!file) {
+    file = checked::open(output.path, O_WRONLY | O_CREAT | O_APPEND, 0660, caller_);
+    if (output.file) ++openFiles_;
   }
-  const int file = output.file ? output.file.get() : passing.get();
-  checked::write(file, output.gathered.data(), size, caller_);
+  checked::write(file.get(), output.gathered.data(), size, caller_);
   output.gathered.erase(0, size);
   gathered_ -= size;
 }

@@ -51,8 +51,9 @@ struct SendOptions {
 std::string wholeFile(int fd) {
   std::string bytes;
   std::string buffer(65536, '\0');
-  while (const std::size_t got = velum::checked::read(fd, buffer.data(), buffer.size(), "velumctl"))
+  while (const auto got = velum::checked::read(fd, buffer.data(), buffer.size(), "velumctl")) {
     bytes.append(buffer, 0, got);
+  }
   return bytes;
 }
 

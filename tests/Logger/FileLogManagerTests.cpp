@@ -154,6 +154,21 @@ TEST_F(FileLogManagerTest, SplitsBySubsystemAndLosesNoByte) {
   EXPECT_THAT(leftovers(), IsEmpty());
 }
 
+// More files than are kept open, and more text than is gathered at once, in ever changing order.
+TEST_F(FileLogManagerTest, SplitsIntoHundredsOfFiles) {
+  std::map<std::string, std::string> expected;
+  std::string content;
+  for (int number = 0; number < 6000; ++number) {
+    const std::string name = fmt::format("part{}", number * 7 % (number % 3 == 0 ? 150 : 11));
+    const std::string text =
+        record(noon, name, fmt::format("{} {}", number, std::string(999, 'x')));
+    content += text;
+    expected[name] += text;
+  }
+  live(content);
+  EXPECT_TRUE(save({.startDate = noon, .endDate = {}, .maxSize = {}}) == expected);
+}
+
 // A log over two files, large enough for bisection: one record a second.
 class DatedLogTest : public FileLogManagerTest {
  protected:

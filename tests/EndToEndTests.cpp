@@ -5,6 +5,7 @@
 #include <linux/sched.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "Velum/Platform/Linux/ProcessLinux.h"
 #include "Velum/Relauncher.h"
@@ -155,16 +156,11 @@ TEST_F(EndToEnd, StopsAtOnceAtWhatIsNoProcessId) {
   EXPECT_FALSE(isLogged("Looking for")) << log();
 }
 
+// An application that can't be started at all: one that ends at once counts as relaunched where a
+// busy machine takes longer than a quarter of a second for it.
 TEST_F(EndToEnd, GivesUpAfterElevenAttempts) {
-  // An application that still runs after a quarter of a second counts as relaunched: too short for
-  // one that looks for leaks at its end while other tests keep the processors busy.
-  const pid_t helper =
-      start(VELUM_RELAUNCHER, {bundle, "-1"}, {"SAMPLE_APP_EXIT=3", "ASAN_OPTIONS=detect_leaks=0"});
-  for (int attempt = 1; attempt <= 11; ++attempt) {
-    EXPECT_EQ(next().name, "started") << attempt;
-    EXPECT_EQ(next().name, "quit") << attempt;
-  }
-  EXPECT_EQ(exitStatus(helper), 1);
+  std::filesystem::permissions(program(), std::filesystem::perms::owner_read);
+  EXPECT_EQ(exitStatus(start(VELUM_RELAUNCHER, {bundle, "-1"}, {})), 1);
   EXPECT_TRUE(isQuiet());
   const std::string text = log();
   std::size_t at = 0;
@@ -173,7 +169,7 @@ TEST_F(EndToEnd, GivesUpAfterElevenAttempts) {
     ASSERT_NE(at, std::string::npos) << left << " is missing in\n" << text;
   }
   EXPECT_THAT(text.substr(at),
-              HasSubstr("Restart failed with error: " + program() + " ended with status 3\n"));
+              HasSubstr("Restart failed with error: " + program() + ": Permission denied\n"));
 }
 
 TEST_F(EndToEnd, TwoHelpersOpenTheApplicationOnce) {

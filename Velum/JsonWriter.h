@@ -14,9 +14,8 @@ namespace velum {
 bool appendJsonString(std::string& out, std::string_view text);
 
 /// Writes one JSON object straight into a text, its members in the order of the calls, without
-/// blanks, in the form of jsonText. For records with known keys, which need no tree of values; four
-/// times as fast as making and printing one. Throws std::invalid_argument for a text that is no
-/// UTF-8; what is in the text then is of no use.
+/// blanks, in the form of jsonText. For records with known keys, which need no tree of values.
+/// Throws std::invalid_argument for a text that is no UTF-8; what is in the text then is of no use.
 class JsonObjectWriter {
  public:
   explicit JsonObjectWriter(std::string& out) : out_(out) { out_.push_back('{'); }

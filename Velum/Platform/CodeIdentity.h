@@ -1,0 +1,45 @@
+#pragma once
+
+#include <string>
+
+namespace velum {
+
+/// What a check of a process's signature came to.
+struct CodeVerdict {
+  bool valid = false;
+  /// Why it is not valid, for makers who wonder about their own program; empty when it is. Not part
+  /// of any decision.
+  std::string reason;
+};
+
+/// How strict a check is.
+struct CodeCheckOptions {
+  /// Also refuse a signature whose certificates have run out by now. Off by default: a program does
+  /// not become foreign while it runs.
+  bool strictValidity = false;
+};
+
+/// Tells who signed the program that a process runs. What the process loaded beside its executable
+/// (libraries, plug-ins, an interpreter's script) is not looked at. Any thread; nothing throws but
+/// std::bad_alloc.
+///
+/// Linux: the executable is read through the process itself, never through a path that could be
+/// replaced; its signature is a detached CMS signature (DER), in the file NAME.p7s beside it or in
+/// its extended attribute user.velum.signature.
+class CodeIdentity {
+ public:
+  CodeIdentity() = default;
+  CodeIdentity(const CodeIdentity&) = delete;
+  CodeIdentity& operator=(const CodeIdentity&) = delete;
+  virtual ~CodeIdentity() = default;
+
+  /// Trusts the machine's code-signing roots. Never destroyed.
+  static CodeIdentity& shared();
+
+  /// Whether the program of process `pid` is validly signed and the signer's certificate names
+  /// exactly the team `teamIdentifier` as its only organisational unit.
+  virtual CodeVerdict check(int pid, const std::string& teamIdentifier,
+                            const CodeCheckOptions& options = {}) = 0;
+};
+
+}  // namespace velum

@@ -1,7 +1,6 @@
 #include "Velum/IPCDarwinMessage.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -35,48 +34,11 @@ NotifyCenter& center() {
   return NotifyCenter::shared(IPCDarwinMessageConfig::shared().scope);
 }
 
-/// What all requesters of the process sleep on.
-class Condition final : public ForkParticipant {
- public:
-  static Condition& shared() {
-    static Condition& instance = *new Condition;  // NOLINT(*-owning-memory): never destroyed
-    return instance;
-  }
-
-  void broadcast() {
-    {
-      const std::lock_guard guard(mutex_);
-      ++broadcasts_;
-    }
-    condition_.notify_all();  // after the lock, which a woken thread takes at once
-  }
-
-  std::uint64_t broadcasts() {
-    const std::lock_guard guard(mutex_);
-    return broadcasts_;
-  }
-
-  /// Waits for a broadcast after the first `seen`; false when `timeout` passed before.
-  bool wait(std::uint64_t seen, std::chrono::nanoseconds timeout) {
-    std::unique_lock guard(mutex_);
-    return condition_.wait_for(guard, timeout, [&] { return broadcasts_ != seen; });
-  }
-
-  void prepareFork() noexcept override { mutex_.lock(); }
-  void afterForkInParent() noexcept override { mutex_.unlock(); }
-  void afterForkInChild() noexcept override {
-    // It counts waiters that the child does not have. Nothing to destroy: it holds no resource.
-    std::construct_at(&condition_);
-    mutex_.unlock();
-  }
-
- private:
-  Condition() : ForkParticipant(Stage::leaf) { registerForFork(); }
-
-  std::mutex mutex_;
-  std::condition_variable condition_;
-  std::uint64_t broadcasts_ = 0;
-};
+/// How many responses came that somebody in this process had asked for: what all requesters watch.
+std::atomic<std::uint64_t>& responses() {
+  static std::atomic<std::uint64_t> count{0};
+  return count;
+}
 
 /// The observers of requests, one per message.
 class Listeners final : public ForkParticipant {
@@ -86,9 +48,9 @@ class Listeners final : public ForkParticipant {
     return instance;
   }
 
-  void set(const std::string& message, const NotifyCenter::Callback& callback) {
+  void set(const std::string& message, const NotifyCenter::Handler& handler) {
     remove(message);
-    Observer observer = center().addObserver(requestName(message), callback);
+    Observer observer = center().addHandler(requestName(message), handler);
     const std::lock_guard guard(lock_);
     observers_[message].swap(observer);
   }
@@ -129,8 +91,41 @@ const IPCDarwinMessageConfig& IPCDarwinMessageConfig::shared() noexcept {
   return *config;
 }
 
+/// Whose turn it is: that of the queue or of a thread that runs an item in its place.
+class IPCDarwinMessageQueue::Turn final : public ForkParticipant {
+ public:
+  Turn() : ForkParticipant(Stage::leaf) { registerForFork(); }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  ~Turn() override { unregisterForFork(); }
+
+  void enter() noexcept { pending_.fetch_add(1); }
+  bool enterIfIdle() noexcept {
+    int none = 0;
+    return pending_.compare_exchange_strong(none, 1);
+  }
+  void run(const Work& work) noexcept {
+    const std::lock_guard guard(lock_);
+    work();
+    pending_.fetch_sub(1);
+  }
+
+  // A fork does not wait for handlers; the child's queue is empty.
+  void prepareFork() noexcept override {}
+  void afterForkInParent() noexcept override {}
+  void afterForkInChild() noexcept override {
+    pending_ = 0;
+    lock_.resetAfterFork();
+  }
+
+ private:
+  std::atomic<int> pending_{0};
+  UnfairLock lock_;
+};
+
 IPCDarwinMessageQueue::IPCDarwinMessageQueue()
-    : queue_(DispatchQueue::serial("IPCDarwinMessageQueue.Requests")) {}
+    : queue_(DispatchQueue::serial("IPCDarwinMessageQueue.Requests")),
+      turn_(std::make_shared<Turn>()) {}
 
 IPCDarwinMessageQueue& IPCDarwinMessageQueue::shared() {
   static IPCDarwinMessageQueue& instance =
@@ -139,7 +134,18 @@ IPCDarwinMessageQueue& IPCDarwinMessageQueue::shared() {
 }
 
 void IPCDarwinMessageQueue::async(Work work) {
-  group_.async(*queue_, std::move(work));
+  turn_->enter();
+  group_.async(*queue_, [turn = turn_, work = std::move(work)] { turn->run(work); });
+}
+
+void IPCDarwinMessageQueue::runOrAsync(Work work) {
+  if (!turn_->enterIfIdle()) {
+    async(std::move(work));
+    return;
+  }
+  group_.enter();
+  turn_->run(work);
+  group_.leave();
 }
 
 bool IPCDarwinMessageQueue::wait(std::chrono::nanoseconds timeout) {
@@ -154,12 +160,11 @@ bool IPCDarwinMessage::sendRequest(const std::string& message, const std::string
                                    std::chrono::nanoseconds timeout) try {
   constexpr std::string_view function = "sendRequest(_:responseId:)";
   logVerbose({sourceFile, function}, "calling sendRequest");
-  Condition& condition = Condition::shared();
-  const auto observer = center().addObserver(responseName(message, responseId),
-                                             [&condition] { condition.broadcast(); });
-  const std::uint64_t seen = condition.broadcasts();
+  const auto observer =
+      center().addAwaited(responseName(message, responseId), [] { ++responses(); });
+  const std::uint64_t seen = responses();
   center().post(requestName(message));
-  const bool result = condition.wait(seen, timeout);
+  const bool result = center().wait([seen] { return responses() != seen; }, timeout);
   logDebug({sourceFile, function}, "After waiting, result: {}", result);
   return result;
 } catch (const SystemError& error) {
@@ -176,8 +181,11 @@ void IPCDarwinMessage::sendResponse(const std::string& message, const std::strin
 
 bool IPCDarwinMessage::addListener(const std::string& message, Handler handler) try {
   const auto shared = std::make_shared<const Handler>(std::move(handler));
-  Listeners::shared().set(
-      message, [shared] { IPCDarwinMessageQueue::shared().async([shared] { (*shared)(); }); });
+  Listeners::shared().set(message, [shared](bool mayTakeLong) {
+    auto& queue = IPCDarwinMessageQueue::shared();
+    const auto work = [shared] { (*shared)(); };
+    mayTakeLong ? queue.runOrAsync(work) : queue.async(work);
+  });
   return true;
 } catch (const SystemError& error) {
   logError({sourceFile, "addListener(_:handler:)"}, "{}", error.what());

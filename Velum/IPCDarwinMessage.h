@@ -32,12 +32,16 @@ class IPCDarwinMessageQueue {
 
   /// Hands in `work` as part of the group; it runs on the queue "IPCDarwinMessageQueue.Requests".
   void async(Work work);
+  /// The same, on the calling thread as an item of the queue, where nothing is running or waiting.
+  void runOrAsync(Work work);
   /// Blocks until all work handed in so far has run; false when `timeout` passed first. Not to be
   /// called on the queue itself.
   bool wait(std::chrono::nanoseconds timeout = std::chrono::nanoseconds::max());
 
  private:
+  class Turn;
   std::shared_ptr<DispatchQueue> queue_;
+  std::shared_ptr<Turn> turn_;
   DispatchGroup group_;
 };
 

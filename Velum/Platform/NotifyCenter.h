@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -26,6 +27,9 @@ class NotifyCenter {
   enum class Scope : std::uint8_t { user, system };
 
   using Callback = std::function<void()>;
+  /// Is told whether it may take long, or block, on the thread it is called on. If not, other
+  /// callbacks wait for it.
+  using Handler = std::function<void(bool mayTakeLong)>;
 
   /// Ends the observation when it is destroyed: no call of the callback begins afterwards. One that
   /// has begun elsewhere runs to its end beside it, so a callback should own or weakly hold what it
@@ -49,10 +53,23 @@ class NotifyCenter {
   /// full, or something that is no notification stands in its place.
   virtual void post(std::string_view name) = 0;
 
-  /// Calls `callback` after every post of `name` from now on, on the serial queue "notify center",
-  /// which all callbacks of the scope share: they should be short. The observer is active when this
-  /// returns. A callback must not throw. Throws SystemError.
+  /// Calls `callback` after every post of `name` from now on, on a thread of the center, where all
+  /// callbacks of the scope run one after the other: they should be short. The observer is active
+  /// when this returns. A callback must not throw. Throws SystemError.
   virtual std::unique_ptr<Observer> addObserver(std::string_view name, Callback callback) = 0;
+
+  /// The same for what belongs on a queue of its own: spares the change of thread where nobody else
+  /// has to wait meanwhile.
+  virtual std::unique_ptr<Observer> addHandler(std::string_view name, Handler handler) = 0;
+
+  /// The same for somebody about to `wait`: `callback` is called while some thread does, perhaps on
+  /// that thread, and maybe never when none does.
+  virtual std::unique_ptr<Observer> addAwaited(std::string_view name, Callback callback) = 0;
+
+  /// Blocks until `isDone`, which callbacks make true, is asked after one of them and says so;
+  /// false when `timeout` passed first. `isDone` is called under a lock: it should look at an
+  /// atomic value. Not to be called inside callbacks, except of a handler that may take long.
+  virtual bool wait(const std::function<bool()>& isDone, std::chrono::nanoseconds timeout) = 0;
 };
 
 }  // namespace velum

@@ -51,6 +51,11 @@ class NotifyCenterTest : public ::testing::Test {
     center->post("settle");
     EXPECT_TRUE(told.try_acquire_for(test::deadline));
   }
+  void makeGroups() const {
+    const NotifyFolder notify(path, Sharing::user);
+    notify.make();
+    for (std::size_t group = 0; group < NotifyFolder::groups; ++group) notify.makeGroup(group);
+  }
   std::string fileOf(std::string_view name) const {
     return path + '/' + NotifyFolder::fileName(name);
   }
@@ -128,7 +133,8 @@ TEST_F(NotifyCenterTest, TakesNamesOfAnyLengthAndAnyBytes) {
   for (std::size_t i = 0; i < names.size(); ++i) EXPECT_EQ(counts[i], 1) << i;
   EXPECT_THAT(test::readFile(fileOf(names.back())), ::testing::EndsWith(names.back()));
   for (const auto& entry : fs::recursive_directory_iterator(folder.path())) {
-    EXPECT_TRUE(entry.path() == path || entry.path().parent_path() == path) << entry.path();
+    const auto group = entry.is_directory() ? entry.path() : entry.path().parent_path();
+    EXPECT_TRUE(entry.path() == path || group.parent_path() == path) << entry.path();
   }
 }
 
@@ -239,7 +245,7 @@ TEST_F(NotifyCenterTest, FindsAFolderAgainThatItCanNotMakeItself) {
 TEST_F(NotifyCenterTest, RefusesWhatSomebodyPutInTheFilesPlace) {
   const auto handler = std::make_shared<test::RecordingLogHandler>();
   Logger::shared().setHandlers({handler});
-  center->post("ready");
+  makeGroups();
   const std::string victim = folder / "victim";
   test::writeFile(victim, "precious");
   fs::create_symlink(victim, fileOf("link"));
@@ -288,8 +294,10 @@ TEST_F(NotifyCenterTest, LetsAllUsersPostInTheScopeOfTheSystem) {
   ::umask(before);
   EXPECT_TRUE(reaches(count, 1));
   struct stat status {};
-  ASSERT_EQ(::stat(path.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777U, 01777U);
+  for (const fs::path& made : {fs::path(path), fs::path(fileOf("name")).parent_path()}) {
+    ASSERT_EQ(::stat(made.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 01777U);
+  }
   ASSERT_EQ(::stat(fileOf("name").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777U, 0666U);
   if (::geteuid() != 0) return;
@@ -349,26 +357,94 @@ TEST_F(NotifyCenterTest, CallsNoCallbackAfterItsObserverWasRemoved) {
   poster.join();
 }
 
+TEST_F(NotifyCenterTest, AHandlerThatTakesLongKeepsNobodyWaiting) {
+  std::binary_semaphore begun{0};
+  std::binary_semaphore goOn{0};
+  std::atomic<bool> mayTakeLong{false};
+  std::atomic<int> calls{0};
+  std::atomic<int> ended{0};
+  const auto handler = center->addHandler("long", [&](bool isAllowed) {
+    mayTakeLong = isAllowed;
+    ++calls;
+    if (!isAllowed) return;
+    begun.release();
+    goOn.acquire();
+    ++ended;
+  });
+  center->post("long");
+  ASSERT_TRUE(begun.try_acquire_for(test::deadline));
+  // A thread that waits reads itself, and gets the handler's calls as well.
+  std::atomic<int> answers{0};
+  auto awaited = center->addAwaited("answer", [&] { ++answers; });
+  center->post("answer");
+  EXPECT_TRUE(center->wait([&] { return answers == 1; }, test::deadline));
+  EXPECT_FALSE(center->wait([&] { return answers == 2; }, std::chrono::milliseconds(1)));
+  center->post("long");
+  center->post("answer");
+  EXPECT_TRUE(center->wait([&] { return calls == 2 && answers == 2; }, test::deadline));
+  EXPECT_FALSE(mayTakeLong);
+  // An observer that waits for nobody is given a thread.
+  std::atomic<int> count{0};
+  auto observer = counting("name", count);
+  center->post("name");
+  EXPECT_TRUE(reaches(count, 1));
+  goOn.release();
+  // As long as it is there, no handler may take long.
+  center->post("long");
+  EXPECT_TRUE(reaches(calls, 3));
+  settle();
+  EXPECT_FALSE(mayTakeLong);
+  observer.reset();
+  center->post("long");
+  EXPECT_TRUE(begun.try_acquire_for(test::deadline));
+  goOn.release();
+  EXPECT_TRUE(reaches(ended, 2));
+  EXPECT_TRUE(mayTakeLong);
+}
+
+TEST_F(NotifyCenterTest, EveryThreadThatWaitsIsWokenByWhoeverReads) {
+  constexpr int waiters = 4;
+  std::atomic<int> answers{0};
+  const auto awaited = center->addAwaited("answer", [&] { ++answers; });
+  for (int round = 1; round <= 50; ++round) {
+    std::vector<std::thread> threads;
+    std::atomic<int> woken{0};
+    for (int i = 0; i < waiters; ++i) {
+      threads.emplace_back([&, round] {
+        if (center->wait([&, round] { return answers >= round; }, test::deadline)) ++woken;
+      });
+    }
+    if (round == 25) fs::rename(path, folder / "elsewhere");
+    center->post("answer");
+    for (auto& thread : threads) thread.join();
+    ASSERT_EQ(woken, waiters);
+  }
+}
+
 TEST_F(NotifyCenterTest, ObservesAThousandNamesWithOneDescriptor) {
   const auto descriptors = [] {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
   };
   std::atomic<int> count{0};
-  const auto first = counting("first", count);
-  center->post("first");
-  settle();
+  std::vector<Observer> first;
+  for (int i = 0; i < 20; ++i) {
+    const std::string name = "first" + std::to_string(i);
+    first.push_back(counting(name, count));
+    center->post(name);  // keeps a few files open
+  }
+  EXPECT_TRUE(reaches(count, 20));
   const auto before = descriptors();
   {
     std::vector<Observer> observers;
     for (int i = 0; i < 1000; ++i) observers.push_back(counting(std::to_string(i), count));
     for (int i = 0; i < 1000; ++i) center->post(std::to_string(i));
-    EXPECT_TRUE(reaches(count, 1001));
+    EXPECT_TRUE(reaches(count, 1020));
     EXPECT_EQ(descriptors(), before);
   }
   EXPECT_EQ(descriptors(), before);
   auto another = centerOf(path);
   const auto kept = another->addObserver("name", [] {});
-  another.reset();  // its descriptors are closed from its queue
+  another.reset();  // its descriptor is closed by its thread
   EXPECT_TRUE(test::eventually([&] { return descriptors() == before; }));
 }
 

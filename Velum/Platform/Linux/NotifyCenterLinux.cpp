@@ -1,14 +1,18 @@
 #include "Velum/Platform/Linux/NotifyCenterLinux.h"
 
-#include <sys/inotify.h>
+#include <poll.h>
+#include <pthread.h>
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <mutex>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include "Velum/Logger/Logger.h"
@@ -25,7 +29,10 @@ constexpr std::chrono::minutes sweepPause{1};
 constexpr std::uint32_t folderIsGone = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
 // A file that was removed while a poster had it open is none of ours any more: the poster notices
 // and posts again.
-constexpr std::uint32_t watched = IN_MODIFY | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK;
+constexpr std::uint32_t otherFile = IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+constexpr std::uint32_t rootEvents = IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr std::uint32_t groupEvents =
+    IN_MODIFY | otherFile | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK;
 
 std::shared_ptr<NotifyCenterLinux> userCenter() {
   const auto runtime = Directories::shared().runtime();
@@ -36,11 +43,16 @@ std::shared_ptr<NotifyCenterLinux> userCenter() {
 
 /// One observer. Shared by the center, the handle and deliveries on their way.
 struct NotifyCenterLinux::Registration {
-  Registration(std::string fileName, Callback handler)
-      : file(std::move(fileName)), callback(std::move(handler)) {}
+  Registration(std::string fileName, Kind itsKind, Handler itsHandler)
+      : file(std::move(fileName)), kind(itsKind), handler(std::move(itsHandler)) {}
+
+  void call(bool mayTakeLong) const {
+    if (!isRemoved.load(std::memory_order_acquire)) handler(mayTakeLong);
+  }
 
   const std::string file;
-  const Callback callback;
+  const Kind kind;
+  const Handler handler;
   NotifyGeneration seen;
   std::atomic<bool> isRemoved{false};
 };
@@ -83,13 +95,18 @@ NotifyCenterLinux::NotifyCenterLinux(std::string folder, NotifyFolder::Sharing s
 
 NotifyCenterLinux::~NotifyCenterLinux() {
   unregisterForFork();
+  // Wakes the center's thread, which may be reading, and then finds no center.
+  if (generation_ == forkGeneration()) unwatchLk();
 }
 
 void NotifyCenterLinux::afterForkInChild() noexcept {
   // The parent reads this descriptor's events; a child that read along would steal them.
-  inotify_.reset();
-  watch_ = -1;
+  if (inotify_) inotify_->fd.reset();
+  root_ = -1;
+  groups_ = {};
   isRetrying_ = false;
+  hasServer_ = false;
+  isServerLent_ = false;
   lock_.resetAfterFork();
 }
 
@@ -99,113 +116,267 @@ void NotifyCenterLinux::post(std::string_view name) {
 
 std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::addObserver(std::string_view name,
                                                                        Callback callback) {
+  return add(name, Kind::observer, [callback = std::move(callback)](bool) { callback(); });
+}
+
+std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::addHandler(std::string_view name,
+                                                                      Handler handler) {
+  return add(name, Kind::handler, std::move(handler));
+}
+
+std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::addAwaited(std::string_view name,
+                                                                      Callback callback) {
+  return add(name, Kind::awaited, [callback = std::move(callback)](bool) { callback(); });
+}
+
+std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::add(std::string_view name, Kind kind,
+                                                               Handler handler) {
   auto registration =
-      std::make_shared<Registration>(NotifyFolder::fileName(name), std::move(callback));
+      std::make_shared<Registration>(NotifyFolder::fileName(name), kind, std::move(handler));
   Observers inherited;
   const std::lock_guard guard(lock_);
-  if (std::exchange(generation_, forkGeneration()) != forkGeneration()) inherited.swap(observers_);
+  if (std::exchange(generation_, forkGeneration()) != forkGeneration()) {
+    inherited.swap(observers_);
+    plainObservers_ = 0;
+  }
   openLk();
-  if (watch_ < 0) watchLk();
+  const std::size_t group = NotifyFolder::groupOf(registration->file);
+  if (!isWatchingLk()) watchLk();
+  if (groups_.at(group).watch < 0) watchGroupLk(group);
+  // A thread that runs a handler may take long to come back.
+  const bool isServed = hasServer_ && !(isServerLent_ && kind == Kind::observer);
+  if (kind != Kind::awaited && !isServed) startServerLk();
   // After the watch: what is posted from here on gives an event.
   registration->seen = folder_.look(registration->file).generation;
   observers_[registration->file].push_back(registration);
+  ++groups_.at(group).observers;
+  if (kind == Kind::observer) ++plainObservers_;
   return std::make_unique<Handle>(weak_from_this(), std::move(registration));
 }
 
 void NotifyCenterLinux::remove(const std::shared_ptr<Registration>& registration) {
   const std::lock_guard guard(lock_);
   const auto entry = observers_.find(registration->file);
-  if (entry == observers_.end()) return;
-  std::erase(entry->second, registration);
+  if (entry == observers_.end() || std::erase(entry->second, registration) == 0) return;
+  --groups_.at(NotifyFolder::groupOf(registration->file)).observers;
+  if (registration->kind == Kind::observer) --plainObservers_;
   if (entry->second.empty()) observers_.erase(entry);
 }
 
+bool NotifyCenterLinux::wait(const std::function<bool()>& isDone,
+                             std::chrono::nanoseconds timeout) {
+  constexpr std::chrono::nanoseconds longest = std::chrono::hours(24 * 365);
+  const auto deadline = Clock::now() + std::min(timeout, longest);
+  std::shared_ptr<Inotify> inotify;
+  while (reader_.take(isDone, deadline) == NotifyReaderRole::Answer::mine) {
+    bool isWatching = false;
+    {
+      const std::lock_guard guard(lock_);
+      inotify = inotify_;
+      isWatching = isWatchingLk();
+    }
+    Events events;
+    read(*inotify, events, isWatching ? deadline : std::min(deadline, Clock::now() + retryPause));
+    const Registrations handlers = finish(take(events));
+    for (const auto& handler : handlers) handler->call(false);
+    reader_.giveUp();
+  }
+  return isDone();
+}
+
 void NotifyCenterLinux::openLk() {
-  if (inotify_) return;
-  UniqueFd fresh(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  if (inotify_ && inotify_->fd) return;
+  UniqueFd fresh(::inotify_init1(IN_CLOEXEC));
   if (!fresh) throw lastSystemError("addObserver(_:callback:), inotify_init1 ()");
-  source_ = DispatchSource::readable(fresh.get(), *queue_, [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->read();
-  });
-  inotify_ = std::move(fresh);
+  inotify_ = std::make_shared<Inotify>();
+  inotify_->fd = std::move(fresh);
+}
+
+int NotifyCenterLinux::addWatchLk(const UniqueFd& folder, std::uint32_t events) const {
+  // The folder that was checked, whatever stands at its path by now.
+  const std::string target = "/proc/self/fd/" + std::to_string(folder.get());
+  const int watch = ::inotify_add_watch(inotify_->fd.get(), target.c_str(), events);
+  if (watch < 0) {
+    throw lastSystemError("addObserver(_:callback:), inotify_add_watch (" + folder_.path() + ")");
+  }
+  return watch;
 }
 
 void NotifyCenterLinux::watchLk() {
-  const UniqueFd folder = folder_.make();
-  // The folder that was checked, whatever stands at its path by now.
-  const std::string target = "/proc/self/fd/" + std::to_string(folder.get());
-  watch_ = ::inotify_add_watch(inotify_.get(), target.c_str(), watched);
-  if (watch_ < 0) {
-    throw lastSystemError("addObserver(_:callback:), inotify_add_watch (" + folder_.path() + ")");
+  root_ = addWatchLk(folder_.make(), rootEvents);
+  try {
+    for (std::size_t group = 0; group < groups_.size(); ++group) {
+      if (groups_.at(group).observers > 0) watchGroupLk(group);
+    }
+  } catch (const SystemError&) {
+    unwatchLk();
+    throw;
   }
 }
 
-// Without a folder, as when only the system may make it, looks for it every second.
+void NotifyCenterLinux::watchGroupLk(std::size_t group) {
+  groups_.at(group).watch = addWatchLk(folder_.makeGroup(group), groupEvents);
+}
+
+// Also needed for folders that were moved: they keep their watch otherwise.
+void NotifyCenterLinux::unwatchLk() {
+  const auto remove = [this](int& watch) {
+    if (watch >= 0) ::inotify_rm_watch(inotify_->fd.get(), watch);
+    watch = -1;
+  };
+  remove(root_);
+  for (Group& group : groups_) remove(group.watch);
+}
+
+// Without a folder, as when only the system may make it, whoever reads looks for it every second.
 void NotifyCenterLinux::rewatchLk(Outcome& outcome) {
   try {
     watchLk();
   } catch (const SystemError& error) {
     if (!std::exchange(isRetrying_, true)) outcome.complaints.emplace_back(error.what());
-    queue_->asyncAfter(retryPause, [weak = weak_from_this(), generation = forkGeneration()] {
-      const auto self = weak.lock();
-      if (!self || generation != forkGeneration()) return;
-      Outcome later;
-      {
-        const std::lock_guard guard(self->lock_);
-        if (self->watch_ < 0) self->rewatchLk(later);
-      }
-      finish(later);
-    });
     return;
   }
   isRetrying_ = false;
   compareAllLk(outcome);
 }
 
-void NotifyCenterLinux::read() {
-  Outcome outcome;
-  {
-    const std::lock_guard guard(lock_);
-    std::vector<std::string> changed;
-    const bool isComplete = readEventsLk(changed);
-    for (const std::string& file : changed) compareLk(file, true, outcome);
-    if (watch_ < 0) {
-      rewatchLk(outcome);
-    } else if (!isComplete) {
-      compareAllLk(outcome);
-    }
+// Signals belong to the program's own threads: this one is born with all of them blocked.
+void NotifyCenterLinux::startServerLk() {
+  sigset_t all{};
+  sigset_t old{};
+  ::sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, &old);
+  int error = 0;
+  try {
+    std::thread([weak = weak_from_this(), inotify = inotify_, server = server_ + 1] {
+      ::pthread_setname_np(::pthread_self(), "velum-notify");
+      serve(weak, inotify, server);
+    }).detach();
+  } catch (const std::system_error& failure) {
+    error = failure.code().value();
   }
-  finish(outcome);
+  ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  if (error != 0) throw SystemError(error, "addObserver(_:callback:), pthread_create ()");
+  ++server_;
+  hasServer_ = true;
+  isServerLent_ = false;
 }
 
-// False when the kernel lost events. What is left unread makes the descriptor readable once more.
-bool NotifyCenterLinux::readEventsLk(std::vector<std::string>& changed) {
-  alignas(inotify_event) std::array<char, 16384> buffer;  // NOLINT: filled by read
-  const ssize_t size =
-      retryInterrupted([&] { return ::read(inotify_.get(), buffer.data(), buffer.size()); });
+// Keeps no center alive while it waits for events.
+void NotifyCenterLinux::serve(const std::weak_ptr<NotifyCenterLinux>& weak,
+                              const std::shared_ptr<Inotify>& inotify, unsigned server) {
+  if (const auto center = weak.lock()) center->reader_.take();
+  Events events;
+  for (bool isWatching = true;;) {
+    read(*inotify, events, isWatching ? Clock::time_point::max() : Clock::now() + retryPause);
+    const auto center = weak.lock();
+    if (!center || !center->serveTurn(events, server, isWatching)) return;
+  }
+}
+
+// False when another thread has taken over.
+bool NotifyCenterLinux::serveTurn(const Events& events, unsigned server, bool& isWatching) {
+  const Registrations handlers = finish(take(events));
+  if (!handlers.empty()) runLong(handlers, server);
+  reader_.announce();
+  const std::lock_guard guard(lock_);
+  isWatching = isWatchingLk();
+  return server == server_;
+}
+
+// Several could wait for each other, so that only the last one runs here; nobody else has to wait
+// for it, or is even read for: who waits for a response reads itself.
+void NotifyCenterLinux::runLong(const Registrations& handlers, unsigned server) {
+  for (auto next = handlers.begin(); next != handlers.end() - 1; ++next) (*next)->call(false);
+  bool isLent = false;
+  {
+    const std::lock_guard guard(lock_);
+    isLent = isServerLent_ = plainObservers_ == 0;
+  }
+  if (isLent) reader_.giveUp();
+  handlers.back()->call(isLent);
+  if (!isLent) return;
+  {
+    const std::lock_guard guard(lock_);
+    if (server != server_) return;
+    isServerLent_ = false;
+  }
+  reader_.take();
+}
+
+void NotifyCenterLinux::read(const Inotify& inotify, Events& events, Clock::time_point deadline) {
+  events.size = 0;
+  if (deadline != Clock::time_point::max()) {
+    pollfd readable{.fd = inotify.fd.get(), .events = POLLIN, .revents = 0};
+    const int count = retryInterrupted([&] {
+      const auto left = std::max(deadline - Clock::now(), Clock::duration::zero());
+      const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+      const timespec limit{.tv_sec = seconds.count(), .tv_nsec = (left - seconds).count()};
+      return ::ppoll(&readable, 1, &limit, nullptr);
+    });
+    if (count <= 0) return;
+  }
+  const ssize_t size = retryInterrupted(
+      [&] { return ::read(inotify.fd.get(), events.bytes.data(), events.bytes.size()); });
+  events.size = static_cast<std::size_t>(std::max<ssize_t>(size, 0));
+}
+
+NotifyCenterLinux::Outcome NotifyCenterLinux::take(const Events& events) {
+  Outcome outcome;
+  const std::lock_guard guard(lock_);
+  std::vector<std::string> changed;
+  const bool isComplete = parseLk(events, changed);
+  for (const std::string& file : changed) compareLk(file, true, outcome);
+  if (!isWatchingLk()) {
+    rewatchLk(outcome);
+  } else if (!isComplete) {
+    compareAllLk(outcome);
+  }
+  return outcome;
+}
+
+// False when the kernel lost events. What was left unread makes the descriptor readable once more.
+bool NotifyCenterLinux::parseLk(const Events& events, std::vector<std::string>& changed) {
   bool isComplete = true;
-  std::unordered_set<std::string> known;
-  for (std::ptrdiff_t offset = 0; offset < size;) {
+  for (std::size_t offset = 0; offset < events.size;) {
     inotify_event event{};
-    std::memcpy(&event, buffer.data() + offset, sizeof event);
-    const char* const name = buffer.data() + offset + sizeof event;
-    offset += static_cast<std::ptrdiff_t>(sizeof event + event.len);
+    std::memcpy(&event, events.bytes.data() + offset, sizeof event);
+    const char* const name = events.bytes.data() + offset + sizeof event;
+    offset += sizeof event + event.len;
     if ((event.mask & IN_Q_OVERFLOW) != 0) isComplete = false;
-    if (event.wd != watch_) continue;  // of an earlier folder
-    if ((event.mask & folderIsGone) != 0) {
-      ::inotify_rm_watch(inotify_.get(), watch_);  // a folder that was moved keeps it otherwise
-      watch_ = -1;
-    } else if (event.len > 0 && observers_.contains(name) && known.insert(name).second) {
-      changed.emplace_back(name);
-    }
+    noteLk(event, event.len > 0 ? name : "", changed);
   }
   return isComplete;
+}
+
+void NotifyCenterLinux::noteLk(const inotify_event& event, const char* name,
+                               std::vector<std::string>& changed) {
+  const auto group = std::find_if(groups_.begin(), groups_.end(),
+                                  [&](const Group& one) { return one.watch == event.wd; });
+  const bool isRoot = event.wd == root_;
+  if (event.wd < 0 || (!isRoot && group == groups_.end())) return;  // of an earlier folder
+  if ((event.mask & folderIsGone) != 0) {
+    unwatchLk();
+    return;
+  }
+  if (isRoot || *name == '\0') return;
+  if (group->observers == 0) {  // nobody here is interested any more
+    ::inotify_rm_watch(inotify_->fd.get(), std::exchange(group->watch, -1));
+    return;
+  }
+  std::string file{static_cast<char>('0' + (group - groups_.begin())), '/'};
+  file += name;
+  if ((event.mask & otherFile) != 0) folder_.forget(file);
+  const bool isNew = std::find(changed.begin(), changed.end(), file) == changed.end();
+  if ((event.mask & IN_MODIFY) != 0 && isNew && observers_.contains(file)) {
+    changed.push_back(std::move(file));
+  }
 }
 
 void NotifyCenterLinux::compareLk(const std::string& file, bool isChanged, Outcome& outcome) {
   const auto entry = observers_.find(file);
   if (entry == observers_.end()) return;
-  const NotifyFolder::Look look = folder_.look(file);
+  const NotifyFolder::Look look = folder_.lookAgain(file);
   using State = NotifyFolder::State;
   if (look.state == State::refused) {
     std::string complaint =
@@ -223,17 +394,24 @@ void NotifyCenterLinux::compareLk(const std::string& file, bool isChanged, Outco
 }
 
 void NotifyCenterLinux::compareAllLk(Outcome& outcome) {
+  folder_.forgetAll();
   for (const auto& [file, registrations] : observers_) compareLk(file, false, outcome);
 }
 
-// Without the lock: neither callbacks nor log handlers may be called under it.
-void NotifyCenterLinux::finish(const Outcome& outcome) {
+// Without the lock: neither callbacks nor log handlers may be called under it. Leaves the handlers.
+NotifyCenterLinux::Registrations NotifyCenterLinux::finish(const Outcome& outcome) {
   for (const std::string& complaint : outcome.complaints) {
     logError({"Velum/NotifyCenter", "read()"}, "{}", complaint);
   }
+  Registrations handlers;
   for (const auto& registration : outcome.due) {
-    if (!registration->isRemoved.load(std::memory_order_acquire)) registration->callback();
+    if (registration->kind == Kind::handler) {
+      handlers.push_back(registration);
+    } else {
+      registration->call(false);
+    }
   }
+  return handlers;
 }
 
 void NotifyCenterLinux::sweepNowAndThen() {

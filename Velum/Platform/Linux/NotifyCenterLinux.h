@@ -1,7 +1,11 @@
 #pragma once
 
+#include <sys/inotify.h>
+
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -10,17 +14,22 @@
 #include <vector>
 
 #include "Velum/Platform/AtFork.h"
-#include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/NotifyFolderLinux.h"
+#include "Velum/Platform/Linux/NotifyReaderLinux.h"
 #include "Velum/Platform/NotifyCenter.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/UnfairLock.h"
 
 namespace velum {
 
-/// The notify center of one folder: one inotify descriptor with one watch, however many names are
-/// observed. An event only says where to look; what was posted is told by the file's generation,
-/// compared for each observer with the one it saw last.
+/// The notify center of one folder: one inotify descriptor with a watch for the folder and for each
+/// group of files in it, however many names are observed. An event only says where to look; what
+/// was posted is told by the file's generation, compared for each observer with the one it saw
+/// last.
+///
+/// Events are read by a thread of the center, which is started for the first observer that does not
+/// only wait, and by threads that wait for a response. The center's thread runs what may take long
+/// itself, as long as nobody but such handlers would have to wait; meanwhile it is not the reader.
 class NotifyCenterLinux final : public NotifyCenter,
                                 public ForkParticipant,
                                 public std::enable_shared_from_this<NotifyCenterLinux> {
@@ -35,16 +44,30 @@ class NotifyCenterLinux final : public NotifyCenter,
 
   void post(std::string_view name) override;
   std::unique_ptr<Observer> addObserver(std::string_view name, Callback callback) override;
+  std::unique_ptr<Observer> addHandler(std::string_view name, Handler handler) override;
+  std::unique_ptr<Observer> addAwaited(std::string_view name, Callback callback) override;
+  bool wait(const std::function<bool()>& isDone, std::chrono::nanoseconds timeout) override;
 
   void prepareFork() noexcept override { lock_.lock(); }
   void afterForkInParent() noexcept override { lock_.unlock(); }
   void afterForkInChild() noexcept override;
 
  private:
+  /// Who may be kept waiting by whom.
+  enum class Kind : std::uint8_t { observer, handler, awaited };
   struct Registration;
   class Handle;
   using Registrations = std::vector<std::shared_ptr<Registration>>;
   using Observers = std::unordered_map<std::string, Registrations>;
+  using Clock = NotifyReaderRole::Clock;
+  /// The descriptor, which outlives a center whose thread is reading.
+  struct Inotify {
+    UniqueFd fd;
+  };
+  struct Events {
+    alignas(inotify_event) std::array<char, 16384> bytes;
+    std::size_t size = 0;
+  };
   /// What one reading of events asks for, once the lock is released.
   struct Outcome {
     Registrations due;
@@ -53,27 +76,48 @@ class NotifyCenterLinux final : public NotifyCenter,
 
   NotifyCenterLinux(std::string folder, NotifyFolder::Sharing sharing);
 
+  std::unique_ptr<Observer> add(std::string_view name, Kind kind, Handler handler);
   void openLk();
   void watchLk();
+  void watchGroupLk(std::size_t group);
+  void unwatchLk();
+  int addWatchLk(const UniqueFd& folder, std::uint32_t events) const;
+  bool isWatchingLk() const noexcept { return root_ >= 0; }
   void rewatchLk(Outcome& outcome);
-  void read();
-  bool readEventsLk(std::vector<std::string>& changed);
+  void startServerLk();
+  static void serve(const std::weak_ptr<NotifyCenterLinux>& weak,
+                    const std::shared_ptr<Inotify>& inotify, unsigned server);
+  bool serveTurn(const Events& events, unsigned server, bool& isWatching);
+  void runLong(const Registrations& handlers, unsigned server);
+  static void read(const Inotify& inotify, Events& events, Clock::time_point deadline);
+  Outcome take(const Events& events);
+  bool parseLk(const Events& events, std::vector<std::string>& changed);
+  void noteLk(const inotify_event& event, const char* name, std::vector<std::string>& changed);
   void compareLk(const std::string& file, bool isChanged, Outcome& outcome);
   void compareAllLk(Outcome& outcome);
-  static void finish(const Outcome& outcome);
+  static Registrations finish(const Outcome& outcome);
   void sweepNowAndThen();
   void remove(const std::shared_ptr<Registration>& registration);
 
   const NotifyFolder folder_;
-  const std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::serial("notify center");
   std::atomic<std::chrono::steady_clock::rep> nextSweep_{0};
+  NotifyReaderRole reader_;
 
   UnfairLock lock_;
   unsigned generation_ = forkGeneration();
-  UniqueFd inotify_;
-  int watch_ = -1;
+  std::shared_ptr<Inotify> inotify_;
+  int root_ = -1;  // the watch of the folder itself
+  /// A group is watched when somebody observes a name in it, and perhaps some time after.
+  struct Group {
+    int watch = -1;
+    int observers = 0;
+  };
+  std::array<Group, NotifyFolder::groups> groups_;
   bool isRetrying_ = false;
-  std::unique_ptr<DispatchSource> source_;
+  unsigned server_ = 0;  // the center's thread, by number; an earlier one ends
+  bool hasServer_ = false;
+  bool isServerLent_ = false;  // it runs a handler that may take long
+  int plainObservers_ = 0;
   Observers observers_;                      // by file name
   std::unordered_set<std::string> refused_;  // complained about already
 };

@@ -54,9 +54,10 @@ std::string content(std::string_view name) {
   Header header;
   header.generation = newGeneration();
   header.flipped = flipped(header.generation);
-  std::string bytes(sizeof header + name.size(), '\0');
-  std::memcpy(bytes.data(), &header, sizeof header);
-  name.copy(bytes.data() + sizeof header, name.size());
+  std::string bytes;
+  bytes.reserve(sizeof header + name.size());
+  bytes.append(reinterpret_cast<const char*>(&header), sizeof header);  // NOLINT: its bytes
+  bytes.append(name);
   return bytes;
 }
 
@@ -68,7 +69,51 @@ SystemError folderError(std::string_view call, const std::string& path) {
   return lastSystemError(fmt::format("notify center, {} ({})", call, path));
 }
 
+/// Whether that very file still stands at the path: nobody removed or moved it, or its folder, or
+/// gave it away.
+bool isAt(const NotifyFile& file, const std::string& path) noexcept {
+  struct stat present {};
+  return ::lstat(path.c_str(), &present) == 0 && present.st_ino == file.inode &&
+         present.st_dev == file.device && present.st_uid == file.owner;
+}
+
 }  // namespace
+
+RecentNotifyFiles::RecentNotifyFiles() : ForkParticipant(Stage::leaf) {
+  registerForFork();
+}
+
+RecentNotifyFiles::~RecentNotifyFiles() {
+  unregisterForFork();
+}
+
+RecentNotifyFiles::File RecentNotifyFiles::find(const std::string& name) {
+  const std::lock_guard guard(lock_);
+  for (const Entry& entry : entries_) {
+    if (entry.file && entry.name == name) return entry.file;
+  }
+  return nullptr;
+}
+
+void RecentNotifyFiles::keep(const std::string& name, File file) {
+  Entry entry{name, std::move(file)};
+  const std::lock_guard guard(lock_);
+  std::swap(entries_.at(next_++ % maxFiles), entry);  // the old one is closed after the lock
+}
+
+void RecentNotifyFiles::forget(const std::string& name) {
+  File old;  // closed after the lock
+  const std::lock_guard guard(lock_);
+  for (Entry& entry : entries_) {
+    if (entry.name == name) old.swap(entry.file);
+  }
+}
+
+void RecentNotifyFiles::forgetAll() {
+  Entries old;  // closed after the lock
+  const std::lock_guard guard(lock_);
+  old.swap(entries_);
+}
 
 NotifyFolder::NotifyFolder(std::string path, Sharing sharing)
     : path_(std::move(path)), sharing_(sharing) {}
@@ -76,13 +121,19 @@ NotifyFolder::NotifyFolder(std::string path, Sharing sharing)
 std::string NotifyFolder::fileName(std::string_view name) {
   const bool isPlain = name.size() <= longestPlainName && isFileName(name) && name.front() != '.' &&
                        name.front() != hashMark;
-  if (isPlain) return std::string(name);
+  // 32 bits of FNV-1a: all processes must agree, whatever their standard library.
+  std::uint32_t hash = 2166136261U;
+  for (const char character : name) {
+    hash = (hash ^ static_cast<unsigned char>(character)) * 16777619U;
+  }
+  std::string file{static_cast<char>('0' + hash % groups), '/'};
+  if (isPlain) return file.append(name);
   std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
   unsigned size = 0;
   if (EVP_Digest(name.data(), name.size(), digest.data(), &size, EVP_sha256(), nullptr) != 1) {
     fatal("NotifyFolder: the system has no SHA-256");
   }
-  std::string file(1, hashMark);
+  file += hashMark;
   for (unsigned i = 0; i < size; ++i) file += fmt::format("{:02x}", digest.at(i));
   return file;
 }
@@ -91,50 +142,103 @@ void NotifyFolder::requirePath() const {
   if (path_.empty()) throw SystemError(ENOENT, "notify center, no folder for this user's sockets");
 }
 
-UniqueFd NotifyFolder::make() const {
-  requirePath();
-  const bool isForAll = sharing_ == Sharing::all;
-  const auto makeFolder = [&] { return ::mkdir(path_.c_str(), isForAll ? 0755 : 0700) == 0; };
-  bool isNew = makeFolder();
-  if (!isNew && errno == ENOENT && !isForAll) {
-    Directories::shared().runtime();  // makes the folder above it again
-    isNew = makeFolder();
-  }
-  if (!isNew && errno != EEXIST) throw folderError("mkdir", path_);
-  if (isNew && isForAll && ::chmod(path_.c_str(), allMayAdd) != 0) {
-    throw folderError("chmod", path_);
-  }
-  UniqueFd folder(::open(path_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  struct stat status {};
-  if (!folder || ::fstat(folder.get(), &status) != 0) throw folderError("open", path_);
+bool NotifyFolder::isSafe(const struct stat& status) const noexcept {
   const bool isOwn = status.st_uid == ::geteuid();
-  const bool isSafe = isForAll ? (isOwn || status.st_uid == 0) &&
-                                     ((status.st_mode & 0022U) == 0 || (status.st_mode & S_ISVTX))
-                               : isOwn && (status.st_mode & 0077U) == 0;
-  if (!isSafe) throw SystemError(EPERM, "notify center, others may change the folder " + path_);
+  if (sharing_ == Sharing::user) return isOwn && (status.st_mode & 0077U) == 0;
+  return (isOwn || status.st_uid == 0) &&
+         ((status.st_mode & 0022U) == 0 || (status.st_mode & S_ISVTX) != 0);
+}
+
+UniqueFd NotifyFolder::openFolder(const std::string& path, bool mayMake) const {
+  const bool isForAll = sharing_ == Sharing::all;
+  const bool isNew = mayMake && ::mkdir(path.c_str(), isForAll ? 0755 : 0700) == 0;
+  if (mayMake && !isNew && errno != EEXIST) throw folderError("mkdir", path);
+  if (isNew && isForAll && ::chmod(path.c_str(), allMayAdd) != 0) {
+    throw folderError("chmod", path);
+  }
+  UniqueFd folder(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status {};
+  if (!folder || ::fstat(folder.get(), &status) != 0) throw folderError("open", path);
+  if (!isSafe(status)) {
+    throw SystemError(EPERM, "notify center, others may change the folder " + path);
+  }
   return folder;
 }
 
-// Nothing, with errno EINVAL, for what can't be a file of ours.
-UniqueFd NotifyFolder::openExisting(const std::string& file, int access,
-                                    std::size_t maxSize) const noexcept {
+UniqueFd NotifyFolder::make() const {
+  requirePath();
+  if (sharing_ == Sharing::all) {
+    UniqueFd folder = openFolder(path_, true);
+    if (mayMakeGroups()) {
+      for (std::size_t group = 0; group < groups; ++group) makeGroup(group);
+    }
+    return folder;
+  }
+  try {
+    return openFolder(path_, true);
+  } catch (const SystemError& error) {
+    if (error.code() != ENOENT) throw;
+  }
+  Directories::shared().runtime();  // makes the folder above it again
+  return openFolder(path_, true);
+}
+
+// In a folder for all, only its owner does: whoever made a group could remove others' files.
+bool NotifyFolder::mayMakeGroups() const noexcept {
+  if (sharing_ == Sharing::user) return true;
+  struct stat status {};
+  return ::lstat(path_.c_str(), &status) == 0 && status.st_uid == ::geteuid();
+}
+
+UniqueFd NotifyFolder::makeGroup(std::size_t group) const {
+  return openFolder(path_ + '/' + std::to_string(group), mayMakeGroups());
+}
+
+// Null, with errno EINVAL, for what can't be a file of ours.
+NotifyFolder::File NotifyFolder::openExisting(const std::string& file, int access,
+                                              std::size_t maxSize) const {
   UniqueFd fd(
       ::open(pathOf(file).c_str(), access | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat status {};
-  if (!fd || ::fstat(fd.get(), &status) != 0) return {};
+  if (!fd || ::fstat(fd.get(), &status) != 0) return nullptr;
   const bool isAcceptable = S_ISREG(status.st_mode) && status.st_nlink <= 1 &&
                             static_cast<std::size_t>(status.st_size) <= maxSize &&
                             (sharing_ == Sharing::all || status.st_uid == ::geteuid());
-  if (isAcceptable) return fd;
-  errno = EINVAL;
-  return {};
+  if (!isAcceptable) {
+    fd.reset();
+    errno = EINVAL;
+    return nullptr;
+  }
+  return std::make_shared<const NotifyFile>(NotifyFile{std::move(fd), status.st_dev, status.st_ino,
+                                                       status.st_uid,
+                                                       static_cast<std::size_t>(status.st_size)});
+}
+
+// A file of somebody who lets others only read is read as well, but not kept.
+NotifyFolder::File NotifyFolder::openForLook(const std::string& file) const {
+  if (auto kept = recent_.find(file)) return kept;
+  auto opened = openExisting(file, O_RDWR, std::string::npos);
+  if (opened) {
+    recent_.keep(file, opened);
+  } else if (errno == EACCES) {
+    opened = openExisting(file, O_RDONLY, std::string::npos);
+  }
+  return opened;
 }
 
 NotifyFolder::Look NotifyFolder::look(const std::string& file) const noexcept {
-  const UniqueFd fd = openExisting(file, O_RDONLY, std::string::npos);
-  if (!fd) return {errno == ENOENT ? State::absent : State::refused, {}, errno};
+  if (const auto kept = recent_.find(file)) {
+    struct stat status {};
+    if (::fstat(kept->fd.get(), &status) != 0 || status.st_nlink == 0) recent_.forget(file);
+  }
+  return lookAgain(file);
+}
+
+NotifyFolder::Look NotifyFolder::lookAgain(const std::string& file) const noexcept {
+  const File opened = openForLook(file);
+  if (!opened) return {errno == ENOENT ? State::absent : State::refused, {}, errno};
   Header header;
-  const ssize_t size = ::pread(fd.get(), &header, sizeof header, 0);
+  const ssize_t size = ::pread(opened->fd.get(), &header, sizeof header, 0);
   if (size < 0) return {State::refused, {}, errno};
   // Just made, or its poster died before the write.
   const bool isWhole = static_cast<std::size_t>(size) == sizeof header &&
@@ -143,19 +247,25 @@ NotifyFolder::Look NotifyFolder::look(const std::string& file) const noexcept {
   return {State::posted, header.generation, 0};
 }
 
-UniqueFd NotifyFolder::create(const std::string& file) const {
-  if (sharing_ == Sharing::all) return createForAll(file);
-  return UniqueFd(
-      ::open(pathOf(file).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+NotifyFolder::File NotifyFolder::create(const std::string& file) const {
+  UniqueFd fd = sharing_ == Sharing::all
+                    ? createForAll(file)
+                    : UniqueFd(::open(pathOf(file).c_str(),
+                                      O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  struct stat status {};
+  if (!fd || ::fstat(fd.get(), &status) != 0) return nullptr;
+  return std::make_shared<const NotifyFile>(NotifyFile{std::move(fd), status.st_dev, status.st_ino,
+                                                       status.st_uid,
+                                                       static_cast<std::size_t>(status.st_size)});
 }
 
 // The process's umask must not keep others from posting, not even for a moment: the file gets its
 // mode before it gets its name.
 UniqueFd NotifyFolder::createForAll(const std::string& file) const noexcept {
   static std::atomic<unsigned> count{0};
-  const std::string fresh =
-      fmt::format("{}/.{}.{}.{}", path_, ::getpid(), currentThreadId(), count.fetch_add(1));
-  UniqueFd fd(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  const std::string fresh = fmt::format("{}/{}/.{}.{}.{}", path_, groupOf(file), ::getpid(),
+                                        currentThreadId(), count.fetch_add(1));
+  UniqueFd fd(::open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!fd) return fd;
   if (::fchmod(fd.get(), allMayPost) == 0 &&
       ::renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, pathOf(file).c_str(), RENAME_NOREPLACE) == 0) {
@@ -167,41 +277,63 @@ UniqueFd NotifyFolder::createForAll(const std::string& file) const noexcept {
   return {};
 }
 
+// Null when it has to be tried once more: the folder was missing, or somebody else made the file
+// meanwhile.
+NotifyFolder::File NotifyFolder::openForPost(const std::string& file, std::size_t maxSize,
+                                             bool& isNew) const {
+  isNew = false;
+  if (auto kept = recent_.find(file); kept && kept->size <= maxSize) return kept;
+  auto opened = openExisting(file, O_RDWR, maxSize);
+  isNew = !opened && errno == ENOENT;
+  if (isNew) opened = create(file);
+  if (isNew && !opened && errno == ENOENT) {
+    make();
+    makeGroup(groupOf(file));
+    return nullptr;
+  }
+  if (isNew && !opened && errno == EEXIST) return nullptr;
+  if (!opened) throw postError("open", pathOf(file));
+  recent_.keep(file, opened);
+  return opened;
+}
+
+void NotifyFolder::write(const NotifyFile& file, const std::string& path,
+                         std::string_view bytes) const {
+  const ssize_t size =
+      retryInterrupted([&] { return ::pwrite(file.fd.get(), bytes.data(), bytes.size(), 0); });
+  if (size < 0) throw postError("pwrite", path);
+  if (static_cast<std::size_t>(size) < bytes.size()) {
+    throw SystemError(ENOSPC, fmt::format("post(_:), pwrite ({})", path));
+  }
+}
+
 bool NotifyFolder::post(std::string_view name) const {
   requirePath();
   const std::string file = fileName(name);
+  const std::string path = pathOf(file);
   const std::string bytes = content(name);
-  // Another turn when the folder was missing, or somebody else made or removed the file meanwhile.
   constexpr int maxTurns = 100;
   for (int turn = 0; turn < maxTurns; ++turn) {
-    UniqueFd fd = openExisting(file, O_WRONLY, bytes.size());
-    const bool isNew = !fd && errno == ENOENT;
-    if (isNew) {
-      fd = create(file);
-      if (!fd && errno == EEXIST) continue;
-      if (!fd && errno == ENOENT) {
-        make();
-        continue;
-      }
-    }
-    if (!fd) throw postError("open", pathOf(file));
-    const ssize_t size =
-        retryInterrupted([&] { return ::pwrite(fd.get(), bytes.data(), bytes.size(), 0); });
-    if (size < 0) throw postError("pwrite", pathOf(file));
-    if (static_cast<std::size_t>(size) < bytes.size()) {
-      throw SystemError(ENOSPC, fmt::format("post(_:), pwrite ({})", pathOf(file)));
-    }
-    struct stat status {};
-    if (::fstat(fd.get(), &status) == 0 && status.st_nlink > 0) return isNew;
+    bool isNew = false;
+    const File opened = openForPost(file, bytes.size(), isNew);
+    if (!opened) continue;
+    write(*opened, path, bytes);
+    if (isAt(*opened, path)) return isNew;
+    recent_.forget(file);
   }
-  throw SystemError(EBUSY, fmt::format("post(_:), open ({})", pathOf(file)));
+  throw SystemError(EBUSY, fmt::format("post(_:), open ({})", path));
 }
 
 void NotifyFolder::sweep() const noexcept {
+  for (std::size_t group = 0; group < groups; ++group) sweepGroup(group);
+}
+
+void NotifyFolder::sweepGroup(std::size_t group) const noexcept {
   struct Close {
     void operator()(DIR* folder) const { ::closedir(folder); }
   };
-  const std::unique_ptr<DIR, Close> folder(::opendir(path_.c_str()));
+  const std::unique_ptr<DIR, Close> folder(
+      ::opendir((path_ + '/' + std::to_string(group)).c_str()));
   if (!folder) return;
   const std::time_t limit = std::time(nullptr) - quietSeconds;
   while (const dirent* entry = ::readdir(folder.get())) {

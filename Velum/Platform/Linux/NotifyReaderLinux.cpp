@@ -1,0 +1,56 @@
+#include "Velum/Platform/Linux/NotifyReaderLinux.h"
+
+#include <memory>
+
+namespace velum {
+
+NotifyReaderRole::NotifyReaderRole() : ForkParticipant(Stage::leaf) {
+  registerForFork();
+}
+
+NotifyReaderRole::~NotifyReaderRole() {
+  unregisterForFork();
+}
+
+NotifyReaderRole::Answer NotifyReaderRole::take(const std::function<bool()>& isDone,
+                                                Clock::time_point deadline) {
+  std::unique_lock guard(mutex_);
+  while (true) {
+    if (isDone() || Clock::now() >= deadline) return Answer::over;
+    if (!isTaken_) break;
+    ++waiting_;
+    changed_.wait_until(guard, deadline);
+    --waiting_;
+  }
+  isTaken_ = true;
+  return Answer::mine;
+}
+
+void NotifyReaderRole::take() {
+  std::unique_lock guard(mutex_);
+  ++waiting_;
+  changed_.wait(guard, [this] { return !isTaken_; });
+  --waiting_;
+  isTaken_ = true;
+}
+
+void NotifyReaderRole::giveUp() {
+  const std::lock_guard guard(mutex_);
+  isTaken_ = false;
+  if (waiting_ > 0) changed_.notify_all();
+}
+
+void NotifyReaderRole::announce() {
+  const std::lock_guard guard(mutex_);
+  if (waiting_ > 0) changed_.notify_all();
+}
+
+void NotifyReaderRole::afterForkInChild() noexcept {
+  // It counts waiters that the child does not have. Nothing to destroy: it holds no resource.
+  std::construct_at(&changed_);
+  isTaken_ = false;
+  waiting_ = 0;
+  mutex_.unlock();
+}
+
+}  // namespace velum

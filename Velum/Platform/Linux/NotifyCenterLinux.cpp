@@ -351,8 +351,8 @@ bool NotifyCenterLinux::parseLk(const Events& events, std::vector<std::string>& 
 
 void NotifyCenterLinux::noteLk(const inotify_event& event, const char* name,
                                std::vector<std::string>& changed) {
-  const auto group = std::find_if(groups_.begin(), groups_.end(),
-                                  [&](const Group& one) { return one.watch == event.wd; });
+  auto* const group = std::find_if(groups_.begin(), groups_.end(),
+                                   [&](const Group& one) { return one.watch == event.wd; });
   const bool isRoot = event.wd == root_;
   if (event.wd < 0 || (!isRoot && group == groups_.end())) return;  // of an earlier folder
   if ((event.mask & folderIsGone) != 0) {

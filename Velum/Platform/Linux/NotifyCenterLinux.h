@@ -64,7 +64,7 @@ class NotifyCenterLinux final : public NotifyCenter,
   struct Inotify {
     UniqueFd fd;
   };
-  struct Events {
+  struct Events {  // NOLINT(*-member-init): filled by read
     alignas(inotify_event) std::array<char, 16384> bytes;
     std::size_t size = 0;
   };

@@ -69,6 +69,15 @@ SystemError folderError(std::string_view call, const std::string& path) {
   return lastSystemError(fmt::format("notify center, {} ({})", call, path));
 }
 
+void write(const NotifyFile& file, const std::string& path, std::string_view bytes) {
+  const ssize_t size =
+      retryInterrupted([&] { return ::pwrite(file.fd.get(), bytes.data(), bytes.size(), 0); });
+  if (size < 0) throw postError("pwrite", path);
+  if (static_cast<std::size_t>(size) < bytes.size()) {
+    throw SystemError(ENOSPC, fmt::format("post(_:), pwrite ({})", path));
+  }
+}
+
 /// Whether that very file still stands at the path: nobody removed or moved it, or its folder, or
 /// gave it away.
 bool isAt(const NotifyFile& file, const std::string& path) noexcept {
@@ -295,16 +304,6 @@ NotifyFolder::File NotifyFolder::openForPost(const std::string& file, std::size_
   if (!opened) throw postError("open", pathOf(file));
   recent_.keep(file, opened);
   return opened;
-}
-
-void NotifyFolder::write(const NotifyFile& file, const std::string& path,
-                         std::string_view bytes) const {
-  const ssize_t size =
-      retryInterrupted([&] { return ::pwrite(file.fd.get(), bytes.data(), bytes.size(), 0); });
-  if (size < 0) throw postError("pwrite", path);
-  if (static_cast<std::size_t>(size) < bytes.size()) {
-    throw SystemError(ENOSPC, fmt::format("post(_:), pwrite ({})", path));
-  }
 }
 
 bool NotifyFolder::post(std::string_view name) const {

@@ -153,7 +153,6 @@ class NotifyFolder {
   File openForPost(const std::string& file, std::size_t maxSize, bool& isNew) const;
   File create(const std::string& file) const;
   UniqueFd createForAll(const std::string& file) const noexcept;
-  void write(const NotifyFile& file, const std::string& path, std::string_view bytes) const;
 
   std::string path_;
   Sharing sharing_;

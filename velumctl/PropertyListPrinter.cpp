@@ -133,7 +133,7 @@ class PlainPrinter final : public Printer {
   unsigned depth_ = 0;
 };
 
-class JsonPrinter final : public Printer {
+class JsonValuePrinter final : public Printer {
  public:
   using Printer::Printer;
 
@@ -213,7 +213,7 @@ SecretText plainText(const PropertyList& value) {
 
 SecretText jsonText(const PropertyList& value) {
   SecretText out;
-  JsonPrinter(out).print(value);
+  JsonValuePrinter(out).print(value);
   return out;
 }
 

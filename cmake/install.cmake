@@ -2,7 +2,8 @@
 # a CMake package (find_package(Velum), targets Velum::core and the others) and velum.pc.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS velum_core velum_storage velum_messaging velum_telemetry EXPORT VelumTargets
+install(TARGETS velum_core velum_storage velum_messaging velum_telemetry velum_certificates
+  EXPORT VelumTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS vpn_relauncher RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES docs/vpn_relauncher.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
@@ -31,7 +32,7 @@ install(FILES ${PROJECT_BINARY_DIR}/VelumConfig.cmake ${PROJECT_BINARY_DIR}/Velu
 # Relative to velum.pc itself, so that an installed tree can be moved.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
   BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig OUTPUT_VARIABLE prefix_from_pc)
-foreach(name velum velum-storage velum-messaging velum-telemetry)
+foreach(name velum velum-storage velum-messaging velum-telemetry velum-certificates)
   configure_file(cmake/${name}.pc.in ${name}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
 namespace velum {
@@ -14,8 +15,9 @@ struct CodeVerdict {
 
 /// How strict a check is.
 struct CodeCheckOptions {
-  /// Also refuse a signature whose certificates have run out by now. Off by default: a program does
-  /// not become foreign while it runs.
+  /// Also refuse a signature whose certificates have run out by now, or are not valid yet. Off by
+  /// default: a program does not become foreign while it runs, nor on a machine whose clock is
+  /// wrong.
   bool strictValidity = false;
 };
 
@@ -24,8 +26,8 @@ struct CodeCheckOptions {
 /// std::bad_alloc.
 ///
 /// Linux: the executable is read through the process itself, never through a path that could be
-/// replaced; its signature is a detached CMS signature (DER), in the file NAME.p7s beside it or in
-/// its extended attribute user.velum.signature.
+/// replaced; its signature is a detached CMS signature (DER), in its extended attribute
+/// user.velum.signature or, where there is none, in the file NAME.p7s beside it.
 class CodeIdentity {
  public:
   CodeIdentity() = default;
@@ -35,6 +37,10 @@ class CodeIdentity {
 
   /// Trusts the machine's code-signing roots. Never destroyed.
   static CodeIdentity& shared();
+
+  /// Trusts the certificates in the files *.pem of `rootsFolder` instead, as that folder is at each
+  /// check. Nobody but root and this user may be able to write it.
+  static std::unique_ptr<CodeIdentity> trusting(std::string rootsFolder);
 
   /// Whether the program of process `pid` is validly signed and the signer's certificate names
   /// exactly the team `teamIdentifier` as its only organisational unit.

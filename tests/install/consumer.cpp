@@ -5,6 +5,7 @@
 #include "Velum/IPCDarwinMessage.h"
 #include "Velum/Logger/Handlers/StdoutLogHandler.h"
 #include "Velum/Logger/Logger.h"
+#include "Velum/Platform/CodeIdentity.h"
 #include "Velum/Telemetry.h"
 #include "all_headers.h"
 
@@ -14,6 +15,7 @@ int main() {
   logger.setHandlers({std::make_shared<velum::StdoutLogHandler>()});
   const velum::SecretBytes key(32);
   const bool isLinked = velum::AES::decrypted(velum::AES::encrypted({}, key), key).empty() &&
-                        velum::Telemetry::createSyntheticId("f") == "abaaaaaa";
+                        velum::Telemetry::createSyntheticId("f") == "abaaaaaa" &&
+                        !velum::CodeIdentity::shared().check(0, "nobody").valid;
   velum::logInfo({"main()"}, "Linked against {}", isLinked ? "Velum" : "something else");
 }

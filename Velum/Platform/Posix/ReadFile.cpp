@@ -14,8 +14,12 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
   const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY |
                     (link == SymbolicLink::refuse ? O_NOFOLLOW : 0);
   const UniqueFd file(retryInterrupted([&] { return ::open(path.c_str(), flags); }));
+  return file ? readRegularFile(file.get(), maximumSize) : std::nullopt;
+}
+
+std::optional<std::string> readRegularFile(int file, std::size_t maximumSize) {
   struct stat status {};
-  if (!file || ::fstat(file.get(), &status) != 0) return std::nullopt;
+  if (::fstat(file, &status) != 0) return std::nullopt;
   if (!S_ISREG(status.st_mode)) {
     errno = EINVAL;
     return std::nullopt;
@@ -30,7 +34,7 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
   std::size_t length = 0;
   for (;;) {
     const ssize_t count = retryInterrupted(
-        [&] { return ::read(file.get(), content.data() + length, content.size() - length); });
+        [&] { return ::read(file, content.data() + length, content.size() - length); });
     if (count < 0) return std::nullopt;
     if (count == 0) break;
     length += static_cast<std::size_t>(count);

@@ -15,4 +15,7 @@ enum class SymbolicLink : bool { follow, refuse };
 std::optional<std::string> readRegularFile(const std::string& path, std::size_t maximumSize,
                                            SymbolicLink link = SymbolicLink::follow);
 
+/// The same for a file that is open for reading, from where it stands to its end.
+std::optional<std::string> readRegularFile(int file, std::size_t maximumSize);
+
 }  // namespace velum

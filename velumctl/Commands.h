@@ -21,5 +21,6 @@ void addRespond(CLI::App& app);
 void addHttp(CLI::App& app);
 void addSysinfo(CLI::App& app);
 void addTelemetry(CLI::App& app);
+void addVerifyPeer(CLI::App& app);
 
 }  // namespace velumctl

@@ -78,6 +78,7 @@ void addCommands(CLI::App& app) {
   velumctl::addHttp(app);
   velumctl::addSysinfo(app);
   velumctl::addTelemetry(app);
+  velumctl::addVerifyPeer(app);
 }
 
 // The command that the arguments name, as the user would type it, for pointing to its help.

@@ -125,6 +125,7 @@ class RunningProgram {
   void type(std::string_view text) const {
     EXPECT_EQ(::write(fd_.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
   }
+  int pid() const { return pid_; }
   void signal(int number) const { ::kill(pid_, number); }
   void closeOutput() { fd_.reset(); }
 

@@ -384,7 +384,7 @@ TEST_F(Velumctl, CompletionAndManualKnowEveryOption) {
   for (const std::string words :
        {"logs show", "logs save", "logs reset", "support archive", "run", "keychain get",
         "keychain set", "keychain delete", "keychain list", "defaults read", "defaults write",
-        "defaults verify", "storage dump", "encrypt", "decrypt", "http send"}) {
+        "defaults verify", "storage dump", "encrypt", "decrypt", "http send", "verify-peer"}) {
     Strings arguments{"--help"};
     std::istringstream parts(words);
     arguments.insert(arguments.begin(), std::istream_iterator<std::string>(parts), {});

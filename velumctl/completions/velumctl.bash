@@ -15,6 +15,7 @@ _velumctl_options() {
       "--operating-mode --experiment-1 --experiment-2 --experiment-3 --help" ;;
     "telemetry synthetic-id") echo "--help" ;;
     "telemetry ") echo "body synthetic-id --help" ;;
+    "verify-peer ") echo "--team --roots --strict --verbose --json --help" ;;
     "sysinfo ") echo "--json --help" ;;
     "run ") echo "--directory --json --help" ;;
     "keychain get" | "keychain delete") echo "--service --group --yes --help" ;;
@@ -37,7 +38,7 @@ _velumctl_options() {
     "notify ") echo "post wait listen --help" ;;
     " ")
       echo "logs support run keychain defaults storage encrypt decrypt notify request respond http sysinfo" \
-        "telemetry --version --help"
+        "telemetry verify-peer --version --help"
       ;;
   esac
 }
@@ -46,7 +47,7 @@ _velumctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local group='' command='' i
   local groups='logs|support|keychain|defaults|storage|notify|http|telemetry'
-  local single='run|encrypt|decrypt|request|respond|sysinfo'
+  local single='run|encrypt|decrypt|request|respond|sysinfo|verify-peer'
   local commands='show|save|reset|archive|get|set|delete|list|read|write|verify|dump|post|wait|listen'
   commands+='|send|body|synthetic-id'
   COMPREPLY=()
@@ -80,12 +81,14 @@ _velumctl() {
     --type) [[ $group == telemetry ]] && words="pageview custom" || words="bool integer double string data plist" ;;
     --app-type) words="KESTREL_DESK PLOVER_DESK" ;;
     --timeout) words="1 10 60" ;;
-    --subsystem | --service | --group | --key-item | --key-fd | --id | --prefix) return ;;
+    --subsystem | --service | --group | --key-item | --key-fd | --id | --prefix | --team) return ;;
     --log | --include | --data-file | --storage | --key-file | --output) compopt -o default 2>/dev/null && return ;;
-    --directory) compopt -o dirnames 2>/dev/null && return ;;
+    --directory | --roots) compopt -o dirnames 2>/dev/null && return ;;
     *)
       if [[ $current == -* || -z $group || ($group == @($groups) && -z $command) ]]; then
         words=$(_velumctl_options "$group $command")
+      elif [[ $group == verify-peer ]]; then
+        words=$(compgen -G '/proc/[1-9]*' | sed 's|/proc/||')
       elif [[ $group == @(keychain|notify|request|respond) ]]; then
         return
       elif [[ $group == defaults ]]; then

@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+#include <sys/xattr.h>
+
+#include <filesystem>
+#include <string>
+
+#include "tests/support/CodeSigning.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/velumctl/VelumctlTest.h"
+
+namespace velum::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* team = "R8K2ZP5WQN";
+
+// A maker signs with the script, and looks at the result with velumctl.
+class VelumctlVerifyPeer : public VelumctlTest {
+ protected:
+  VelumctlVerifyPeer() {
+    writePrivate("roots/authority.pem", root_.pem());
+    writePrivate("step.pem", step_.pem());
+    ::chmod((folder_ / "roots").c_str(), 0755);
+    addIdentity("team", makeIdentity({.units = {team}}, &step_));
+    fs::copy_file("/bin/sleep", program_);
+  }
+
+  void writePrivate(const std::string& name, const std::string& text) const {
+    writeFile(folder_ / name, text);
+    ::chmod((folder_ / name).c_str(), 0600);
+  }
+  void addIdentity(const std::string& name, const SigningIdentity& identity) const {
+    writePrivate(name + ".pem", identity.pem());
+    writePrivate(name + ".key", identity.keyPem());
+  }
+
+  struct Signing {
+    int status;
+    std::string output;
+  };
+  Signing sign(const std::string& key, const std::string& certificate,
+               const Strings& more = {}) const {
+    Strings arguments{"/bin/sh",
+                      "-c",
+                      "exec \"$0\" \"$@\" 2>&1",
+                      VELUM_SOURCE_DIR "/scripts/sign-code",
+                      "--key",
+                      folder_ / key,
+                      "--certificate",
+                      folder_ / certificate,
+                      "--chain",
+                      folder_ / "step.pem"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    arguments.push_back(program_);
+    RunningProgram script = RunningProgram::piped(arguments);
+    const std::string output = script.readToEnd();
+    const int status = script.wait();
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+  }
+
+  Result verify(int pid, Strings more = {}) const {
+    Strings arguments{"verify-peer", std::to_string(pid), "--roots", folder_ / "roots"};
+    if (more.empty() || more[0] != "--team") more.insert(more.begin(), {"--team", team});
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return run(arguments);
+  }
+
+  static bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+  }
+
+  const SigningIdentity root_ = makeIdentity({.name = "Root", .isAuthority = true});
+  const SigningIdentity step_ = makeIdentity({.name = "Step", .isAuthority = true}, &root_);
+  const std::string program_ = folder_ / "vpn daemon";
+};
+
+TEST_F(VelumctlVerifyPeer, TellsMakersWhetherTheirProgramCounts) {
+  const RunningProgram process = RunningProgram::piped({program_, "600"});
+  const Result unsignedOne = verify(process.pid());
+  EXPECT_EQ(unsignedOne.status, 1);
+  EXPECT_EQ(unsignedOne.output, "");
+  EXPECT_EQ(unsignedOne.errors, "velumctl: process " + std::to_string(process.pid()) +
+                                    " does not count as signed by R8K2ZP5WQN; see the reason with "
+                                    "--verbose\n");
+  EXPECT_TRUE(
+      contains(verify(process.pid(), {"--verbose"}).errors, "R8K2ZP5WQN: it is not signed"));
+
+  const Signing signing = sign("team.key", "team.pem");
+  EXPECT_EQ(signing.status, 0);
+  EXPECT_EQ(signing.output, program_ + ": signed by R8K2ZP5WQN\n");
+  const Result signedOne = verify(process.pid(), {"--team", team, "--strict"});
+  EXPECT_EQ(signedOne.status, 0) << signedOne.errors;
+  EXPECT_TRUE(contains(signedOne.output, "is signed by R8K2ZP5WQN"));
+
+  const std::string start = "{\"pid\":" + std::to_string(process.pid());
+  EXPECT_EQ(verify(process.pid(), {"--json"}).output,
+            start + ",\"team\":\"R8K2ZP5WQN\",\"valid\":true,\"reason\":null}\n");
+  const Result other = verify(process.pid(), {"--team", "x\xFF", "--json"});
+  EXPECT_EQ(other.status, 1);
+  EXPECT_EQ(other.output,
+            start +
+                ",\"team\":\"x\uFFFD\",\"valid\":false,\"reason\":\"it is signed by another "
+                "team\"}\n");
+  // Nobody here has made the tests' authority one of the machine's.
+  EXPECT_EQ(run({"verify-peer", std::to_string(process.pid()), "--team", team}).status, 1);
+  for (const Strings& wrong : {Strings{"verify-peer"}, Strings{"verify-peer", "1"},
+                               Strings{"verify-peer", "0", "--team", team},
+                               Strings{"verify-peer", "one", "--team", team}}) {
+    EXPECT_EQ(run(wrong).status, 2);
+  }
+}
+
+TEST_F(VelumctlVerifyPeer, SigningAgainReplacesTheOtherKindOfSignature) {
+  const RunningProgram process = RunningProgram::piped({program_, "600"});
+  if (::setxattr(program_.c_str(), "user.velum.signature", "stale", 5, 0) != 0) {
+    GTEST_SKIP() << "no extended attributes here";
+  }
+  EXPECT_EQ(sign("team.key", "team.pem").status, 0);
+  EXPECT_EQ(verify(process.pid()).status, 0);
+  fs::remove(program_ + ".p7s");
+  const Signing signing = sign("team.key", "team.pem", {"--attribute"});
+  EXPECT_EQ(signing.status, 0) << signing.output;
+  EXPECT_FALSE(fs::exists(program_ + ".p7s"));
+  EXPECT_EQ(verify(process.pid()).status, 0);
+}
+
+TEST_F(VelumctlVerifyPeer, CertificatesThatWouldNeverCountSignNothing) {
+  addIdentity("none", makeIdentity({}, &step_));
+  addIdentity("two", makeIdentity({.units = {team, team}}, &step_));
+  addIdentity("mail",
+              makeIdentity({.units = {team}, .extendedKeyUsage = "emailProtection"}, &step_));
+  addIdentity("step", step_);
+  struct Case {
+    const char* key;
+    const char* certificate;
+    const char* expected;
+  };
+  for (const Case& one : {Case{"none.key", "none.pem", "names 0 organisational units"},
+                          Case{"two.key", "two.pem", "names 2 organisational units"},
+                          Case{"mail.key", "mail.pem", "not for code signing"},
+                          Case{"team.key", "team.key", "can't be read as a certificate"},
+                          Case{"missing.key", "team.pem", "was not signed"},
+                          Case{"two.key", "team.pem", "was not signed"}}) {
+    const Signing signing = sign(one.key, one.certificate);
+    EXPECT_EQ(signing.status, 1);
+    EXPECT_TRUE(contains(signing.output, one.expected)) << signing.output;
+    for (const auto& entry : fs::directory_iterator(folder_.path())) {
+      EXPECT_FALSE(entry.path().string().starts_with(program_ + ".")) << entry.path();
+    }
+  }
+  EXPECT_EQ(sign("team.key", "team.pem", {"--unknown"}).status, 2);
+}
+
+}  // namespace
+}  // namespace velum::test

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -30,7 +31,21 @@ void require(bool isDone, const char* what) {
 }
 
 void run(const std::string& command) {
-  require(std::system((command + " >/dev/null 2>&1").c_str()) == 0, command.c_str());  // NOLINT
+  const std::string quiet = "{ " + command + "; } >/dev/null 2>&1";
+  require(std::system(quiet.c_str()) == 0, command.c_str());  // NOLINT(cert-env33-c)
+}
+
+// Of the processor: nothing here waits, and other programs don't matter.
+template <class Work>
+double timed(Work work) {
+  const auto now = [] {
+    timespec time{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
+  };
+  const double start = now();
+  work();
+  return now() - start;
 }
 
 // An authority, and the maker's certificate below it, in the folder.
@@ -111,14 +126,14 @@ void benchCheck(const bench::TemporaryFolder& folder) {
     // The roots are kept between checks once nobody has written them lately.
     ::sleep(3);
     check();
-    const auto times =
-        bench::interleaved(size.rounds, {[&] { return bench::timed(check); },
-                                         [&] { return bench::timed([&] { bare(program); }); }});
+    const auto times = bench::interleaved(
+        size.rounds, {[&] { return timed(check); }, [&] { return timed([&] { bare(program); }); }});
     bench::report(fmt::format("peer check, warm, {}", size.name), times[0],
                   "CMS_verify of the file", times[1], {1.1});
     if (size.rounds < 100) {
-      bench::report("memory of it", fmt::format("{} KiB", bench::peakMemory(check) / 1024), "", "",
-                    true);
+      const std::int64_t memory = bench::peakMemory(check);
+      bench::report("memory of it", fmt::format("{} KiB", memory / 1024), "", "<= 1 MiB",
+                    memory <= std::int64_t{1} << 20U);
     }
   }
 }

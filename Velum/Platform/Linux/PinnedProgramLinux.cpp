@@ -118,9 +118,11 @@ std::string PinnedProgram::signature() const {
         "attribute user.velum.signature is found");
   }
   const std::string name = path_.substr(path_.rfind('/') + 1) + signatureSuffix;
-  // By the descriptor, so that it is the folder just looked at.
-  auto bytes = readRegularFile(fmt::format("/proc/self/fd/{}/{}", beside.get(), name),
-                               maximumSignatureSize, SymbolicLink::refuse);
+  const UniqueFd file(retryInterrupted([&] {
+    return ::openat(beside.get(), name.c_str(),
+                    O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  }));
+  auto bytes = file ? readRegularFile(file.get(), maximumSignatureSize) : std::nullopt;
   if (!bytes && errno == ENOENT) {
     throw CodeRefused(
         "it is not signed: its program has neither a file NAME.p7s beside it nor the attribute "
@@ -131,7 +133,7 @@ std::string PinnedProgram::signature() const {
 }
 
 std::vector<std::uint8_t> PinnedProgram::digest(const EVP_MD* algorithm) const {
-  constexpr std::size_t pieceSize = std::size_t{128} << 10U;  // fits into the processor's cache
+  constexpr std::size_t pieceSize = std::size_t{64} << 10U;  // fits into the processor's cache
   const auto piece = std::make_unique_for_overwrite<std::uint8_t[]>(pieceSize);  // NOLINT: a buffer
   const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(EVP_MD_CTX_new(),
                                                                    EVP_MD_CTX_free);

@@ -71,6 +71,16 @@ void SigningRoots::requireOurs(const struct stat& status, const std::string& nam
   }
 }
 
+/// Without a look at the names: the folder's own entry is another one when they change.
+bool SigningRoots::isUnchanged(int folder, const Listing& listing) {
+  return std::all_of(listing.begin(), listing.end(), [folder](const Entry& known) {
+    struct stat status {};
+    return ::fstatat(folder, known.name.c_str(), &status, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH) ==
+               0 &&
+           entry(known.name, status) == known;
+  });
+}
+
 SigningRoots::Listing SigningRoots::list(int folder) const {
   struct stat status {};
   if (::fstat(folder, &status) != 0) refuse("", "can't be read: " + systemErrorText(errno));
@@ -140,15 +150,16 @@ std::shared_ptr<X509_STORE> SigningRoots::load() {
   if (!folder && errno == ENOTDIR) refuse("", "is no folder, or a symbolic link");
   if (!folder) refuse("", "can't be read: " + systemErrorText(errno));
 
-  Listing listing = list(folder.get());
   const auto known = [this] {
     const std::lock_guard guard(lock_);
     return loaded_;
   }();
   // What was loaded before a fork holds locks of the parent's threads.
-  if (known && known->forkGeneration == forkGeneration() && known->listing == listing) {
+  if (known && known->forkGeneration == forkGeneration() &&
+      isUnchanged(folder.get(), known->listing)) {
     return known->store;
   }
+  Listing listing = list(folder.get());
   auto store = read(folder.get(), listing);
   auto loaded = std::make_shared<const Loaded>(Loaded{std::move(listing), store, forkGeneration()});
   if (isSettled(loaded->listing)) {

@@ -49,13 +49,14 @@ class SigningRoots final : ForkParticipant {
 
     bool operator==(const Entry& other) const noexcept;
   };
-  using Listing = std::vector<Entry>;
+  using Listing = std::vector<Entry>;  // the folder itself first, without a name
   struct Loaded {
     Listing listing;
     std::shared_ptr<X509_STORE> store;
     unsigned forkGeneration = 0;
   };
 
+  static bool isUnchanged(int folder, const Listing& listing);
   Listing list(int folder) const;
   std::shared_ptr<X509_STORE> read(int folder, const Listing& listing) const;
   std::string fileText(int folder, const std::string& name) const;

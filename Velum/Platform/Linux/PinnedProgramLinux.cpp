@@ -55,8 +55,9 @@ std::string linkToProgram(int pid) {
 PinnedProgram::PinnedProgram(int pid) : pid_(pid) {
   // Not through <sys/pidfd.h>: that header of glibc 2.36 is not usable from C++.
   process_.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
-  if (!process_ && (errno == ESRCH || errno == EINVAL || errno == ENOENT))
+  if (!process_ && (errno == ESRCH || errno == EINVAL || errno == ENOENT)) {
     throw CodeRefused("there is no such process");
+  }
   if (!process_) refuse("the process can't be pinned: ", errno);
 
   file_.reset(::open(linkToProgram(pid).c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));

@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include <array>
-#include <csignal>
 #include <string>
 
+#include "Velum/Platform/Linux/PipeSignalLinux.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/SystemError.h"
 
@@ -20,38 +20,6 @@ UniqueFd aboveStandardStreams(UniqueFd fd) {
   if (!copy) throw lastSystemError("makePipe, fcntl (" + std::to_string(fd.get()) + ")");
   return copy;
 }
-
-/// Takes the SIGPIPE of this thread's own writes away and leaves any other.
-class PipeSignalBlock {
- public:
-  PipeSignalBlock() noexcept {
-    ::sigemptyset(&pipeSignal_);
-    ::sigaddset(&pipeSignal_, SIGPIPE);
-    wasPending_ = isPending();
-    ::pthread_sigmask(SIG_BLOCK, &pipeSignal_, &previous_);
-  }
-  PipeSignalBlock(const PipeSignalBlock&) = delete;
-  PipeSignalBlock& operator=(const PipeSignalBlock&) = delete;
-  ~PipeSignalBlock() {
-    const int error = errno;
-    const timespec now{};
-    if (!wasPending_ && isPending()) {
-      retryInterrupted([&] { return ::sigtimedwait(&pipeSignal_, nullptr, &now); });
-    }
-    ::pthread_sigmask(SIG_SETMASK, &previous_, nullptr);
-    errno = error;
-  }
-
- private:
-  static bool isPending() noexcept {
-    sigset_t pending{};
-    return ::sigpending(&pending) == 0 && ::sigismember(&pending, SIGPIPE) == 1;
-  }
-
-  sigset_t pipeSignal_{};
-  sigset_t previous_{};
-  bool wasPending_ = false;
-};
 
 }  // namespace
 

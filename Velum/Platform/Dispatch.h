@@ -24,6 +24,9 @@ class DispatchQueue {
   virtual ~DispatchQueue() = default;
 
   static DispatchQueue& main();
+  /// True on the main queue's thread: the one that runs it, and before any does, the process's
+  /// first.
+  static bool isMain() noexcept;
   static DispatchQueue& global();
   /// A new serial queue. Work still waiting when the last reference goes is run all the same.
   static std::shared_ptr<DispatchQueue> serial(std::string label);

@@ -145,9 +145,12 @@ TEST(DispatchQueue, GoesOnWithFewThreadsWhenNoMoreCanBeMade) {
 TEST(DispatchQueue, RunsMainWorkOnTheThreadOfTheApplication) {
   test::inChild([] {
     static const auto mainThread = std::this_thread::get_id();
+    EXPECT_TRUE(DispatchQueue::isMain());
     DispatchQueue::global().async([] {
+      EXPECT_FALSE(DispatchQueue::isMain());
       DispatchQueue::main().asyncAfter(1ms, [] {
         EXPECT_EQ(std::this_thread::get_id(), mainThread);
+        EXPECT_TRUE(DispatchQueue::isMain());
         ::_exit(::testing::Test::HasFailure() ? 1 : 0);
       });
     });

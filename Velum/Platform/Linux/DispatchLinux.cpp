@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <new>
 #include <system_error>
@@ -27,6 +28,7 @@
 #include "Velum/Platform/Linux/MainLoop.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Platform/Thread.h"
 #include "Velum/SystemError.h"
 #include "Velum/UnfairLock.h"
 
@@ -105,6 +107,7 @@ class Pool {
 struct MainContext {
   asio::io_context context{1};
   asio::executor_work_guard<asio::io_context::executor_type> keepsRunning{context.get_executor()};
+  std::atomic<std::uint32_t> thread{0};  // which one runs it; 0 for none so far
 };
 
 /// What of the machinery belongs to this process. A forked child gets new contexts: the threads
@@ -358,6 +361,12 @@ DispatchQueue& DispatchQueue::main() {
   return instance;
 }
 
+bool DispatchQueue::isMain() noexcept {
+  const std::uint32_t runner = Runtime::shared().mainContext().thread.load();
+  const auto first = static_cast<std::uint32_t>(currentProcessId());
+  return currentThreadId() == (runner != 0 ? runner : first);
+}
+
 DispatchQueue& DispatchQueue::global() {
   static GlobalQueue& instance = *new GlobalQueue;  // NOLINT(*-owning-memory): never destroyed
   return instance;
@@ -368,7 +377,11 @@ std::shared_ptr<DispatchQueue> DispatchQueue::serial(std::string label) {
 }
 
 void runMainLoop() {
-  while (true) Runtime::shared().mainContext().context.run();
+  while (true) {
+    MainContext& main = Runtime::shared().mainContext();
+    main.thread.store(currentThreadId());
+    main.context.run();
+  }
 }
 
 struct DispatchGroup::State {

@@ -3,7 +3,7 @@
 include(CMakePackageConfigHelpers)
 
 install(TARGETS velum_core velum_storage velum_messaging velum_telemetry velum_certificates
-  EXPORT VelumTargets
+  velum_ui EXPORT VelumTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS vpn_relauncher RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES docs/vpn_relauncher.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
@@ -32,7 +32,8 @@ install(FILES ${PROJECT_BINARY_DIR}/VelumConfig.cmake ${PROJECT_BINARY_DIR}/Velu
 # Relative to velum.pc itself, so that an installed tree can be moved.
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
   BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig OUTPUT_VARIABLE prefix_from_pc)
-foreach(name velum velum-storage velum-messaging velum-telemetry velum-certificates)
+foreach(name velum velum-storage velum-messaging velum-telemetry velum-certificates
+    velum-ui)
   configure_file(cmake/${name}.pc.in ${name}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()

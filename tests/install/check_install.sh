@@ -43,7 +43,7 @@ expect_output "$work/build/consumer"
 
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name velum.pc)")
 export PKG_CONFIG_PATH
-packages=(velum-storage velum-messaging velum-telemetry velum-certificates)
+packages=(velum-storage velum-messaging velum-telemetry velum-certificates velum-ui)
 read -ra cflags < <(pkg-config --cflags "${packages[@]}")
 read -ra libs < <(pkg-config --libs "${packages[@]}")
 "$compiler" -std=c++20 -I"$work/include" "${cflags[@]}" "$sources/consumer.cpp" "${libs[@]}" \

@@ -7,12 +7,14 @@
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/CodeIdentity.h"
 #include "Velum/Telemetry.h"
+#include "Velum/UIUtils.h"
 #include "all_headers.h"
 
 int main() {
   velum::IPCDarwinMessageConfig::install({.prefix = "com.example.consumer"});
   auto& logger = velum::Logger::shared();
   logger.setHandlers({std::make_shared<velum::StdoutLogHandler>()});
+  static_cast<void>(velum::UIUtils::isDarkMode());
   const velum::SecretBytes key(32);
   const bool isLinked = velum::AES::decrypted(velum::AES::encrypted({}, key), key).empty() &&
                         velum::Telemetry::createSyntheticId("f") == "abaaaaaa" &&

@@ -52,6 +52,19 @@ Text jsonText(const nlohmann::json& value) {
   return text;
 }
 
+/// The value that the bytes stand for. Throws for malformed ones, and for arrays and objects nested
+/// deeper than anybody writes them: whoever walks or copies a value uses stack for each level.
+template <class Bytes>
+nlohmann::json parsedJson(const Bytes& bytes) {
+  return nlohmann::json::parse(
+      bytes.begin(), bytes.end(),
+      [](int depth, nlohmann::json::parse_event_t /*event*/, nlohmann::json& /*value*/) {
+        constexpr int deepest = 512;
+        if (depth >= deepest) throw std::length_error("nested too deep");
+        return true;
+      });
+}
+
 /// What went wrong, for the log. The library's own text quotes what it read, which may be secret.
 inline std::string jsonErrorText(const nlohmann::json::exception& error) {
   std::string text = "JSON error " + std::to_string(error.id);

@@ -66,7 +66,7 @@ class KeyChain {
     const auto bytes = load(key, service, accessGroup, store);
     if (!bytes) return std::nullopt;
     try {
-      Json json{nlohmann::json::parse(bytes->begin(), bytes->end())};
+      Json json{parsedJson(*bytes)};
       return json.value.template get<Value>();
     } catch (const std::exception& error) {
       logDecodeFailure(key, error);

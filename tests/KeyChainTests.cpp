@@ -148,8 +148,10 @@ TEST(KeyChain, RefusesWhatJsonCantExpress) {
 
 TEST(KeyChain, ReadsNothingFromJsonOfAnotherForm) {
   FakeSecretStore store;
-  for (const char* bytes : {"", "hidden", R"({"hidden":)", "\"hidden\xFF\"", R"([1, "hidden"])",
-                            R"({"name": "hidden"})", "[[[[[[[["}) {
+  const std::string deep = std::string(2'000'000, '[') + std::string(2'000'000, ']');
+  for (const std::string& bytes : std::initializer_list<std::string>{
+           "", "hidden", R"({"hidden":)", "\"hidden\xFF\"", R"([1, "hidden"])",
+           R"({"name": "hidden"})", "[[[[[[[[", deep}) {
     KeyChain::save("key", secretBytes(bytes), "service", {}, store);
     const CapturedLog log;
     EXPECT_FALSE(KeyChain::loadObject<Account>("key", "service", {}, store)) << bytes;

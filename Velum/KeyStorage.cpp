@@ -335,6 +335,7 @@ void KeyStorageBase::readUnreadLk() {
       if (state_->cache.find(key) == nullptr && !state_->removedUnread.contains(key)) {
         state_->cache.set(key, std::move(value));
       }
+      wipe(value);  // what is not wanted, and what moving leaves of a short text
     }
   }
   state_->isComplete = true;

@@ -45,7 +45,7 @@ void appendUtf8(std::string& out, std::uint32_t scalar) {
 /// A surrogate without its partner becomes U+FFFD.
 std::string utf8FromUtf16(std::string_view units) {
   std::string text;
-  text.reserve(units.size());
+  text.reserve(units.size() / 2 * 3);  // the most it can take: what grows leaves copies behind
   for (std::size_t at = 0; at < units.size(); at += 2) {
     auto scalar = static_cast<std::uint32_t>(bigEndian(units.substr(at, 2)));
     if (scalar >= 0xD800 && scalar < 0xE000) {
@@ -115,6 +115,10 @@ class Reader {
 
   PropertyList object(std::uint64_t number, unsigned depth) {
     spend(Limits::perObject);
+    return paidObject(number, depth);
+  }
+
+  PropertyList paidObject(std::uint64_t number, unsigned depth) {
     require(number < objectCount_);
     const std::uint64_t offset =
         bigEndian(bytes_.substr(tableOffset_ + number * offsetWidth_, offsetWidth_));
@@ -209,9 +213,11 @@ class Reader {
     require(depth < Limits::depth);
     const std::uint64_t count = length(cursor);
     const auto references = take(cursor, count * referenceWidth_);
-    PropertyList::Array values;  // not reserved: the count is only a claim until it is paid for
+    spend(count * Limits::perObject);  // before there is room for them: the count is a mere claim
+    PropertyList::Array values;
+    values.reserve(count);  // short texts that moved would be left in freed memory
     for (std::uint64_t index = 0; index < count; ++index) {
-      values.push_back(object(reference(references, index), depth + 1));
+      values.push_back(paidObject(reference(references, index), depth + 1));
     }
     return PropertyList(std::move(values));
   }

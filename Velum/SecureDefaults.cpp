@@ -299,4 +299,9 @@ Entries SecureDefaults::persistentDomain() {
   return defs_->persistentDomain().value_or(Entries{});
 }
 
+bool SecureDefaults::setPersistentDomain(Entries entries) {
+  const std::lock_guard guard(state_->lock);
+  return defs_->setPersistentDomain(std::move(entries));
+}
+
 }  // namespace velum

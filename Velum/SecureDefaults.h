@@ -101,6 +101,9 @@ class SecureDefaults {
 
   /// All that is stored in the domain, unchecked; empty when there is nothing or nothing readable.
   PropertyList::Dictionary persistentDomain();
+  /// Replaces all that is stored in the domain, and not the copy: values that differ from it are
+  /// put back when they are read. False when it could not be written.
+  bool setPersistentDomain(PropertyList::Dictionary entries);
   /// What this process's arguments set. "SecureDefaults:silent" with a true value keeps the record
   /// of a found change out of the log, and does nothing else.
   static const PropertyList::Dictionary& argumentDomain() { return UserDefaults::argumentDomain(); }

@@ -23,6 +23,7 @@
 #include "tests/support/MemoryKeyStorage.h"
 #include "tests/support/RecordingLogHandler.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/Waiting.h"
 
 namespace velum {
 namespace {
@@ -191,6 +192,48 @@ TEST_F(SecureDefaultsTest, ReportsARepairThatFailsOnceAndTrustsTheCopy) {
   EXPECT_EQ(defaults.string("key"), "right");
   expectOneReport();
   EXPECT_EQ(domain(), copy->dictionaryRepresentation());
+}
+
+TEST_F(SecureDefaultsTest, GuardsADomainThatItsOwnerReplaced) {
+  const Entries entries{{"a", text("1")}, {"b", text("2")}};
+  copy->reset(entries);
+  EXPECT_TRUE(defaults.setPersistentDomain(entries));
+  EXPECT_EQ(defaults.persistentDomain(), entries);
+  EXPECT_EQ(domain(), entries);
+  EXPECT_EQ(defaults.string("a"), "1");
+  EXPECT_THAT(reasons, IsEmpty());
+  EXPECT_TRUE(defaults.setPersistentDomain({{"c", text("3")}}));
+  EXPECT_EQ(domain(), (Entries{{"c", text("3")}}));
+  EXPECT_EQ(defaults.string("c"), std::nullopt);
+  expectOneReport();
+  EXPECT_EQ(domain(), entries);
+}
+
+TEST_F(SecureDefaultsTest, BearsAnIntruderThatNeverRests) {
+  ASSERT_TRUE(defaults.setString("right", "key"));
+  const std::string wrong = list(Entries{{"key", text("wrong")}}).binary();
+  test::ChildProcess intruder([&] {
+    for (;;) {  // without the lock, and in pieces
+      writeFile(file, wrong.substr(0, wrong.size() / 2));
+      writeFile(file, wrong);
+      std::error_code error;
+      fs::remove(file, error);
+    }
+  });
+  std::size_t reads = 0;
+  const auto end = std::chrono::steady_clock::now() + test::deadline;
+  for (; reasons.size() < 10; ++reads) {
+    const auto value = defaults.string("key");  // may be changed once more after the repair
+    EXPECT_TRUE(!value || value == "right" || value == "wrong") << *value;
+    ASSERT_LT(std::chrono::steady_clock::now(), end);
+  }
+  intruder.kill();
+  EXPECT_LE(reasons.size(), reads);
+  EXPECT_EQ(defaults.string("key"), "right");
+  EXPECT_EQ(domain(), copy->dictionaryRepresentation());
+  reasons.clear();
+  EXPECT_EQ(defaults.string("key"), "right");
+  EXPECT_THAT(reasons, IsEmpty());
 }
 
 TEST_F(SecureDefaultsTest, TheHandlerMayReadAndWrite) {

@@ -123,6 +123,35 @@ TEST_F(UserDefaultsTest, NeverWaitsForAFifo) {
   EXPECT_EQ(defaults->object("key"), text("value"));
 }
 
+TEST_F(UserDefaultsTest, ClosesWhatItMakesToOthers) {
+  const mode_t mask = ::umask(0);
+  EXPECT_TRUE(defaults->setObject("key", text("value")));
+  ::umask(mask);
+  for (const std::string& made : {folder / "config", folder / "config/com.example"}) {
+    EXPECT_EQ(fs::status(made).permissions(), fs::perms::owner_all) << made;
+  }
+  for (const std::string& made : {file, file + ".lock"}) {
+    EXPECT_EQ(fs::status(made).permissions(), fs::perms(0600)) << made;
+  }
+}
+
+TEST_F(UserDefaultsTest, WritesThroughNoPlantedLink) {
+  ASSERT_TRUE(defaults->setObject("key", text("value")));
+  const std::string victim = folder / "victim";
+  writeFile(victim, "precious");
+  for (const std::string& planted : {file, file + ".new"}) {
+    fs::remove(planted);
+    fs::create_symlink(victim, planted);
+    EXPECT_TRUE(defaults->setObject("key", text(planted)));
+    EXPECT_EQ(defaults->object("key"), text(planted));
+  }
+  fs::remove(file + ".lock");
+  fs::create_symlink(folder / "nowhere", file + ".lock");
+  EXPECT_FALSE(defaults->setObject("key", text("newer")));
+  EXPECT_FALSE(fs::exists(folder / "nowhere"));
+  EXPECT_EQ(readFile(victim), "precious");
+}
+
 TEST_F(UserDefaultsTest, ReplacesTheWholeDomainAtOnce) {
   using Entries = PropertyList::Dictionary;
   EXPECT_EQ(defaults->persistentDomain(), Entries{});

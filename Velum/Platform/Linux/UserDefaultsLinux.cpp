@@ -45,6 +45,15 @@ void syncFolder(const std::string& folder) {
   if (directory) retryInterrupted([&] { return ::fsync(directory.get()); });
 }
 
+/// Makes the folder and those above it, closed to other users whatever the process's umask is.
+/// What fails shows when something is opened in it.
+void makeFolders(const std::string& path) {
+  for (std::size_t slash = 0; slash != std::string::npos;) {
+    slash = path.find('/', slash + 1);
+    ::mkdir(path.substr(0, slash).c_str(), ownerOnlyFolder);
+  }
+}
+
 /// Renames what is at `path`, a folder too, and replaces what is at `aside`.
 bool setAside(const std::string& path, const std::string& aside) {
   if (::rename(path.c_str(), aside.c_str()) == 0) return true;
@@ -194,12 +203,11 @@ class UserDefaultsLinux final : public UserDefaults {
 bool UserDefaultsLinux::change(const Edit& edit) {
   const auto folder = this->folder();
   if (!folder) return false;
-  std::error_code error;
-  std::filesystem::create_directories(std::filesystem::path(*folder).parent_path(), error);
-  ::mkdir(folder->c_str(), ownerOnlyFolder);  // what fails here shows when the lock is opened
+  makeFolders(*folder);
   const std::string path = *folder + fileName;
   const UniqueFd lockFile(retryInterrupted([&] {
-    return ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, ownerOnlyFile);
+    return ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
+                  ownerOnlyFile);
   }));
   if (!lockFile) return false;
   const FileLock lock(lockFile.get());

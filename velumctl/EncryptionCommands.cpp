@@ -25,6 +25,7 @@ struct CipherOptions {
   std::string output;
   std::string keyFile;
   std::optional<int> keyDescriptor;
+  bool isAgreed = false;
 };
 
 SecretBytes readKey(const CipherOptions& options) {
@@ -67,6 +68,7 @@ void encrypt(const CipherOptions& options) {
 }
 
 void decrypt(const CipherOptions& options) try {
+  if (options.output.empty()) confirmShowing("what is decrypted", options.isAgreed);
   const SecretBytes key = readKey(options);
   writeResult(options,
               velum::textView(velum::AES::decrypted(readAll(options.input, mostBytes), key)));
@@ -75,9 +77,9 @@ void decrypt(const CipherOptions& options) try {
                             error.detail()));
 }
 
-void addCommand(CLI::App& app, const std::string& name, const std::string& description,
-                const std::string& footer, void (*work)(const CipherOptions&)) {
-  auto options = std::make_shared<CipherOptions>();
+CLI::App& addCommand(CLI::App& app, const std::string& name, const std::string& description,
+                     const std::string& footer, const std::shared_ptr<CipherOptions>& options,
+                     void (*work)(const CipherOptions&)) {
   CLI::App& command = *app.add_subcommand(name, description);
   command.add_option("FILE", options->input, "What is read; standard input by default");
   auto* const file =
@@ -93,6 +95,7 @@ void addCommand(CLI::App& app, const std::string& name, const std::string& descr
       ->type_name("FILE");
   command.footer(footer);
   command.callback([options, work] { work(*options); });
+  return command;
 }
 
 }  // namespace
@@ -104,14 +107,16 @@ void addEncryption(CLI::App& app) {
              "Examples:\n"
              "  head -c 32 /dev/urandom >key\n"
              "  velumctl encrypt notes.txt --key-file key --output notes.aes",
-             encrypt);
+             std::make_shared<CipherOptions>(), encrypt);
+  const auto options = std::make_shared<CipherOptions>();
   addCommand(app, "decrypt", "Decrypt what encrypt made",
              "Nothing tells a wrong key or a damaged blob for sure: the result may be garbage "
-             "then.\n\n"
+             "then. On a terminal\nit asks first.\n\n"
              "Examples:\n"
              "  velumctl decrypt notes.aes --key-file key --output notes.txt\n"
              "  velumctl decrypt notes.aes --key-fd 3 3<key | less",
-             decrypt);
+             options, decrypt)
+      .add_flag("-y,--yes", options->isAgreed, "Show it on a terminal without asking");
 }
 
 }  // namespace velumctl

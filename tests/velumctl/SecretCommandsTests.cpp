@@ -287,6 +287,20 @@ TEST_F(VelumctlEncryption, RoundTripsFilesAndStreams) {
   }
 }
 
+TEST_F(VelumctlEncryption, AsksBeforeItShowsWhatItDecrypts) {
+  writeFile(keyFile_, std::string(32, 'k'));
+  writeFile(plain_, "hidden gem");
+  ASSERT_EQ(run({"encrypt", plain_, "--key-file", keyFile_, "--output", blob_}).status, 0);
+  Strings arguments{"decrypt", blob_, "--key-file", keyFile_};
+  auto program = onTerminal(arguments);
+  EXPECT_THAT(program.readUntil("[y/N] "), Not(HasSubstr("gem")));
+  program.type("n\n");
+  EXPECT_THAT(program.readToEnd(), Not(HasSubstr("gem")));
+  EXPECT_EQ(WEXITSTATUS(program.wait()), 1);
+  arguments.emplace_back("--yes");
+  EXPECT_THAT(onTerminal(arguments).readToEnd(), HasSubstr("hidden gem"));
+}
+
 TEST_F(VelumctlEncryption, FailsWithoutOutput) {
   writeFile(keyFile_, std::string(32, 'k'));
   writeFile(plain_, "text");

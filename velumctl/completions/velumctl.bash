@@ -25,7 +25,8 @@ _velumctl_options() {
     "defaults write") echo "--type --stdin --help" ;;
     "defaults verify") echo "--storage --key-item --service --group --json --help" ;;
     "storage dump") echo "--key-item --service --group --yes --json --help" ;;
-    "encrypt " | "decrypt ") echo "--key-file --key-fd --output --help" ;;
+    "encrypt ") echo "--key-file --key-fd --output --help" ;;
+    "decrypt ") echo "--key-file --key-fd --output --yes --help" ;;
     "notify post" | "notify listen") echo "--system --json --help" ;;
     "notify wait") echo "--timeout --system --json --help" ;;
     "request ") echo "--id --prefix --timeout --system --json --help" ;;

@@ -68,14 +68,14 @@ struct WriteOptions {
   bool fromInput = false;
 };
 
+// What --stdin kept off the command line has no place in an error either.
 template <class Number>
 PropertyList numberFrom(const std::string& text) {
   Number number{};
   const char* const end = text.data() + text.size();
   const auto result = std::from_chars(text.data(), end, number);
   if (result.ec != std::errc() || result.ptr != end) {
-    throw UsageError(
-        fmt::format("\"{}\" is no such number; correct it, or choose another --type", text));
+    throw UsageError("the value is no such number; correct it, or choose another --type");
   }
   return PropertyList(number);
 }
@@ -83,7 +83,7 @@ PropertyList numberFrom(const std::string& text) {
 PropertyList boolFrom(const std::string& text) {
   const bool isTrue = text == "true" || text == "YES" || text == "yes" || text == "1";
   if (!isTrue && text != "false" && text != "NO" && text != "no" && text != "0") {
-    throw UsageError(fmt::format("\"{}\" is no flag; write true or false", text));
+    throw UsageError("the value is no flag; write true or false");
   }
   return PropertyList(isTrue);
 }

@@ -204,6 +204,12 @@ TEST_F(VelumctlDefaults, WritesAndReadsEveryType) {
   EXPECT_EQ(json.at("text"), "\u20AC \"x\"");
   EXPECT_EQ(json.at("integer"), -5);
   EXPECT_EQ(run({"defaults", "read", "com.example", "absent"}).status, 1);
+  for (const std::string type : {"bool", "integer", "double"}) {
+    const Result refused =
+        run({"defaults", "write", "com.example", "bool", "--type", type, "--stdin"}, "hidden gem");
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_THAT(refused.errors, AllOf(HasSubstr("the value is no"), Not(HasSubstr("gem"))));
+  }
   writeFile(domainFile_, "garbage");
   EXPECT_THAT(run({"defaults", "read", "com.example"}).errors, HasSubstr("damaged"));
 }

@@ -59,8 +59,11 @@ class TemporaryFile {
     if (!path_.empty()) ::unlink(path_.c_str());
   }
 
-  void write(std::string_view content, std::string_view caller) const {
+  void write(std::string_view content, mode_t mode, std::string_view caller) const {
     checked::write(file_.get(), content.data(), content.size(), caller);
+    if (mode != ownerOnly && ::fchmod(file_.get(), mode) != 0) {
+      throw lastSystemError(fmt::format("{}: fchmod ({})", caller, path_));
+    }
     if (retryInterrupted([&] { return ::fsync(file_.get()); }) != 0) {
       throw lastSystemError(fmt::format("{}: fsync ({})", caller, path_));
     }
@@ -101,7 +104,7 @@ void removeIfAbandoned(const std::string& path) {
 
 }  // namespace
 
-AtomicFile::AtomicFile(std::string path) : path_(std::move(path)) {
+AtomicFile::AtomicFile(std::string path, mode_t mode) : path_(std::move(path)), mode_(mode) {
   const fs::path parts(path_);
   folder_ = parts.has_parent_path() ? parts.parent_path().string() : ".";
   name_ = parts.filename().string();
@@ -109,7 +112,7 @@ AtomicFile::AtomicFile(std::string path) : path_(std::move(path)) {
 
 void AtomicFile::replace(std::string_view content, std::string_view caller) const {
   TemporaryFile file(fmt::format("{}/.{}.", folder_, name_), caller);
-  file.write(content, caller);
+  file.write(content, mode_, caller);
   file.moveTo(path_, caller);
   syncFolder(folder_, caller);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <string_view>
 
@@ -9,10 +11,11 @@ namespace velum {
 /// the old content or the new. Of several writers, in any processes, the last one wins.
 ///
 /// The new content is written to a hidden file beside it, "." + name + "." + random letters +
-/// ".new", mode 0600 from the start, which no link that somebody planted can stand for.
+/// ".new", mode 0600 until it is complete, which no link that somebody planted can stand for.
 class AtomicFile {
  public:
-  explicit AtomicFile(std::string path);
+  /// The file gets the permissions `mode`, whatever this process's umask is.
+  explicit AtomicFile(std::string path, mode_t mode = 0600);
 
   const std::string& path() const noexcept { return path_; }
 
@@ -29,6 +32,7 @@ class AtomicFile {
   bool isTemporaryName(std::string_view name) const;
 
   std::string path_;
+  mode_t mode_;
   std::string folder_;
   std::string name_;
 };

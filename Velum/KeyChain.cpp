@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 #include "Velum/Fatal.h"
 #include "Velum/Logger/Logger.h"
@@ -45,10 +46,6 @@ std::string typeName(const std::type_info& type) {
 std::string description(const std::exception& error) {
   const auto* json = dynamic_cast<const nlohmann::json::exception*>(&error);
   return json != nullptr ? jsonErrorText(*json) : typeName(typeid(error));
-}
-
-std::string description(SecPreferencesDomain domain) {
-  return "SecPreferencesDomain(rawValue: " + std::to_string(static_cast<int>(domain)) + ")";
 }
 
 }  // namespace
@@ -94,14 +91,21 @@ SecretStatus KeyChain::remove(const std::string& key, const Service& service,
 }
 
 std::optional<SecKeychain> KeyChain::keychain(SecPreferencesDomain domain, SecretStore& store) {
-  const SecKeychainList list = store.searchList(domain);
+  return keychain(domain, store.searchList(domain));
+}
+
+std::optional<SecKeychain> KeyChain::keychain(SecPreferencesDomain domain, SecKeychainList list) {
   if (list.status != errSecSuccess) {
     logError({sourceFile, "keychain(in:)"}, "Failed searching for keychain in {}{}",
-             description(domain), statusText(list.status));
+             domainText(domain), statusText(list.status));
     return std::nullopt;
   }
   if (list.keychains.empty()) return std::nullopt;
-  return list.keychains.front();
+  return std::move(list.keychains.front());
+}
+
+std::string KeyChain::domainText(SecPreferencesDomain domain) {
+  return "SecPreferencesDomain(rawValue: " + std::to_string(static_cast<int>(domain)) + ")";
 }
 
 std::string KeyChain::statusText(SecretStatus status) {

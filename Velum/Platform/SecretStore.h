@@ -16,8 +16,13 @@ namespace velum {
 using SecretStatus = std::int32_t;
 
 inline constexpr SecretStatus errSecSuccess = 0;
+inline constexpr SecretStatus errSecUnimplemented = -4;              // not on this system
+inline constexpr SecretStatus errSecIO = -36;                        // a tool or library failed
+inline constexpr SecretStatus errSecParam = -50;                     // makes no sense
 inline constexpr SecretStatus errSecUserCanceled = -128;             // a prompt was refused
+inline constexpr SecretStatus errSecNoTrustSettings = -25263;        // of a certificate
 inline constexpr SecretStatus errSecNotAvailable = -25291;           // no store, or it went away
+inline constexpr SecretStatus errSecNoSuchKeychain = -25294;         // of that name or domain
 inline constexpr SecretStatus errSecDuplicateItem = -25299;          // add of an existing item
 inline constexpr SecretStatus errSecItemNotFound = -25300;           // the only "missing"
 inline constexpr SecretStatus errSecInteractionNotAllowed = -25308;  // locked

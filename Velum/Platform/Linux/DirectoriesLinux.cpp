@@ -74,10 +74,14 @@ class DirectoriesLinux final : public Directories {
 
 }  // namespace
 
+std::optional<std::string> homeFolder() {
+  auto home = absoluteVariable("HOME");
+  return home ? home : homeFromUserDatabase();
+}
+
 std::optional<std::string> userFolder(const char* variable, std::string_view belowHome) {
   if (auto folder = absoluteVariable(variable)) return folder;
-  auto home = absoluteVariable("HOME");
-  if (!home) home = homeFromUserDatabase();
+  auto home = homeFolder();
   if (!home) return std::nullopt;
   return home->append("/").append(belowHome);
 }

@@ -173,6 +173,16 @@ std::optional<std::string> SecretStore::errorText(SecretStatus status) {
   switch (status) {
     case errSecSuccess:
       return "No error.";
+    case errSecUnimplemented:
+      return "Function or operation not implemented.";
+    case errSecIO:
+      return "I/O error.";
+    case errSecParam:
+      return "One or more parameters passed to a function were not valid.";
+    case errSecNoTrustSettings:
+      return "No trust settings were found.";
+    case errSecNoSuchKeychain:
+      return "The specified keychain could not be found.";
     case errSecUserCanceled:
       return "User canceled the operation.";
     case errSecNotAvailable:

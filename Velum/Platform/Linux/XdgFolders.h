@@ -14,8 +14,10 @@ inline std::optional<std::string> absoluteVariable(const char* name) {
   return value;
 }
 
+/// What HOME says, else the user database; nothing when the user has no home.
+std::optional<std::string> homeFolder();
+
 /// The user's folder of one kind: what `variable` names, else `belowHome` in the home folder.
-/// Without HOME the user database is asked; nothing when the user has no home.
 std::optional<std::string> userFolder(const char* variable, std::string_view belowHome);
 
 /// True for a text that can be the name of one file: not empty, no slash, no NUL, not "." or "..".

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Velum/Platform/CertificateStore.h"
+#include "Velum/Platform/Linux/TrustLinux.h"
+
+namespace velum {
+
+/// An open NSS database. One at a time in this process: making a second waits for the first to go.
+/// Only the objects of this database are looked at and changed, whatever else uses NSS in the
+/// process. Operations throw CertificateFailure.
+class NssDatabase {
+ public:
+  enum class Access : bool { read, write };
+
+  /// Whether there is a database in the folder.
+  static bool isIn(const std::string& folder);
+
+  /// Opens the database, which `Access::write` makes when it is missing; the folder must exist.
+  NssDatabase(const std::string& folder, Access access);
+  NssDatabase(const NssDatabase&) = delete;
+  NssDatabase& operator=(const NssDatabase&) = delete;
+  ~NssDatabase();
+
+  std::vector<CertificateItem> certificates() const;
+  void add(const SecCertificate& certificate, const std::string& label);
+  /// Removes the certificates of that label with what is thought of them.
+  void remove(const std::string& label);
+
+  /// All unknown when nothing is stored.
+  TrustByUse trust(const SecCertificate& certificate) const;
+  void setTrust(const SecCertificate& certificate, const TrustByUse& trust);
+
+ private:
+  class Session;
+
+  bool has(const SecCertificate& certificate) const;
+
+  std::unique_ptr<Session> session_;
+};
+
+}  // namespace velum

@@ -1,0 +1,456 @@
+#include "Velum/Platform/CertificateStore.h"
+
+#include <cert.h>
+#include <gtest/gtest.h>
+#include <nss.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Velum/Platform/Linux/CertificateStoreLinux.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Environment.h"
+#include "tests/support/TestCertificates.h"
+#include "tests/support/TlsServer.h"
+
+namespace velum {
+namespace {
+
+using test::shell;
+using test::TemporaryFolder;
+using test::TlsServer;
+
+using Labels = std::multiset<std::string>;
+constexpr auto user = SecPreferencesDomain::user;
+constexpr auto common = SecPreferencesDomain::common;
+
+PropertyList::Array setting(std::optional<std::string> policy, std::int64_t result) {
+  PropertyList::Dictionary entries;
+  if (policy) entries.emplace("kSecTrustSettingsPolicyName", PropertyList(std::move(*policy)));
+  entries.emplace("kSecTrustSettingsResult", PropertyList(result));
+  PropertyList::Array list;
+  list.emplace_back(std::move(entries));
+  return list;
+}
+
+const PropertyList always{PropertyList::Array{}};
+
+Labels labelsIn(CertificateStore& store, const SecKeychain& keychain) {
+  const CertificateList list = store.list(keychain);
+  EXPECT_EQ(list.status.text(), "No error.");
+  Labels labels;
+  for (const CertificateItem& item : list.items) labels.insert(item.label);
+  return labels;
+}
+
+int modeOf(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 ? static_cast<int>(status.st_mode & 07777U) : -1;
+}
+
+/// The user's certificates, in a home of the test's own.
+class UserCertificates : public testing::Test {
+ protected:
+  SecKeychain keychain() { return store_.searchList(user).keychains.at(0); }
+  Labels labels() { return labelsIn(store_, keychain()); }
+  void add(const SecCertificate& certificate, const std::string& label) {
+    EXPECT_EQ(store_.add(certificate, label, keychain()).text(), "No error.");
+  }
+  SecretStatus set(const SecCertificate& certificate, const std::optional<PropertyList>& value) {
+    return store_.setTrustSettings(certificate, user, value).number;
+  }
+  std::string database() const { return home_ / ".pki/nssdb"; }
+  /// The flags that NSS's own tool shows, as "CT,C,C".
+  std::string shownFlags() const {
+    return shell("certutil -L -d 'sql:" + database() + "' | awk '/^root / { print $3 }'").output;
+  }
+
+  TemporaryFolder home_;
+  test::ScopedVariable homeVariable_{"HOME", home_.path()};
+  test::TestCertificates certificates_;
+  CertificateStoreLinux store_;
+};
+
+TEST_F(UserCertificates, AreFoundByTheWholeLabelOnly) {
+  EXPECT_EQ(labels(), Labels());
+  EXPECT_FALSE(std::filesystem::exists(home_ / ".pki"));  // looking makes nothing
+  EXPECT_EQ(store_.remove("x", keychain()).number, errSecItemNotFound);
+
+  const auto first = certificates_.authority("first", "/CN=first");
+  const auto sameSubject = certificates_.authority("same", "/CN=first");
+  const auto second = certificates_.authority("second", "/CN=second");
+  add(first, "Büro: 'A' [1]");
+  add(second, "Büro: 'A' [1]");  // another subject
+  add(sameSubject, "Büro");
+  EXPECT_EQ(modeOf(database()), 0700);
+  EXPECT_EQ(labels(), (Labels{"Büro: 'A' [1]", "Büro: 'A' [1]", "Büro"}));
+  EXPECT_EQ(store_.add(first, "other", keychain()).number, errSecDuplicateItem);
+  EXPECT_EQ(store_.add(first, std::string("a\0b", 3), keychain()).number, errSecParam);
+
+  EXPECT_TRUE(store_.remove("Büro: 'A' [1]", keychain()).isSuccess());
+  EXPECT_EQ(labels(), Labels{"Büro"});
+  EXPECT_EQ(store_.list(keychain()).items.at(0).certificate, sameSubject);
+  EXPECT_EQ(store_.remove("Büro: 'A' [1]", keychain()).number, errSecItemNotFound);
+
+  // What other programs added has their name as its label.
+  EXPECT_EQ(shell("certutil -A -n 'by hand' -t C,, -i '" + certificates_.pem("second") +
+                  "' -d 'sql:" + database() + "'")
+                .status,
+            0);
+  EXPECT_EQ(labels(), (Labels{"Büro", "by hand"}));
+  EXPECT_EQ(store_.copyTrustSettings(second, user).settings, PropertyList(setting("sslServer", 1)));
+  EXPECT_TRUE(store_.remove("by hand", keychain()).isSuccess());
+  EXPECT_EQ(labels(), Labels{"Büro"});
+}
+
+TEST_F(UserCertificates, KeepTrustSettingsAsTheStoresOwnToolsShowThem) {
+  const auto root = certificates_.authority("root", "/CN=root");
+  const auto noSettings = [&] {
+    return store_.copyTrustSettings(root, user).status.number == errSecNoTrustSettings;
+  };
+  EXPECT_TRUE(noSettings());
+  EXPECT_EQ(set(root, always), errSecItemNotFound);  // it has to be added first
+  add(root, "root");
+  EXPECT_TRUE(noSettings());
+  EXPECT_EQ(shownFlags(), ",,\n");
+
+  PropertyList::Array mixed = setting("sslServer", 1);
+  mixed.push_back(setting("SMIME", 3).front());
+  mixed.push_back(setting("CodeSigning", 2).front());
+  const std::vector<std::pair<PropertyList, std::string>> cases{
+      {always, "CT,C,C\n"},
+      {PropertyList(setting("sslServer", 1)), "C,,\n"},
+      {PropertyList(setting("sslServer", 3)), "p,,\n"},
+      {PropertyList(setting("sslClient", 1)), "T,,\n"},
+      {PropertyList(mixed), "C,p,P\n"},
+  };
+  for (const auto& [settings, flags] : cases) {
+    EXPECT_EQ(set(root, settings), errSecSuccess) << flags;
+    const TrustSettings found = store_.copyTrustSettings(root, user);
+    EXPECT_EQ(found.status.text(), "No error.");
+    EXPECT_EQ(found.settings, settings) << flags;
+    EXPECT_EQ(shownFlags(), flags);
+  }
+  // What can't be kept changes nothing, for a rule that is left out would be no rule.
+  PropertyList::Array forOneHost = setting("sslServer", 1);
+  std::get<PropertyList::Dictionary>(forOneHost.front().value)
+      .emplace("kSecTrustSettingsPolicyString", PropertyList(std::string("example.com")));
+  for (const PropertyList& bad :
+       {PropertyList(forOneHost), PropertyList(setting("eapServer", 1)),
+        PropertyList(setting("SMIME", 4)), PropertyList(), PropertyList(PropertyList::Array(1))}) {
+    EXPECT_EQ(set(root, bad), errSecParam);
+  }
+  EXPECT_EQ(shownFlags(), "C,p,P\n");
+
+  EXPECT_EQ(set(root, PropertyList(setting({}, 3))), errSecSuccess);  // for every use
+  EXPECT_EQ(shownFlags(), "p,p,p\n");
+  EXPECT_EQ(set(root, std::nullopt), errSecSuccess);
+  EXPECT_TRUE(noSettings());
+  EXPECT_EQ(shownFlags(), ",,\n");
+  EXPECT_EQ(set(root, always), errSecSuccess);
+  EXPECT_TRUE(store_.remove("root", keychain()).isSuccess());
+  add(root, "root");
+  EXPECT_TRUE(noSettings()) << "trust outlived the certificate";
+}
+
+TEST_F(UserCertificates, AreWhatTlsClientsTrust) {
+  const auto root = certificates_.authority("root", "/CN=root");
+  static_cast<void>(certificates_.server("server", "root"));
+  const auto alone = certificates_.server("alone");
+  const TlsServer server(certificates_.pem("server"), certificates_.key("server"));
+  const TlsServer other(certificates_.pem("alone"), certificates_.key("alone"));
+  const auto isTrusted = [&](const TlsServer& host) {
+    return shell("exec tstclnt -Q -h 127.0.0.1 -p " + host.port() + " -d 'sql:" + database() + "'")
+               .status == 0;
+  };
+  add(certificates_.authority("unrelated", "/CN=unrelated"), "unrelated");
+  EXPECT_FALSE(isTrusted(server));
+  add(root, "root");
+  EXPECT_FALSE(isTrusted(server)) << "present is not trusted";
+  EXPECT_EQ(set(root, always), errSecSuccess);
+  EXPECT_TRUE(isTrusted(server));
+  EXPECT_EQ(set(root, PropertyList(setting("sslServer", 3))), errSecSuccess);
+  EXPECT_FALSE(isTrusted(server));
+  EXPECT_EQ(set(root, PropertyList(setting("sslServer", 1))), errSecSuccess);
+  EXPECT_TRUE(isTrusted(server));
+  EXPECT_TRUE(store_.remove("root", keychain()).isSuccess());
+  EXPECT_FALSE(isTrusted(server));
+
+  // A certificate that is no authority: itself is trusted.
+  EXPECT_FALSE(isTrusted(other));
+  add(alone, "alone");
+  EXPECT_EQ(set(alone, always), errSecSuccess);
+  EXPECT_EQ(store_.copyTrustSettings(alone, user).settings, always);
+  EXPECT_TRUE(isTrusted(other));
+}
+
+TEST_F(UserCertificates, SayWhyADatabaseCantBeUsed) {
+  const auto root = certificates_.authority("root", "/CN=root");
+  const auto addTo = [&](const std::string& folder) {
+    return store_.add(root, "n", SecKeychain{"sql:" + folder});
+  };
+  EXPECT_EQ(store_.add(root, "n", SecKeychain{"/org/secrets/collection"}).number,
+            errSecNoSuchKeychain);
+  test::writeFile(home_ / "file", "");
+  EXPECT_EQ(addTo(home_ / "file").number, errSecErrnoBase + ENOTDIR);
+  test::writeFile(home_ / "damaged/cert9.db", "no database");
+  EXPECT_EQ(addTo(home_ / "damaged").number, errSecIO);
+  EXPECT_NE(addTo(home_ / "damaged").text(), "");
+  EXPECT_EQ(store_.list(SecKeychain{"sql:" + (home_ / "damaged")}).status.number, errSecIO);
+  EXPECT_EQ(test::readFile(home_ / "damaged/cert9.db"), "no database");
+
+  const std::string odd = home_ / R"(o'd\d "<>[] folder)";
+  EXPECT_EQ(addTo(odd).text(), "No error.");
+  EXPECT_EQ(labelsIn(store_, SecKeychain{"sql:" + odd}), Labels{"n"});
+
+  // A database with a password: settings are sealed with it.
+  std::filesystem::create_directories(database());
+  test::writeFile(home_ / "password", "secret");
+  shell("certutil -N -f '" + (home_ / "password") + "' -d 'sql:" + database() + "'");
+  add(root, "root");
+  EXPECT_EQ(set(root, always), errSecInteractionNotAllowed);
+  EXPECT_EQ(store_.copyTrustSettings(root, user).status.number, errSecNoTrustSettings);
+  EXPECT_EQ(labels(), Labels{"root"});
+
+  ::chmod(database().c_str(), 0500);
+  ::chmod((database() + "/cert9.db").c_str(), 0400);
+  if (::geteuid() != 0) {
+    EXPECT_EQ(store_.remove("root", keychain()).number, errSecErrnoBase + EACCES);
+  }
+  EXPECT_EQ(labels(), Labels{"root"});
+  ::chmod(database().c_str(), 0700);
+}
+
+TEST_F(UserCertificates, CanBeChangedByManyThreadsAndAcrossAFork) {
+  constexpr int count = 4;
+  std::vector<SecCertificate> made;
+  for (int i = 0; i < count; ++i) {
+    const std::string name = "n" + std::to_string(i);
+    made.push_back(certificates_.authority(name, "/CN=" + name));
+  }
+  std::vector<std::thread> threads;
+  for (int i = 0; i < count; ++i) {
+    threads.emplace_back([&, i] {
+      const std::string label = "n" + std::to_string(i);
+      const auto& certificate = made.at(static_cast<std::size_t>(i));
+      for (int round = 0; round < 3; ++round) {
+        add(certificate, label);
+        EXPECT_EQ(set(certificate, always), errSecSuccess);
+        EXPECT_TRUE(store_.copyTrustSettings(certificate, user).status.isSuccess());
+        if (round == 2) break;
+        EXPECT_TRUE(store_.remove(label, keychain()).isSuccess());
+      }
+    });
+  }
+  test::inChild([this] { EXPECT_LE(labels().size(), 4U); });  // in the middle of all that
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(labels(), (Labels{"n0", "n1", "n2", "n3"}));
+  test::inChild([this] { EXPECT_TRUE(store_.remove("n1", keychain()).isSuccess()); });
+  EXPECT_EQ(labels(), (Labels{"n0", "n2", "n3"}));
+}
+
+TEST_F(UserCertificates, LeaveAnotherDatabaseOfThisProcessAlone) {
+  const auto root = certificates_.authority("root", "/CN=root");
+  const std::string other = "sql:" + (home_ / "other");
+  std::filesystem::create_directories(home_ / "other");
+  shell("certutil -N --empty-password -d '" + other + "' && certutil -A -n root -t C,, -i '" +
+        certificates_.pem("root") + "' -d '" + other + "'");
+  const auto settingsOfOther = [&] {
+    CERTCertificate* const found = CERT_FindCertByNickname(CERT_GetDefaultCertDB(), "root");
+    if (found == nullptr) return 0U;
+    CERTCertTrust trust{};
+    CERT_GetCertTrust(found, &trust);
+    CERT_DestroyCertificate(found);
+    return trust.sslFlags;
+  };
+  test::inChild([&] {
+    ASSERT_EQ(NSS_InitReadWrite(other.c_str()), SECSuccess);
+    const unsigned before = settingsOfOther();
+    EXPECT_NE(before, 0U);
+    EXPECT_EQ(labels(), Labels());
+    EXPECT_EQ(store_.copyTrustSettings(root, user).status.number, errSecNoTrustSettings);
+    add(root, "mine");
+    EXPECT_EQ(set(root, PropertyList(setting({}, 3))), errSecSuccess);
+    EXPECT_EQ(labels(), Labels{"mine"});
+    EXPECT_TRUE(store_.remove("mine", keychain()).isSuccess());
+    EXPECT_EQ(settingsOfOther(), before);
+    EXPECT_EQ(NSS_Shutdown(), SECSuccess);
+  });
+  EXPECT_EQ(shell("certutil -L -d '" + other + "' | awk '/^root / { print $2 }'").output, "C,,\n");
+}
+
+/// The machine's certificates, in a system below a folder.
+class MachineCertificatesTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* folder : {"etc/ssl/certs", "usr/share/ca-certificates", "usr/local/share"}) {
+      std::filesystem::create_directories(root_ / folder);
+    }
+    test::writeFile(root_ / "etc/ca-certificates.conf", "");
+  }
+
+  SecKeychain keychain() { return store_.searchList(common).keychains.at(0); }
+  Labels labels() { return labelsIn(store_, keychain()); }
+  std::string folder() const { return root_ / "usr/local/share/ca-certificates"; }
+  std::string bundle() const { return root_ / "etc/ssl/certs/ca-certificates.crt"; }
+  std::vector<std::string> filesInFolder() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder())) {
+      names.push_back(entry.path().filename());
+    }
+    return names;
+  }
+  std::string tool(const std::string& script) const {
+    test::writeFile(root_ / "tool", "#!/bin/sh\n" + script);
+    ::chmod((root_ / "tool").c_str(), 0755);
+    return root_ / "tool";
+  }
+
+  TemporaryFolder root_;
+  test::TestCertificates certificates_;
+  test::CapturedLog log_;  // of what the tool prints
+  CertificateStoreLinux store_{root_.path()};
+};
+
+TEST_F(MachineCertificatesTest, AreWhatTlsClientsTrust) {
+  const auto root = certificates_.authority("root", "/CN=root");
+  static_cast<void>(certificates_.server("server", "root"));
+  const TlsServer server(certificates_.pem("server"), certificates_.key("server"));
+  const auto isTrusted = [&] {
+    const std::string client =
+        "openssl s_client -verify_return_error -verify_ip 127.0.0.1 -connect 127.0.0.1:" +
+        server.port();
+    const int byBundle =
+        shell(client + " -no-CApath -no-CAstore -CAfile '" + bundle() + "'").status;
+    const int byLinks =
+        shell(client + " -no-CAfile -no-CAstore -CApath '" + (root_ / "etc/ssl/certs") + "'")
+            .status;
+    EXPECT_EQ(byBundle == 0, byLinks == 0);
+    return byBundle == 0;
+  };
+  EXPECT_FALSE(isTrusted());
+  EXPECT_EQ(store_.copyTrustSettings(root, common).status.number, errSecNoTrustSettings);
+  EXPECT_EQ(store_.setTrustSettings(root, common, always).number, errSecItemNotFound);
+  const mode_t before = ::umask(077);
+  EXPECT_EQ(store_.add(root, "../Büro (1)", keychain()).text(), "No error.");
+  ::umask(before);
+  const auto files = filesInFolder();
+  ASSERT_EQ(files.size(), 1U);
+  EXPECT_EQ(modeOf(folder() + '/' + files[0]), 0644);
+  EXPECT_TRUE(isTrusted());
+  EXPECT_EQ(store_.copyTrustSettings(root, SecPreferencesDomain::system).settings, always);
+  EXPECT_TRUE(store_.setTrustSettings(root, common, always).isSuccess());
+  EXPECT_EQ(store_.setTrustSettings(root, common, PropertyList(setting({}, 3))).number,
+            errSecUnimplemented);
+  EXPECT_EQ(store_.add(root, "again", keychain()).number, errSecDuplicateItem);
+  EXPECT_EQ(labels(), Labels{"../Büro (1)"});
+
+  EXPECT_EQ(store_.remove("Büro (1)", keychain()).number, errSecItemNotFound);
+  EXPECT_EQ(store_.remove("../Büro (1)", keychain()).text(), "No error.");
+  EXPECT_FALSE(isTrusted()) << "the last one left the machine's list as it was";
+  EXPECT_EQ(filesInFolder().size(), 0U);
+}
+
+TEST_F(MachineCertificatesTest, OfOneLabelGoTogetherWhoeverAddedThem) {
+  const auto first = certificates_.authority("first", "/CN=same");
+  const auto second = certificates_.authority("second", "/CN=same");
+  const auto third = certificates_.authority("third", "/CN=third");
+  for (const auto* one : {&first, &second}) {
+    EXPECT_TRUE(store_.add(*one, "both", keychain()).isSuccess());
+  }
+  test::writeFile(folder() + "/corp/by hand.crt", "A comment\n" + third.pem() + first.pem());
+  test::writeFile(folder() + "/100%.crt", third.pem());
+  test::writeFile(folder() + "/no certificate.crt", "text\n");
+  test::writeFile(folder() + "/readme.txt", third.pem());
+  EXPECT_EQ(labels(), (Labels{"both", "both", "corp/by hand", "corp/by hand", "100%"}));
+  EXPECT_TRUE(store_.remove("both", keychain()).isSuccess());
+  EXPECT_EQ(labels(), (Labels{"corp/by hand", "corp/by hand", "100%"}));
+  EXPECT_TRUE(store_.remove("corp/by hand", keychain()).isSuccess());
+  EXPECT_EQ(labels(), Labels{"100%"});
+  EXPECT_TRUE(store_.copyTrustSettings(third, common).status.isSuccess());
+  EXPECT_EQ(store_.copyTrustSettings(first, common).status.number, errSecNoTrustSettings);
+  EXPECT_EQ(store_.add(first, std::string(200, 'x'), keychain()).number, errSecParam);
+
+  // One damaged certificate, and clients refuse the whole list.
+  test::writeFile(folder() + "/damaged.crt", "-----BEGIN CERTIFICATE-----\nAAAA\n");
+  EXPECT_EQ(store_.add(first, "first", keychain()).number, errSecIO);
+  EXPECT_EQ(labels(), Labels{"100%"});
+  EXPECT_EQ(store_.copyTrustSettings(third, common).status.number, errSecNoTrustSettings);
+}
+
+TEST_F(MachineCertificatesTest, StayAsTheyWereWhenTheToolFails) {
+  const test::Family family;  // ends what the tool leaves behind
+  const auto root = certificates_.authority("root", "/CN=root");
+  ASSERT_TRUE(store_.add(root, "there", keychain()).isSuccess());
+  const auto files = filesInFolder();
+  const auto other = certificates_.authority("other", "/CN=other");
+  const auto expectUnchanged = [&](const std::string& updater, SecretStatus number,
+                                   const std::string& text) {
+    CertificateStoreLinux failing(root_.path(), updater);
+    const CertificateStatus added = failing.add(other, "new", keychain());
+    EXPECT_EQ(added.number, number);
+    EXPECT_NE(added.text().find(text), std::string::npos) << added.text();
+    EXPECT_EQ(filesInFolder(), files);
+    return failing.remove("there", keychain());
+  };
+  // It leaves a process that holds its error stream.
+  const std::string broken = tool("sleep 60 & echo 'disk is\nfull' >&2; exit 3");
+  const auto removed = expectUnchanged(broken, errSecIO, "failed with status 3: disk is full");
+  EXPECT_EQ(removed.number, errSecIO);
+  EXPECT_EQ(filesInFolder(), files);
+  EXPECT_EQ(expectUnchanged(root_ / "missing", errSecNotAvailable, "can't be started").number,
+            errSecNotAvailable);
+  EXPECT_EQ(filesInFolder(), files);
+  expectUnchanged(tool("exit 0"), errSecIO, "is damaged or lacks");
+
+  std::filesystem::remove_all(folder());
+  EXPECT_EQ(store_.remove("there", keychain()).number, errSecErrnoBase + ENOENT);
+  test::writeFile(folder(), "a file");
+  EXPECT_EQ(store_.add(other, "new", keychain()).number, errSecErrnoBase + ENOTDIR);
+  EXPECT_EQ(store_.list(keychain()).status.number, errSecErrnoBase + ENOTDIR);
+}
+
+TEST(SecCertificate, IsOnlyWhatCanBeParsed) {
+  const test::TestCertificates certificates;
+  const auto root = certificates.authority("root", "/O=Acme\nInc\x7F/CN=Grüße\x1E");
+  EXPECT_EQ(root.description(), "Grüße ");
+  EXPECT_EQ(certificates.authority("unnamed", "/C=AT").description(), "");
+  EXPECT_TRUE(root.isAuthority());
+  EXPECT_FALSE(certificates.server("server", "root").isAuthority());
+  EXPECT_EQ(shell("openssl x509 -noout -fingerprint -sha256 -in '" + certificates.pem("root") +
+                  "' | sed 's/.*=//; s/://g' | tr -d '\\n' | tr A-F a-f")
+                .output,
+            root.fingerprint());
+
+  const auto isCertificate = [](std::vector<std::uint8_t> der) {
+    return SecCertificate::fromDer(der).has_value();
+  };
+  auto der = root.der();
+  EXPECT_TRUE(isCertificate(der));
+  der.push_back(0);
+  EXPECT_FALSE(isCertificate(der));
+  for (std::size_t size = 0; size < root.der().size(); ++size) {
+    der.assign(root.der().begin(), root.der().begin() + static_cast<std::ptrdiff_t>(size));
+    EXPECT_FALSE(isCertificate(der)) << size;
+  }
+
+  const auto count = [](const std::string& file) {
+    return SecCertificate::fromFile(byteView(file)).size();
+  };
+  const std::string pem = root.pem();
+  EXPECT_EQ(pem, test::readFile(certificates.pem("root")));
+  EXPECT_EQ(count(pem + "text\n" + test::readFile(certificates.key("root")) + pem), 2U);
+  EXPECT_EQ(count(std::string(root.der().begin(), root.der().end())), 1U);
+  EXPECT_EQ(count(""), 0U);
+  EXPECT_EQ(count(pem + pem.substr(0, pem.size() / 2)), 0U);
+  EXPECT_EQ(count("-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n" + pem), 0U);
+}
+
+}  // namespace
+}  // namespace velum

@@ -22,5 +22,6 @@ void addHttp(CLI::App& app);
 void addSysinfo(CLI::App& app);
 void addTelemetry(CLI::App& app);
 void addVerifyPeer(CLI::App& app);
+void addCerts(CLI::App& app);
 
 }  // namespace velumctl

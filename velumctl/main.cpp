@@ -79,6 +79,7 @@ void addCommands(CLI::App& app) {
   velumctl::addSysinfo(app);
   velumctl::addTelemetry(app);
   velumctl::addVerifyPeer(app);
+  velumctl::addCerts(app);
 }
 
 // The command that the arguments name, as the user would type it, for pointing to its help.

@@ -16,6 +16,10 @@ _velumctl_options() {
     "telemetry synthetic-id") echo "--help" ;;
     "telemetry ") echo "body synthetic-id --help" ;;
     "verify-peer ") echo "--team --roots --strict --verbose --json --help" ;;
+    "certs add") echo "--name --domain --root --help" ;;
+    "certs remove" | "certs trust") echo "--domain --root --help" ;;
+    "certs list" | "certs check") echo "--domain --root --json --help" ;;
+    "certs ") echo "add remove list trust check --help" ;;
     "sysinfo ") echo "--json --help" ;;
     "run ") echo "--directory --json --help" ;;
     "keychain get" | "keychain delete") echo "--service --group --yes --help" ;;
@@ -39,7 +43,7 @@ _velumctl_options() {
     "notify ") echo "post wait listen --help" ;;
     " ")
       echo "logs support run keychain defaults storage encrypt decrypt notify request respond http sysinfo" \
-        "telemetry verify-peer --version --help"
+        "telemetry verify-peer certs --version --help"
       ;;
   esac
 }
@@ -47,10 +51,10 @@ _velumctl_options() {
 _velumctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local group='' command='' i
-  local groups='logs|support|keychain|defaults|storage|notify|http|telemetry'
+  local groups='logs|support|keychain|defaults|storage|notify|http|telemetry|certs'
   local single='run|encrypt|decrypt|request|respond|sysinfo|verify-peer'
   local commands='show|save|reset|archive|get|set|delete|list|read|write|verify|dump|post|wait|listen'
-  commands+='|send|body|synthetic-id'
+  commands+='|send|body|synthetic-id|add|remove|trust|check'
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; ++i)); do
     # What follows is the command line of another tool.
@@ -80,11 +84,13 @@ _velumctl() {
     --method) words="GET HEAD POST PUT PATCH DELETE" ;;
     --header | --form | --file | --retries) return ;;
     --type) [[ $group == telemetry ]] && words="pageview custom" || words="bool integer double string data plist" ;;
+    --domain) words="user admin system" ;;
+    --name) [[ $group == certs ]] && return ;;
     --app-type) words="KESTREL_DESK PLOVER_DESK" ;;
     --timeout) words="1 10 60" ;;
     --subsystem | --service | --group | --key-item | --key-fd | --id | --prefix | --team) return ;;
     --log | --include | --data-file | --storage | --key-file | --output) compopt -o default 2>/dev/null && return ;;
-    --directory | --roots) compopt -o dirnames 2>/dev/null && return ;;
+    --directory | --root | --roots) compopt -o dirnames 2>/dev/null && return ;;
     *)
       if [[ $current == -* || -z $group || ($group == @($groups) && -z $command) ]]; then
         words=$(_velumctl_options "$group $command")

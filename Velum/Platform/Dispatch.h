@@ -11,7 +11,8 @@ using Work = std::function<void()>;
 
 /// A queue of work items. A serial queue runs one item at a time, in the order they were handed
 /// in, on some thread of a shared pool; it costs no thread of its own. The main queue runs on the
-/// thread that runs Application::run(); the global queue runs items side by side.
+/// thread that runs Application::run(); concurrent queues, the global one among them, run items
+/// side by side.
 ///
 /// Every operation may be called from any thread. A work item must not throw: an exception that
 /// leaves it stops the process. After fork(2) the child's queues start empty, with threads of
@@ -30,6 +31,12 @@ class DispatchQueue {
   static DispatchQueue& global();
   /// A new serial queue. Work still waiting when the last reference goes is run all the same.
   static std::shared_ptr<DispatchQueue> serial(std::string label);
+  /// A new concurrent queue. It differs from the global one by its label only.
+  static std::shared_ptr<DispatchQueue> concurrent(std::string label);
+
+  /// Whether items may run side by side and in any order. A thread that would hand an item to such
+  /// a queue, and may be kept busy, can as well run it itself: nobody can tell the difference.
+  virtual bool isConcurrent() const noexcept { return false; }
 
   virtual const std::string& label() const noexcept = 0;
 

@@ -19,6 +19,7 @@ enum class FileEvent : std::uint8_t {
   link = 1U << 4U,     ///< Its number of names changed.
   renamed = 1U << 5U,  ///< It was moved away from its path.
   revoked = 1U << 6U,  ///< Its file system was unmounted.
+  created = 1U << 7U,  ///< `watchPath` only: something else stands at the path now.
 };
 
 constexpr FileEvent operator|(FileEvent a, FileEvent b) noexcept {
@@ -30,6 +31,10 @@ constexpr FileEvent operator&(FileEvent a, FileEvent b) noexcept {
 
 /// Watches files and folders for changes (vnode sources on macOS, inotify on Linux). A watch
 /// follows the file that was at the path when it began, not the path.
+///
+/// A handler is never called twice at once; what happens until it returns is merged into its next
+/// call, so that a slow handler falls behind by one call, whatever the number of changes. The last
+/// change is always followed by a call.
 class FileEvents {
  public:
   /// Ends when destroyed, also inside its own handler; see DispatchSource for the details.
@@ -39,6 +44,9 @@ class FileEvents {
     Watch(const Watch&) = delete;
     Watch& operator=(const Watch&) = delete;
     virtual ~Watch() = default;
+
+    /// Of `watchPath`: what was watched no longer stands at its path. Any thread.
+    virtual bool isOutdated() const noexcept { return false; }
   };
   using Handler = std::function<void(FileEvent)>;
 
@@ -54,6 +62,18 @@ class FileEvents {
   /// again. Throws SystemError when the path can't be watched. A forked child inherits no watch.
   virtual std::unique_ptr<Watch> watch(const std::string& path, FileEvent events,
                                        std::shared_ptr<DispatchQueue> queue, Handler handler) = 0;
+
+  /// Calls `handler` for whatever happens to the file or folder at `path`, for its loss of that
+  /// path (a folder's removal is told even while somebody still uses it), and each time that
+  /// something comes to stand there again, be it with the folders above it. What came is not
+  /// watched: begin anew for that. Does not tell a changed number of names from other attributes.
+  /// Costs no descriptor for each watch; otherwise like `watch`.
+  ///
+  /// With a concurrent queue, this is the fastest way to hear of a change: the handler may run on
+  /// the thread that learnt of it.
+  virtual std::unique_ptr<Watch> watchPath(const std::string& path,
+                                           std::shared_ptr<DispatchQueue> queue,
+                                           Handler handler) = 0;
 };
 
 }  // namespace velum

@@ -193,9 +193,10 @@ class MainQueue final : public QueueBase {
   }
 };
 
-class GlobalQueue final : public QueueBase {
+class ConcurrentQueue final : public QueueBase {
  public:
-  GlobalQueue() : QueueBase("global") {}
+  explicit ConcurrentQueue(std::string label) : QueueBase(std::move(label)) {}
+  bool isConcurrent() const noexcept override { return true; }
   Executor executor() override { return Runtime::shared().pool().context().get_executor(); }
   Executor sourceExecutor() override {
     return asio::make_strand(Runtime::shared().pool().context());
@@ -368,12 +369,17 @@ bool DispatchQueue::isMain() noexcept {
 }
 
 DispatchQueue& DispatchQueue::global() {
-  static GlobalQueue& instance = *new GlobalQueue;  // NOLINT(*-owning-memory): never destroyed
+  static ConcurrentQueue& instance =
+      *new ConcurrentQueue("global");  // NOLINT(*-owning-memory): never destroyed
   return instance;
 }
 
 std::shared_ptr<DispatchQueue> DispatchQueue::serial(std::string label) {
   return std::make_shared<SerialQueue>(std::move(label));
+}
+
+std::shared_ptr<DispatchQueue> DispatchQueue::concurrent(std::string label) {
+  return std::make_shared<ConcurrentQueue>(std::move(label));
 }
 
 void runMainLoop() {

@@ -6,17 +6,19 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "Velum/Platform/AtFork.h"
+#include "Velum/Platform/Linux/FileWatcherLinux.h"
+#include "Velum/Platform/Linux/InotifyReader.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/SystemError.h"
 #include "Velum/UnfairLock.h"
@@ -24,13 +26,11 @@
 namespace velum {
 namespace {
 
-constexpr FileEvent allEvents = FileEvent::deleted | FileEvent::written | FileEvent::extended |
-                                FileEvent::attribute | FileEvent::link | FileEvent::renamed |
-                                FileEvent::revoked;
-
-constexpr bool has(FileEvent set, FileEvent bit) noexcept {
-  return (set & bit) != FileEvent::none;
-}
+constexpr std::uint32_t entryEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
+constexpr std::uint32_t anyEvent =
+    entryEvents | IN_MODIFY | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+// Of a folder for the sake of a name in it; its own end and move change what the path leads to.
+constexpr std::uint32_t nameEvents = entryEvents | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
 std::uint32_t inotifyMask(FileEvent events) noexcept {
   // A file that is still open loses its last name without IN_DELETE_SELF; only its changed link
@@ -40,100 +40,95 @@ std::uint32_t inotifyMask(FileEvent events) noexcept {
   if (has(events, byAttribute)) mask |= IN_ATTRIB;
   if (has(events, FileEvent::deleted)) mask |= IN_DELETE_SELF;
   if (has(events, FileEvent::renamed)) mask |= IN_MOVE_SELF;
-  if (has(events, FileEvent::written | FileEvent::extended)) {
-    mask |= IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
-  }
+  if (has(events, FileEvent::written | FileEvent::extended)) mask |= IN_MODIFY | entryEvents;
   return mask;
 }
 
-/// One watcher of one file. Shared by the registry and by deliveries on their way.
-struct Watcher {
-  Watcher(FileEvent wanted, std::shared_ptr<DispatchQueue> target, FileEvents::Handler callback,
-          UniqueFd file)
-      : events(wanted),
-        queue(std::move(target)),
-        handler(std::move(callback)),
-        file_(std::move(file)) {
-    if (struct stat status{}; ::fstat(file_.get(), &status) == 0) links_ = status.st_nlink;
-  }
+using Watchers = std::vector<std::shared_ptr<FileWatcher>>;
+using PathWatchers = std::vector<std::shared_ptr<PathWatcher>>;
+// By the name each waits for. The names are parts of the watchers' paths.
+using Names = std::unordered_multimap<std::string_view, std::shared_ptr<PathWatcher>>;
 
-  /// To be called once the watch is there. A folder's end is only reported when nothing refers to
-  /// it any more, while a file's is seen by its links.
-  void releaseFolder() {
-    struct stat status {};
-    if (::fstat(file_.get(), &status) == 0 && S_ISDIR(status.st_mode)) file_.reset();
-  }
+/// Who wants to hear of one file or folder.
+struct Watched {
+  Watchers watchers;
+  std::unique_ptr<Names> names;  // few folders are watched for those
 
-  /// What an inotify event means for this watcher.
-  FileEvent translated(std::uint32_t mask) {
-    FileEvent happened = FileEvent::none;
-    constexpr std::uint32_t entries = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
-    if ((mask & (IN_MODIFY | entries)) != 0) happened = happened | FileEvent::written;
-    if ((mask & IN_DELETE_SELF) != 0) happened = happened | FileEvent::deleted;
-    if ((mask & IN_MOVE_SELF) != 0) happened = happened | FileEvent::renamed;
-    if ((mask & IN_UNMOUNT) != 0) happened = happened | FileEvent::revoked;
-    if ((mask & IN_ATTRIB) != 0) happened = happened | FileEvent::attribute | linkChange();
-    return happened & events;
-  }
-
-  FileEvent events;
-  std::shared_ptr<DispatchQueue> queue;
-  FileEvents::Handler handler;
-  std::atomic<bool> isCancelled{false};
-
- private:
-  FileEvent linkChange() {
-    struct stat status {};
-    if (::fstat(file_.get(), &status) != 0 || status.st_nlink == links_) return FileEvent::none;
-    links_ = status.st_nlink;
-    return links_ == 0 ? FileEvent::deleted | FileEvent::link : FileEvent::link;
-  }
-
-  UniqueFd file_;  // a bare reference to the file (O_PATH)
-  nlink_t links_ = 0;
+  bool isUnused() const { return watchers.empty() && (!names || names->empty()); }
 };
 
-void deliver(const std::shared_ptr<Watcher>& watcher, FileEvent events) {
-  if (events == FileEvent::none) return;
-  watcher->queue->async([watcher, events] {
-    if (!watcher->isCancelled.load(std::memory_order_acquire)) watcher->handler(events);
-  });
-}
-
-using Watchers = std::vector<std::shared_ptr<Watcher>>;
+/// What comes of the events of one read, besides the handlers that were scheduled.
+struct Outcome {
+  explicit Outcome(InotifyReader::Turn turn_) : turn(turn_) {}
+  InotifyReader::Turn turn;
+  std::shared_ptr<FileWatcher> first;  // to be run by the thread that reads
+};
 
 /// All watches of the process on one inotify descriptor. Watches of the same file share the
 /// kernel's watch; each carries the union of what its watchers want.
 ///
-/// Whatever may be the last reference to a watcher is dropped after the lock: it takes a queue
-/// along, which leaves the fork registry.
-class FileEventsLinux final : public FileEvents, public ForkParticipant {
+/// The last reference to a watcher is never dropped under the lock: it takes a queue along, which
+/// leaves the fork registry. A watcher's owner keeps his until it was removed from here.
+class FileEventsLinux final : public FileEvents,
+                              public ForkParticipant,
+                              private InotifyReader::Sink {
  public:
   FileEventsLinux() : ForkParticipant(Stage::service) { registerForFork(); }
 
   std::unique_ptr<Watch> watch(const std::string& path, FileEvent events,
                                std::shared_ptr<DispatchQueue> queue, Handler handler) override;
-  void remove(int descriptor, const std::shared_ptr<Watcher>& watcher);
+  std::unique_ptr<Watch> watchPath(const std::string& path, std::shared_ptr<DispatchQueue> queue,
+                                   Handler handler) override;
+  void remove(const std::shared_ptr<FileWatcher>& watcher);
+  void remove(const std::shared_ptr<PathWatcher>& watcher);
 
   void prepareFork() noexcept override { lock_.lock(); }
   void afterForkInParent() noexcept override { lock_.unlock(); }
   void afterForkInChild() noexcept override {
-    // The parent reads this descriptor's events; a child that read along would steal them.
-    inotify_.reset();
+    reader_.resetAfterFork();
     lock_.resetAfterFork();
   }
 
  private:
-  void openLk();
-  void read();
-  Watchers dispatchLk(const inotify_event& event);
+  using Inherited = std::unordered_map<int, Watched>;
+
+  Inherited openLk();
+  int addWatchLk(const char* path, std::uint32_t mask);
+  int addOwnWatchLk(const char* path, std::uint32_t mask);
+  void releaseLk(int descriptor, const std::shared_ptr<FileWatcher>& watcher);
+  void retireIfUnusedLk(int descriptor);
+  void removeRetiredLk();
+  void removeRetired();
+  bool watchFolderLk(const std::shared_ptr<PathWatcher>& watcher);
+  int nearestFolderLk(PathWatcher& watcher);
+  int watchOfFolderLk(std::string_view folder);
+  void leaveFolderLk(const std::shared_ptr<PathWatcher>& watcher);
+  bool isStillThereLk(const PathWatcher& watcher);
+
+  std::shared_ptr<FileWatcher> take(std::string_view events, InotifyReader::Turn turn) override;
+  void takeAllLk(std::string_view events, Outcome& outcome);
+  void takeLk(const inotify_event& event, std::string_view name, Outcome& outcome);
+  void tellAllLk(Outcome& outcome);
+  void nameChangedLk(const std::shared_ptr<PathWatcher>& watcher, std::uint32_t mask,
+                     Outcome& outcome);
+  void folderLostLk(const std::shared_ptr<PathWatcher>& watcher, Outcome& outcome);
+  void pathChangedLk(PathWatcher& watcher, FileEvent events, Outcome& outcome);
 
   UnfairLock lock_;
-  UniqueFd inotify_;
   unsigned generation_ = forkGeneration();
   const std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::serial("FileEvents");
-  std::unique_ptr<DispatchSource> source_;
-  std::unordered_map<int, Watchers> watchers_;
+  InotifyReader reader_{*this, queue_};
+  std::unordered_map<int, Watched> watched_;
+  // Nobody wants these any more. The kernel tells of each removal, which wakes the reader: they are
+  // removed together, at the latest after a moment.
+  std::vector<int> retired_;
+  bool isRemovalDue_ = false;
+  struct {
+    std::string folder;
+    int descriptor = -1;
+    std::chrono::steady_clock::time_point moment;
+  } latest_;
+  std::string postponed_;  // events that can wait for the next ones; the reader's own
 };
 
 FileEventsLinux& registry() {
@@ -142,33 +137,119 @@ FileEventsLinux& registry() {
   return instance;
 }
 
+template <class Watcher>
 class WatchLinux final : public FileEvents::Watch {
  public:
-  WatchLinux(int descriptor, std::shared_ptr<Watcher> watcher)
-      : descriptor_(descriptor), watcher_(std::move(watcher)) {}
+  explicit WatchLinux(std::shared_ptr<Watcher> watcher) : watcher_(std::move(watcher)) {}
   WatchLinux(const WatchLinux&) = delete;
   WatchLinux& operator=(const WatchLinux&) = delete;
   ~WatchLinux() override {
-    watcher_->isCancelled.store(true, std::memory_order_release);
-    if (generation_ == forkGeneration()) registry().remove(descriptor_, watcher_);
+    watcher_->cancel();
+    if (generation_ == forkGeneration()) registry().remove(watcher_);
   }
 
+  bool isOutdated() const noexcept override { return watcher_->isOutdated(); }
+
  private:
-  int descriptor_;
   std::shared_ptr<Watcher> watcher_;
   unsigned generation_ = forkGeneration();
 };
 
-SystemError watchError(const std::string& call, const std::string& path) {
-  return lastSystemError("watch(_:), " + call + " (" + path + ")");
+// The code alone would read as a full disk.
+SystemError watchError(const char* call, const std::string& path) {
+  const int code = errno;
+  const char* const hint =
+      code == ENOSPC ? " (this user has as many watches as fs.inotify.max_user_watches allows)"
+                     : "";
+  return {code, std::string("watch(_:), ") + call + " (" + path + ')' + hint};
 }
 
-void FileEventsLinux::openLk() {
-  if (inotify_) return;
-  UniqueFd fresh(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-  if (!fresh) throw watchError("inotify_init1", "");
-  source_ = DispatchSource::readable(fresh.get(), *queue_, [this] { read(); });
-  inotify_ = std::move(fresh);
+bool exists(std::string_view path) {
+  return ::access(std::string(path).c_str(), F_OK) == 0;
+}
+
+bool isFolder(std::string_view path) {
+  struct stat status {};
+  return ::stat(std::string(path).c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Copies, because watchers change folders meanwhile.
+PathWatchers named(const Names& names, std::string_view name) {
+  PathWatchers watchers;
+  const auto [begin, end] = names.equal_range(name);
+  std::transform(begin, end, std::back_inserter(watchers),
+                 [](auto& entry) { return entry.second; });
+  return watchers;
+}
+PathWatchers all(const Names& names) {
+  PathWatchers watchers;
+  for (const auto& [name, watcher] : names) watchers.push_back(watcher);
+  return watchers;
+}
+
+void deliver(FileWatcher& watcher, FileEvent events, Outcome& outcome) {
+  if (events == FileEvent::none || !watcher.add(events)) return;
+  if (outcome.turn == InotifyReader::Turn::own && !outcome.first && watcher.mayRunAnywhere()) {
+    outcome.first = watcher.shared_from_this();
+  } else {
+    watcher.schedule();
+  }
+}
+
+template <class Use>
+void forEachEvent(std::string_view events, Use use) {
+  while (events.size() >= sizeof(inotify_event)) {
+    inotify_event event{};
+    std::memcpy(&event, events.data(), sizeof event);
+    const std::string_view name = events.substr(sizeof event, event.len);
+    use(event, name.substr(0, name.find('\0')));
+    events.remove_prefix(sizeof event + event.len);
+  }
+}
+
+// Whether they only tell of watches that are no more, mostly because they were removed here. A
+// thread that removes thousands shall not have to wait for them to be read.
+bool isTidying(std::string_view events) {
+  bool isTidying = true;
+  forEachEvent(events, [&](const inotify_event& event, std::string_view /*name*/) {
+    isTidying = isTidying && event.mask == IN_IGNORED;
+  });
+  return isTidying;
+}
+
+// Returns what the parent of a forked child left here, to be dropped after the lock.
+FileEventsLinux::Inherited FileEventsLinux::openLk() {
+  Inherited inherited;
+  if (std::exchange(generation_, forkGeneration()) != forkGeneration()) {
+    inherited.swap(watched_);
+    retired_.clear();
+    isRemovalDue_ = false;
+    latest_.descriptor = -1;
+    postponed_.clear();
+  }
+  reader_.open();
+  return inherited;
+}
+
+int FileEventsLinux::addWatchLk(const char* path, std::uint32_t mask) {
+  const auto add = [&] {
+    return ::inotify_add_watch(reader_.descriptor(), path, mask | IN_MASK_ADD);
+  };
+  int descriptor = add();
+  if (descriptor < 0 && errno == ENOSPC && !retired_.empty()) {
+    removeRetiredLk();
+    descriptor = add();
+  }
+  return descriptor;
+}
+
+// A watch that is to tell nothing from before this call, as a retired one would.
+int FileEventsLinux::addOwnWatchLk(const char* path, std::uint32_t mask) {
+  const int descriptor = addWatchLk(path, mask);
+  const auto entry = watched_.find(descriptor);
+  if (entry == watched_.end() || !entry->second.isUnused()) return descriptor;
+  removeRetiredLk();
+  return addWatchLk(path, mask);
 }
 
 std::unique_ptr<FileEvents::Watch> FileEventsLinux::watch(const std::string& path, FileEvent events,
@@ -179,61 +260,231 @@ std::unique_ptr<FileEvents::Watch> FileEventsLinux::watch(const std::string& pat
   // Through the descriptor: the watch and the reference are of the same file, whatever happens to
   // the path in between.
   const std::string target = "/proc/self/fd/" + std::to_string(file.get());
-  auto watcher =
-      std::make_shared<Watcher>(events, std::move(queue), std::move(handler), std::move(file));
-  std::unordered_map<int, Watchers> inherited;
+  auto watcher = std::make_shared<OpenedFileWatcher>(events, std::move(queue), std::move(handler),
+                                                     std::move(file));
+  Inherited inherited;
   const std::lock_guard guard(lock_);
-  if (std::exchange(generation_, forkGeneration()) != forkGeneration()) inherited.swap(watchers_);
-  openLk();
-  const int descriptor =
-      ::inotify_add_watch(inotify_.get(), target.c_str(), inotifyMask(events) | IN_MASK_ADD);
-  if (descriptor < 0) throw watchError("inotify_add_watch", path);
+  inherited = openLk();
+  watcher->descriptor = addOwnWatchLk(target.c_str(), inotifyMask(events));
+  if (watcher->descriptor < 0) throw watchError("inotify_add_watch", path);
   watcher->releaseFolder();
-  watchers_[descriptor].push_back(watcher);
-  return std::make_unique<WatchLinux>(descriptor, std::move(watcher));
+  watched_[watcher->descriptor].watchers.push_back(watcher);
+  return std::make_unique<WatchLinux<FileWatcher>>(std::move(watcher));
 }
 
-void FileEventsLinux::remove(int descriptor, const std::shared_ptr<Watcher>& watcher) {
+std::unique_ptr<FileEvents::Watch> FileEventsLinux::watchPath(const std::string& path,
+                                                              std::shared_ptr<DispatchQueue> queue,
+                                                              Handler handler) {
+  auto watcher = std::make_shared<PathWatcher>(path, std::move(queue), std::move(handler));
+  Inherited inherited;
   const std::lock_guard guard(lock_);
-  const auto entry = watchers_.find(descriptor);
-  if (entry == watchers_.end()) return;
-  std::erase(entry->second, watcher);
-  if (!entry->second.empty()) return;
-  watchers_.erase(entry);
-  // Fails when the kernel already dropped the watch together with its file.
-  static_cast<void>(::inotify_rm_watch(inotify_.get(), descriptor));
-}
-
-// Returns the watchers that no longer have a watch.
-Watchers FileEventsLinux::dispatchLk(const inotify_event& event) {
-  if ((event.mask & IN_Q_OVERFLOW) != 0) {
-    for (const auto& [descriptor, watchers] : watchers_) {
-      for (const auto& watcher : watchers) deliver(watcher, watcher->events & allEvents);
-    }
-    return {};
+  inherited = openLk();
+  watcher->descriptor = addOwnWatchLk(path.c_str(), anyEvent);
+  if (watcher->descriptor < 0) throw watchError("inotify_add_watch", path);
+  watched_[watcher->descriptor].watchers.push_back(watcher);
+  watchFolderLk(watcher);
+  if (watcher->folderDescriptor == -ENOSPC) {
+    releaseLk(watcher->descriptor, watcher);
+    errno = ENOSPC;
+    throw watchError("inotify_add_watch", std::string(folderAbove(watcher->path())));
   }
-  const auto entry = watchers_.find(event.wd);
-  if (entry == watchers_.end()) return {};
-  for (const auto& watcher : entry->second) deliver(watcher, watcher->translated(event.mask));
-  if ((event.mask & IN_IGNORED) == 0) return {};
-  return std::move(watchers_.extract(entry).mapped());
+  if (watcher->mayRunAnywhere()) reader_.startThread();
+  return std::make_unique<WatchLinux<PathWatcher>>(std::move(watcher));
 }
 
-void FileEventsLinux::read() {
-  alignas(inotify_event) std::array<char, 16384> buffer{};
-  std::vector<Watchers> dropped;
+void FileEventsLinux::remove(const std::shared_ptr<FileWatcher>& watcher) {
   const std::lock_guard guard(lock_);
-  while (true) {
-    const ssize_t size =
-        retryInterrupted([&] { return ::read(inotify_.get(), buffer.data(), buffer.size()); });
-    if (size <= 0) return;
-    for (std::size_t offset = 0; offset < static_cast<std::size_t>(size);) {
-      inotify_event event{};
-      std::memcpy(&event, buffer.data() + offset, sizeof event);
-      dropped.push_back(dispatchLk(event));
-      offset += sizeof event + event.len;
-    }
+  releaseLk(watcher->descriptor, watcher);
+}
+
+void FileEventsLinux::remove(const std::shared_ptr<PathWatcher>& watcher) {
+  const std::lock_guard guard(lock_);
+  leaveFolderLk(watcher);
+  releaseLk(watcher->descriptor, watcher);
+}
+
+void FileEventsLinux::releaseLk(int descriptor, const std::shared_ptr<FileWatcher>& watcher) {
+  const auto entry = watched_.find(descriptor);
+  if (entry == watched_.end()) return;
+  std::erase(entry->second.watchers, watcher);
+  retireIfUnusedLk(descriptor);
+}
+
+void FileEventsLinux::retireIfUnusedLk(int descriptor) {
+  constexpr std::size_t most = 64;
+  const auto entry = watched_.find(descriptor);
+  if (entry == watched_.end() || !entry->second.isUnused()) return;
+  retired_.push_back(descriptor);
+  if (retired_.size() >= most) return removeRetiredLk();
+  if (std::exchange(isRemovalDue_, true)) return;
+  queue_->asyncAfter(std::chrono::milliseconds(100), [this] { removeRetired(); });
+}
+
+void FileEventsLinux::removeRetiredLk() {
+  for (const int descriptor : retired_) {
+    const auto entry = watched_.find(descriptor);
+    if (entry == watched_.end() || !entry->second.isUnused()) continue;  // wanted again
+    // Fails when the kernel already dropped the watch together with its file.
+    static_cast<void>(::inotify_rm_watch(reader_.descriptor(), descriptor));
+    watched_.erase(entry);
   }
+  retired_.clear();
+}
+
+void FileEventsLinux::removeRetired() {
+  const std::lock_guard guard(lock_);
+  isRemovalDue_ = false;
+  removeRetiredLk();
+}
+
+// Watches the folder above the path, or the nearest one that is there. True when that is the one
+// above. Without a folder that can be read, only the end of what stands at the path is told.
+bool FileEventsLinux::watchFolderLk(const std::shared_ptr<PathWatcher>& watcher) {
+  constexpr int attempts = 100;  // against somebody who makes and removes folders on the way
+  for (int attempt = 0; attempt < attempts; ++attempt) {
+    leaveFolderLk(watcher);
+    watcher->folderDescriptor = nearestFolderLk(*watcher);
+    if (watcher->folderDescriptor < 0) return false;
+    auto& names = watched_[watcher->folderDescriptor].names;
+    if (!names) names = std::make_unique<Names>();
+    names->emplace(lastName(watcher->awaited), watcher);
+    if (watcher->awaited == watcher->path()) return true;
+    // It may have come between the two looks.
+    if (!isFolder(watcher->awaited)) return false;
+  }
+  return false;
+}
+
+int FileEventsLinux::nearestFolderLk(PathWatcher& watcher) {
+  watcher.awaited = watcher.path();
+  while (!lastName(watcher.awaited).empty()) {
+    const std::string_view folder = folderAbove(watcher.awaited);
+    const int descriptor = watchOfFolderLk(folder);
+    if (descriptor >= 0) return descriptor;
+    if (errno != ENOENT && errno != ENOTDIR) return -errno;
+    watcher.awaited = folder;
+  }
+  return -ENOENT;
+}
+
+// Many paths of one folder are watched one after the other: it is not looked up each time. Should
+// it have been moved in between, its event is on its way, and will be taken for these paths too.
+int FileEventsLinux::watchOfFolderLk(std::string_view folder) {
+  constexpr std::chrono::milliseconds shelfLife{1};
+  const auto now = std::chrono::steady_clock::now();
+  if (folder == latest_.folder && now - latest_.moment < shelfLife) {
+    const auto entry = watched_.find(latest_.descriptor);
+    if (entry != watched_.end() && !entry->second.isUnused()) return latest_.descriptor;
+  }
+  latest_ = {std::string(folder), -1, now};
+  latest_.descriptor = addWatchLk(latest_.folder.c_str(), nameEvents);
+  return latest_.descriptor;
+}
+
+void FileEventsLinux::leaveFolderLk(const std::shared_ptr<PathWatcher>& watcher) {
+  const auto entry = watched_.find(std::exchange(watcher->folderDescriptor, -1));
+  if (entry == watched_.end() || !entry->second.names) return;
+  auto& names = *entry->second.names;
+  const auto [begin, end] = names.equal_range(lastName(watcher->awaited));
+  const auto place =
+      std::find_if(begin, end, [&](const auto& name) { return name.second == watcher; });
+  if (place != end) names.erase(place);
+  retireIfUnusedLk(entry->first);
+}
+
+// The kernel knows a file by its watch: the same answer for the path means the same file.
+bool FileEventsLinux::isStillThereLk(const PathWatcher& watcher) {
+  const int now = addWatchLk(std::string(watcher.path()).c_str(), anyEvent);
+  if (now >= 0 && !watched_.contains(now)) ::inotify_rm_watch(reader_.descriptor(), now);
+  return now >= 0 && now == watcher.descriptor;
+}
+
+std::shared_ptr<FileWatcher> FileEventsLinux::take(std::string_view events,
+                                                   InotifyReader::Turn turn) {
+  Outcome outcome(turn);
+  std::unique_lock guard(lock_, std::try_to_lock);
+  if (!guard && isTidying(events)) {
+    postponed_.append(events);
+    return nullptr;
+  }
+  if (!guard) guard.lock();
+  takeAllLk(std::exchange(postponed_, {}), outcome);
+  takeAllLk(events, outcome);
+  return std::move(outcome.first);
+}
+
+void FileEventsLinux::takeAllLk(std::string_view events, Outcome& outcome) {
+  forEachEvent(events, [&](const inotify_event& event, std::string_view name) {
+    takeLk(event, name, outcome);
+  });
+}
+
+void FileEventsLinux::takeLk(const inotify_event& event, std::string_view name, Outcome& outcome) {
+  constexpr std::uint32_t losses = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
+  if ((event.mask & IN_Q_OVERFLOW) != 0) return tellAllLk(outcome);
+  const auto entry = watched_.find(event.wd);
+  if (entry == watched_.end()) return;
+  Watched& watched = entry->second;
+  for (const auto& watcher : watched.watchers) {
+    if ((event.mask & losses) != 0) watcher->setOutdated();
+    deliver(*watcher, watcher->translated(event.mask), outcome);
+  }
+  if ((event.mask & IN_IGNORED) != 0) {
+    for (const auto& watcher : std::exchange(watched.watchers, {})) watcher->descriptor = -1;
+  }
+  if ((event.mask & losses) != 0 && event.wd == latest_.descriptor) latest_.descriptor = -1;
+  if (watched.names && (event.mask & entryEvents) != 0) {
+    for (const auto& watcher : named(*watched.names, name)) {
+      nameChangedLk(watcher, event.mask, outcome);
+    }
+  } else if (watched.names && (event.mask & losses) != 0) {
+    for (const auto& watcher : all(*watched.names)) folderLostLk(watcher, outcome);
+  }
+  if ((event.mask & IN_IGNORED) != 0) watched_.erase(event.wd);
+}
+
+// Events were lost, so everything may have changed.
+void FileEventsLinux::tellAllLk(Outcome& outcome) {
+  PathWatchers byName;
+  for (const auto& [descriptor, watched] : watched_) {
+    for (const auto& watcher : watched.watchers) deliver(*watcher, watcher->wanted(), outcome);
+    if (!watched.names) continue;
+    for (auto& watcher : all(*watched.names)) byName.push_back(std::move(watcher));
+  }
+  for (const auto& watcher : byName) {
+    watchFolderLk(watcher);
+    pathChangedLk(*watcher, watcher->wanted(), outcome);
+  }
+}
+
+void FileEventsLinux::nameChangedLk(const std::shared_ptr<PathWatcher>& watcher, std::uint32_t mask,
+                                    Outcome& outcome) {
+  if (watcher->awaited != watcher->path()) {  // a folder on the way
+    if (watchFolderLk(watcher) && exists(watcher->path())) {
+      pathChangedLk(*watcher, FileEvent::created, outcome);
+    }
+  } else if ((mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
+    pathChangedLk(*watcher, FileEvent::created, outcome);
+  } else {
+    pathChangedLk(*watcher, (mask & IN_DELETE) != 0 ? FileEvent::deleted : FileEvent::renamed,
+                  outcome);
+  }
+}
+
+// The folder above a name was moved or is gone; another one may have taken its place.
+void FileEventsLinux::folderLostLk(const std::shared_ptr<PathWatcher>& watcher, Outcome& outcome) {
+  if (watchFolderLk(watcher) && exists(watcher->path())) {
+    pathChangedLk(*watcher, FileEvent::created, outcome);
+  } else if (!watcher->isOutdated()) {
+    pathChangedLk(*watcher, FileEvent::renamed, outcome);
+  }
+}
+
+// Unless it is the same file still: the event may be older than the watch.
+void FileEventsLinux::pathChangedLk(PathWatcher& watcher, FileEvent events, Outcome& outcome) {
+  if (!watcher.isOutdated() && isStillThereLk(watcher)) return;
+  watcher.setOutdated();
+  deliver(watcher, events, outcome);
 }
 
 }  // namespace

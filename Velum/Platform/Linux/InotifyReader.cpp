@@ -1,0 +1,120 @@
+#include "Velum/Platform/Linux/InotifyReader.h"
+
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "Velum/Platform/AtFork.h"
+#include "Velum/SystemError.h"
+
+namespace velum {
+namespace {
+
+/// Room for what one read(2) takes.
+struct Buffer {
+  std::string_view read(int inotify) noexcept {
+    const ssize_t size =
+        retryInterrupted([&] { return ::read(inotify, bytes.data(), bytes.size()); });
+    return {bytes.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
+  }
+  alignas(inotify_event) std::array<char, 16384> bytes;
+};
+
+// Exclusive: the kernel wakes the first one that waits, in the order in which they were added.
+bool addExclusively(int epoll, int inotify) noexcept {
+  epoll_event event{};
+  event.events = EPOLLIN | EPOLLEXCLUSIVE;
+  return ::epoll_ctl(epoll, EPOLL_CTL_ADD, inotify, &event) == 0;
+}
+
+}  // namespace
+
+InotifyReader::InotifyReader(Sink& sink, std::shared_ptr<DispatchQueue> queue)
+    : sink_(sink), queue_(std::move(queue)) {}
+
+void InotifyReader::open() {
+  if (isOpen_) return;
+  inotify_.reset(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+  if (!inotify_) throw lastSystemError("watch(_:), inotify_init1 ()");
+  pool_.reset(::epoll_create1(EPOLL_CLOEXEC));
+  if (!pool_ || !addExclusively(pool_.get(), inotify_.get())) {
+    throw lastSystemError("watch(_:), epoll_create1 ()");
+  }
+  source_ = DispatchSource::readable(pool_.get(), *queue_, [this] { readInPool(); });
+  isOpen_ = true;
+}
+
+// Signals belong to the program's own threads: this one is born with all of them blocked.
+void InotifyReader::startThread() {
+  if (hasThread_ || !enterFirst()) return;
+  hasThread_ = true;
+  sigset_t all{};
+  sigset_t old{};
+  ::sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, &old);
+  try {
+    std::thread([this, generation = forkGeneration()] {
+      ::pthread_setname_np(::pthread_self(), "velum-events");
+      readInThread(generation);
+    }).detach();  // this object is never destroyed
+  } catch (const std::system_error&) {
+    hasThread_ = false;  // asked again for the next watch
+  }
+  ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+// Puts the thread before the pool.
+bool InotifyReader::enterFirst() {
+  if (thread_) return true;
+  UniqueFd thread(::epoll_create1(EPOLL_CLOEXEC));
+  if (!thread) return false;
+  ::epoll_ctl(pool_.get(), EPOLL_CTL_DEL, inotify_.get(), nullptr);
+  const bool isAdded = addExclusively(thread.get(), inotify_.get());
+  if (isAdded) thread_ = std::move(thread);
+  return addExclusively(pool_.get(), inotify_.get()) && isAdded;
+}
+
+void InotifyReader::readInThread(unsigned generation) {
+  const auto buffer = std::make_unique<Buffer>();
+  const int epoll = thread_.get();
+  // In a child that a handler forked, this thread goes on, but the events are the parent's.
+  while (generation == forkGeneration()) {
+    epoll_event event{};
+    retryInterrupted([&] { return ::epoll_wait(epoll, &event, 1, -1); });
+    std::shared_ptr<FileWatcher> first;
+    {
+      const std::lock_guard guard(reading_);
+      const std::string_view events = buffer->read(inotify_.get());
+      if (!events.empty()) first = sink_.take(events, Turn::own);
+    }
+    if (first) first->run();
+  }
+}
+
+void InotifyReader::readInPool() {
+  // While the thread reads, this is called again and again: it may go without having read all.
+  if (!reading_.try_lock()) return;
+  const std::lock_guard guard(reading_, std::adopt_lock);
+  Buffer buffer{};
+  for (std::string_view events; !(events = buffer.read(inotify_.get())).empty();) {
+    sink_.take(events, Turn::pool);
+  }
+}
+
+void InotifyReader::resetAfterFork() noexcept {
+  inotify_.reset();
+  pool_.reset();
+  thread_.reset();
+  isOpen_ = hasThread_ = false;
+  reading_.resetAfterFork();
+}
+
+}  // namespace velum

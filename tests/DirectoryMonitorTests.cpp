@@ -1,0 +1,426 @@
+#include "Velum/DirectoryMonitor.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "Velum/Platform/Posix/UniqueFd.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/PrivateMounts.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Waiting.h"
+
+namespace velum {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Counts notices, and does what a test wants done in them.
+struct Delegate final : DirectoryMonitorDelegate {
+  void directoryMonitorDidObserveChange(IDirectoryMonitor& monitor) override {
+    if (action) action(monitor);
+    ++notices;
+  }
+  std::function<void(IDirectoryMonitor&)> action;
+  std::atomic<int> notices{0};
+};
+
+struct Monitored {
+  explicit Monitored(const std::string& path, std::function<void(IDirectoryMonitor&)> action = {})
+      : monitor(DirectoryMonitor::create(path)) {
+    delegate->action = std::move(action);
+    monitor->setDelegate(delegate);
+  }
+  // True when something is told beyond what was when `change` began.
+  template <class Change>
+  bool isTold(Change change) const {
+    const int before = delegate->notices;
+    change();
+    return test::eventually([&] { return delegate->notices > before; });
+  }
+
+  std::shared_ptr<Delegate> delegate = std::make_shared<Delegate>();
+  std::shared_ptr<DirectoryMonitor> monitor;
+};
+
+void touch(const std::string& path) {
+  ASSERT_EQ(::chmod(path.c_str(), 0700), 0) << path;
+}
+
+class DirectoryMonitorTest : public ::testing::Test {
+ protected:
+  DirectoryMonitorTest() { fs::create_directory(path); }
+
+  // What happened so far has been told when a later change has been.
+  void settle() const {
+    const std::string last = folder / "settle";
+    fs::create_directory(last);
+    const Monitored other(last);
+    ASSERT_TRUE(other.monitor->startMonitoring());
+    EXPECT_TRUE(other.isTold([&] { touch(last); }));
+    fs::remove(last);
+  }
+
+  test::TemporaryFolder folder;
+  std::string path = folder / "watched";
+};
+
+TEST_F(DirectoryMonitorTest, RefusesAMissingPathAndLogsIt) {
+  const test::CapturedLog log;
+  const Monitored missing(folder / "missing");
+  EXPECT_FALSE(missing.monitor->startMonitoring());
+  EXPECT_EQ(log.count("Open " + (folder / "missing") +
+                      " for file notifications: No such file or directory"),
+            1U);
+  EXPECT_TRUE(log.has("startMonitoring()"));
+  fs::create_directory(folder / "missing");
+  EXPECT_TRUE(missing.monitor->startMonitoring());
+}
+
+TEST_F(DirectoryMonitorTest, TellsChangesBetweenStartAndStop) {
+  Monitored watched(path);
+  touch(path);
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  settle();
+  EXPECT_EQ(watched.delegate->notices, 0);
+  EXPECT_TRUE(watched.isTold([&] { test::writeFile(path + "/entry", "x"); }));
+  EXPECT_TRUE(watched.isTold([&] { fs::rename(path + "/entry", path + "/renamed"); }));
+  EXPECT_TRUE(watched.isTold([&] { fs::remove(path + "/renamed"); }));
+  watched.monitor->stopMonitoring();
+  // A call that began before may go on, to the delegate it began with.
+  watched.delegate = std::make_shared<Delegate>();
+  watched.monitor->setDelegate(watched.delegate);
+  touch(path);
+  settle();
+  EXPECT_EQ(watched.delegate->notices, 0);
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  EXPECT_TRUE(watched.isTold([&] { touch(path); }));
+}
+
+TEST_F(DirectoryMonitorTest, KeepsOneSourceWhenStartedTwice) {
+  const Monitored watched(path);
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  EXPECT_TRUE(watched.isTold([&] { touch(path); }));
+  settle();
+  EXPECT_EQ(watched.delegate->notices, 1);
+  watched.monitor->stopMonitoring();
+  touch(path);
+  settle();
+  EXPECT_EQ(watched.delegate->notices, 1);
+}
+
+// How a path may come to lead elsewhere, with the path back.
+struct Loss {
+  const char* name;
+  void (*lose)(const std::string& path);
+  void (*make)(const std::string& path);
+};
+void PrintTo(const Loss& loss, std::ostream* out) {
+  *out << loss.name;
+}
+void makeFolder(const std::string& path) {
+  fs::create_directories(path);
+}
+
+class DirectoryMonitorLoss : public DirectoryMonitorTest,
+                             public ::testing::WithParamInterface<Loss> {};
+
+TEST_P(DirectoryMonitorLoss, IsToldAndWatchedAgainByTheNextStart) {
+  path = folder / "above/watched";
+  fs::create_directories(path);
+  const Monitored watched(path);
+  for (const bool stops : {false, true}) {
+    ASSERT_TRUE(watched.monitor->startMonitoring());
+    EXPECT_TRUE(watched.isTold([&] { GetParam().lose(path); }));
+    settle();
+    EXPECT_TRUE(watched.isTold([&] { GetParam().make(path); })) << "made again";
+    if (stops) watched.monitor->stopMonitoring();
+    ASSERT_TRUE(watched.monitor->startMonitoring());
+    settle();
+    EXPECT_TRUE(watched.isTold([&] { touch(path); })) << "watched again";
+    watched.monitor->stopMonitoring();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , DirectoryMonitorLoss,
+    ::testing::Values(
+        Loss{"Deleted", [](const std::string& path) { fs::remove(path); }, makeFolder},
+        Loss{"DeletedWhileInUse",
+             [](const std::string& path) {
+               // No event of the folder itself comes before its last user has left it.
+               static UniqueFd user;
+               user.reset(::open(path.c_str(), O_PATH | O_CLOEXEC));
+               fs::remove(path);
+             },
+             makeFolder},
+        Loss{"Renamed",
+             [](const std::string& path) {
+               fs::remove(path + ".old");
+               fs::rename(path, path + ".old");
+             },
+             makeFolder},
+        Loss{"RenamedAndBack", [](const std::string& path) { fs::rename(path, path + ".away"); },
+             [](const std::string& path) { fs::rename(path + ".away", path); }},
+        Loss{"DeletedWithTheFolderAbove",
+             [](const std::string& path) { fs::remove_all(fs::path(path).parent_path()); },
+             makeFolder},
+        Loss{"LostWithTheFolderAbove",
+             [](const std::string& path) {
+               const fs::path above = fs::path(path).parent_path();
+               fs::remove_all(above.string() + ".old");
+               fs::rename(above, above.string() + ".old");
+             },
+             makeFolder}),
+    [](const auto& loss) { return std::string(loss.param.name); });
+
+TEST_F(DirectoryMonitorTest, TellsWhenAnEditorReplacesAFile) {
+  const std::string file = folder / "file";
+  test::writeFile(file, "0");
+  const Monitored watched(file);
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  const UniqueFd reader(::open(file.c_str(), O_RDONLY | O_CLOEXEC));  // keeps the old one alive
+  for (int save = 0; save < 3; ++save) {
+    EXPECT_TRUE(watched.isTold([&] {
+      test::writeFile(file + ".new", "1");
+      fs::rename(file + ".new", file);
+    }));
+    settle();
+  }
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  EXPECT_TRUE(watched.isTold([&] { test::writeFile(file, "2"); }));
+}
+
+TEST_F(DirectoryMonitorTest, TellsOfItsFileSystemsEnd) {
+  test::inChild([this] {
+    if (!test::enterPrivateMounts()) GTEST_SKIP() << "mounts are not permitted";
+    test::mountMemory(path, "size=64k");
+    const Monitored watched(path);
+    ASSERT_TRUE(watched.monitor->startMonitoring());
+    EXPECT_TRUE(watched.isTold([&] { ASSERT_EQ(::umount(path.c_str()), 0); }));
+    ASSERT_TRUE(watched.monitor->startMonitoring());
+    EXPECT_TRUE(watched.isTold([&] { touch(path); }));
+  });
+}
+
+TEST_F(DirectoryMonitorTest, MergesABurstAndTellsItsEnd) {
+  constexpr int burst = 100'000;
+  std::atomic<int> changes{0};
+  std::atomic<int> seen{0};
+  std::atomic<int> callsAtOnce{0};
+  const Monitored watched(path, [&](IDirectoryMonitor&) {
+    EXPECT_EQ(++callsAtOnce, 1);
+    seen = changes.load();
+    --callsAtOnce;
+  });
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  for (int i = 0; i < burst; ++i) {
+    ::chmod(path.c_str(), i % 2 == 0 ? 0700 : 0750);
+    ++changes;
+  }
+  EXPECT_TRUE(watched.isTold([&] {
+    ++changes;
+    touch(path);
+  }));
+  EXPECT_TRUE(test::eventually([&] { return seen == burst + 1; }));
+  settle();
+  EXPECT_LE(watched.delegate->notices, burst + 1);
+  watched.monitor->stopMonitoring();
+}
+
+TEST_F(DirectoryMonitorTest, IsNotHeldUpByAnothersDelegate) {
+  std::promise<void> release;
+  const auto released = release.get_future().share();
+  fs::create_directory(folder / "slow");
+  std::atomic<bool> isBusy{false};
+  const Monitored slow(folder / "slow", [&](IDirectoryMonitor&) {
+    isBusy = true;
+    released.wait();
+  });
+  const Monitored watched(path);
+  ASSERT_TRUE(slow.monitor->startMonitoring());
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  touch(folder / "slow");
+  ASSERT_TRUE(test::eventually([&] { return isBusy.load(); }));
+  for (int i = 0; i < 10; ++i) EXPECT_TRUE(watched.isTold([&] { touch(path); }));
+  // Its own changes wait for it, and are told at once.
+  for (int i = 0; i < 10; ++i) touch(folder / "slow");
+  settle();
+  EXPECT_EQ(slow.delegate->notices, 0);
+  release.set_value();
+  EXPECT_TRUE(test::eventually([&] { return slow.delegate->notices == 2; }));
+  slow.monitor->stopMonitoring();
+}
+
+TEST_F(DirectoryMonitorTest, MayBeStoppedStartedAndGivenUpByItsDelegate) {
+  Monitored watched(path, [](IDirectoryMonitor& monitor) {
+    monitor.stopMonitoring();
+    EXPECT_TRUE(monitor.startMonitoring());
+  });
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  for (int i = 0; i < 20; ++i) EXPECT_TRUE(watched.isTold([&] { touch(path); }));
+  watched.monitor->stopMonitoring();
+  settle();
+  // The last reference goes while the delegate runs, here and on another thread.
+  std::promise<void> isIn;
+  std::promise<void> isGone;
+  watched.delegate->action = [&](IDirectoryMonitor& monitor) {
+    isIn.set_value();
+    isGone.get_future().wait();
+    monitor.stopMonitoring();
+  };
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  const std::weak_ptr<DirectoryMonitor> weak = watched.monitor;
+  EXPECT_TRUE(watched.isTold([&] {
+    touch(path);
+    isIn.get_future().wait();
+    watched.monitor.reset();
+    isGone.set_value();
+  }));
+  EXPECT_TRUE(test::eventually([&] { return weak.expired(); }));
+}
+
+TEST_F(DirectoryMonitorTest, DoesNotKeepItsDelegate) {
+  Monitored watched(path);
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  EXPECT_EQ(watched.monitor->delegate(), watched.delegate);
+  watched.delegate.reset();
+  EXPECT_EQ(watched.monitor->delegate(), nullptr);
+  touch(path);
+  settle();
+  watched.delegate = std::make_shared<Delegate>();
+  watched.monitor->setDelegate(watched.delegate);
+  EXPECT_TRUE(watched.isTold([&] { touch(path); }));
+}
+
+/// Keeps every handler, so that a test can call it when it should be over.
+struct FakeFileEvents final : FileEvents {
+  std::unique_ptr<Watch> watch(const std::string&, FileEvent, std::shared_ptr<DispatchQueue>,
+                               Handler) override {
+    return nullptr;
+  }
+  std::unique_ptr<Watch> watchPath(const std::string&, std::shared_ptr<DispatchQueue> queue,
+                                   Handler handler) override {
+    labels.push_back(queue->label());
+    EXPECT_TRUE(queue->isConcurrent());
+    handlers.push_back(std::move(handler));
+    return std::make_unique<Watch>();
+  }
+  std::vector<std::string> labels;
+  std::vector<Handler> handlers;
+};
+
+TEST_F(DirectoryMonitorTest, IgnoresNoticesOfAnEarlierStart) {
+  FakeFileEvents events;
+  const auto delegate = std::make_shared<Delegate>();
+  const auto monitor = DirectoryMonitor::create(path, events);
+  monitor->setDelegate(delegate);
+  monitor->startMonitoring();
+  events.handlers[0](FileEvent::written);
+  EXPECT_EQ(delegate->notices, 1);
+  monitor->stopMonitoring();
+  events.handlers[0](FileEvent::written);
+  monitor->startMonitoring();
+  events.handlers[0](FileEvent::written);
+  EXPECT_EQ(delegate->notices, 1);
+  events.handlers[1](FileEvent::written);
+  EXPECT_EQ(delegate->notices, 2);
+  EXPECT_EQ(events.labels, std::vector<std::string>(2, "DirectoryMonitor"));
+}
+
+TEST_F(DirectoryMonitorTest, CostsNoDescriptors) {
+  const auto descriptors = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  };
+  const Monitored first(path);
+  ASSERT_TRUE(first.monitor->startMonitoring());
+  settle();
+  const auto before = descriptors();
+  std::vector<Monitored> monitors;
+  for (int i = 0; i < 1000; ++i) {
+    const std::string each = folder / std::to_string(i);
+    if (i % 2 == 0) fs::create_directory(each);
+    if (i % 2 == 1) test::writeFile(each, "");
+    monitors.emplace_back(each);
+    ASSERT_TRUE(monitors.back().monitor->startMonitoring());
+  }
+  EXPECT_EQ(descriptors(), before);
+  for (int i = 0; i < 1000; ++i) touch(folder / std::to_string(i));
+  for (const auto& each : monitors) {
+    EXPECT_TRUE(test::eventually([&] { return each.delegate->notices > 0; }));
+  }
+}
+
+TEST_F(DirectoryMonitorTest, RefusesOneMoreThanTheUserMayWatch) {
+  test::inChild([this] {
+    const UniqueFd limit([] {
+      return test::enterPrivateMounts() && ::unshare(CLONE_NEWUSER) == 0
+                 ? ::open("/proc/sys/user/max_inotify_watches", O_WRONLY | O_CLOEXEC)
+                 : -1;
+    }());
+    if (!limit || ::write(limit.get(), "3", 1) != 1) GTEST_SKIP() << "the limit can't be set";
+    const test::CapturedLog log;
+    const Monitored watched(path);
+    ASSERT_TRUE(watched.monitor->startMonitoring());  // two watches: its own, the folder's above
+    // Either the second one or the folder's above it is too much.
+    fs::create_directories(path + "/1/2");
+    const Monitored more(path + "/1/2");
+    EXPECT_FALSE(more.monitor->startMonitoring());
+    EXPECT_TRUE(log.has("Open " + path + "/1/2 for file notifications"));
+    EXPECT_TRUE(log.has("fs.inotify.max_user_watches"));
+    EXPECT_TRUE(watched.isTold([&] { touch(path); }));
+    watched.monitor->stopMonitoring();
+    EXPECT_TRUE(more.monitor->startMonitoring()) << "what a refused start took is free again";
+  });
+}
+
+TEST_F(DirectoryMonitorTest, StartsAnewInAForkedChild) {
+  const Monitored watched(path);
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  EXPECT_TRUE(watched.isTold([&] { touch(path); }));
+  const int before = watched.delegate->notices;
+  test::inChild([&] {
+    touch(path);
+    ASSERT_TRUE(watched.monitor->startMonitoring());
+    EXPECT_TRUE(watched.isTold([&] { touch(path); }));
+    watched.monitor->stopMonitoring();
+  });
+  EXPECT_TRUE(test::eventually([&] { return watched.delegate->notices > before; }));
+}
+
+TEST_F(DirectoryMonitorTest, MayBeUsedByManyThreadsAtOnce) {
+  const Monitored watched(path);
+  std::atomic<bool> isOver{false};
+  std::vector<std::thread> threads;
+  threads.emplace_back([&] {
+    while (!isOver) ::chmod(path.c_str(), 0700);
+  });
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&, i] {
+      for (int round = 0; round < 300; ++round) {
+        EXPECT_TRUE(watched.monitor->startMonitoring());
+        if (i == 0) watched.monitor->setDelegate(watched.delegate);
+        watched.monitor->stopMonitoring();
+      }
+    });
+  }
+  for (auto thread = threads.begin() + 1; thread != threads.end(); ++thread) thread->join();
+  isOver = true;
+  threads.front().join();
+  ASSERT_TRUE(watched.monitor->startMonitoring());
+  EXPECT_TRUE(watched.isTold([&] { touch(path); }));
+}
+
+}  // namespace
+}  // namespace velum

@@ -23,5 +23,6 @@ void addSysinfo(CLI::App& app);
 void addTelemetry(CLI::App& app);
 void addVerifyPeer(CLI::App& app);
 void addCerts(CLI::App& app);
+void addWatch(CLI::App& app);
 
 }  // namespace velumctl

@@ -1,7 +1,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -25,16 +24,6 @@ struct RunCommandOptions {
   std::string directory;
   bool json = false;
 };
-
-// As a shell would find it.
-std::string toolPath(const std::string& tool) {
-  std::string path = tool.find('/') == std::string::npos ? findInPath(tool) : tool;
-  std::error_code error;
-  if (!std::filesystem::is_regular_file(path, error) || ::access(path.c_str(), X_OK) != 0) {
-    throw Failure(fmt::format("{} is not an executable file; check the path", tool));
-  }
-  return path;
-}
 
 // Prints the records of the run as they are logged.
 int runLogged(const std::string& path, velum::RunOptions options) {

@@ -1,10 +1,12 @@
 #include "velumctl/Terminal.h"
 
+#include <fmt/format.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <sstream>
 #include <utility>
@@ -39,6 +41,15 @@ std::string findInPath(const std::string& program) {
     if (::access(path.c_str(), X_OK) == 0) return path;
   }
   return {};
+}
+
+std::string toolPath(const std::string& tool) {
+  std::string path = tool.find('/') == std::string::npos ? findInPath(tool) : tool;
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(path, error) || ::access(path.c_str(), X_OK) != 0) {
+    throw Failure(fmt::format("{} is not an executable file; check the path", tool));
+  }
+  return path;
 }
 
 bool isTerminal(int fd) {

@@ -14,6 +14,9 @@ namespace velumctl {
 /// The path of a program in one of the folders of PATH; empty when it is in none.
 std::string findInPath(const std::string& program);
 
+/// The path of a tool as a shell would find it. Throws Failure when it is no executable file.
+std::string toolPath(const std::string& tool);
+
 /// True when the descriptor is a terminal.
 bool isTerminal(int fd);
 

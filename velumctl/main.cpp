@@ -80,6 +80,7 @@ void addCommands(CLI::App& app) {
   velumctl::addTelemetry(app);
   velumctl::addVerifyPeer(app);
   velumctl::addCerts(app);
+  velumctl::addWatch(app);
 }
 
 // The command that the arguments name, as the user would type it, for pointing to its help.

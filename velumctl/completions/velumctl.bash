@@ -21,6 +21,7 @@ _velumctl_options() {
     "certs list" | "certs check") echo "--domain --root --json --help" ;;
     "certs ") echo "add remove list trust check --help" ;;
     "sysinfo ") echo "--json --help" ;;
+    "watch ") echo "--json --exec --help" ;;
     "run ") echo "--directory --json --help" ;;
     "keychain get" | "keychain delete") echo "--service --group --yes --help" ;;
     "keychain set") echo "--service --group --stdin --help" ;;
@@ -43,7 +44,7 @@ _velumctl_options() {
     "notify ") echo "post wait listen --help" ;;
     " ")
       echo "logs support run keychain defaults storage encrypt decrypt notify request respond http sysinfo" \
-        "telemetry verify-peer certs --version --help"
+        "telemetry verify-peer certs watch --version --help"
       ;;
   esac
 }
@@ -52,7 +53,7 @@ _velumctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local group='' command='' i
   local groups='logs|support|keychain|defaults|storage|notify|http|telemetry|certs'
-  local single='run|encrypt|decrypt|request|respond|sysinfo|verify-peer'
+  local single='run|encrypt|decrypt|request|respond|sysinfo|verify-peer|watch'
   local commands='show|save|reset|archive|get|set|delete|list|read|write|verify|dump|post|wait|listen'
   commands+='|send|body|synthetic-id|add|remove|trust|check'
   COMPREPLY=()

@@ -1,0 +1,91 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <utility>
+
+#include "tests/support/TemporaryFolder.h"
+#include "tests/velumctl/VelumctlTest.h"
+
+namespace velum::test {
+namespace {
+
+class VelumctlWatch : public VelumctlTest {
+ protected:
+  VelumctlWatch() { std::filesystem::create_directory(path_); }
+
+  RunningProgram start(Strings arguments) const {
+    arguments.insert(arguments.begin(), "watch");
+    return RunningProgram::piped(commandLine(arguments));
+  }
+  // Acts until the program has printed `text`: nothing tells when it has begun to watch.
+  template <class Action>
+  static bool prints(RunningProgram& program, std::string_view text, Action action) {
+    return eventually([&] {
+      action();
+      return program.hasPrinted(text, std::chrono::milliseconds(50));
+    });
+  }
+  static int exitStatus(RunningProgram& program) {
+    const int status = program.wait();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  std::string path_ = folder_ / "watched";
+};
+
+TEST_F(VelumctlWatch, PrintsChangesUntilInterruptedWhateverBecomesOfThePath) {
+  RunningProgram watch = start({path_});
+  EXPECT_TRUE(prints(watch, " changed " + path_ + '\n', [&] { writeFile(path_ + "/a", ""); }));
+  std::filesystem::remove_all(path_);
+  watch.readUntil(" missing " + path_ + '\n');
+  std::filesystem::create_directory(path_);
+  RunningProgram json = start({"--json", path_});
+  EXPECT_TRUE(prints(json, "\"path\":\"" + path_ + "\",\"exists\":true}\n",
+                     [&] { writeFile(path_ + "/b", ""); }));
+  for (RunningProgram* const program : {&watch, &json}) {
+    program->signal(SIGINT);
+    EXPECT_EQ(exitStatus(*program), 0);
+  }
+  EXPECT_GT(watch.readToEnd().rfind(" changed "), watch.readToEnd().rfind(" missing "));
+}
+
+TEST_F(VelumctlWatch, RunsACommandAfterChanges) {
+  const std::string ran = folder_ / "ran";
+  RunningProgram watch =
+      start({path_, "--exec", "sh", "-c", "echo --json \"$0\" >> " + ran + "; exit 3", "--help"});
+  EXPECT_TRUE(eventually([&] {
+    writeFile(path_ + "/a", "");
+    return readFile(ran).starts_with("--json --help\n");
+  }));
+  EXPECT_TRUE(eventually([&] {
+    writeFile(path_ + "/a", "");
+    return readFile(ran).starts_with("--json --help\n--json --help\n");
+  })) << "its failure ends nothing";
+  watch.signal(SIGTERM);
+  EXPECT_EQ(exitStatus(watch), 0);
+}
+
+TEST_F(VelumctlWatch, EndsWithItsReader) {
+  RunningProgram watch = start({path_});
+  EXPECT_TRUE(prints(watch, " changed ", [&] { writeFile(path_ + "/a", ""); }));
+  watch.closeOutput();
+  writeFile(path_ + "/a", "");
+  EXPECT_EQ(exitStatus(watch), 0);
+}
+
+TEST_F(VelumctlWatch, SaysWhatIsWrong) {
+  const Result missing = run({"watch", folder_ / "missing"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.errors,
+            "velumctl: " + (folder_ / "missing") + ": No such file or directory; check the path\n");
+  EXPECT_EQ(run({"watch"}).status, 2);
+  EXPECT_EQ(run({"watch", path_, "--exec"}).status, 2);
+  EXPECT_EQ(run({"watch", path_, "true"}).status, 2);
+  const Result noCommand = run({"watch", path_, "--exec", folder_ / "none"});
+  EXPECT_EQ(noCommand.status, 1);
+  EXPECT_NE(noCommand.errors.find("is not an executable file"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace velum::test

@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,13 +13,10 @@
 #include <asio/strand.hpp>
 #include <atomic>
 #include <condition_variable>
-#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <new>
-#include <system_error>
-#include <thread>
 
 #include "Velum/Fatal.h"
 #include "Velum/Platform/AtFork.h"
@@ -75,26 +71,9 @@ class Pool {
     const std::lock_guard guard(growth_);
     const int threads = threads_.load(std::memory_order_relaxed);
     if (threads > busy_.load() || threads == maxThreads) return;
-    if (startThread()) threads_.store(threads + 1, std::memory_order_relaxed);
-  }
-
-  // Signals belong to the program's own threads: a worker is born with all of them blocked.
-  bool startThread() {
-    sigset_t all{};
-    sigset_t old{};
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &old);
-    bool isStarted = true;
-    try {
-      std::thread([this] {
-        ::pthread_setname_np(::pthread_self(), "velum-worker");
-        context_.run();
-      }).detach();  // the pool is never destroyed
-    } catch (const std::system_error&) {
-      isStarted = false;  // asked again with the next work
-    }
-    ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    return isStarted;
+    // The pool is never destroyed. Without a thread, the next work asks again.
+    if (startThread("velum-worker", [this] { context_.run(); }) != 0) return;
+    threads_.store(threads + 1, std::memory_order_relaxed);
   }
 
   asio::io_context context_;

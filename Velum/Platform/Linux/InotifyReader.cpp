@@ -1,18 +1,15 @@
 #include "Velum/Platform/Linux/InotifyReader.h"
 
-#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
 #include <array>
-#include <csignal>
 #include <mutex>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "Velum/Platform/AtFork.h"
+#include "Velum/Platform/Thread.h"
 #include "Velum/SystemError.h"
 
 namespace velum {
@@ -52,23 +49,12 @@ void InotifyReader::open() {
   isOpen_ = true;
 }
 
-// Signals belong to the program's own threads: this one is born with all of them blocked.
 void InotifyReader::startThread() {
   if (hasThread_ || !enterFirst()) return;
-  hasThread_ = true;
-  sigset_t all{};
-  sigset_t old{};
-  ::sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &old);
-  try {
-    std::thread([this, generation = forkGeneration()] {
-      ::pthread_setname_np(::pthread_self(), "velum-events");
-      readInThread(generation);
-    }).detach();  // this object is never destroyed
-  } catch (const std::system_error&) {
-    hasThread_ = false;  // asked again for the next watch
-  }
-  ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  // This object is never destroyed. Without a thread, the next watch asks again.
+  hasThread_ = velum::startThread("velum-events", [this, generation = forkGeneration()] {
+                 readInThread(generation);
+               }) == 0;
 }
 
 // Puts the thread before the pool.

@@ -1,22 +1,19 @@
 #include "Velum/Platform/Linux/NotifyCenterLinux.h"
 
 #include <poll.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <mutex>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Directories.h"
+#include "Velum/Platform/Thread.h"
 #include "Velum/SystemError.h"
 
 namespace velum {
@@ -240,22 +237,11 @@ void NotifyCenterLinux::rewatchLk(Outcome& outcome) {
   compareAllLk(outcome);
 }
 
-// Signals belong to the program's own threads: this one is born with all of them blocked.
 void NotifyCenterLinux::startServerLk() {
-  sigset_t all{};
-  sigset_t old{};
-  ::sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &old);
-  int error = 0;
-  try {
-    std::thread([weak = weak_from_this(), inotify = inotify_, server = server_ + 1] {
-      ::pthread_setname_np(::pthread_self(), "velum-notify");
-      serve(weak, inotify, server);
-    }).detach();
-  } catch (const std::system_error& failure) {
-    error = failure.code().value();
-  }
-  ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  const int error = startThread(
+      "velum-notify", [weak = weak_from_this(), inotify = inotify_, server = server_ + 1] {  //
+        serve(weak, inotify, server);
+      });
   if (error != 0) throw SystemError(error, "addObserver(_:callback:), pthread_create ()");
   ++server_;
   hasServer_ = true;

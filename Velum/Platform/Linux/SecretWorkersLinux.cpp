@@ -1,15 +1,14 @@
 #include "Velum/Platform/Linux/SecretWorkersLinux.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <condition_variable>
-#include <csignal>
 #include <deque>
 #include <mutex>
-#include <thread>
+#include <system_error>
+#include <utility>
 
 #include "Velum/Platform/Linux/SecretServiceLinux.h"
+#include "Velum/Platform/Thread.h"
 
 namespace velum {
 
@@ -33,19 +32,9 @@ struct SecretWorkers::State : std::enable_shared_from_this<State> {
 
   void ensureServerLk() {
     if (hasServer || abandoned >= maximumAbandoned) return;
-    // The application's signals are for its own threads. Threads started below inherit the mask.
-    sigset_t all{};
-    sigset_t before{};
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    try {
-      std::thread([state = shared_from_this()] { serve(state); }).detach();
-      hasServer = true;
-    } catch (...) {
-      ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-      throw;
-    }
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    const int error = startThread("velum-secrets", [state = shared_from_this()] { serve(state); });
+    if (error != 0) throw std::system_error(error, std::generic_category());
+    hasServer = true;
   }
 
   /// After a job: whether the thread that did it goes on serving.
@@ -65,7 +54,6 @@ SecretWorkers::~SecretWorkers() {
 }
 
 void SecretWorkers::serve(const std::shared_ptr<State>& state) {
-  ::pthread_setname_np(::pthread_self(), "velum-secrets");
   SecretServiceLinux service;
   std::unique_lock lock(state->mutex);
   for (;;) {

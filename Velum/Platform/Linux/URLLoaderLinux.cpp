@@ -1,21 +1,18 @@
 #include "Velum/Platform/Linux/URLLoaderLinux.h"
 
-#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <exception>
 #include <iterator>
 #include <mutex>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "Velum/Fatal.h"
+#include "Velum/Platform/Thread.h"
 #include "Velum/SystemError.h"
 
 namespace velum {
@@ -40,7 +37,7 @@ URLEngine::URLEngine() : multi_(curl_multi_init(), curl_multi_cleanup) {
 bool URLEngine::start(std::shared_ptr<URLExchange> exchange) {
   {
     const std::lock_guard guard(lock_);
-    if (!hasThread_ && !startThread()) return false;
+    if (!hasThread_ && startThread("velum-http", [this] { run(); }) != 0) return false;
     hasThread_ = true;
     started_.push_back(std::move(exchange));
   }
@@ -87,25 +84,6 @@ void URLEngine::unlockAfterFork() noexcept {
 
 void URLEngine::abandonInChild() noexcept {
   for (const int socket : sockets_) ::close(socket);
-}
-
-// Signals belong to the program's own threads.
-bool URLEngine::startThread() {
-  sigset_t all{};
-  sigset_t old{};
-  ::sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &old);
-  bool isStarted = true;
-  try {
-    std::thread([this] {
-      ::pthread_setname_np(::pthread_self(), "velum-http");
-      run();
-    }).detach();
-  } catch (const std::system_error&) {
-    isStarted = false;
-  }
-  ::pthread_sigmask(SIG_SETMASK, &old, nullptr);
-  return isStarted;
 }
 
 void URLEngine::run() {

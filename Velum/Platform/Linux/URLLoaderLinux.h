@@ -40,7 +40,6 @@ class URLEngine final : public SocketOwner {
  private:
   using Exchanges = std::vector<std::shared_ptr<URLExchange>>;
 
-  bool startThread();
   [[noreturn]] void run();
   void takeOrders();
   void add(std::shared_ptr<URLExchange> exchange);

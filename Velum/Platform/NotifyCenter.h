@@ -69,6 +69,7 @@ class NotifyCenter {
   /// Blocks until `isDone`, which callbacks make true, is asked after one of them and says so;
   /// false when `timeout` passed first. `isDone` is called under a lock: it should look at an
   /// atomic value. Not to be called inside callbacks, except of a handler that may take long.
+  /// Throws SystemError.
   virtual bool wait(const std::function<bool()>& isDone, std::chrono::nanoseconds timeout) = 0;
 };
 

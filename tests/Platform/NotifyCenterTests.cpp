@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -236,8 +237,29 @@ TEST_F(NotifyCenterTest, FindsAFolderAgainThatItCanNotMakeItself) {
   EXPECT_THROW(center->post("name"), SystemError);
   EXPECT_THROW(counting("name2", count), SystemError);
   fs::remove(path);
-  center->post("name");
+  const auto poster = centerOf(path);  // as in another process
+  poster->post("name");
+  const auto another = counting("name2", count);  // watches the folder again
   EXPECT_TRUE(reaches(count, 1));
+  EXPECT_THAT(handler->texts(), ::testing::SizeIs(1));
+  Logger::shared().setHandlers({});
+}
+
+TEST_F(NotifyCenterTest, TriesQuietlyToWatchAGroupThatItCanNotMake) {
+  const auto handler = std::make_shared<test::RecordingLogHandler>();
+  Logger::shared().setHandlers({handler});
+  std::atomic<int> count{0};
+  const auto observer = counting("name", count);
+  const fs::path group = fs::path(fileOf("name")).parent_path();
+  test::writeFile(folder / "file", "in the way");
+  const std::string file = folder / "file";
+  ASSERT_EQ(::renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, group.c_str(), RENAME_EXCHANGE), 0);
+  EXPECT_TRUE(test::eventually([&] { return !handler->records().empty(); }));
+  const std::clock_t before = std::clock();
+  fs::remove(group);
+  centerOf(path)->post("name");
+  EXPECT_TRUE(reaches(count, 1));
+  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 2) << "it did not pause between its tries";
   EXPECT_THAT(handler->texts(), ::testing::SizeIs(1));
   Logger::shared().setHandlers({});
 }
@@ -462,6 +484,55 @@ TEST_F(NotifyCenterTest, AForkedChildBeginsAnewAndLeavesTheParentItsEvents) {
     EXPECT_EQ(count, 1);
   });
   EXPECT_TRUE(reaches(count, 2));
+}
+
+TEST_F(NotifyCenterTest, AForkedChildMayDropWhatItInheritedBeforeItObserves) {
+  std::atomic<int> count{0};
+  auto observer = counting("name", count);
+  test::inChild([&] {
+    observer.reset();
+    std::atomic<int> own{0};
+    const auto mine = counting("name", own);
+    for (int i = 1; i <= 2; ++i) {
+      center->post("name");
+      EXPECT_TRUE(reaches(own, i));
+    }
+    EXPECT_EQ(count, 0);
+  });
+}
+
+TEST_F(NotifyCenterTest, NobodyHasToObserveAnythingToWait) {
+  EXPECT_FALSE(center->wait([] { return false; }, std::chrono::milliseconds(1)));
+  std::atomic<int> count{0};
+  const auto observer = counting("name", count);
+  test::inChild([&] {
+    EXPECT_FALSE(center->wait([] { return false; }, std::chrono::milliseconds(1)));
+    center->post("name");
+    EXPECT_FALSE(center->wait([] { return false; }, std::chrono::milliseconds(1)));
+    EXPECT_EQ(count, 0);
+  });
+}
+
+TEST_F(NotifyCenterTest, ForgetsFilesThatWereKeptTwice) {
+  RecentNotifyFiles recent;
+  const auto file = std::make_shared<const NotifyFile>();
+  recent.keep("name", file);
+  recent.keep("name", std::make_shared<const NotifyFile>());
+  recent.keep("other", file);
+  recent.forget("name");
+  EXPECT_EQ(recent.find("name"), nullptr);
+  EXPECT_EQ(recent.find("other"), file);
+}
+
+TEST_F(NotifyCenterTest, ReadsNoFileOfAFolderThatIsGone) {
+  center->post("name");  // keeps the file open, and watches nothing
+  fs::rename(path, folder / "elsewhere");
+  const auto poster = centerOf(path);  // as in another process
+  poster->post("name");
+  std::atomic<int> count{0};
+  const auto observer = counting("name", count);
+  poster->post("name");
+  EXPECT_TRUE(reaches(count, 1));
 }
 
 TEST_F(NotifyCenterTest, SweepsFilesNobodyPostedLately) {

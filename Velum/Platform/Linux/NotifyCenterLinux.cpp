@@ -101,7 +101,9 @@ void NotifyCenterLinux::afterForkInChild() noexcept {
   if (inotify_) inotify_->fd.reset();
   root_ = -1;
   groups_ = {};
+  isStale_ = false;
   isRetrying_ = false;
+  nextTry_ = {};
   hasServer_ = false;
   isServerLent_ = false;
   lock_.resetAfterFork();
@@ -130,15 +132,15 @@ std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::add(std::string_view 
                                                                Handler handler) {
   auto registration =
       std::make_shared<Registration>(NotifyFolder::fileName(name), kind, std::move(handler));
-  Observers inherited;
+  Observers inherited;  // dropped after the lock
   const std::lock_guard guard(lock_);
-  if (std::exchange(generation_, forkGeneration()) != forkGeneration()) {
-    inherited.swap(observers_);
-    plainObservers_ = 0;
-  }
-  openLk();
+  openLk(inherited);
   const std::size_t group = NotifyFolder::groupOf(registration->file);
-  if (!isWatchingLk()) watchLk();
+  if (root_ < 0) {
+    watchLk();
+    // Others may have been posted meanwhile. Whoever reads is about to look for the folder.
+    isStale_ = !observers_.empty();
+  }
   if (groups_.at(group).watch < 0) watchGroupLk(group);
   // A thread that runs a handler may take long to come back.
   const bool isServed = hasServer_ && !(isServerLent_ && kind == Kind::observer);
@@ -153,6 +155,7 @@ std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::add(std::string_view 
 
 void NotifyCenterLinux::remove(const std::shared_ptr<Registration>& registration) {
   const std::lock_guard guard(lock_);
+  if (generation_ != forkGeneration()) return;  // counted in the parent only
   const auto entry = observers_.find(registration->file);
   if (entry == observers_.end() || std::erase(entry->second, registration) == 0) return;
   --groups_.at(NotifyFolder::groupOf(registration->file)).observers;
@@ -165,15 +168,15 @@ bool NotifyCenterLinux::wait(const std::function<bool()>& isDone,
   constexpr std::chrono::nanoseconds longest = std::chrono::hours(24 * 365);
   const auto deadline = Clock::now() + std::min(timeout, longest);
   std::shared_ptr<Inotify> inotify;
+  Observers inherited;  // dropped after the lock
+  {
+    const std::lock_guard guard(lock_);
+    openLk(inherited);
+    inotify = inotify_;
+  }
+  Events events;
   while (reader_.take(isDone, deadline) == NotifyReaderRole::Answer::mine) {
-    bool isWatching = false;
-    {
-      const std::lock_guard guard(lock_);
-      inotify = inotify_;
-      isWatching = isWatchingLk();
-    }
-    Events events;
-    read(*inotify, events, isWatching ? deadline : std::min(deadline, Clock::now() + retryPause));
+    read(*inotify, events, std::min(deadline, readDeadline()));
     const Registrations handlers = finish(take(events));
     for (const auto& handler : handlers) handler->call(false);
     reader_.giveUp();
@@ -181,7 +184,12 @@ bool NotifyCenterLinux::wait(const std::function<bool()>& isDone,
   return isDone();
 }
 
-void NotifyCenterLinux::openLk() {
+// A forked child begins without the observers of its parent.
+void NotifyCenterLinux::openLk(Observers& inherited) {
+  if (std::exchange(generation_, forkGeneration()) != forkGeneration()) {
+    inherited.swap(observers_);
+    plainObservers_ = 0;
+  }
   if (inotify_ && inotify_->fd) return;
   UniqueFd fresh(::inotify_init1(IN_CLOEXEC));
   if (!fresh) throw lastSystemError("addObserver(_:callback:), inotify_init1 ()");
@@ -230,18 +238,24 @@ void NotifyCenterLinux::rewatchLk(Outcome& outcome) {
   try {
     watchLk();
   } catch (const SystemError& error) {
+    nextTry_ = Clock::now() + retryPause;  // the watches given up make events of their own
     if (!std::exchange(isRetrying_, true)) outcome.complaints.emplace_back(error.what());
     return;
   }
-  isRetrying_ = false;
   compareAllLk(outcome);
 }
 
+// When whoever reads has to look without an event.
+NotifyCenterLinux::Clock::time_point NotifyCenterLinux::readDeadline() {
+  const std::lock_guard guard(lock_);
+  if (root_ < 0) return nextTry_;
+  return isStale_ ? Clock::now() : Clock::time_point::max();
+}
+
 void NotifyCenterLinux::startServerLk() {
-  const int error = startThread(
-      "velum-notify", [weak = weak_from_this(), inotify = inotify_, server = server_ + 1] {  //
-        serve(weak, inotify, server);
-      });
+  const int error =
+      startThread("velum-notify", [weak = weak_from_this(), inotify = inotify_,
+                                   server = server_ + 1] { serve(weak, inotify, server); });
   if (error != 0) throw SystemError(error, "addObserver(_:callback:), pthread_create ()");
   ++server_;
   hasServer_ = true;
@@ -253,20 +267,25 @@ void NotifyCenterLinux::serve(const std::weak_ptr<NotifyCenterLinux>& weak,
                               const std::shared_ptr<Inotify>& inotify, unsigned server) {
   if (const auto center = weak.lock()) center->reader_.take();
   Events events;
-  for (bool isWatching = true;;) {
-    read(*inotify, events, isWatching ? Clock::time_point::max() : Clock::now() + retryPause);
+  for (;;) {
+    Clock::time_point deadline;
+    {
+      const auto center = weak.lock();
+      if (!center) return;
+      deadline = center->readDeadline();
+    }
+    read(*inotify, events, deadline);
     const auto center = weak.lock();
-    if (!center || !center->serveTurn(events, server, isWatching)) return;
+    if (!center || !center->serveTurn(events, server)) return;
   }
 }
 
 // False when another thread has taken over.
-bool NotifyCenterLinux::serveTurn(const Events& events, unsigned server, bool& isWatching) {
+bool NotifyCenterLinux::serveTurn(const Events& events, unsigned server) {
   const Registrations handlers = finish(take(events));
   if (!handlers.empty()) runLong(handlers, server);
   reader_.announce();
   const std::lock_guard guard(lock_);
-  isWatching = isWatchingLk();
   return server == server_;
 }
 
@@ -313,9 +332,9 @@ NotifyCenterLinux::Outcome NotifyCenterLinux::take(const Events& events) {
   std::vector<std::string> changed;
   const bool isComplete = parseLk(events, changed);
   for (const std::string& file : changed) compareLk(file, true, outcome);
-  if (!isWatchingLk()) {
-    rewatchLk(outcome);
-  } else if (!isComplete) {
+  if (root_ < 0) {
+    if (Clock::now() >= nextTry_) rewatchLk(outcome);
+  } else if (!isComplete || isStale_) {
     compareAllLk(outcome);
   }
   return outcome;
@@ -380,6 +399,8 @@ void NotifyCenterLinux::compareLk(const std::string& file, bool isChanged, Outco
 }
 
 void NotifyCenterLinux::compareAllLk(Outcome& outcome) {
+  isStale_ = false;
+  isRetrying_ = false;
   folder_.forgetAll();
   for (const auto& [file, registrations] : observers_) compareLk(file, false, outcome);
 }

@@ -77,17 +77,17 @@ class NotifyCenterLinux final : public NotifyCenter,
   NotifyCenterLinux(std::string folder, NotifyFolder::Sharing sharing);
 
   std::unique_ptr<Observer> add(std::string_view name, Kind kind, Handler handler);
-  void openLk();
+  void openLk(Observers& inherited);
   void watchLk();
   void watchGroupLk(std::size_t group);
   void unwatchLk();
   int addWatchLk(const UniqueFd& folder, std::uint32_t events) const;
-  bool isWatchingLk() const noexcept { return root_ >= 0; }
   void rewatchLk(Outcome& outcome);
+  Clock::time_point readDeadline();
   void startServerLk();
   static void serve(const std::weak_ptr<NotifyCenterLinux>& weak,
                     const std::shared_ptr<Inotify>& inotify, unsigned server);
-  bool serveTurn(const Events& events, unsigned server, bool& isWatching);
+  bool serveTurn(const Events& events, unsigned server);
   void runLong(const Registrations& handlers, unsigned server);
   static void read(const Inotify& inotify, Events& events, Clock::time_point deadline);
   Outcome take(const Events& events);
@@ -106,7 +106,8 @@ class NotifyCenterLinux final : public NotifyCenter,
   UnfairLock lock_;
   unsigned generation_ = forkGeneration();
   std::shared_ptr<Inotify> inotify_;
-  int root_ = -1;  // the watch of the folder itself
+  int root_ = -1;         // the watch of the folder itself; -1 while there is none
+  bool isStale_ = false;  // not all observed files were compared since that watch was made
   /// A group is watched when somebody observes a name in it, and perhaps some time after.
   struct Group {
     int watch = -1;
@@ -114,7 +115,8 @@ class NotifyCenterLinux final : public NotifyCenter,
   };
   std::array<Group, NotifyFolder::groups> groups_;
   bool isRetrying_ = false;
-  unsigned server_ = 0;  // the center's thread, by number; an earlier one ends
+  Clock::time_point nextTry_;  // to watch the folder
+  unsigned server_ = 0;        // the center's thread, by number; an earlier one ends
   bool hasServer_ = false;
   bool isServerLent_ = false;  // it runs a handler that may take long
   int plainObservers_ = 0;

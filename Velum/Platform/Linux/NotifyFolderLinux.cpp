@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -98,24 +99,23 @@ RecentNotifyFiles::~RecentNotifyFiles() {
 
 RecentNotifyFiles::File RecentNotifyFiles::find(const std::string& name) {
   const std::lock_guard guard(lock_);
-  for (const Entry& entry : entries_) {
-    if (entry.file && entry.name == name) return entry.file;
-  }
-  return nullptr;
+  const auto* const place = std::ranges::find(entries_, name, &Entry::name);
+  return place == entries_.end() ? nullptr : place->file;
 }
 
 void RecentNotifyFiles::keep(const std::string& name, File file) {
-  Entry entry{name, std::move(file)};
+  Entry entry{name, std::move(file)};  // then the one it replaces, which is closed after the lock
   const std::lock_guard guard(lock_);
-  std::swap(entries_.at(next_++ % maxFiles), entry);  // the old one is closed after the lock
+  auto* place = std::ranges::find(entries_, name, &Entry::name);
+  if (place == entries_.end()) place = &entries_.at(next_++ % maxFiles);
+  std::swap(*place, entry);
 }
 
 void RecentNotifyFiles::forget(const std::string& name) {
   File old;  // closed after the lock
   const std::lock_guard guard(lock_);
-  for (Entry& entry : entries_) {
-    if (entry.name == name) old.swap(entry.file);
-  }
+  auto* const place = std::ranges::find(entries_, name, &Entry::name);
+  if (place != entries_.end()) old.swap(place->file);
 }
 
 void RecentNotifyFiles::forgetAll() {
@@ -236,9 +236,9 @@ NotifyFolder::File NotifyFolder::openForLook(const std::string& file) const {
 }
 
 NotifyFolder::Look NotifyFolder::look(const std::string& file) const noexcept {
-  if (const auto kept = recent_.find(file)) {
-    struct stat status {};
-    if (::fstat(kept->fd.get(), &status) != 0 || status.st_nlink == 0) recent_.forget(file);
+  // Nobody watched where it stands.
+  if (const auto kept = recent_.find(file); kept && !isAt(*kept, pathOf(file))) {
+    recent_.forget(file);
   }
   return lookAgain(file);
 }

@@ -47,6 +47,7 @@ class RecentNotifyFiles final : public ForkParticipant {
 
   /// The file kept under that name, whether or not it still has it; null when there is none.
   File find(const std::string& name);
+  /// Instead of the one kept under that name, if there is one.
   void keep(const std::string& name, File file);
   void forget(const std::string& name);
   void forgetAll();

@@ -27,7 +27,9 @@ constexpr std::uint32_t folderIsGone = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUN
 // A file that was removed while a poster had it open is none of ours any more: the poster notices
 // and posts again.
 constexpr std::uint32_t otherFile = IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
-constexpr std::uint32_t rootEvents = IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+// A removed folder itself tells so only when nobody has a file of it open any more; the folder
+// above tells at once.
+constexpr std::uint32_t rootEvents = otherFile | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr std::uint32_t groupEvents =
     IN_MODIFY | otherFile | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK;
 
@@ -136,7 +138,7 @@ std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::add(std::string_view 
   const std::lock_guard guard(lock_);
   openLk(inherited);
   const std::size_t group = NotifyFolder::groupOf(registration->file);
-  if (root_ < 0) {
+  if (!isWatchingLk()) {
     watchLk();
     // Others may have been posted meanwhile. Whoever reads is about to look for the folder.
     isStale_ = !observers_.empty();
@@ -207,30 +209,56 @@ int NotifyCenterLinux::addWatchLk(const UniqueFd& folder, std::uint32_t events) 
   return watch;
 }
 
+bool NotifyCenterLinux::isWatchingLk() const noexcept {
+  return root_ >= 0 && std::none_of(groups_.begin(), groups_.end(), [](const Group& group) {
+           return group.observers > 0 && group.watch < 0;
+         });
+}
+
+// What still stands where it stood keeps its watch and the events that are unread. Tries again at
+// once when the folder vanished between two steps.
 void NotifyCenterLinux::watchLk() {
-  root_ = addWatchLk(folder_.make(), rootEvents);
-  try {
-    for (std::size_t group = 0; group < groups_.size(); ++group) {
-      if (groups_.at(group).observers > 0) watchGroupLk(group);
+  constexpr int maxTurns = 10;
+  for (int turn = 1;; ++turn) {
+    try {
+      const int root = addWatchLk(folder_.make(), rootEvents);
+      if (root != root_) dropLk(root_);
+      root_ = root;
+      for (std::size_t group = 0; group < groups_.size(); ++group) {
+        groups_.at(group).observers > 0 ? watchGroupLk(group) : dropLk(groups_.at(group));
+      }
+      // The groups are those of the folder that is watched.
+      if (addWatchLk(folder_.make(), rootEvents) == root_) return;
+      if (turn == maxTurns) throw SystemError(EBUSY, "notify center, watch " + folder_.path());
+    } catch (const SystemError& error) {
+      unwatchLk();
+      if (error.code() != ENOENT || turn == maxTurns) throw;
     }
-  } catch (const SystemError&) {
-    unwatchLk();
-    throw;
   }
 }
 
 void NotifyCenterLinux::watchGroupLk(std::size_t group) {
-  groups_.at(group).watch = addWatchLk(folder_.makeGroup(group), groupEvents);
+  Group& place = groups_.at(group);
+  const int watch = addWatchLk(folder_.makeGroup(group), groupEvents);
+  if (watch == place.watch) return;
+  dropLk(place);
+  place.watch = watch;
 }
 
 // Also needed for folders that were moved: they keep their watch otherwise.
+void NotifyCenterLinux::dropLk(int& watch) {
+  if (watch >= 0) ::inotify_rm_watch(inotify_->fd.get(), watch);
+  watch = -1;
+}
+
+void NotifyCenterLinux::dropLk(Group& group) {
+  if (group.watch >= 0) group.earlier = group.watch;
+  dropLk(group.watch);
+}
+
 void NotifyCenterLinux::unwatchLk() {
-  const auto remove = [this](int& watch) {
-    if (watch >= 0) ::inotify_rm_watch(inotify_->fd.get(), watch);
-    watch = -1;
-  };
-  remove(root_);
-  for (Group& group : groups_) remove(group.watch);
+  dropLk(root_);
+  for (Group& group : groups_) dropLk(group);
 }
 
 // Without a folder, as when only the system may make it, whoever reads looks for it every second.
@@ -248,7 +276,7 @@ void NotifyCenterLinux::rewatchLk(Outcome& outcome) {
 // When whoever reads has to look without an event.
 NotifyCenterLinux::Clock::time_point NotifyCenterLinux::readDeadline() {
   const std::lock_guard guard(lock_);
-  if (root_ < 0) return nextTry_;
+  if (!isWatchingLk()) return nextTry_;
   return isStale_ ? Clock::now() : Clock::time_point::max();
 }
 
@@ -332,7 +360,7 @@ NotifyCenterLinux::Outcome NotifyCenterLinux::take(const Events& events) {
   std::vector<std::string> changed;
   const bool isComplete = parseLk(events, changed);
   for (const std::string& file : changed) compareLk(file, true, outcome);
-  if (root_ < 0) {
+  if (!isWatchingLk()) {
     if (Clock::now() >= nextTry_) rewatchLk(outcome);
   } else if (!isComplete || isStale_) {
     compareAllLk(outcome);
@@ -356,17 +384,22 @@ bool NotifyCenterLinux::parseLk(const Events& events, std::vector<std::string>& 
 
 void NotifyCenterLinux::noteLk(const inotify_event& event, const char* name,
                                std::vector<std::string>& changed) {
-  auto* const group = std::find_if(groups_.begin(), groups_.end(),
-                                   [&](const Group& one) { return one.watch == event.wd; });
-  const bool isRoot = event.wd == root_;
-  if (event.wd < 0 || (!isRoot && group == groups_.end())) return;  // of an earlier folder
-  if ((event.mask & folderIsGone) != 0) {
-    unwatchLk();
+  if (event.wd < 0) return;
+  if (event.wd == root_) {  // the folder is gone, or one in it
+    dropLk(root_);
     return;
   }
-  if (isRoot || *name == '\0') return;
+  auto* const group = std::find_if(groups_.begin(), groups_.end(), [&](const Group& one) {
+    return one.watch == event.wd || one.earlier == event.wd;
+  });
+  if (group == groups_.end()) return;  // of an earlier folder
+  if ((event.mask & folderIsGone) != 0) {
+    if (event.wd == group->watch) dropLk(*group);
+    return;
+  }
+  if (*name == '\0') return;
   if (group->observers == 0) {  // nobody here is interested any more
-    ::inotify_rm_watch(inotify_->fd.get(), std::exchange(group->watch, -1));
+    dropLk(*group);
     return;
   }
   std::string file{static_cast<char>('0' + (group - groups_.begin())), '/'};

@@ -68,6 +68,12 @@ class NotifyCenterLinux final : public NotifyCenter,
     alignas(inotify_event) std::array<char, 16384> bytes;
     std::size_t size = 0;
   };
+  /// A group is watched when somebody observes a name in it, and perhaps some time after.
+  struct Group {
+    int watch = -1;
+    int earlier = -1;  // given up; its last events may be unread
+    int observers = 0;
+  };
   /// What one reading of events asks for, once the lock is released.
   struct Outcome {
     Registrations due;
@@ -81,6 +87,9 @@ class NotifyCenterLinux final : public NotifyCenter,
   void watchLk();
   void watchGroupLk(std::size_t group);
   void unwatchLk();
+  void dropLk(int& watch);
+  void dropLk(Group& group);
+  bool isWatchingLk() const noexcept;
   int addWatchLk(const UniqueFd& folder, std::uint32_t events) const;
   void rewatchLk(Outcome& outcome);
   Clock::time_point readDeadline();
@@ -108,11 +117,6 @@ class NotifyCenterLinux final : public NotifyCenter,
   std::shared_ptr<Inotify> inotify_;
   int root_ = -1;         // the watch of the folder itself; -1 while there is none
   bool isStale_ = false;  // not all observed files were compared since that watch was made
-  /// A group is watched when somebody observes a name in it, and perhaps some time after.
-  struct Group {
-    int watch = -1;
-    int observers = 0;
-  };
   std::array<Group, NotifyFolder::groups> groups_;
   bool isRetrying_ = false;
   Clock::time_point nextTry_;  // to watch the folder

@@ -148,7 +148,8 @@ std::string NotifyFolder::fileName(std::string_view name) {
 }
 
 void NotifyFolder::requirePath() const {
-  if (path_.empty()) throw SystemError(ENOENT, "notify center, no folder for this user's sockets");
+  if (path_.empty())
+    throw SystemError(ENOENT, "notify center, XDG_RUNTIME_DIR or TMPDIR, a folder for this user");
 }
 
 bool NotifyFolder::isSafe(const struct stat& status) const noexcept {
@@ -297,7 +298,11 @@ NotifyFolder::File NotifyFolder::openForPost(const std::string& file, std::size_
   if (isNew) opened = create(file);
   if (isNew && !opened && errno == ENOENT) {
     make();
-    makeGroup(groupOf(file));
+    try {
+      makeGroup(groupOf(file));
+    } catch (const SystemError& error) {
+      if (error.code() != ENOENT) throw;  // else it was removed meanwhile
+    }
     return nullptr;
   }
   if (isNew && !opened && errno == EEXIST) return nullptr;

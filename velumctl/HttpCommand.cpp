@@ -48,17 +48,19 @@ struct SendOptions {
   bool json = false;
 };
 
+constexpr const char* caller = "http send";  // in errors, behind the program's name
+
 std::string wholeFile(int fd) {
   std::string bytes;
   std::string buffer(65536, '\0');
-  while (const auto got = velum::checked::read(fd, buffer.data(), buffer.size(), "velumctl")) {
+  while (const auto got = velum::checked::read(fd, buffer.data(), buffer.size(), caller)) {
     bytes.append(buffer, 0, got);
   }
   return bytes;
 }
 
 std::string wholeFile(const std::string& path) {
-  return wholeFile(velum::checked::open(path, O_RDONLY, 0, "velumctl").get());
+  return wholeFile(velum::checked::open(path, O_RDONLY, 0, caller).get());
 }
 
 // What is wrong with a header is not repeated: it may hold a secret.
@@ -261,7 +263,7 @@ void printJson(const Outcome& outcome, bool withBody) {
 }
 
 void write(int fd, std::string_view bytes) {
-  velum::checked::write(fd, bytes.data(), bytes.size(), "velumctl");
+  velum::checked::write(fd, bytes.data(), bytes.size(), caller);
 }
 
 void send(const SendOptions& options) {
@@ -270,7 +272,7 @@ void send(const SendOptions& options) {
   if (!options.output.empty()) {
     // Answers may be private: nobody else can read a new file.
     const int flags = O_WRONLY | O_CREAT | O_TRUNC;
-    write(velum::checked::open(options.output, flags, 0600, "velumctl").get(), outcome.data);
+    write(velum::checked::open(options.output, flags, 0600, caller).get(), outcome.data);
   }
   if (options.json) {
     printJson(outcome, options.output.empty());
@@ -313,7 +315,7 @@ void addHttp(CLI::App& app) {
       ->type_name("N");
   send.add_option("--timeout", options->timeout, "Seconds that nothing may move; 60 by default")
       ->type_name("SECONDS")
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::Range(0.001, 604800.0));  // a week
   send.add_option("--output", options->output, "Write the answer's body there")->type_name("FILE");
   send.add_flag("--json", options->json,
                 R"(Print {"status": ..., "url": ..., "headers": ..., "body": ...})");

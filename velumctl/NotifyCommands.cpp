@@ -1,7 +1,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -47,10 +46,11 @@ struct MessageOptions : NotifyOptions {
   bool once = false;
 };
 
+constexpr double longestTimeout = 365.0 * 24 * 3600;  // seconds
+
 std::chrono::nanoseconds nanoseconds(double seconds) {
-  constexpr double longest = 365.0 * 24 * 3600;
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
-      std::chrono::duration<double>(std::min(seconds, longest)));
+      std::chrono::duration<double>(seconds));
 }
 
 /// What came in on other threads, taken by the one that prints it.
@@ -194,7 +194,7 @@ void addShared(CLI::App& command, NotifyOptions& options) {
 void addTimeout(CLI::App& command, NotifyOptions& options, const char* help) {
   command.add_option("--timeout", options.timeout, help)
       ->type_name("SECONDS")
-      ->check(CLI::NonNegativeNumber);
+      ->check(CLI::Range(0.0, longestTimeout));
 }
 
 void addMessage(CLI::App& command, MessageOptions& options) {

@@ -48,19 +48,19 @@ struct SendOptions {
   bool json = false;
 };
 
-constexpr const char* caller = "http send";  // in errors, behind the program's name
+constexpr const char* sendCaller = "http send";  // in errors, behind the program's name
 
 std::string wholeFile(int fd) {
   std::string bytes;
   std::string buffer(65536, '\0');
-  while (const auto got = velum::checked::read(fd, buffer.data(), buffer.size(), caller)) {
+  while (const auto got = velum::checked::read(fd, buffer.data(), buffer.size(), sendCaller)) {
     bytes.append(buffer, 0, got);
   }
   return bytes;
 }
 
 std::string wholeFile(const std::string& path) {
-  return wholeFile(velum::checked::open(path, O_RDONLY, 0, caller).get());
+  return wholeFile(velum::checked::open(path, O_RDONLY, 0, sendCaller).get());
 }
 
 // What is wrong with a header is not repeated: it may hold a secret.
@@ -263,7 +263,7 @@ void printJson(const Outcome& outcome, bool withBody) {
 }
 
 void write(int fd, std::string_view bytes) {
-  velum::checked::write(fd, bytes.data(), bytes.size(), caller);
+  velum::checked::write(fd, bytes.data(), bytes.size(), sendCaller);
 }
 
 void send(const SendOptions& options) {
@@ -272,7 +272,7 @@ void send(const SendOptions& options) {
   if (!options.output.empty()) {
     // Answers may be private: nobody else can read a new file.
     const int flags = O_WRONLY | O_CREAT | O_TRUNC;
-    write(velum::checked::open(options.output, flags, 0600, caller).get(), outcome.data);
+    write(velum::checked::open(options.output, flags, 0600, sendCaller).get(), outcome.data);
   }
   if (options.json) {
     printJson(outcome, options.output.empty());

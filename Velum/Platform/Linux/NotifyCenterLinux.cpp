@@ -385,8 +385,15 @@ bool NotifyCenterLinux::parseLk(const Events& events, std::vector<std::string>& 
 void NotifyCenterLinux::noteLk(const inotify_event& event, const char* name,
                                std::vector<std::string>& changed) {
   if (event.wd < 0) return;
-  if (event.wd == root_) {  // the folder is gone, or one in it
-    dropLk(root_);
+  if (event.wd == root_) {
+    // Of a group that was removed, and those that will be, posts may be unread. What is written
+    // into a folder that was moved away is posted once more.
+    if ((event.mask & IN_DELETE) != 0) {
+      dropLk(root_);
+    } else {
+      unwatchLk();
+      for (Group& group : groups_) group.earlier = -1;
+    }
     return;
   }
   auto* const group = std::find_if(groups_.begin(), groups_.end(), [&](const Group& one) {

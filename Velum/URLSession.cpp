@@ -12,7 +12,7 @@
 namespace velum {
 namespace {
 
-constexpr std::string_view file = "URLSession";
+constexpr std::string_view file = "Velum/URLSession";
 constexpr std::string_view function = "execute(_:)";
 
 // Worth another attempt at once: the next one may reach the host.

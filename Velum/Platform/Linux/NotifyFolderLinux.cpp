@@ -148,8 +148,9 @@ std::string NotifyFolder::fileName(std::string_view name) {
 }
 
 void NotifyFolder::requirePath() const {
-  if (path_.empty())
+  if (path_.empty()) {
     throw SystemError(ENOENT, "notify center, XDG_RUNTIME_DIR or TMPDIR, a folder for this user");
+  }
 }
 
 bool NotifyFolder::isSafe(const struct stat& status) const noexcept {

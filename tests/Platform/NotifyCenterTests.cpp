@@ -1,70 +1,27 @@
 #include "Velum/Platform/NotifyCenter.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <mutex>
 #include <semaphore>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Linux/NotifyCenterLinux.h"
-#include "Velum/SystemError.h"
+#include "tests/Platform/NotifyCenterTest.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/RecordingLogHandler.h"
-#include "tests/support/TemporaryFolder.h"
 #include "tests/support/Waiting.h"
-
 namespace velum {
 namespace {
 
 namespace fs = std::filesystem;
-using Observer = std::unique_ptr<NotifyCenter::Observer>;
-using Sharing = NotifyFolder::Sharing;
-
-class NotifyCenterTest : public ::testing::Test {
- protected:
-  static std::shared_ptr<NotifyCenterLinux> centerOf(const std::string& path) {
-    return NotifyCenterLinux::make(path, Sharing::user);
-  }
-  Observer counting(const std::string& name, std::atomic<int>& count) const {
-    return center->addObserver(name, [&count] { ++count; });
-  }
-  static bool reaches(const std::atomic<int>& count, int wanted) {
-    return test::eventually([&] { return count >= wanted; });
-  }
-  // What was posted before this has been told when it returns: names are told in their order.
-  void settle() const {
-    std::binary_semaphore told{0};
-    const auto last = center->addObserver("settle", [&] { told.release(); });
-    center->post("settle");
-    EXPECT_TRUE(told.try_acquire_for(test::deadline));
-  }
-  void makeGroups() const {
-    const NotifyFolder notify(path, Sharing::user);
-    notify.make();
-    for (std::size_t group = 0; group < NotifyFolder::groups; ++group) notify.makeGroup(group);
-  }
-  std::string fileOf(std::string_view name) const {
-    return path + '/' + NotifyFolder::fileName(name);
-  }
-
-  test::TemporaryFolder folder;
-  std::string path = folder / "notify";
-  std::shared_ptr<NotifyCenterLinux> center = centerOf(path);
-};
 
 TEST_F(NotifyCenterTest, TellsEachPostToTheObserversOfItsNameOnly) {
   std::atomic<int> first{0};
@@ -200,149 +157,6 @@ TEST_F(NotifyCenterTest, ComparesGenerationsWhenTheKernelLostEvents) {
   EXPECT_EQ(lost, 1);
   EXPECT_EQ(quiet, 1);
   EXPECT_EQ(seen, 1);
-}
-
-TEST_F(NotifyCenterTest, GoesOnWhenTheFolderIsRemovedOrReplaced) {
-  std::atomic<int> count{0};
-  const auto observer = counting("name", count);
-  const auto poster = centerOf(path);  // as in another process
-  int wanted = 0;
-  const auto expectNext = [&] {
-    poster->post("name");
-    EXPECT_TRUE(reaches(count, ++wanted));
-    settle();
-    EXPECT_EQ(count, wanted);
-  };
-  // The observer makes it again at once, perhaps before all is gone.
-  const auto removeFolder = [&](const std::string& replacement = "") {
-    EXPECT_TRUE(test::eventually([&] {
-      std::error_code error;
-      fs::remove_all(path, error);
-      if (!error && !replacement.empty()) fs::rename(replacement, path, error);
-      return !error;
-    }));
-  };
-  expectNext();
-  removeFolder();
-  expectNext();
-  fs::rename(path, folder / "elsewhere");
-  expectNext();
-  fs::create_directory(folder / "other");
-  fs::permissions(folder / "other", fs::perms::owner_all);
-  removeFolder(folder / "other");
-  expectNext();
-  removeFolder();  // of which the first poster has a file open
-  centerOf(path)->post("name");
-  EXPECT_TRUE(reaches(count, ++wanted));
-}
-
-TEST_F(NotifyCenterTest, FindsAFolderAgainThatItCanNotMakeItself) {
-  const auto handler = std::make_shared<test::RecordingLogHandler>();
-  Logger::shared().setHandlers({handler});
-  std::atomic<int> count{0};
-  const auto observer = counting("name", count);
-  test::writeFile(folder / "file", "in the way");
-  const std::string file = folder / "file";
-  ASSERT_EQ(::renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, path.c_str(), RENAME_EXCHANGE), 0);
-  EXPECT_TRUE(test::eventually([&] { return !handler->records().empty(); }));
-  EXPECT_THROW(center->post("name"), SystemError);
-  EXPECT_THROW(counting("name2", count), SystemError);
-  fs::remove(path);
-  const auto poster = centerOf(path);  // as in another process
-  poster->post("name");
-  const auto another = counting("name2", count);  // watches the folder again
-  EXPECT_TRUE(reaches(count, 1));
-  EXPECT_THAT(handler->texts(), ::testing::SizeIs(1));
-  Logger::shared().setHandlers({});
-}
-
-TEST_F(NotifyCenterTest, TriesQuietlyToWatchAGroupThatItCanNotMake) {
-  const auto handler = std::make_shared<test::RecordingLogHandler>();
-  Logger::shared().setHandlers({handler});
-  std::atomic<int> count{0};
-  const auto observer = counting("name", count);
-  const fs::path group = fs::path(fileOf("name")).parent_path();
-  test::writeFile(folder / "file", "in the way");
-  const std::string file = folder / "file";
-  ASSERT_EQ(::renameat2(AT_FDCWD, file.c_str(), AT_FDCWD, group.c_str(), RENAME_EXCHANGE), 0);
-  EXPECT_TRUE(test::eventually([&] { return !handler->records().empty(); }));
-  const std::clock_t before = std::clock();
-  fs::remove(group);
-  centerOf(path)->post("name");
-  EXPECT_TRUE(reaches(count, 1));
-  EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 2) << "it did not pause between its tries";
-  EXPECT_THAT(handler->texts(), ::testing::SizeIs(1));
-  Logger::shared().setHandlers({});
-}
-
-TEST_F(NotifyCenterTest, RefusesWhatSomebodyPutInTheFilesPlace) {
-  const auto handler = std::make_shared<test::RecordingLogHandler>();
-  Logger::shared().setHandlers({handler});
-  makeGroups();
-  const std::string victim = folder / "victim";
-  test::writeFile(victim, "precious");
-  fs::create_symlink(victim, fileOf("link"));
-  fs::create_symlink(folder / "nowhere", fileOf("dangling"));
-  fs::create_hard_link(victim, fileOf("hard"));
-  fs::create_directory(fileOf("folder"));
-  ASSERT_EQ(::mkfifo(fileOf("fifo").c_str(), 0600), 0);
-  test::writeFile(fileOf("big"), std::string(100'000, 'x'));
-  std::atomic<int> count{0};
-  std::vector<Observer> observers;
-  for (const char* name : {"link", "dangling", "hard", "folder", "fifo", "big"}) {
-    observers.push_back(counting(name, count));
-    EXPECT_THROW(center->post(name), SystemError) << name;
-  }
-  for (int i = 0; i < 3; ++i) test::writeFile(fileOf("hard"), "precious");  // events of its own
-  settle();
-  EXPECT_EQ(count, 0);
-  EXPECT_EQ(test::readFile(victim), "precious");
-  EXPECT_FALSE(fs::exists(folder / "nowhere"));
-  EXPECT_THAT(handler->texts(), ::testing::ElementsAre(::testing::HasSubstr("Refused")));
-  if (::geteuid() == 0) {
-    center->post("foreign");
-    ASSERT_EQ(::chown(fileOf("foreign").c_str(), 1, 1), 0);
-    EXPECT_THROW(center->post("foreign"), SystemError);
-  }
-  Logger::shared().setHandlers({});
-}
-
-TEST_F(NotifyCenterTest, RefusesAFolderThatOthersMayChange) {
-  fs::create_directory(path);
-  fs::permissions(path, fs::perms::all);
-  std::atomic<int> count{0};
-  EXPECT_THROW(counting("name", count), SystemError);
-  fs::permissions(path, fs::perms::owner_all);
-  fs::rename(path, folder / "real");
-  fs::create_directory_symlink(folder / "real", path);
-  EXPECT_THROW(counting("name", count), SystemError);
-}
-
-TEST_F(NotifyCenterTest, LetsAllUsersPostInTheScopeOfTheSystem) {
-  const mode_t before = ::umask(0077);
-  const auto shared = NotifyCenterLinux::make(path, Sharing::all);
-  std::atomic<int> count{0};
-  const auto observer = shared->addObserver("name", [&] { ++count; });
-  shared->post("name");
-  ::umask(before);
-  EXPECT_TRUE(reaches(count, 1));
-  struct stat status {};
-  for (const fs::path& made : {fs::path(path), fs::path(fileOf("name")).parent_path()}) {
-    ASSERT_EQ(::stat(made.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 01777U);
-  }
-  ASSERT_EQ(::stat(fileOf("name").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777U, 0666U);
-  if (::geteuid() != 0) return;
-  fs::permissions(folder.path(), fs::perms::others_exec, fs::perm_options::add);
-  test::inChild([&] {
-    ASSERT_EQ(::setgid(65534), 0);
-    ASSERT_EQ(::setuid(65534), 0);
-    shared->post("name");
-    shared->post("new");
-  });
-  EXPECT_TRUE(reaches(count, 2));
-  shared->post("new");
 }
 
 TEST_F(NotifyCenterTest, ObserversMayBeRemovedAndAddedInCallbacks) {
@@ -522,61 +336,6 @@ TEST_F(NotifyCenterTest, NobodyHasToObserveAnythingToWait) {
     EXPECT_FALSE(center->wait([] { return false; }, std::chrono::milliseconds(1)));
     EXPECT_EQ(count, 0);
   });
-}
-
-TEST_F(NotifyCenterTest, ForgetsFilesThatWereKeptTwice) {
-  RecentNotifyFiles recent;
-  const auto file = std::make_shared<const NotifyFile>();
-  recent.keep("name", file);
-  recent.keep("name", std::make_shared<const NotifyFile>());
-  recent.keep("other", file);
-  recent.forget("name");
-  EXPECT_EQ(recent.find("name"), nullptr);
-  EXPECT_EQ(recent.find("other"), file);
-}
-
-TEST_F(NotifyCenterTest, ReadsNoFileOfAFolderThatIsGone) {
-  center->post("name");  // keeps the file open, and watches nothing
-  fs::rename(path, folder / "elsewhere");
-  const auto poster = centerOf(path);  // as in another process
-  poster->post("name");
-  std::atomic<int> count{0};
-  const auto observer = counting("name", count);
-  poster->post("name");
-  EXPECT_TRUE(reaches(count, 1));
-}
-
-TEST_F(NotifyCenterTest, SweepsFilesNobodyPostedLately) {
-  center->post("old");
-  center->post("new");
-  const auto old =
-      fs::file_time_type::clock::now() - std::chrono::seconds(NotifyFolder::quietSeconds + 10);
-  fs::last_write_time(fileOf("old"), old);
-  std::atomic<int> count{0};
-  const auto observer = counting("old", count);
-  const auto another = centerOf(path);  // a new process sweeps with the first file it makes
-  another->post("newer");
-  EXPECT_FALSE(fs::exists(fileOf("old")));
-  EXPECT_TRUE(fs::exists(fileOf("new")));
-  settle();
-  EXPECT_EQ(count, 0);
-  center->post("old");
-  EXPECT_TRUE(reaches(count, 1));
-}
-
-TEST_F(NotifyCenterTest, ReportsAFolderWithoutRoomAndGoesOnAfterwards) {
-  const NotifyFolder nowhere("", Sharing::user);
-  EXPECT_THROW(nowhere.post("name"), SystemError);
-  // Cut in the middle of the numbers, as by a poster that died: not a post, and healed by the next.
-  center->post("name");
-  fs::resize_file(fileOf("name"), 20);
-  std::atomic<int> count{0};
-  const auto observer = counting("name", count);
-  fs::resize_file(fileOf("name"), 10);
-  settle();
-  EXPECT_EQ(count, 0);
-  center->post("name");
-  EXPECT_TRUE(reaches(count, 1));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -87,7 +88,7 @@ CLI::App& addCommand(CLI::App& app, const std::string& name, const std::string& 
           ->type_name("FILE");
   command.add_option("--key-fd", options->keyDescriptor, "An open descriptor the key is read from")
       ->type_name("NUMBER")
-      ->check(CLI::NonNegativeNumber)
+      ->check(CLI::Range(0, std::numeric_limits<int>::max()))
       ->excludes(file);
   command
       .add_option("--output", options->output,

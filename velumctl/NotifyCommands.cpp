@@ -202,7 +202,10 @@ void addMessage(CLI::App& command, MessageOptions& options) {
   command.add_option("--id", options.id, "What the two sides agreed to tell the response by")
       ->required();
   command.add_option("--prefix", options.prefix, "What all names of the product begin with")
-      ->required();
+      ->required()
+      ->check([](const std::string& prefix) {
+        return prefix.empty() ? std::string("must not be empty") : std::string();
+      });
   addShared(command, options);
 }
 

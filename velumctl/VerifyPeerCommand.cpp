@@ -2,6 +2,7 @@
 #include <fmt/ostream.h>
 
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -57,7 +58,9 @@ void addVerifyPeer(CLI::App& app) {
   const auto options = std::make_shared<PeerOptions>();
   CLI::App& command =
       *app.add_subcommand("verify-peer", "Check who signed the program of a process");
-  command.add_option("PID", options->pid, "The process")->required()->check(CLI::PositiveNumber);
+  command.add_option("PID", options->pid, "The process")
+      ->required()
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()));
   command.add_option("--team", options->team, "The signer's team identifier")->required();
   command
       .add_option("--roots", options->roots,

@@ -103,7 +103,10 @@ int run(int argc, char** argv) {
   } catch (const velumctl::UsageError& error) {
     return fail(error.what(), "", usageStatus);
   } catch (const velum::SystemError& error) {
-    return fail(error.what(), advice(error.code()), EXIT_FAILURE);
+    std::string_view text = error.what();
+    constexpr std::string_view caller = "velumctl: ";  // names this program already
+    if (text.starts_with(caller)) text.remove_prefix(caller.size());
+    return fail(std::string(text), advice(error.code()), EXIT_FAILURE);
   } catch (const std::exception& error) {
     return fail(error.what(), "", EXIT_FAILURE);
   }

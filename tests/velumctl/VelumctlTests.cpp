@@ -172,6 +172,9 @@ TEST_F(Velumctl, RejectsWrongUsageInOneLine) {
       {{"storage", "dump", log_}, 2},
       {{"encrypt", log_}, 2},
       {{"encrypt", "--key-fd", "0"}, 2},
+      {{"encrypt", log_, "--key-fd", "-1"}, 2},
+      {{"verify-peer", "-5", "--team", "a"}, 2},
+      {{"request", "name", "--id", "1", "--prefix", ""}, 2},
       {{"encrypt", log_, "--key-file", log_}, 1},
       {{"decrypt", log_, "--key-file", folder_ / "missing"}, 1},
       {{"storage", "dump", folder_ / "missing", "--key-item", "a", "--service", "s"}, 1},
@@ -190,6 +193,8 @@ TEST_F(Velumctl, RejectsWrongUsageInOneLine) {
     EXPECT_EQ(result.status, status) << testing::PrintToString(arguments) << result.errors;
     EXPECT_THAT(result.errors, AllOf(StartsWith("velumctl: "), EndsWith("\n")));
     EXPECT_EQ(std::ranges::count(result.errors, '\n'), 1) << result.errors;
+    EXPECT_THAT(result.errors, Not(HasSubstr("velumctl: velumctl:")));
+    EXPECT_LT(result.errors.size(), 300U) << result.errors;
     EXPECT_THAT(result.output, IsEmpty());
   }
   EXPECT_THAT(run({"logs", "show", "--help"}).output, HasSubstr("Examples:"));

@@ -249,6 +249,38 @@ TEST_F(NotifyCenterTest, AHandlerThatTakesLongKeepsNobodyWaiting) {
   EXPECT_TRUE(mayTakeLong);
 }
 
+TEST_F(NotifyCenterTest, WhoObservesANameAgainHearsWhatComesAndNothingOlder) {
+  const auto poster = centerOf(path);  // as in another process
+  const auto isHeard = [&](std::atomic<int>& count) {
+    return center->wait([&] { return count > 0; }, std::chrono::milliseconds(1));
+  };
+  // Keeps the name's group watched, also while nobody observes the name.
+  int neighbour = 0;
+  const std::size_t group = NotifyFolder::groupOf(NotifyFolder::fileName("name"));
+  while (NotifyFolder::groupOf(NotifyFolder::fileName(std::to_string(neighbour))) != group) {
+    ++neighbour;
+  }
+  std::atomic<int> others{0};
+  auto other = center->addAwaited(std::to_string(neighbour), [&] { ++others; });
+  for (int round = 0; round < 64; ++round) {
+    std::atomic<int> count{0};
+    auto observer = center->addAwaited("name", [&] { ++count; });
+    EXPECT_FALSE(isHeard(count)) << round;
+    poster->post("name");
+    const bool isAwaited = (round & 1) == 0;
+    if (isAwaited) {
+      EXPECT_TRUE(center->wait([&] { return count == 1; }, test::deadline)) << round;
+    }
+    observer.reset();
+    if ((round & 2) != 0) poster->post("name");
+    if ((round & 4) != 0) isHeard(others);  // reads what is there, for nobody
+    if ((round & 8) != 0) fs::remove(fileOf("name"));
+    if ((round & 16) != 0) other.reset();
+    if ((round & 32) != 0) poster->post("name");
+    if (!other) other = center->addAwaited(std::to_string(neighbour), [&] { ++others; });
+  }
+}
+
 TEST_F(NotifyCenterTest, EveryThreadThatWaitsIsWokenByWhoeverReads) {
   constexpr int waiters = 4;
   std::atomic<int> answers{0};

@@ -1,6 +1,7 @@
 #include "Velum/Platform/Linux/NotifyCenterLinux.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -53,6 +54,7 @@ struct NotifyCenterLinux::Registration {
   const Kind kind;
   const Handler handler;
   NotifyGeneration seen;
+  std::uint64_t since = 0;  // the place in the stream of events; earlier ones tell of older posts
   std::atomic<bool> isRemoved{false};
 };
 
@@ -103,6 +105,7 @@ void NotifyCenterLinux::afterForkInChild() noexcept {
   if (inotify_) inotify_->fd.reset();
   root_ = -1;
   groups_ = {};
+  last_.watch = -1;
   isStale_ = false;
   isRetrying_ = false;
   nextTry_ = {};
@@ -148,7 +151,9 @@ std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::add(std::string_view 
   const bool isServed = hasServer_ && !(isServerLent_ && kind == Kind::observer);
   if (kind != Kind::awaited && !isServed) startServerLk();
   // After the watch: what is posted from here on gives an event.
-  registration->seen = folder_.look(registration->file).generation;
+  const std::size_t unread = unreadLk();
+  registration->since = taken_ + unread;
+  registration->seen = presentLk(registration->file, unread);
   observers_[registration->file].push_back(registration);
   ++groups_.at(group).observers;
   if (kind == Kind::observer) ++plainObservers_;
@@ -162,7 +167,25 @@ void NotifyCenterLinux::remove(const std::shared_ptr<Registration>& registration
   if (entry == observers_.end() || std::erase(entry->second, registration) == 0) return;
   --groups_.at(NotifyFolder::groupOf(registration->file)).observers;
   if (registration->kind == Kind::observer) --plainObservers_;
-  if (entry->second.empty()) observers_.erase(entry);
+  if (!entry->second.empty()) return;
+  const int watch = groups_.at(NotifyFolder::groupOf(registration->file)).watch;
+  last_ = {registration->file, registration->seen, watch};
+  observers_.erase(entry);
+}
+
+// The generation of a file whose group is watched. To look is most of what adding an observer
+// takes.
+NotifyGeneration NotifyCenterLinux::presentLk(const std::string& file, std::size_t unread) const {
+  const bool isKnown = unread == 0 && !isStale_ && last_.watch >= 0 && last_.file == file &&
+                       last_.watch == groups_.at(NotifyFolder::groupOf(file)).watch;
+  return isKnown ? last_.generation : folder_.look(file).generation;
+}
+
+// Bytes of events. Without those that a thread has read and not taken yet.
+std::size_t NotifyCenterLinux::unreadLk() const {
+  int size = 0;
+  if (::ioctl(inotify_->fd.get(), FIONREAD, &size) != 0) throw lastSystemError("ioctl (FIONREAD)");
+  return static_cast<std::size_t>(size);
 }
 
 bool NotifyCenterLinux::wait(const std::function<bool()>& isDone,
@@ -197,6 +220,7 @@ void NotifyCenterLinux::openLk(Observers& inherited) {
   if (!fresh) throw lastSystemError("addObserver(_:callback:), inotify_init1 ()");
   inotify_ = std::make_shared<Inotify>();
   inotify_->fd = std::move(fresh);
+  taken_ = 0;
 }
 
 int NotifyCenterLinux::addWatchLk(const UniqueFd& folder, std::uint32_t events) const {
@@ -357,9 +381,9 @@ void NotifyCenterLinux::read(const Inotify& inotify, Events& events, Clock::time
 NotifyCenterLinux::Outcome NotifyCenterLinux::take(const Events& events) {
   Outcome outcome;
   const std::lock_guard guard(lock_);
-  std::vector<std::string> changed;
-  const bool isComplete = parseLk(events, changed);
-  for (const std::string& file : changed) compareLk(file, true, outcome);
+  std::vector<Change> changes;
+  const bool isComplete = parseLk(events, changes);
+  for (const Change& change : changes) compareLk(change.file, change.place, outcome);
   if (!isWatchingLk()) {
     if (Clock::now() >= nextTry_) rewatchLk(outcome);
   } else if (!isComplete || isStale_) {
@@ -369,7 +393,7 @@ NotifyCenterLinux::Outcome NotifyCenterLinux::take(const Events& events) {
 }
 
 // False when the kernel lost events. What was left unread makes the descriptor readable once more.
-bool NotifyCenterLinux::parseLk(const Events& events, std::vector<std::string>& changed) {
+bool NotifyCenterLinux::parseLk(const Events& events, std::vector<Change>& changes) {
   bool isComplete = true;
   for (std::size_t offset = 0; offset < events.size;) {
     inotify_event event{};
@@ -377,13 +401,14 @@ bool NotifyCenterLinux::parseLk(const Events& events, std::vector<std::string>& 
     const char* const name = events.bytes.data() + offset + sizeof event;
     offset += sizeof event + event.len;
     if ((event.mask & IN_Q_OVERFLOW) != 0) isComplete = false;
-    noteLk(event, event.len > 0 ? name : "", changed);
+    noteLk(event, event.len > 0 ? name : "", taken_ + offset, changes);
   }
+  taken_ += events.size;
   return isComplete;
 }
 
-void NotifyCenterLinux::noteLk(const inotify_event& event, const char* name,
-                               std::vector<std::string>& changed) {
+void NotifyCenterLinux::noteLk(const inotify_event& event, const char* name, std::uint64_t place,
+                               std::vector<Change>& changes) {
   if (event.wd < 0) return;
   if (event.wd == root_) {
     // Of a group that was removed, and those that will be, posts may be unread. What is written
@@ -412,13 +437,19 @@ void NotifyCenterLinux::noteLk(const inotify_event& event, const char* name,
   std::string file{static_cast<char>('0' + (group - groups_.begin())), '/'};
   file += name;
   if ((event.mask & otherFile) != 0) folder_.forget(file);
-  const bool isNew = std::find(changed.begin(), changed.end(), file) == changed.end();
-  if ((event.mask & IN_MODIFY) != 0 && isNew && observers_.contains(file)) {
-    changed.push_back(std::move(file));
+  if (file == last_.file) last_.watch = -1;
+  if ((event.mask & IN_MODIFY) == 0 || !observers_.contains(file)) return;
+  const auto known = std::find_if(changes.begin(), changes.end(),
+                                  [&](const Change& change) { return change.file == file; });
+  if (known == changes.end()) {
+    changes.push_back({std::move(file), place});
+  } else {
+    known->place = place;
   }
 }
 
-void NotifyCenterLinux::compareLk(const std::string& file, bool isChanged, Outcome& outcome) {
+void NotifyCenterLinux::compareLk(const std::string& file, std::optional<std::uint64_t> place,
+                                  Outcome& outcome) {
   const auto entry = observers_.find(file);
   if (entry == observers_.end()) return;
   const NotifyFolder::Look look = folder_.lookAgain(file);
@@ -428,11 +459,12 @@ void NotifyCenterLinux::compareLk(const std::string& file, bool isChanged, Outco
         "Refused " + folder_.path() + '/' + file + ": " + systemErrorText(look.error);
     if (refused_.insert(file).second) outcome.complaints.push_back(std::move(complaint));
   }
-  // Written and swept away since: there was a post.
-  const bool isGone = look.state == State::absent && isChanged;
+  // Written and swept away since: there was a post, for those who observed the name by then.
+  const bool isGone = look.state == State::absent && place;
   if (look.state != State::posted && !isGone) return;
   for (const auto& registration : entry->second) {
-    if (!isGone && registration->seen == look.generation) continue;
+    const bool isOlder = isGone && *place <= registration->since;
+    if (isOlder || (!isGone && registration->seen == look.generation)) continue;
     registration->seen = look.generation;
     outcome.due.push_back(registration);
   }
@@ -441,8 +473,9 @@ void NotifyCenterLinux::compareLk(const std::string& file, bool isChanged, Outco
 void NotifyCenterLinux::compareAllLk(Outcome& outcome) {
   isStale_ = false;
   isRetrying_ = false;
+  last_.watch = -1;
   folder_.forgetAll();
-  for (const auto& [file, registrations] : observers_) compareLk(file, false, outcome);
+  for (const auto& [file, registrations] : observers_) compareLk(file, std::nullopt, outcome);
 }
 
 // Without the lock: neither callbacks nor log handlers may be called under it. Leaves the handlers.

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -74,6 +75,11 @@ class NotifyCenterLinux final : public NotifyCenter,
     int earlier = -1;  // given up; its last events may be unread
     int observers = 0;
   };
+  /// A file that was written, and where in the stream of events the last one says so.
+  struct Change {
+    std::string file;
+    std::uint64_t place;
+  };
   /// What one reading of events asks for, once the lock is released.
   struct Outcome {
     Registrations due;
@@ -100,13 +106,16 @@ class NotifyCenterLinux final : public NotifyCenter,
   void runLong(const Registrations& handlers, unsigned server);
   static void read(const Inotify& inotify, Events& events, Clock::time_point deadline);
   Outcome take(const Events& events);
-  bool parseLk(const Events& events, std::vector<std::string>& changed);
-  void noteLk(const inotify_event& event, const char* name, std::vector<std::string>& changed);
-  void compareLk(const std::string& file, bool isChanged, Outcome& outcome);
+  bool parseLk(const Events& events, std::vector<Change>& changes);
+  void noteLk(const inotify_event& event, const char* name, std::uint64_t place,
+              std::vector<Change>& changes);
+  void compareLk(const std::string& file, std::optional<std::uint64_t> place, Outcome& outcome);
   void compareAllLk(Outcome& outcome);
   static Registrations finish(const Outcome& outcome);
   void sweepNowAndThen();
   void remove(const std::shared_ptr<Registration>& registration);
+  std::size_t unreadLk() const;
+  NotifyGeneration presentLk(const std::string& file, std::size_t unread) const;
 
   const NotifyFolder folder_;
   std::atomic<std::chrono::steady_clock::rep> nextSweep_{0};
@@ -115,8 +124,9 @@ class NotifyCenterLinux final : public NotifyCenter,
   UnfairLock lock_;
   unsigned generation_ = forkGeneration();
   std::shared_ptr<Inotify> inotify_;
-  int root_ = -1;         // the watch of the folder itself; -1 while there is none
-  bool isStale_ = false;  // not all observed files were compared since that watch was made
+  std::uint64_t taken_ = 0;  // bytes of its events
+  int root_ = -1;            // the watch of the folder itself; -1 while there is none
+  bool isStale_ = false;     // not all observed files were compared since that watch was made
   std::array<Group, NotifyFolder::groups> groups_;
   bool isRetrying_ = false;
   Clock::time_point nextTry_;  // to watch the folder
@@ -124,6 +134,12 @@ class NotifyCenterLinux final : public NotifyCenter,
   bool hasServer_ = false;
   bool isServerLent_ = false;  // it runs a handler that may take long
   int plainObservers_ = 0;
+  /// What the name that was observed last held then: whoever asks often observes it often.
+  struct {
+    std::string file;
+    NotifyGeneration generation;
+    int watch = -1;  // of its group; -1 when there may have been posts since
+  } last_;
   Observers observers_;                      // by file name
   std::unordered_set<std::string> refused_;  // complained about already
 };

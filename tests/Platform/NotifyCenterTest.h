@@ -42,6 +42,13 @@ class NotifyCenterTest : public ::testing::Test {
     notify.make();
     for (std::size_t group = 0; group < NotifyFolder::groups; ++group) notify.makeGroup(group);
   }
+  // Another name, of the same group.
+  static std::string neighbourOf(std::string_view name) {
+    const std::size_t group = NotifyFolder::groupOf(NotifyFolder::fileName(name));
+    int number = 0;
+    while (NotifyFolder::groupOf(NotifyFolder::fileName(std::to_string(number))) != group) ++number;
+    return std::to_string(number);
+  }
   std::string fileOf(std::string_view name) const {
     return path + '/' + NotifyFolder::fileName(name);
   }

@@ -255,13 +255,9 @@ TEST_F(NotifyCenterTest, WhoObservesANameAgainHearsWhatComesAndNothingOlder) {
     return center->wait([&] { return count > 0; }, std::chrono::milliseconds(1));
   };
   // Keeps the name's group watched, also while nobody observes the name.
-  int neighbour = 0;
-  const std::size_t group = NotifyFolder::groupOf(NotifyFolder::fileName("name"));
-  while (NotifyFolder::groupOf(NotifyFolder::fileName(std::to_string(neighbour))) != group) {
-    ++neighbour;
-  }
+  const std::string neighbour = neighbourOf("name");
   std::atomic<int> others{0};
-  auto other = center->addAwaited(std::to_string(neighbour), [&] { ++others; });
+  auto other = center->addAwaited(neighbour, [&] { ++others; });
   for (int round = 0; round < 64; ++round) {
     std::atomic<int> count{0};
     auto observer = center->addAwaited("name", [&] { ++count; });
@@ -277,7 +273,24 @@ TEST_F(NotifyCenterTest, WhoObservesANameAgainHearsWhatComesAndNothingOlder) {
     if ((round & 8) != 0) fs::remove(fileOf("name"));
     if ((round & 16) != 0) other.reset();
     if ((round & 32) != 0) poster->post("name");
-    if (!other) other = center->addAwaited(std::to_string(neighbour), [&] { ++others; });
+    if (!other) other = center->addAwaited(neighbour, [&] { ++others; });
+  }
+}
+
+TEST_F(NotifyCenterTest, HearsNothingOlderWhileAnotherThreadIsReading) {
+  std::atomic<int> others{0};
+  const std::string neighbour = neighbourOf("name");
+  const auto other = counting(neighbour, others);  // has a thread read the group
+  std::atomic<int> count{0};
+  for (int round = 0; round < 5000; ++round) {
+    counting("name", count).reset();  // what the name holds is known
+    center->post("name");
+    // For a different time each, so that the thread is at each of its steps once.
+    std::atomic<int> spins{0};
+    while (spins < round % 500 * 10) ++spins;
+    const auto late = counting("name", count);
+    if (round % 100 == 99) settle();
+    ASSERT_EQ(count, 0) << round;
   }
 }
 

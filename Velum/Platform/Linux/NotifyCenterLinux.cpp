@@ -174,10 +174,12 @@ void NotifyCenterLinux::remove(const std::shared_ptr<Registration>& registration
 }
 
 // The generation of a file whose group is watched. To look is most of what adding an observer
-// takes.
-NotifyGeneration NotifyCenterLinux::presentLk(const std::string& file, std::size_t unread) const {
+// takes. What was last known holds when all events are taken: none is unread, and, asked after
+// that, no thread is about to take any.
+NotifyGeneration NotifyCenterLinux::presentLk(const std::string& file, std::size_t unread) {
   const bool isKnown = unread == 0 && !isStale_ && last_.watch >= 0 && last_.file == file &&
-                       last_.watch == groups_.at(NotifyFolder::groupOf(file)).watch;
+                       last_.watch == groups_.at(NotifyFolder::groupOf(file)).watch &&
+                       !reader_.isTaken();
   return isKnown ? last_.generation : folder_.look(file).generation;
 }
 

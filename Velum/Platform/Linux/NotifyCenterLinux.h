@@ -115,7 +115,7 @@ class NotifyCenterLinux final : public NotifyCenter,
   void sweepNowAndThen();
   void remove(const std::shared_ptr<Registration>& registration);
   std::size_t unreadLk() const;
-  NotifyGeneration presentLk(const std::string& file, std::size_t unread) const;
+  NotifyGeneration presentLk(const std::string& file, std::size_t unread);
 
   const NotifyFolder folder_;
   std::atomic<std::chrono::steady_clock::rep> nextSweep_{0};

@@ -40,6 +40,11 @@ void NotifyReaderRole::giveUp() {
   if (waiting_ > 0) changed_.notify_all();
 }
 
+bool NotifyReaderRole::isTaken() {
+  const std::lock_guard guard(mutex_);
+  return isTaken_;
+}
+
 void NotifyReaderRole::announce() {
   const std::lock_guard guard(mutex_);
   if (waiting_ > 0) changed_.notify_all();

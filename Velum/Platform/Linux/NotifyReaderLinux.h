@@ -28,6 +28,8 @@ class NotifyReaderRole final : public ForkParticipant {
   /// Blocks until the calling thread has the role.
   void take();
   void giveUp();
+  /// Whether some thread has it, and may have read events that it has not taken yet.
+  bool isTaken();
   /// Has the threads that wait look again whether they are done.
   void announce();
 

@@ -217,7 +217,7 @@ void countWrites() {
 }
 
 using Plist = std::unique_ptr<void, void (*)(plist_t)>;
-using PlistBytes = std::unique_ptr<char, void (*)(char*)>;
+using PlistBytes = std::unique_ptr<char, void (*)(void*)>;
 
 Plist settingsAsPlist() {
   Plist root(plist_new_dict(), plist_free);
@@ -233,7 +233,7 @@ Bytes bareSeal(plist_t root) {
   char* raw = nullptr;
   std::uint32_t size = 0;
   plist_to_bin(root, &raw, &size);
-  const PlistBytes plain(raw, plist_to_bin_free);
+  const PlistBytes plain(raw, std::free);  // what its releases name differently
   const std::unique_ptr<EVP_CIPHER_CTX, void (*)(EVP_CIPHER_CTX*)> context(EVP_CIPHER_CTX_new(),
                                                                            EVP_CIPHER_CTX_free);
   static constexpr std::array<std::uint8_t, 32> key{1};

@@ -9,9 +9,7 @@ std::optional<PropertyList> PropertyList::read(std::string_view bytes) {
   if (bytes.starts_with(detail::binaryPropertyListMagic)) {
     return detail::readBinaryPropertyList(bytes);
   }
-  const auto binary = detail::binaryFromXmlPropertyList(bytes);
-  if (!binary) return std::nullopt;
-  return detail::readBinaryPropertyList(*binary);
+  return detail::readXmlPropertyList(bytes);
 }
 
 std::string PropertyList::binary() const {

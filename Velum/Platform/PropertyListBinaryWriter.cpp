@@ -104,12 +104,6 @@ std::size_t utf16Length(std::string_view text) {
   return length;
 }
 
-/// Bytes that `text`'s content takes in the document.
-std::size_t contentSize(std::string_view text) {
-  if (isAscii(text)) return text.size();
-  return 2 * (isValidUtf8(text) ? utf16Length(text) : utf16Length(repairedUtf8(text)));
-}
-
 void append(std::string& out, std::string_view text) {
   if (isAscii(text)) {
     appendLength(out, BinaryMarker::ascii, text.size());
@@ -159,14 +153,14 @@ class Writer {
         measure(element, depth + 1);
       }
     } else if (const auto* text = value.get<std::string>()) {
-      measureContent(contentSize(*text));
+      measureContent(binaryTextSize(*text));
     } else if (const auto* data = value.get<PropertyList::Data>()) {
       measureContent(data->size());
     }
   }
 
   void measureKey(std::string_view key) {
-    const std::size_t size = contentSize(key);
+    const std::size_t size = binaryTextSize(key);
     spend(PropertyListLimits::perObject + size);
     if (!keys_.try_emplace(key, keyOrder_.size()).second) return;
     keyOrder_.push_back(key);
@@ -282,6 +276,11 @@ class Writer {
 };
 
 }  // namespace
+
+std::size_t binaryTextSize(std::string_view text) {
+  if (isAscii(text)) return text.size();
+  return 2 * (isValidUtf8(text) ? utf16Length(text) : utf16Length(repairedUtf8(text)));
+}
 
 std::string writeBinaryPropertyList(const PropertyList& root) {
   return Writer().write(root);

@@ -25,9 +25,12 @@ struct PropertyListLimits {
 /// Reads the binary format. Every offset, count and reference is checked against the document.
 std::optional<PropertyList> readBinaryPropertyList(std::string_view bytes);
 
-/// Turns an XML document into the equivalent binary one, for the reader above. Nothing when it is
-/// malformed, declares entities, or exceeds the limits.
-std::optional<std::string> binaryFromXmlPropertyList(std::string_view text);
+/// Reads an XML document in UTF-8, whatever encoding it claims. Nothing when it is malformed,
+/// declares entities, or exceeds the limits.
+std::optional<PropertyList> readXmlPropertyList(std::string_view text);
+
+/// Bytes that the content of `text` takes in the binary format.
+std::size_t binaryTextSize(std::string_view text);
 
 /// Writes the binary format. Text that is not UTF-8 is repaired. The content is written to one
 /// piece of memory, the result's: whoever must not leave copies of it has only that to wipe.

@@ -1,14 +1,16 @@
-#include <plist/plist.h>
+#include <expat.h>
 
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <clocale>
+#include <exception>
 #include <memory>
+#include <new>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "Velum/Platform/PropertyListFormats.h"
-#include "Velum/String.h"
 
 namespace velum::detail {
 namespace {
@@ -17,220 +19,300 @@ using Limits = PropertyListLimits;
 
 constexpr std::string_view blanks = " \t\r\n";
 
-bool isInteger(std::string_view text) {
-  const bool isNegative = text.starts_with('-');
-  if (isNegative || text.starts_with('+')) text.remove_prefix(1);
-  const bool isHex = text.starts_with("0x") || text.starts_with("0X");
-  if (isHex) text.remove_prefix(2);
-  std::uint64_t magnitude = 0;
-  const auto [end, error] =
-      std::from_chars(text.data(), text.data() + text.size(), magnitude, isHex ? 16 : 10);
-  constexpr auto mostNegative = std::uint64_t{1} << 63U;
-  return error == std::errc{} && end == text.data() + text.size() &&
-         (!isNegative || magnitude <= mostNegative);
-}
-
-bool isReal(std::string_view text) {
-  if (text.starts_with('+')) text.remove_prefix(1);
-  double value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  return error != std::errc::invalid_argument && end == text.data() + text.size();
-}
-
-bool isDate(std::string_view text) {
-  constexpr std::string_view pattern = "dddd-dd-ddTdd:dd:ddZ";
-  return std::equal(text.begin(), text.end(), pattern.begin(), pattern.end(),
-                    [](char c, char p) { return p == 'd' ? c >= '0' && c <= '9' : c == p; });
-}
-
-bool isBase64(std::string_view text) {
-  constexpr std::string_view alphabet =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=";
-  std::size_t digits = 0;
-  for (const char c : text) {
-    if (alphabet.find(c) != std::string_view::npos) {
-      ++digits;
-    } else if (blanks.find(c) == std::string_view::npos) {
-      return false;
-    }
-  }
-  return digits % 4 == 0;
-}
-
 std::string_view trimmed(std::string_view text) {
   const auto first = text.find_first_not_of(blanks);
   if (first == std::string_view::npos) return {};
   return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-/// Decides before the parser sees a document whether it may: no entities, bounded depth and number
-/// of elements, every tag one of the format's and closed in order, every number and date what it
-/// claims (the parser makes 0 of others). Stricter than the parser in everything it looks at, so
-/// that the two can never disagree on how deep a document is.
-class XmlCheck {
- public:
-  explicit XmlCheck(std::string_view text) : text_(text) {}
+/// The whole of `text` as a number; nothing when it is none or does not fit.
+template <class Number, class... Base>
+std::optional<Number> number(std::string_view text, Base... base) {
+  Number value{};
+  const char* const last = text.data() + text.size();
+  const auto [end, error] = std::from_chars(text.data(), last, value, base...);
+  if (error != std::errc{} || end != last) return std::nullopt;
+  return value;
+}
 
-  bool passes() {
-    while (nextMarkup()) {
-      if (!(isComment() ? skipPast("-->") : isProlog() ? skipProlog() : tag())) return false;
+std::optional<PropertyList> integerValue(std::string_view text) {
+  const bool isNegative = text.starts_with('-');
+  if (isNegative || text.starts_with('+')) text.remove_prefix(1);
+  const bool isHex = text.starts_with("0x") || text.starts_with("0X");
+  if (isHex) text.remove_prefix(2);
+  const auto magnitude = number<std::uint64_t>(text, isHex ? 16 : 10);
+  if (!magnitude) return std::nullopt;
+  constexpr auto mostNegative = std::uint64_t{1} << 63U;
+  if (*magnitude < mostNegative || (isNegative && *magnitude == mostNegative)) {
+    return PropertyList(static_cast<std::int64_t>(isNegative ? 0 - *magnitude : *magnitude));
+  }
+  if (isNegative) return std::nullopt;
+  return PropertyList(*magnitude);
+}
+
+std::optional<PropertyList> realValue(std::string_view text) {
+  if (text.starts_with('+')) {
+    text.remove_prefix(1);
+    if (text.starts_with('-')) return std::nullopt;
+  }
+  const auto value = number<double>(text);
+  if (!value) return std::nullopt;
+  return PropertyList(*value);
+}
+
+std::optional<PropertyList> dateValue(std::string_view text) {
+  constexpr std::string_view pattern = "dddd-dd-ddTdd:dd:ddZ";
+  if (!std::equal(text.begin(), text.end(), pattern.begin(), pattern.end(),
+                  [](char c, char p) { return p == 'd' ? c >= '0' && c <= '9' : c == p; })) {
+    return std::nullopt;
+  }
+  const auto field = [text](std::size_t at, std::size_t size) {
+    return *number<int>(text.substr(at, size));
+  };
+  using namespace std::chrono;  // NOLINT(google-build-using-namespace): the calendar's words
+  const year_month_day day{year(field(0, 4)), month(static_cast<unsigned>(field(5, 2))),
+                           std::chrono::day(static_cast<unsigned>(field(8, 2)))};
+  const hours hour(field(11, 2));
+  const minutes minute(field(14, 2));
+  const seconds second(field(17, 2));
+  constexpr seconds leapSecond(60);
+  if (!day.ok() || hour >= hours(24) || minute >= minutes(60) || second > leapSecond) {
+    return std::nullopt;
+  }
+  return PropertyList(PropertyList::Date(sys_days(day) + hour + minute + second));
+}
+
+std::optional<PropertyList> dataValue(std::string_view text) {
+  constexpr std::string_view alphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  PropertyList::Data bytes;
+  bytes.reserve(text.size() / 4 * 3);
+  std::uint32_t group = 0;
+  unsigned digits = 0;
+  unsigned padding = 0;
+  for (const char c : text) {
+    if (blanks.find(c) != std::string_view::npos) continue;
+    const auto digit = alphabet.find(c);
+    const bool isPadding = c == '=' && digits % 4 >= 2;
+    if (padding > 0 ? !isPadding : digit == std::string_view::npos && !isPadding) {
+      return std::nullopt;
     }
-    return sawRoot_ && open_.empty() && trimmed(text_).empty();
+    if (isPadding) ++padding;
+    group = (group << 6U) | (isPadding ? 0 : static_cast<std::uint32_t>(digit));
+    if (++digits % 4 != 0) continue;
+    for (const unsigned shift : {16U, 8U, 0U}) bytes.push_back((group >> shift) & 0xFFU);
+    group = 0;
   }
+  if (digits % 4 != 0) return std::nullopt;
+  bytes.resize(bytes.size() - padding);
+  return PropertyList(std::move(bytes));
+}
 
- private:
-  /// Drops the text before the next "<".
-  bool nextMarkup() {
-    const auto markup = text_.find('<');
-    if (markup == std::string_view::npos) return false;
-    text_.remove_prefix(markup);
-    return true;
-  }
-
-  bool isComment() const { return text_.starts_with("<!--"); }
-  bool isProlog() const { return text_.starts_with("<?") || text_.starts_with("<!"); }
-
-  bool skipPast(std::string_view end) {
-    constexpr std::size_t opening = 4;  // "<!-->" is no whole comment
-    const auto found = text_.find(end, opening);
-    if (found == std::string_view::npos) return false;
-    text_.remove_prefix(found + end.size());
-    return true;
-  }
-
-  /// The XML declaration and the document type, before the root only. An internal subset is where
-  /// entities are declared; no property list needs one.
-  bool skipProlog() {
-    if (sawRoot_) return false;
-    const auto end = text_.find('>');
-    if (end == std::string_view::npos) return false;
-    const auto markup = text_.substr(0, end);
-    if (!markup.starts_with("<?xml") && !markup.starts_with("<!DOCTYPE")) return false;
-    if (markup.find('[') != std::string_view::npos) return false;
-    text_.remove_prefix(end + 1);
-    return true;
-  }
-
-  bool tag() {
-    const auto end = text_.find('>');
-    if (end == std::string_view::npos) return false;
-    auto markup = text_.substr(1, end - 1);
-    text_.remove_prefix(end + 1);
-    const bool closes = markup.starts_with('/');
-    if (closes) markup.remove_prefix(1);
-    const bool isEmpty = !closes && markup.ends_with('/');
-    if (isEmpty) markup.remove_suffix(1);
-    const auto name = markup.substr(0, markup.find_first_of(blanks));
-    if (name != "plist" && trimmed(markup) != name) return false;  // only the root has attributes
-
-    if (closes) return close(name);
-    return element(name, isEmpty);
-  }
-
-  bool close(std::string_view name) {
-    if (open_.empty() || open_.back() != name) return false;
-    open_.pop_back();
-    return true;
-  }
-
-  bool element(std::string_view name, bool isEmpty) {
-    if (open_.empty() && sawRoot_) return false;
-    if (name == "plist" && sawRoot_) return false;
-    sawRoot_ = true;
-    // The parser takes the first of several values; which one was meant is not ours to guess.
-    if (open_.size() == 1 && open_.front() == "plist" && ++rootValues_ > 1) return false;
-    if (++elements_ > Limits::objects) return false;
-    if (name == "plist" || name == "dict" || name == "array") {
-      if (open_.size() > Limits::depth) return false;
-      if (!isEmpty) open_.push_back(name);
-      return true;
-    }
-    constexpr std::array<std::string_view, 8> leaves{"key",  "string", "integer", "real",
-                                                     "true", "false",  "date",    "data"};
-    if (std::find(leaves.begin(), leaves.end(), name) == leaves.end()) return false;
-    return isEmpty ? leafIs(name, {}) : leaf(name);
-  }
-
-  /// The content of a leaf and its closing tag.
-  bool leaf(std::string_view name) {
-    std::string content;
-    for (;;) {
-      const auto markup = text_.find('<');
-      if (markup == std::string_view::npos) return false;
-      content += text_.substr(0, markup);
-      text_.remove_prefix(markup);
-      if (text_.starts_with("<![CDATA[")) {
-        if (!skipPast("]]>")) return false;
-      } else if (isComment()) {
-        if (!skipPast("-->")) return false;
-      } else {
-        break;
-      }
-    }
-    const auto end = text_.find('>');
-    if (end == std::string_view::npos || !text_.starts_with("</")) return false;
-    const bool matches = trimmed(text_.substr(2, end - 2)) == name;
-    text_.remove_prefix(end + 1);
-    return matches && leafIs(name, content);
-  }
-
-  static bool leafIs(std::string_view name, std::string_view content) {
-    if (name == "integer") return isInteger(trimmed(content));
-    if (name == "real") return isReal(trimmed(content));
-    if (name == "date") return isDate(trimmed(content));
-    if (name == "data") return isBase64(content);
-    return true;
-  }
-
-  std::string_view text_;               // what is still to be looked at
-  std::vector<std::string_view> open_;  // the containers around it
-  std::size_t elements_ = 0;
-  unsigned rootValues_ = 0;  // directly below the root element
-  bool sawRoot_ = false;
+enum class Element : std::uint8_t {
+  plist,
+  dict,
+  array,
+  key,
+  string,
+  integer,
+  real,
+  yes,
+  no,
+  date,
+  data,
 };
 
-/// Gives the calling thread the C locale: the parser reads numbers with the locale's decimal point.
-class CLocale {
- public:
-  CLocale() : previous_(::uselocale(instance())) {}
-  CLocale(const CLocale&) = delete;
-  CLocale& operator=(const CLocale&) = delete;
-  ~CLocale() { ::uselocale(previous_); }
+std::optional<Element> elementNamed(std::string_view name) {
+  constexpr std::array<std::string_view, 11> names{"plist",  "dict",    "array", "key",
+                                                   "string", "integer", "real",  "true",
+                                                   "false",  "date",    "data"};
+  const auto* const found = std::find(names.begin(), names.end(), name);
+  if (found == names.end()) return std::nullopt;
+  return static_cast<Element>(found - names.begin());
+}
 
- private:
-  static locale_t instance() {
-    static const locale_t locale = ::newlocale(LC_ALL_MASK, "C", nullptr);
-    return locale;
+/// The value of an element that holds text.
+std::optional<PropertyList> leafValue(Element element, std::string&& content) {
+  switch (element) {
+    case Element::string:
+      return PropertyList(std::move(content));
+    case Element::integer:
+      return integerValue(trimmed(content));
+    case Element::real:
+      return realValue(trimmed(content));
+    case Element::date:
+      return dateValue(trimmed(content));
+    case Element::data:
+      return dataValue(content);
+    case Element::yes:
+    case Element::no:
+      if (trimmed(content).empty()) return PropertyList(element == Element::yes);
+      break;
+    default:
+      break;
+  }
+  return std::nullopt;
+}
+
+/// Builds the value while the parser reads, so that what is checked and what is understood are the
+/// same. Depth, number and size are bounded before anything is kept.
+class Reader {
+ public:
+  Reader() : parser_(::XML_ParserCreate("UTF-8"), &::XML_ParserFree) {
+    if (!parser_) throw std::bad_alloc();
+    ::XML_SetUserData(parser_.get(), this);
+    ::XML_SetElementHandler(
+        parser_.get(),
+        [](void* self, const char* name, const char** attributes) {
+          of(self).guarded([&](Reader& reader) { return reader.start(name, *attributes); });
+        },
+        [](void* self, const char* /*name*/) {
+          of(self).guarded([](Reader& reader) { return reader.end(); });
+        });
+    ::XML_SetCharacterDataHandler(parser_.get(), [](void* self, const char* text, int size) {
+      of(self).guarded([&](Reader& reader) {
+        return reader.text(std::string_view(text, static_cast<std::size_t>(size)));
+      });
+    });
+    // An internal subset is where entities are declared; no property list needs one. What an
+    // external one might declare is never fetched, so its entities are unknown.
+    ::XML_SetStartDoctypeDeclHandler(
+        parser_.get(), [](void* self, const char*, const char*, const char*, int hasSubset) {
+          of(self).guarded([&](Reader&) { return hasSubset == 0; });
+        });
+    ::XML_SetSkippedEntityHandler(parser_.get(), [](void* self, const char*, int) {
+      of(self).guarded([](Reader&) { return false; });
+    });
   }
 
-  locale_t previous_;
+  std::optional<PropertyList> read(std::string_view text) {
+    const auto status =
+        ::XML_Parse(parser_.get(), text.data(), static_cast<int>(text.size()), XML_TRUE);
+    if (failure_) std::rethrow_exception(failure_);
+    if (status != XML_STATUS_OK) return std::nullopt;
+    return std::move(root_);
+  }
+
+ private:
+  struct Container {
+    PropertyList value;
+    std::optional<std::string> key;  // of a dictionary's next value
+  };
+
+  static Reader& of(void* self) { return *static_cast<Reader*>(self); }
+
+  /// Stops the parser where `step` refuses or fails: exceptions can't cross it.
+  template <class Step>
+  void guarded(Step step) noexcept {
+    if (isRefused_) return;  // it still delivers what it has read already
+    try {
+      isRefused_ = !step(*this);
+    } catch (...) {
+      failure_ = std::current_exception();
+      isRefused_ = true;
+    }
+    if (isRefused_) ::XML_StopParser(parser_.get(), XML_FALSE);
+  }
+
+  bool start(std::string_view name, const char* attribute) {
+    const auto element = elementNamed(name);
+    if (!element || leaf_ || !spend(Limits::perObject)) return false;
+    const bool isFirst = std::exchange(isFirst_, false);
+    if (element == Element::plist) return isFirst;
+    if (attribute != nullptr || !hasPlaceFor(*element)) return false;
+    if (element != Element::dict && element != Element::array) {
+      leaf_ = element;
+      content_.clear();
+      return true;
+    }
+    if (open_.size() >= Limits::depth) return false;
+    open_.push_back({element == Element::dict ? PropertyList(PropertyList::Dictionary{})
+                                              : PropertyList(PropertyList::Array{}),
+                     {}});
+    return true;
+  }
+
+  /// A dictionary takes a key and a value in turn, an array values, and the document one value:
+  /// which of several was meant is not ours to guess.
+  bool hasPlaceFor(Element element) const {
+    const bool isKey = element == Element::key;
+    if (open_.empty()) return !isKey && !root_;
+    if (open_.back().value.get<PropertyList::Array>() != nullptr) return !isKey;
+    return isKey != open_.back().key.has_value();
+  }
+
+  bool text(std::string_view text) {
+    if (!leaf_) return trimmed(text).empty();
+    content_ += text;
+    return true;
+  }
+
+  bool end() {
+    if (leaf_) {
+      const Element leaf = *std::exchange(leaf_, std::nullopt);
+      if (!spend(leaf == Element::data ? content_.size() / 4 * 3 : binaryTextSize(content_))) {
+        return false;
+      }
+      if (leaf == Element::key) {
+        open_.back().key = std::move(content_);
+        return true;
+      }
+      auto value = leafValue(leaf, std::move(content_));
+      return value && add(std::move(*value));
+    }
+    if (open_.empty()) return root_.has_value();  // the outermost element's
+    if (open_.back().key) return false;
+    PropertyList value = std::move(open_.back().value);
+    open_.pop_back();
+    return add(std::move(value));
+  }
+
+  bool add(PropertyList value) {
+    if (open_.empty()) {
+      root_ = std::move(value);
+      return true;
+    }
+    std::visit(
+        [&](auto& container) {
+          using Type = std::decay_t<decltype(container)>;
+          if constexpr (std::is_same_v<Type, PropertyList::Array>) {
+            container.push_back(std::move(value));
+          } else if constexpr (std::is_same_v<Type, PropertyList::Dictionary>) {
+            container.insert_or_assign(*std::exchange(open_.back().key, std::nullopt),
+                                       std::move(value));
+          }
+        },
+        open_.back().value.value);
+    return true;
+  }
+
+  /// As the binary reader counts, so that whatever is read here can be read when it was written.
+  bool spend(std::size_t cost) {
+    if (cost > budget_) return false;
+    budget_ -= cost;
+    return true;
+  }
+
+  std::unique_ptr<std::remove_pointer_t<XML_Parser>, decltype(&::XML_ParserFree)> parser_;
+  std::vector<Container> open_;  // the containers around what comes next
+  std::optional<Element> leaf_;  // the element whose text is being read
+  std::string content_;
+  std::optional<PropertyList> root_;
+  std::size_t budget_ = Limits::expandedSize;
+  bool isFirst_ = true;
+  bool isRefused_ = false;
+  std::exception_ptr failure_;
 };
 
 }  // namespace
 
-std::optional<std::string> binaryFromXmlPropertyList(std::string_view text) {
+std::optional<PropertyList> readXmlPropertyList(std::string_view text) {
   constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
   if (text.starts_with(byteOrderMark)) text.remove_prefix(byteOrderMark.size());
+  // Blanks before the declaration are common, though no XML.
   const auto start = text.find_first_not_of(blanks);
-  if (start == std::string_view::npos || text[start] != '<') return std::nullopt;
-  text.remove_prefix(start);
-  if (text.find('\0') != std::string_view::npos || !isValidUtf8(text)) return std::nullopt;
-  if (!XmlCheck(text).passes()) return std::nullopt;
-
-  const CLocale locale;
-  plist_t parsed = nullptr;
-  ::plist_from_xml(text.data(), static_cast<std::uint32_t>(text.size()), &parsed);
-  if (parsed == nullptr) return std::nullopt;
-  const std::unique_ptr<void, decltype(&::plist_free)> document(parsed, &::plist_free);
-
-  // The binary form keeps what the parser's accessors lose: unsigned numbers above the signed
-  // range, and dates outside 1932 to 2069.
-  char* bytes = nullptr;
-  std::uint32_t size = 0;
-  ::plist_to_bin(document.get(), &bytes, &size);
-  const std::unique_ptr<char, decltype(&::plist_to_bin_free)> owner(bytes, &::plist_to_bin_free);
-  if (bytes == nullptr) return std::nullopt;
-  return std::string(bytes, size);
+  if (start == std::string_view::npos) return std::nullopt;
+  return Reader().read(text.substr(start));
 }
 
 }  // namespace velum::detail

@@ -189,7 +189,15 @@ TEST(PropertyList, RefusesMalformedXml) {
            "<data>AAE</data>",
            "<!-- ",
            "<![CDATA[<true/>]]>",
-           "<?php ?><true/>",
+           "<true>no</true>",
+           "<dict><key>a</key></dict>",
+           "<dict><key>a</key><key>b</key></dict>",
+           "<array><key>a</key></array>",
+           "<array>a</array>",
+           "<date>2024-02-30T00:00:00Z</date>",
+           "<real>1e999</real>",
+           "<data>AA==AAAA</data>",
+           "<data>A===</data>",
        }) {
     EXPECT_FALSE(PropertyList::read(xml(content))) << content;
   }
@@ -237,8 +245,15 @@ TEST(PropertyList, LimitsNesting) {
   EXPECT_FALSE(PropertyList::read(nestedXml(513, "")));
   // What looks like the end of a level does not hide the next one.
   for (const char* hidden : {"<!--</array>-->", "<string><![CDATA[</array>]]></string>",
-                             "<?xml \"</array>\"?>", "<array/>"}) {
+                             "<?pi \"</array>\"?>", "<array/>"}) {
     EXPECT_FALSE(PropertyList::read(nestedXml(100'000, hidden))) << hidden;
+  }
+  // Nor do quotes, instructions or a document type hide them all.
+  const std::string deep = repeated("<array>", 200'000);
+  for (const char* opening :
+       {"<plist a=\"><!--\">", "<?x ><plist><!--?><plist>", "<!DOCTYPE plist \"><!--\"><plist>",
+        "<!DOCTYPE plist SYSTEM '><!--'><plist>"}) {
+    EXPECT_FALSE(PropertyList::read(opening + deep + "--></plist>")) << opening;
   }
 }
 

@@ -65,10 +65,14 @@ class DispatchGroup {
   std::shared_ptr<State> state_;
 };
 
-/// An event source; it delivers to a queue until it is destroyed. May be destroyed inside its own
-/// handler. Destroyed elsewhere, a delivery that already began runs to its end beside it, so the
-/// handler should own or weakly hold what it touches. In a forked child, a source made by the
-/// parent delivers nothing.
+/// An event source; it delivers to a queue until it is destroyed, and then lets go of its handler
+/// and of the queue. May be destroyed inside its own handler.
+///
+/// No call of the handler begins after the destructor returned, not even for an event that already
+/// waits in the queue. Destroyed on the thread that runs the queue (in a work item of a serial
+/// queue, on the main queue's thread), nothing of it runs afterwards. Destroyed elsewhere, a call
+/// that already began runs to its end beside it, so the handler should then own or weakly hold what
+/// it touches. In a forked child, a source made by the parent delivers nothing.
 class DispatchSource {
  public:
   DispatchSource() = default;
@@ -88,6 +92,13 @@ class DispatchSource {
   /// Throws SystemError when there is no such child.
   static std::unique_ptr<DispatchSource> childExit(int pid, DispatchQueue& queue,
                                                    std::function<void(int status)> handler);
+
+  /// Calls `handler` on `queue` no earlier than `delay` from now, measured on a clock that never
+  /// jumps: work handed in with asyncAfter that can be taken back. Once, or with an `interval`
+  /// above 0 for as long as the source lives, each time `interval` after the handler returned.
+  static std::unique_ptr<DispatchSource> timer(
+      std::chrono::nanoseconds delay, DispatchQueue& queue, Work handler,
+      std::chrono::nanoseconds interval = std::chrono::nanoseconds::zero());
 };
 
 }  // namespace velum

@@ -213,26 +213,59 @@ TEST(DispatchSource, TellsOnceForEachTimeADescriptorIsReadable) {
   EXPECT_EQ(received, "abc");
 }
 
-TEST(DispatchSource, MayBeDestroyedInItsOwnHandlerAndTellsNothingAfterwards) {
-  const auto [reader, writer] = makePipe();
-  const auto queue = DispatchQueue::serial("source");
+// Each kind of source, made so that it has an event at once and keeps having one.
+class EndingSource : public ::testing::TestWithParam<bool> {
+ protected:
+  std::unique_ptr<DispatchSource> make(Work handler) {
+    if (GetParam()) return DispatchSource::timer(0ns, *queue_, std::move(handler), 1ns);
+    return DispatchSource::readable(pipe_[0].get(), *queue_, std::move(handler));
+  }
+  /// Returns when all that was on its way to the queue has come to it.
+  void settle() {
+    for (int i = 0; i < 3; ++i) {
+      queue_->asyncAfter(1ms, [&] { settled_.raise(); });
+      ASSERT_TRUE(settled_.wait());
+    }
+  }
+  void SetUp() override { ASSERT_EQ(::write(pipe_[1].get(), "ab", 2), 2); }
+
+  const std::array<UniqueFd, 2> pipe_ = makePipe();
+  const std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::serial("source");
+  Signal settled_;
+};
+
+INSTANTIATE_TEST_SUITE_P(DispatchSource, EndingSource, ::testing::Bool(),
+                         [](const auto& kind) { return kind.param ? "Timer" : "Readable"; });
+
+TEST_P(EndingSource, InItsOwnHandlerTellsNothingMoreAndLetsGo) {
   Signal told;
   std::unique_ptr<DispatchSource> source;
-  std::atomic<int> calls{0};
-  queue->async([&, fd = reader.get()] {
-    source = DispatchSource::readable(fd, *queue, [&] {
-      ++calls;
-      source.reset();
+  const auto token = std::make_shared<int>();
+  queue_->async([&] {
+    source = make([&, token] {
+      if (++*token == 3) source.reset();
       told.raise();
     });
   });
-  ASSERT_EQ(::write(writer.get(), "ab", 2), 2);  // stays readable: nobody reads it
-  ASSERT_TRUE(told.wait());
-  for (int i = 0; i < 3; ++i) {  // later than whatever is on its way
-    queue->asyncAfter(1ms, [&] { told.raise(); });
-    ASSERT_TRUE(told.wait());
-  }
-  EXPECT_EQ(calls, 1);
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(told.wait());
+  settle();
+  EXPECT_EQ(*token, 3);
+  EXPECT_TRUE(test::eventually([&] { return token.use_count() == 1; }));
+}
+
+TEST_P(EndingSource, TellsNothingThatAlreadyWaitsInTheQueue) {
+  Signal seen;
+  std::atomic<int> calls{0};
+  std::unique_ptr<DispatchSource> source;
+  queue_->async([&] {
+    source = make([&] { ++calls; });
+    // Events come in order: with this one, that of the source has come to the queue as well.
+    const auto later = DispatchSource::timer(1ms, DispatchQueue::global(), [&] { seen.raise(); });
+    EXPECT_TRUE(seen.wait());
+    source.reset();
+  });
+  settle();
+  EXPECT_EQ(calls, 0);
 }
 
 TEST(DispatchSource, RefusesWhatCannotBeWatched) {

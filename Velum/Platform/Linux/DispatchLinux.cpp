@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include "Velum/Fatal.h"
 #include "Velum/Platform/AtFork.h"
@@ -32,6 +33,8 @@ namespace velum {
 namespace {
 
 using Executor = asio::any_io_executor;
+
+constexpr std::chrono::nanoseconds longestDelay = std::chrono::hours(24 * 365);
 
 /// Runs one item of work; what escapes from it would otherwise unwind a thread of the pool.
 void perform(const Work& work) noexcept {
@@ -146,8 +149,8 @@ class QueueBase : public DispatchQueue, public std::enable_shared_from_this<Queu
   void async(Work work) override { asio::post(executor(), wrapped(std::move(work))); }
 
   void asyncAfter(std::chrono::nanoseconds delay, Work work) override {
-    const auto limit = std::chrono::nanoseconds(std::chrono::hours(24 * 365));
-    const auto timer = std::make_shared<asio::steady_timer>(executor(), std::min(delay, limit));
+    const auto timer =
+        std::make_shared<asio::steady_timer>(executor(), std::min(delay, longestDelay));
     timer->async_wait([timer, item = wrapped(std::move(work))](const asio::error_code& error) {
       if (!error) item();
     });
@@ -238,44 +241,47 @@ QueueBase& base(DispatchQueue& queue) {
   return *real;
 }
 
-enum class Repeat : bool { no, yes };
-
-/// A descriptor in the reactor. Owned by the source and by the wait in flight; whoever ends the
-/// source only marks it, and the wait that comes back sees the mark.
-class ReadableState : public std::enable_shared_from_this<ReadableState> {
+/// What a source waits for, and its handler. Owned by the source and by the wait in flight; whoever
+/// ends the source only marks it, and the wait that comes back sees the mark.
+class SourceState : public std::enable_shared_from_this<SourceState> {
  public:
-  // A duplicate, because the reactor knows a descriptor only once and wants to close its own.
-  ReadableState(UniqueFd duplicate, QueueBase& queue, Repeat repeat, Work handler)
-      : owner_(queue.weak_from_this().lock()),
-        queue_(queue),
-        repeat_(repeat),
-        handler_(std::move(handler)),
-        stream_(queue.sourceExecutor()) {
-    asio::error_code error;
-    stream_.assign(duplicate.get(), error);
-    if (error) throw SystemError(error.value(), "DispatchSource::readable");
-    static_cast<void>(duplicate.release());
-  }
+  SourceState(const SourceState&) = delete;
+  SourceState& operator=(const SourceState&) = delete;
+  virtual ~SourceState() = default;
 
-  void wait() {
-    stream_.async_wait(asio::posix::stream_descriptor::wait_read,
-                       [self = shared_from_this(), item = queue_.wrapped([this] { deliver(); })](
-                           const asio::error_code& error) {
-                         if (!error) item();
-                       });
-  }
+  /// Waits for the next event, as long as the source lives.
+  virtual void wait() = 0;
 
-  void cancel() {
+  void cancel() noexcept try {
     cancelled_.store(true, std::memory_order_release);
-    asio::post(stream_.get_executor(), [self = shared_from_this()] {
-      asio::error_code ignored;
-      self->stream_.close(ignored);
-    });
+    asio::post(executor_, [self = shared_from_this()] { self->stopWaiting(); });
+  } catch (const std::bad_alloc&) {
+    // The wait goes on until its next event and then ends without a delivery.
   }
 
   /// For a forked child: the reactor belongs to the parent, which may have held its locks, so that
-  /// the descriptor can't even be closed.
-  void keepForEver() noexcept { self_ = shared_from_this(); }
+  /// nothing can be given back to it.
+  virtual void keepForEver() noexcept { self_ = shared_from_this(); }
+
+ protected:
+  SourceState(QueueBase& queue, bool repeats, Work handler)
+      : executor_(queue.sourceExecutor()),
+        owner_(queue.weak_from_this().lock()),
+        queue_(queue),
+        repeats_(repeats),
+        handler_(std::move(handler)) {}
+
+  const Executor& executor() const noexcept { return executor_; }
+
+  /// What is to run on the queue when the event came.
+  auto delivery() {
+    return [self = shared_from_this(),
+            item = queue_.wrapped([this] { deliver(); })](const asio::error_code& error) {
+      if (!error) item();
+    };
+  }
+
+  virtual void stopWaiting() noexcept = 0;
 
  private:
   bool isCancelled() const noexcept { return cancelled_.load(std::memory_order_acquire); }
@@ -283,29 +289,81 @@ class ReadableState : public std::enable_shared_from_this<ReadableState> {
   void deliver() {
     if (isCancelled()) return;
     handler_();
-    if (repeat_ == Repeat::yes && !isCancelled()) wait();
+    if (repeats_ && !isCancelled()) wait();
   }
 
+  Executor executor_;
   std::shared_ptr<QueueBase> owner_;  // of the queue; nothing for the two that live for ever
   QueueBase& queue_;
-  Repeat repeat_;
+  bool repeats_;
   Work handler_;
   std::atomic<bool> cancelled_{false};
-  asio::posix::stream_descriptor stream_;
-  std::shared_ptr<ReadableState> self_;
+  std::shared_ptr<SourceState> self_;
 };
 
-class ReadableSource final : public DispatchSource {
+class ReadableState final : public SourceState {
  public:
-  ReadableSource(int descriptor, DispatchQueue& queue, Repeat repeat, Work handler)
-      : state_(std::make_shared<ReadableState>(duplicate(descriptor), base(queue), repeat,
-                                               std::move(handler))),
-        generation_(forkGeneration()) {
+  // A duplicate, because the reactor knows a descriptor only once and wants to close its own.
+  ReadableState(UniqueFd duplicate, QueueBase& queue, bool repeats, Work handler)
+      : SourceState(queue, repeats, std::move(handler)), stream_(executor()) {
+    asio::error_code error;
+    stream_.assign(duplicate.get(), error);
+    if (error) throw SystemError(error.value(), "DispatchSource::readable");
+    static_cast<void>(duplicate.release());
+  }
+
+  void wait() override {
+    stream_.async_wait(asio::posix::stream_descriptor::wait_read, delivery());
+  }
+
+  void keepForEver() noexcept override {
+    SourceState::keepForEver();
+    ::close(stream_.native_handle());  // the child's copy, unknown to the parent's reactor
+  }
+
+ private:
+  void stopWaiting() noexcept override {
+    asio::error_code ignored;
+    stream_.close(ignored);
+  }
+
+  asio::posix::stream_descriptor stream_;
+};
+
+class TimerState final : public SourceState {
+ public:
+  TimerState(std::chrono::nanoseconds delay, std::chrono::nanoseconds interval, QueueBase& queue,
+             Work handler)
+      : SourceState(queue, interval > interval.zero(), std::move(handler)),
+        timer_(executor()),
+        delay_(delay),
+        interval_(interval) {}
+
+  void wait() override {
+    timer_.expires_after(std::min(std::exchange(delay_, interval_), longestDelay));
+    timer_.async_wait(delivery());
+  }
+
+ private:
+  void stopWaiting() noexcept override {
+    asio::error_code ignored;
+    timer_.cancel(ignored);
+  }
+
+  asio::steady_timer timer_;
+  std::chrono::nanoseconds delay_;  // before the next call
+  std::chrono::nanoseconds interval_;
+};
+
+class Source final : public DispatchSource {
+ public:
+  explicit Source(std::shared_ptr<SourceState> state)
+      : state_(std::move(state)), generation_(forkGeneration()) {
     state_->wait();
   }
-  ReadableSource(const ReadableSource&) = delete;
-  ReadableSource& operator=(const ReadableSource&) = delete;
-  ~ReadableSource() override {
+  Source(const Source&) = delete;
+  Source& operator=(const Source&) = delete;
+  ~Source() override {
     if (generation_ == forkGeneration()) {
       state_->cancel();
     } else {
@@ -314,17 +372,17 @@ class ReadableSource final : public DispatchSource {
   }
 
  private:
-  static UniqueFd duplicate(int descriptor) {
-    UniqueFd copy(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
-    if (!copy) {
-      throw lastSystemError("DispatchSource::readable, fcntl (" + std::to_string(descriptor) + ")");
-    }
-    return copy;
-  }
-
-  std::shared_ptr<ReadableState> state_;
+  std::shared_ptr<SourceState> state_;
   unsigned generation_;
 };
+
+UniqueFd duplicate(int descriptor) {
+  UniqueFd copy(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+  if (!copy) {
+    throw lastSystemError("DispatchSource::readable, fcntl (" + std::to_string(descriptor) + ")");
+  }
+  return copy;
+}
 
 UniqueFd openChild(int pid) {
   siginfo_t ignored{};
@@ -408,15 +466,23 @@ bool DispatchGroup::wait(std::chrono::nanoseconds timeout) {
 
 std::unique_ptr<DispatchSource> DispatchSource::readable(int descriptor, DispatchQueue& queue,
                                                          Work handler) {
-  return std::make_unique<ReadableSource>(descriptor, queue, Repeat::yes, std::move(handler));
+  return std::make_unique<Source>(std::make_shared<ReadableState>(
+      duplicate(descriptor), base(queue), true, std::move(handler)));
 }
 
 std::unique_ptr<DispatchSource> DispatchSource::childExit(int pid, DispatchQueue& queue,
                                                           std::function<void(int)> handler) {
-  const UniqueFd process = openChild(pid);
   // The id stays the child's until it is reaped, which happens nowhere but here.
   auto reap = [pid, handler = std::move(handler)] { handler(reapChild(pid)); };
-  return std::make_unique<ReadableSource>(process.get(), queue, Repeat::no, std::move(reap));
+  return std::make_unique<Source>(
+      std::make_shared<ReadableState>(openChild(pid), base(queue), false, std::move(reap)));
+}
+
+std::unique_ptr<DispatchSource> DispatchSource::timer(std::chrono::nanoseconds delay,
+                                                      DispatchQueue& queue, Work handler,
+                                                      std::chrono::nanoseconds interval) {
+  return std::make_unique<Source>(
+      std::make_shared<TimerState>(delay, interval, base(queue), std::move(handler)));
 }
 
 }  // namespace velum

@@ -58,7 +58,7 @@ void UnfairLock::lockContended(std::int32_t self) noexcept {
         !word_->compare_exchange_weak(seen, withWaiters(seen), std::memory_order_relaxed)) {
       continue;
     }
-    word_->wait(withWaiters(owner(seen)), std::memory_order_relaxed);
+    waitOnAddress(*word_, withWaiters(owner(seen)));
   }
 }
 
@@ -70,8 +70,9 @@ bool UnfairLock::try_lock() noexcept {
 
 void UnfairLock::unlock() noexcept {
   if (checksOwner) assertHeld();
-  // Sequentially consistent, so that the look for sleepers inside notify_one can't come first.
-  if (word_->exchange(unlocked, std::memory_order_seq_cst) < 0) word_->notify_one();
+  // With the exchange the lock may be somebody else's, who may destroy it.
+  Word* const word = word_.get();
+  if (word->exchange(unlocked, std::memory_order_release) < 0) wakeOneAt(word);
 }
 
 void UnfairLock::assertHeld() const noexcept {

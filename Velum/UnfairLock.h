@@ -11,7 +11,8 @@ namespace velum {
 /// sleeps. Not fair: a thread that just unlocked may lock again before a waiter wakes.
 ///
 /// The word lives on the heap so that its address never moves. Meets the standard's BasicLockable
-/// and Lockable, so use it through std::lock_guard.
+/// and Lockable, so use it through std::lock_guard. Whoever got the lock may destroy it, even while
+/// the unlock that gave it to him has not yet returned.
 ///
 /// A thread that locks twice deadlocks; debug builds stop the process instead and say so. Only the
 /// thread that locked may unlock (checked in debug builds).
@@ -30,7 +31,6 @@ class UnfairLock {
   void resetAfterFork() noexcept;
 
  private:
-  // Signed, because that is what a futex word is: std::atomic waits on it without a side table.
   using Word = std::atomic<std::int32_t>;
 
   void lockContended(std::int32_t self) noexcept;

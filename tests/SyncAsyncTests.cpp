@@ -110,5 +110,31 @@ TEST(ThreadLocal, ForgetsTheValuesOfAHolderThatIsGone) {
   EXPECT_LE(token.use_count(), 3);
 }
 
+// Objects that live as long as a thread end in any order, and each may still need another's value.
+TEST(ThreadLocal, GivesValuesWhileTheThreadEnds) {
+  static ThreadLocal<std::string> names([] { return std::string(100, 'n'); });
+  static std::string asked;
+  struct Asking {
+    explicit Asking(char id_) : id(id_) {}
+    ~Asking() { asked += names.value().size() == 100 ? id : '?'; }
+    char id;
+  };
+  using Holder = ThreadLocal<std::unique_ptr<Asking>>;
+  std::thread([] {
+    static thread_local Asking older('o');
+    EXPECT_EQ(older.id, 'o');
+    Holder holder([] { return std::make_unique<Asking>('v'); });
+    EXPECT_NE(holder.value(), nullptr);
+    EXPECT_EQ(names.value().size(), 100U);
+  }).join();
+  EXPECT_EQ(asked, "vo");
+  std::make_unique<Holder>([] { return std::make_unique<Asking>('g'); })->value();
+  Holder([] { return nullptr; }).value();  // the thread drops the values of those who are gone
+  EXPECT_EQ(asked, "vog");
+  static_assert(!std::is_copy_constructible_v<ThreadLocal<int>> &&
+                !std::is_move_constructible_v<ThreadLocal<int>> &&
+                !std::is_move_assignable_v<ThreadLocal<int>>);
+}
+
 }  // namespace
 }  // namespace velum

@@ -2,34 +2,75 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
+#include <array>
+#include <atomic>
+#include <fstream>
+#include <latch>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
+
+#include "Velum/Platform/Thread.h"
+#include "tests/support/Waiting.h"
 
 namespace velum {
 namespace {
 
-TEST(UnfairLock, LetsOneThreadInAtATimeAndWakesThoseWhoWait) {
-  constexpr int threads = 8;
+TEST(UnfairLock, LetsOneThreadInAtATime) {
   constexpr int turns = 5000;
   UnfairLock lock;
-  int inside = 0;
-  long total = 0;
+  int total = 0;
   std::vector<std::thread> workers;
-  for (int i = 0; i < threads; ++i) {
-    workers.emplace_back([&, i] {
+  for (int i = 0; i < 8; ++i) {
+    workers.emplace_back([&] {
       for (int turn = 0; turn < turns; ++turn) {
         const std::lock_guard guard(lock);
-        EXPECT_EQ(++inside, 1);
-        ++total;
-        if (turn % 500 == i) std::this_thread::yield();  // others fall asleep waiting
-        --inside;
+        const int before = total;
+        if (turn % 500 == 0) std::this_thread::yield();
+        total = before + 1;
       }
     });
   }
   for (auto& worker : workers) worker.join();
-  EXPECT_EQ(total, static_cast<long>(threads) * turns);
+  EXPECT_EQ(total, 8 * turns);
+}
+
+/// Returns once `thread` of this process sleeps.
+bool fallsAsleep(const std::atomic<std::uint32_t>& thread) {
+  return test::eventually([&] {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread.load()) + "/stat");
+    std::string line;
+    return std::getline(file, line) && line.find(") S ") != std::string::npos;
+  });
+}
+
+// One unlock wakes one of them, who has to know that there are more.
+TEST(UnfairLock, ForgetsNoneOfThoseWhoSleep) {
+  for (int round = 0; round < 10; ++round) {
+    auto lock = std::make_unique<UnfairLock>();
+    std::array<std::atomic<std::uint32_t>, 3> waiting{};
+    std::latch passed(waiting.size());
+    std::atomic<int> inside{0};
+    lock->lock();
+    std::vector<std::thread> threads;
+    for (auto& id : waiting) {
+      threads.emplace_back([&] {
+        id = currentThreadId();
+        lock->lock();
+        ++inside;
+        lock->unlock();
+        passed.count_down();
+      });
+    }
+    for (const auto& id : waiting) ASSERT_TRUE(fallsAsleep(id));
+    EXPECT_EQ(inside, 0);
+    lock->unlock();
+    ASSERT_TRUE(test::eventually([&] { return passed.try_wait(); })) << "one sleeps on";
+    lock.reset();
+    for (auto& thread : threads) thread.join();
+  }
 }
 
 TEST(UnfairLock, TriesWithoutWaiting) {
@@ -41,22 +82,6 @@ TEST(UnfairLock, TriesWithoutWaiting) {
     EXPECT_TRUE(lock.try_lock());
     lock.unlock();
   }).join();
-}
-
-TEST(UnfairLock, WorksUnderAConditionVariable) {
-  UnfairLock lock;
-  std::condition_variable_any changed;
-  bool isSet = false;
-  std::thread setter([&] {
-    const std::lock_guard guard(lock);
-    isSet = true;
-    changed.notify_one();
-  });
-  {
-    std::unique_lock guard(lock);
-    changed.wait(guard, [&] { return isSet; });
-  }
-  setter.join();
 }
 
 #ifndef NDEBUG

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <random>
 
 #include "Velum/FileUtils.h"
@@ -25,11 +26,15 @@ constexpr mode_t ownerOnly = 0600;
 constexpr std::string_view suffix = ".new";
 constexpr std::size_t randomLength = 16;
 
-bool isSameFile(const UniqueFd& file, const std::string& path) {
+/// Whether `path` still names the open file; nothing when that can't be seen.
+std::optional<bool> isNamed(const UniqueFd& file, const std::string& path) {
   struct stat open {};
   struct stat named {};
-  return ::fstat(file.get(), &open) == 0 && ::lstat(path.c_str(), &named) == 0 &&
-         open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+  if (::fstat(file.get(), &open) != 0) return std::nullopt;
+  if (::lstat(path.c_str(), &named) != 0) {
+    return errno == ENOENT ? std::optional(false) : std::nullopt;
+  }
+  return open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
 /// A new file that belongs to this writer: its lock tells others that the writer lives.
@@ -48,9 +53,9 @@ class TemporaryFile {
         continue;
       }
       // Whoever tidies up may have come between these two calls. A file system without locks has
-      // nobody tidying up either.
+      // nobody tidying up either. What can't be seen is ours: if it is not, the rename fails.
       const int locked = retryInterrupted([&] { return ::flock(file_.get(), LOCK_EX); });
-      if (locked != 0 || isSameFile(file_, path_)) return;
+      if (locked != 0 || isNamed(file_, path_).value_or(true)) return;
     }
   }
   TemporaryFile(const TemporaryFile&) = delete;
@@ -99,7 +104,7 @@ void removeIfAbandoned(const std::string& path) {
     return;
   }
   // A writer that finished meanwhile gave the file another name.
-  if (isSameFile(file, path)) ::unlink(path.c_str());
+  if (isNamed(file, path).value_or(false)) ::unlink(path.c_str());
 }
 
 }  // namespace

@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <limits>
 #include <new>
 #include <vector>
@@ -25,14 +25,16 @@ namespace {
 /// killed process leaves a partial file behind.
 class Replacement {
  public:
-  explicit Replacement(const std::string& target)
-      : target_(target), temporary_(target + ".XXXXXX") {
+  explicit Replacement(const std::string& target) : target_(target) {
     const std::string folder = target.substr(0, target.find_last_of('/') + 1);
     fd_ = UniqueFd(retryInterrupted(
         [&] { return ::open((folder + ".").c_str(), O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600); }));
     if (fd_ || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL)) return;
-    fd_ = UniqueFd(::mkostemp(temporary_.data(), O_CLOEXEC));
-    isNamed_ = bool{fd_};
+    isNamed_ = takeName([this](const char* name) {
+      constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+      fd_ = UniqueFd(retryInterrupted([&] { return ::open(name, flags, 0600); }));
+      return bool{fd_};
+    });
   }
   Replacement(const Replacement&) = delete;
   Replacement& operator=(const Replacement&) = delete;
@@ -43,25 +45,26 @@ class Replacement {
   int fd() const noexcept { return fd_.get(); }
 
   bool publish() {
-    if (!isNamed_ && !giveName()) return false;
-    if (::rename(temporary_.c_str(), target_.c_str()) != 0) return false;
+    if (!isNamed_) isNamed_ = takeName([this](const char* name) { return giveName(name); });
+    if (!isNamed_ || ::rename(temporary_.c_str(), target_.c_str()) != 0) return false;
     isNamed_ = false;
     return true;
   }
 
  private:
-  bool giveName() {
+  bool giveName(const char* name) const {
     const std::string source = "/proc/self/fd/" + std::to_string(fd_.get());
-    // mkostemp chooses a free name; linkat can't replace it, so the name is freed again first.
+    return ::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, name, AT_SYMLINK_FOLLOW) == 0;
+  }
+
+  /// Tries names beside the target until `take`, which makes a file of that name, finds one free.
+  template <class Take>
+  bool takeName(Take take) {
     for (int attempt = 0; attempt < 100; ++attempt) {
-      temporary_ = target_ + ".XXXXXX";
-      const UniqueFd placeholder(::mkostemp(temporary_.data(), O_CLOEXEC));
-      if (!placeholder || ::unlink(temporary_.c_str()) != 0) return false;
-      if (::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, temporary_.c_str(), AT_SYMLINK_FOLLOW) ==
-          0) {
-        isNamed_ = true;
-        return true;
-      }
+      std::uint64_t number = 0;
+      if (::getentropy(&number, sizeof number) != 0) return false;
+      temporary_ = target_ + '.' + std::to_string(number);
+      if (take(temporary_.c_str())) return true;
       if (errno != EEXIST) return false;
     }
     return false;

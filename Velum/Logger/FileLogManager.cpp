@@ -117,7 +117,9 @@ std::vector<std::string> FileLogManager::saveLogs(const LogSubsystemSelector& se
   const std::int64_t limit = opts.maxSize.value_or(noLimit);
   const ScratchFolder scratch(folder, saveLogsName);
   const std::string subsystems = scratch.path() + "/subsystems";
-  fs::create_directories(subsystems);
+  if (::mkdir(subsystems.c_str(), 0700) != 0) {
+    throw lastSystemError(fmt::format("{}: mkdir ({})", saveLogsName, subsystems));
+  }
   auto files = prepareTempFiles(scratch.path(), std::nullopt);
   std::vector<std::string> saved;
   for (const std::string& output : doSaveLogs(std::move(files), selector, subsystems, opts)) {
@@ -148,7 +150,11 @@ std::string FileLogManager::saveWholeLog(const std::string& folder,
     const FileLock writers(liveFile.get());
     const std::int64_t liveSize = sizeOf(liveFile.get(), logPath_, saveWholeLogName);
     rotated.path = rotatedFilePath(logPath_, 1);
-    rotated.fd = UniqueFd(::open(rotated.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    rotated.fd = UniqueFd(retryInterrupted(
+        [&] { return ::open(rotated.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
+    if (!rotated.fd && errno != ENOENT) {
+      throw lastSystemError(fmt::format("{}: open ({})", saveWholeLogName, rotated.path));
+    }
     if (rotated.fd && limit > liveSize) {
       rotated =
           Piece::tail(rotated.path, std::move(rotated.fd), limit - liveSize, saveWholeLogName);
@@ -171,11 +177,13 @@ std::vector<std::string> FileLogManager::duplicateLogFiles(const std::string& fo
   std::vector<std::string> copies{inFolder(folder, logPath_)};
   clonefile(logPath_, copies.front());
   const std::string rotated = rotatedFilePath(logPath_, 1);
-  std::error_code error;
-  if (!fs::exists(rotated, error)) return copies;
-  copies.push_back(inFolder(folder, rotated));
+  std::string copy = inFolder(folder, rotated);
   // A second name is clone enough for a file that is replaced and never written into.
-  if (::link(rotated.c_str(), copies.back().c_str()) != 0) clonefile(rotated, copies.back());
+  if (::linkat(AT_FDCWD, rotated.c_str(), AT_FDCWD, copy.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+    if (errno == ENOENT) return copies;
+    clonefile(rotated, copy);
+  }
+  copies.push_back(std::move(copy));
   return copies;
 }
 
@@ -185,10 +193,9 @@ std::vector<FileLogManager::TempFile> FileLogManager::prepareTempFiles(
   std::int64_t bytesBefore = 0;
   for (std::string& path : duplicateLogFiles(folder)) {
     if (maxSize && *maxSize < bytesBefore) break;
-    std::error_code error;
-    const std::uintmax_t size = fs::file_size(path, error);
-    files.push_back({std::move(path), error ? 0 : static_cast<std::int64_t>(size), bytesBefore});
-    bytesBefore += files.back().size;
+    const std::int64_t size = checked::fileSize(path, duplicateName);
+    files.push_back({std::move(path), size, bytesBefore});
+    bytesBefore += size;
   }
   return files;
 }

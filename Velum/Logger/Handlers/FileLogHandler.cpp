@@ -25,7 +25,7 @@ namespace {
 // One write(2) for a whole record. What comes of it is not examined: there is nobody to tell, and
 // the next record is as likely to succeed.
 void writeRecord(int fd, std::string_view record) noexcept {
-  [[maybe_unused]] const ssize_t written = ::write(fd, record.data(), record.size());
+  retryInterrupted([&] { return ::write(fd, record.data(), record.size()); });
 }
 
 // A buffer for the record being built, kept between records of a thread unless a huge one blew it
@@ -261,7 +261,7 @@ void FileLogHandler::rotateFileLk() {
   if (!isOpenFileAtPathLk()) {  // somebody moved it away just now: the clone is of another file
     throw SystemError(ESTALE, descriptorText("rotateFileLk(), stat ("));
   }
-  if (::ftruncate(fd_.get(), 0) != 0) {
+  if (retryInterrupted([this] { return ::ftruncate(fd_.get(), 0); }) != 0) {
     throw lastSystemError(descriptorText("rotateFileLk(), truncate ("));
   }
   timeval now{};

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <limits>
@@ -357,50 +356,6 @@ std::shared_ptr<KeyStorageProtocol> sealedCopy(const std::string& path) {
   auto storage = std::make_shared<SecureStorage>(std::make_shared<CommonKey>(), path, 0);
   storage->load();
   return storage;
-}
-
-/// A storage whose process is killed at a write, before it or after it.
-class DeadlyStorage final : public KeyStorageProtocol {
- public:
-  enum class Moment : std::uint8_t { before, after };
-  DeadlyStorage(std::shared_ptr<KeyStorageProtocol> storage, Moment moment)
-      : storage_(std::move(storage)), moment_(moment) {}
-
-  bool isEmpty() const override { return storage_->isEmpty(); }
-  std::optional<PropertyList> object(std::string_view key) const override {
-    return storage_->object(key);
-  }
-  void setObject(std::optional<PropertyList> value, std::string_view key) override {
-    if (moment_ == Moment::before) ::raise(SIGKILL);
-    storage_->setObject(std::move(value), key);
-    ::raise(SIGKILL);
-  }
-  Entries dictionaryRepresentation() const override { return storage_->dictionaryRepresentation(); }
-  void reset(std::optional<Entries> content) override { storage_->reset(std::move(content)); }
-  void load() override { storage_->load(); }
-  void store() override { storage_->store(); }
-
- private:
-  std::shared_ptr<KeyStorageProtocol> storage_;
-  Moment moment_;
-};
-
-TEST_F(SecureDefaultsTest, AProcessKilledWhileItWritesLeavesTheOldValueOrTheNew) {
-  using Moment = DeadlyStorage::Moment;
-  const std::string sealed = folder / "sealed";
-  ASSERT_TRUE(SecureDefaults("com.example", sealedCopy(sealed)).setString("old", "key"));
-  for (const Moment moment : {Moment::before, Moment::after}) {
-    test::ChildProcess child([&] {
-      SecureDefaults dying("com.example",
-                           std::make_shared<DeadlyStorage>(sealedCopy(sealed), moment));
-      dying.setString("new", "key");
-    });
-    EXPECT_EQ(WTERMSIG(child.wait()), SIGKILL);
-    EXPECT_EQ(domain()->at("key"), text("old"));
-    SecureDefaults later("com.example", sealedCopy(sealed));
-    EXPECT_EQ(later.string("key"), moment == Moment::before ? "old" : "new");
-  }
-  EXPECT_EQ(domain()->at("key"), text("new"));
 }
 
 TEST_F(SecureDefaultsTest, ProcessesMayShareASealedCopy) {

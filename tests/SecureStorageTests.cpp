@@ -12,8 +12,6 @@
 #include "Velum/SealedBox.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/PrivateMounts.h"
-#include "tests/support/Processes.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum {
@@ -260,33 +258,6 @@ bool isWhole(const Dictionary& content) {
   return letter != content.end() && content == large(letter->second.get<std::string>()->front());
 }
 
-TEST_F(SecureStorageTest, SurvivesBeingKilledAtAnyPointOfAWrite) {
-  key->value = SealedBox::newKey();
-  make()->reset(large('a'));
-  for (int round = 0; round < 25; ++round) {
-    const test::Pipe ready;
-    test::ChildProcess writer([&] {
-      const auto storage = make();
-      storage->load();
-      for (char letter = 'b';; letter = letter == 'z' ? 'b' : static_cast<char>(letter + 1)) {
-        if (::write(ready.writer.get(), "", 1) != 1) return;
-        storage->reset(large(letter));
-      }
-    });
-    // A few writes are done; the rest of the time falls anywhere in one.
-    std::array<char, 1> byte{};
-    for (int writes = 0; writes <= round % 3; ++writes) {
-      ASSERT_TRUE(test::isReadable(ready.reader.get()));
-      ASSERT_EQ(::read(ready.reader.get(), byte.data(), 1), 1);
-    }
-    const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(160 * round);
-    while (std::chrono::steady_clock::now() < end) continue;
-    writer.kill();
-    EXPECT_TRUE(isWhole(stored())) << round;
-    EXPECT_THAT(names(), ElementsAre("settings.sealed")) << "what the killed writer left";
-  }
-}
-
 TEST_F(SecureStorageTest, TheLastOfSeveralWritersWinsWhole) {
   key->value = SealedBox::newKey();
   std::vector<test::ChildProcess> writers;
@@ -303,29 +274,6 @@ TEST_F(SecureStorageTest, TheLastOfSeveralWritersWinsWhole) {
   for (auto& writer : writers) EXPECT_EQ(writer.wait(), 0);
   EXPECT_TRUE(isWhole(stored()));
   EXPECT_THAT(names(), ElementsAre("settings.sealed"));
-}
-
-TEST_F(SecureStorageTest, AFullDiskLeavesTheOldFile) {
-  test::inChild([&] {
-    if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts";
-    test::mountMemory(folder.path(), "size=2m");
-    key->value = SealedBox::newKey();
-    const auto storage = make();
-    storage->reset(large('a'));
-    const std::string before = readFile(path);
-    const std::string filler = test::fillDisk(folder.path());
-
-    const CapturedLog log;
-    storage->reset(large('b'));
-    EXPECT_EQ(log.count("Failed to store cache: storeData(_:): write ("), 1U);
-    EXPECT_EQ(readFile(path), before);
-    EXPECT_EQ(names().size(), 2U) << "nothing but the file and what fills the disk";
-    EXPECT_EQ(storage->dictionaryRepresentation(), large('b'));
-
-    fs::remove(filler);
-    storage->store();
-    EXPECT_EQ(stored(), large('b'));
-  });
 }
 
 TEST_F(SecureStorageTest, ShowsNoSecretInAnyRecord) {

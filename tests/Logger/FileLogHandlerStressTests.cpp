@@ -12,7 +12,6 @@
 #include <functional>
 #include <latch>
 #include <map>
-#include <random>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -307,25 +306,6 @@ TEST_F(FileLogHandlerStressTest, HoldsItsLockAgainstAForkedChild) {
   unlock.send();
   EXPECT_TRUE(done.receive());
   EXPECT_EQ(second.wait(), 0);
-}
-
-TEST_F(FileLogHandlerStressTest, LeavesWholeRecordsAndAFreeLockWhenAWriterIsKilled) {
-  const auto survivor = open(neverChecked());
-  std::mt19937 random(4711);  // NOLINT(cert-msc*): the same kills in every run
-  for (int round = 0; round < 50; ++round) {
-    test::ChildProcess victim([&] { writeFromThreads(*survivor, threadsEach, 1'000'000, 20us); });
-    const auto size = fs::file_size(path) + 200 + random() % 20'000;
-    ASSERT_TRUE(test::eventually([&] { return fs::file_size(path) >= size; }));
-    EXPECT_EQ(victim.kill(), SIGKILL);
-    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(::flock(file.get(), LOCK_EX | LOCK_NB), 0) << "a dead process holds the lock";
-    ::flock(file.get(), LOCK_UN);
-    survivor->logWithLevel(LogLevel::info, std::chrono::system_clock::now(), "survivor");
-  }
-  const auto read = test::readRecords(test::readFile(path), subsystem);
-  EXPECT_LE(read.broken.size(), 50U * threadsEach);
-  EXPECT_EQ(std::ranges::count(read.whole, "survivor", &test::ReadRecord::text), 50);
-  EXPECT_GT(read.whole.size(), 100U);
 }
 
 }  // namespace

@@ -331,27 +331,6 @@ TEST_F(FileLogHandlerTest, RecoversFromAReadOnlyFolder) {
   });
 }
 
-TEST_F(FileLogHandlerTest, BearsAFullDiskAndGoesOnWhenThereIsRoom) {
-  test::inChild([this] {
-    if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
-    test::mountMemory(folder.path(), "size=64k");
-    RotationPolicy policy = checkedOften();
-    policy.maxSize = 4096;
-    const auto handler = open(path, policy);
-    const std::string filler = test::fillDisk(folder.path());
-    const std::string big(8192, 'b');
-    write(*handler, big);
-    write(*handler, "lost");
-    EXPECT_EQ(test::readFile(path).find("lost"), std::string::npos);
-
-    ASSERT_EQ(::unlink(filler.c_str()), 0);
-    write(*handler, "kept");
-    EXPECT_NE(test::readFile(path).find("kept"), std::string::npos);
-    write(*handler, big);
-    ASSERT_TRUE(systemLog->waitFor(rotated));
-  });
-}
-
 TEST_F(FileLogHandlerTest, KeepsTheLogWhenThereIsNoRoomForItsCopy) {
   test::inChild([this] {
     if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";

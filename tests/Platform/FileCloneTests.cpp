@@ -10,8 +10,6 @@
 #include <filesystem>
 #include <thread>
 
-#include "tests/support/ChildProcess.h"
-#include "tests/support/PrivateMounts.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum {
@@ -91,18 +89,6 @@ TEST_F(FileCloneTest, ReportsWhatCannotBeCloned) {
   EXPECT_EQ(cloneFile(source, target), EISDIR);
   EXPECT_EQ(files(), 3U) << "nothing is left of failures";
   EXPECT_EQ(setCreationTime(-1, {}), EBADF);
-}
-
-TEST_F(FileCloneTest, KeepsTheOldTargetAndLeavesNothingWhenTheDiskIsFull) {
-  test::inChild([this] {
-    if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
-    test::mountMemory(folder.path(), "size=64k");
-    test::writeFile(source, std::string(40'000, 'x'));
-    test::writeFile(target, "old");
-    EXPECT_EQ(cloneFile(source, target), ENOSPC);
-    EXPECT_EQ(test::readFile(target), "old");
-    EXPECT_EQ(files(), 2U);
-  });
 }
 
 }  // namespace

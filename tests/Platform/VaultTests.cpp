@@ -14,8 +14,6 @@
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
 #include "Velum/Platform/Linux/VaultFormat.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/PrivateMounts.h"
-#include "tests/support/Processes.h"
 #include "tests/support/SecretEnvironment.h"
 
 namespace velum {
@@ -182,49 +180,6 @@ TEST_F(Vault, LosesNothingOfProcessesAndThreadsThatWriteAtOnce) {
   thread.join();
   for (test::ChildProcess& process : processes) EXPECT_EQ(process.wait(), 0);
   EXPECT_EQ(store.list({}).items.size(), 4U * count);
-}
-
-TEST_F(Vault, IsWholeWhenAWriterIsKilled) {
-  fill();
-  const SecretBytes large(200'000, 'x');
-  for (int round = 0; round < 10; ++round) {
-    test::Pipe started;
-    test::ChildProcess writer([&] {
-      SecretStoreLinux own(patient);
-      for (int number = 0;; ++number) {
-        SecretBytes next = large;
-        next[0] = static_cast<std::uint8_t>('0' + number % 10);
-        EXPECT_EQ(own.update(token, next), errSecSuccess);
-        if (number == 0 && ::write(started.writer.get(), "x", 1) != 1) return;
-      }
-    });
-    ASSERT_TRUE(test::isReadable(started.reader.get()));
-    writer.kill();
-    ASSERT_EQ(value().size(), large.size()) << "round " << round;
-    ASSERT_EQ(store.update(token, secretBytes("after")), errSecSuccess);
-    EXPECT_EQ(value(), "after");
-    EXPECT_FALSE(std::filesystem::exists(path("vault.new"))) << "left behind for ever";
-  }
-}
-
-TEST_F(Vault, KeepsTheOldFileWhenTheDiskIsFull) {
-  test::inChild([&] {
-    if (!test::enterPrivateMounts()) GTEST_SKIP() << "not permitted to mount";
-    std::filesystem::create_directories(environment.dataFolder());
-    test::mountMemory(environment.dataFolder(), "size=256k,mode=700");
-    const std::string early = test::fillDisk(environment.dataFolder());
-    EXPECT_EQ(store.add(token, secretBytes("x")), errSecErrnoBase + ENOSPC);
-    std::filesystem::remove(early);
-    fill();
-    const std::string filler = test::fillDisk(environment.dataFolder());
-    EXPECT_EQ(store.update(token, SecretBytes(100'000)), errSecErrnoBase + ENOSPC);
-    EXPECT_EQ(value(), "value");
-    std::filesystem::remove(filler);
-    EXPECT_EQ(store.update(token, secretBytes("there is room again")), errSecSuccess);
-    test::remount(environment.dataFolder(), "ro");
-    EXPECT_EQ(store.update(token, secretBytes("x")), errSecErrnoBase + EROFS);
-    EXPECT_EQ(value(), "there is room again");
-  });
 }
 
 TEST_F(Vault, DoesNotWaitForALockForEver) {

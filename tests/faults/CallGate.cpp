@@ -1,0 +1,379 @@
+#include "tests/faults/CallGate.h"
+
+#include <fcntl.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <set>
+#include <stdexcept>
+
+#include "Velum/Platform/Posix/UniqueFd.h"
+#include "tests/support/ChildProcess.h"
+
+namespace velum::test {
+namespace {
+
+#if defined(__x86_64__)
+constexpr std::uint32_t architecture = AUDIT_ARCH_X86_64;
+#elif defined(__aarch64__)
+constexpr std::uint32_t architecture = AUDIT_ARCH_AARCH64;
+#else
+#error "Name this architecture's AUDIT_ARCH value."
+#endif
+
+enum class Subject : std::uint8_t { none, path, descriptor };
+
+struct CallKind {
+  const char* name;
+  Subject subject;
+  unsigned argument;  // that holds the subject
+  std::vector<int> errors;
+};
+
+const std::vector<int> opening{EMFILE, EACCES, EIO, EINTR};
+const std::vector<int> naming{EACCES, ENOSPC, EIO};
+const std::vector<int> looking{EACCES, EIO};
+const std::vector<int> making{EMFILE, ENOMEM};
+
+/// By number. Those that only older systems have go by the same names as their successors.
+const std::map<int, CallKind>& callKinds() {
+  static const std::map<int, CallKind> kinds{
+      {SYS_openat, {"open", Subject::path, 1, opening}},
+      {SYS_read, {"read", Subject::descriptor, 0, {EIO, EINTR}}},
+      {SYS_pread64, {"read", Subject::descriptor, 0, {EIO, EINTR}}},
+      {SYS_write, {"write", Subject::descriptor, 0, {ENOSPC, EIO, EINTR}}},
+      {SYS_pwrite64, {"write", Subject::descriptor, 0, {ENOSPC, EIO, EINTR}}},
+      {SYS_writev, {"write", Subject::descriptor, 0, {ENOSPC, EIO, EINTR}}},
+      {SYS_copy_file_range, {"copy_file_range", Subject::descriptor, 0, {ENOSPC, EIO, EXDEV}}},
+      {SYS_sendfile, {"sendfile", Subject::descriptor, 0, {ENOSPC, EIO, EINTR}}},
+      {SYS_ioctl, {"ioctl", Subject::descriptor, 0, {EOPNOTSUPP, EIO}}},
+      {SYS_fsync, {"fsync", Subject::descriptor, 0, {EIO, ENOSPC, EINTR}}},
+      {SYS_fdatasync, {"fsync", Subject::descriptor, 0, {EIO, ENOSPC, EINTR}}},
+      {SYS_ftruncate, {"ftruncate", Subject::descriptor, 0, {EIO, EINTR}}},
+      {SYS_flock, {"flock", Subject::descriptor, 0, {ENOLCK, EINTR}}},
+      {SYS_fchmod, {"fchmod", Subject::descriptor, 0, {EPERM, EIO}}},
+      {SYS_fstat, {"stat", Subject::descriptor, 0, {EIO}}},
+      {SYS_newfstatat, {"stat", Subject::path, 1, looking}},
+      {SYS_statx, {"stat", Subject::path, 1, looking}},
+      {SYS_getdents64, {"getdents", Subject::descriptor, 0, {EIO}}},
+      {SYS_renameat, {"rename", Subject::path, 1, naming}},
+      {SYS_renameat2, {"rename", Subject::path, 1, naming}},
+      {SYS_linkat, {"link", Subject::path, 1, naming}},
+      {SYS_readlinkat, {"readlink", Subject::path, 1, looking}},
+      {SYS_symlinkat, {"link", Subject::path, 2, naming}},
+      {SYS_unlinkat, {"unlink", Subject::path, 1, looking}},
+      {SYS_mkdirat, {"mkdir", Subject::path, 1, naming}},
+      {SYS_mmap, {"mmap", Subject::descriptor, 4, {ENOMEM, ENODEV}}},
+      {SYS_socket, {"socket", Subject::none, 0, {EMFILE, EACCES}}},
+      {SYS_connect, {"connect", Subject::descriptor, 0, {ECONNREFUSED, EACCES}}},
+      {SYS_sendmsg, {"send", Subject::descriptor, 0, {EAGAIN, ECONNRESET}}},
+      {SYS_sendto, {"send", Subject::descriptor, 0, {EAGAIN, ECONNRESET}}},
+      {SYS_clone, {"clone", Subject::none, 0, {EAGAIN, ENOMEM}}},
+      {SYS_clone3, {"clone", Subject::none, 0, {EAGAIN, ENOMEM}}},
+      {SYS_execve, {"execve", Subject::path, 0, {EACCES, ENOMEM}}},
+      {SYS_dup, {"dup", Subject::descriptor, 0, {EMFILE}}},
+      {SYS_dup3, {"dup", Subject::descriptor, 0, {EMFILE, EINTR}}},
+      {SYS_pipe2, {"pipe", Subject::none, 0, {EMFILE, ENFILE}}},
+      {SYS_epoll_create1, {"epoll_create", Subject::none, 0, making}},
+      {SYS_inotify_init1, {"inotify_init", Subject::none, 0, {EMFILE, ENFILE}}},
+      {SYS_inotify_add_watch, {"inotify_add_watch", Subject::path, 1, {ENOSPC, ENOMEM}}},
+      {SYS_timerfd_create, {"timerfd_create", Subject::none, 0, making}},
+      {SYS_eventfd2, {"eventfd", Subject::none, 0, making}},
+      {SYS_memfd_create, {"memfd_create", Subject::none, 0, making}},
+      {SYS_pidfd_open, {"pidfd_open", Subject::none, 0, {EMFILE, ENOMEM}}},
+#ifdef SYS_open  // the elder architectures
+      {SYS_open, {"open", Subject::path, 0, opening}},
+      {SYS_rename, {"rename", Subject::path, 0, naming}},
+      {SYS_link, {"link", Subject::path, 0, naming}},
+      {SYS_symlink, {"link", Subject::path, 1, naming}},
+      {SYS_unlink, {"unlink", Subject::path, 0, looking}},
+      {SYS_rmdir, {"unlink", Subject::path, 0, looking}},
+      {SYS_mkdir, {"mkdir", Subject::path, 0, naming}},
+      {SYS_readlink, {"readlink", Subject::path, 0, looking}},
+      {SYS_stat, {"stat", Subject::path, 0, looking}},
+      {SYS_lstat, {"stat", Subject::path, 0, looking}},
+      {SYS_vfork, {"clone", Subject::none, 0, {EAGAIN, ENOMEM}}},
+      {SYS_dup2, {"dup", Subject::descriptor, 0, {EMFILE, EINTR}}},
+#endif
+  };
+  return kinds;
+}
+
+/// A number that no other descriptor has: sending on it is not gated, for it hands over the gate.
+constexpr int transportNumber = 777;
+
+std::vector<sock_filter> filterProgram() {
+  constexpr std::uint16_t load = BPF_LD | BPF_W | BPF_ABS;
+  constexpr std::uint16_t equal = BPF_JMP | BPF_JEQ | BPF_K;
+  constexpr std::uint16_t leave = BPF_RET | BPF_K;
+  constexpr auto number = static_cast<std::uint32_t>(offsetof(seccomp_data, nr));
+  std::vector<sock_filter> program{
+      {load, 0, 0, static_cast<std::uint32_t>(offsetof(seccomp_data, arch))},
+      {equal, 1, 0, architecture},
+      {leave, 0, 0, SECCOMP_RET_ALLOW},
+      {load, 0, 0, number},
+      {equal, 0, 3, SYS_sendmsg},
+      {load, 0, 0, static_cast<std::uint32_t>(offsetof(seccomp_data, args))},
+      {equal, 0, 1, transportNumber},
+      {leave, 0, 0, SECCOMP_RET_ALLOW},
+      {load, 0, 0, number},
+  };
+  auto left = static_cast<std::uint8_t>(callKinds().size());
+  for (const auto& [call, kind] : callKinds()) {
+    program.push_back({equal, left--, 0, static_cast<std::uint32_t>(call)});
+  }
+  program.push_back({leave, 0, 0, SECCOMP_RET_ALLOW});
+  program.push_back({leave, 0, 0, SECCOMP_RET_USER_NOTIF});
+  return program;
+}
+
+UniqueFd installFilter() {
+  std::vector<sock_filter> instructions = filterProgram();
+  const sock_fprog program{static_cast<unsigned short>(instructions.size()), instructions.data()};
+  ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+  constexpr unsigned flags = SECCOMP_FILTER_FLAG_NEW_LISTENER | SECCOMP_FILTER_FLAG_TSYNC |
+                             SECCOMP_FILTER_FLAG_TSYNC_ESRCH;
+  return UniqueFd(
+      static_cast<int>(::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, flags, &program)));
+}
+
+/// A message with one descriptor in its ancillary data.
+struct Message {
+  Message() {
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    header.msg_control = control.data();
+    header.msg_controllen = control.size();
+  }
+  char byte = 0;
+  iovec part{&byte, 1};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+  msghdr header{};
+};
+
+void sendDescriptor(int fd) {
+  Message message;
+  cmsghdr* const ancillary = CMSG_FIRSTHDR(&message.header);
+  ancillary->cmsg_level = SOL_SOCKET;
+  ancillary->cmsg_type = SCM_RIGHTS;
+  ancillary->cmsg_len = CMSG_LEN(sizeof fd);
+  std::memcpy(CMSG_DATA(ancillary), &fd, sizeof fd);
+  if (::sendmsg(transportNumber, &message.header, 0) != 1) ::_exit(78);
+}
+
+/// The sent descriptor; none when the sender ended before.
+UniqueFd receiveDescriptor(int socket) {
+  Message message;
+  if (retryInterrupted([&] { return ::recvmsg(socket, &message.header, MSG_CMSG_CLOEXEC); }) != 1) {
+    return UniqueFd();
+  }
+  int fd = -1;
+  const cmsghdr* const ancillary = CMSG_FIRSTHDR(&message.header);
+  if (ancillary != nullptr) std::memcpy(&fd, CMSG_DATA(ancillary), sizeof fd);
+  return UniqueFd(fd);
+}
+
+std::string textAt(pid_t thread, std::uint64_t address) {
+  constexpr std::uint64_t pageSize = 4096;  // or a multiple of it
+  std::array<char, 512> text{};
+  // Page by page: the next one may not be there.
+  for (std::size_t size = 0; size < text.size() - 1 && std::strlen(text.data()) == size;) {
+    const std::uint64_t next = address + size;
+    const std::size_t most = std::min(text.size() - 1 - size, pageSize - next % pageSize);
+    const iovec to{text.data() + size, most};
+    const iovec from{reinterpret_cast<void*>(next), most};  // NOLINT(*-int-to-ptr)
+    if (::process_vm_readv(thread, &to, 1, &from, 1, 0) < 0) return "?";
+    size += most;
+  }
+  return text.data();
+}
+
+std::string fileOf(pid_t thread, int fd) {
+  std::array<char, 256> target{};
+  const std::string link = "/proc/" + std::to_string(thread) + "/fd/" + std::to_string(fd);
+  if (::readlink(link.c_str(), target.data(), target.size() - 1) < 0) return "?";
+  return target.data();
+}
+
+bool isOfTheLoader(const std::string& path) {
+  return path.find(".so") != std::string::npos || path.find("/gconv") != std::string::npos;
+}
+
+}  // namespace
+
+bool GatedCall::isOneOf(std::initializer_list<const char*> names) const {
+  return std::ranges::find(names, name) != names.end();
+}
+
+struct CallGate::Shared {
+  std::atomic<bool> isArmed{false};
+};
+
+/// Answers the calls of one process.
+class CallGate::Supervisor {
+ public:
+  Supervisor(UniqueFd listener, pid_t process, const Shared& shared, const Injection& injection,
+             GatedRun& run)
+      : listener_(std::move(listener)),
+        process_(process),
+        shared_(shared),
+        injection_(injection),
+        run_(run) {}
+
+  void serve() {
+    using std::chrono::steady_clock;
+    constexpr std::chrono::seconds patience(30);
+    const UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, process_, 0U)));
+    const auto end = steady_clock::now() + patience;
+    std::array<pollfd, 2> states{{{listener_.get(), POLLIN, 0}, {process.get(), POLLIN, 0}}};
+    for (;;) {
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(end - steady_clock::now());
+      const int ready = left.count() > 0
+                            ? ::poll(states.data(), states.size(), static_cast<int>(left.count()))
+                            : 0;
+      if (ready < 0 && errno == EINTR) continue;
+      run_.isHung = ready == 0;
+      if (ready <= 0 || states[1].revents != 0) return;
+      if ((states[0].revents & POLLIN) != 0) answer();
+    }
+  }
+
+ private:
+  void answer() {
+    seccomp_notif call{};
+    if (::ioctl(listener_.get(), SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) return;  // was interrupted
+    const int error = shared_.isArmed ? decide(call) : 0;
+    if (error == Injection::kill) {
+      ::kill(process_, SIGKILL);
+      ::kill(static_cast<pid_t>(call.pid), SIGKILL);
+      return;
+    }
+    seccomp_notif_resp response{};
+    response.id = call.id;
+    response.error = -error;
+    if (error == 0) response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
+    ::ioctl(listener_.get(), SECCOMP_IOCTL_NOTIF_SEND, &response);  // fails for one interrupted
+  }
+
+  /// 0, an errno, or Injection::kill.
+  int decide(const seccomp_notif& notice) {
+    const auto thread = static_cast<pid_t>(notice.pid);
+    const CallKind& kind = callKinds().at(notice.data.nr);
+    if (!isOurs(thread)) return 0;
+    constexpr auto anonymous = static_cast<std::uint64_t>(MAP_ANONYMOUS);
+    if (notice.data.nr == SYS_mmap && (notice.data.args[3] & anonymous) != 0) return 0;  // malloc
+    GatedCall call{kind.name, {}, kind.errors};
+    const std::uint64_t argument = notice.data.args[kind.argument];
+    if (kind.subject == Subject::path) {
+      call.subject = textAt(thread, argument);
+      const auto folder = static_cast<int>(notice.data.args[0]);
+      const bool isRelative = kind.argument == 1 && !call.subject.starts_with('/');
+      if (isRelative && folder != AT_FDCWD) {
+        call.subject = fileOf(thread, folder) + '/' + call.subject;
+      }
+    }
+    if (kind.subject == Subject::descriptor) {
+      call.subject = fileOf(thread, static_cast<int>(argument));
+    }
+    if (isOfTheLoader(call.subject)) return 0;
+    const std::uint64_t flags = notice.data.args[kind.argument + 1];
+    if (kind.errors == opening && (flags & O_CREAT) != 0)
+      call.errors.insert(call.errors.begin(), ENOSPC);
+
+    int error = 0;
+    if (run_.calls.size() == injection_.index) {
+      error =
+          injection_.kills ? Injection::kill : call.errors[injection_.error % call.errors.size()];
+      run_.injected = call;
+      run_.error = error;
+    }
+    if (notice.data.nr == SYS_execve && error == 0) executed_.insert(thread);
+    run_.calls.push_back(std::move(call));
+    return error;
+  }
+
+  /// Whether a thread belongs to the process or to a child that runs the same program.
+  bool isOurs(pid_t thread) {
+    if (thread == process_) return true;
+    std::ifstream status("/proc/" + std::to_string(thread) + "/status");
+    for (std::string word; status >> word;) {
+      pid_t group = 0;
+      if (word == "Tgid:" && status >> group) return !executed_.contains(group);
+    }
+    return false;
+  }
+
+  const UniqueFd listener_;
+  const pid_t process_;
+  const Shared& shared_;
+  const Injection& injection_;
+  GatedRun& run_;
+  std::set<pid_t> executed_;
+};
+
+CallGate::CallGate()
+    : shared_(new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
+                          MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared) {
+  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, transport_) != 0) {
+    throw std::runtime_error("socketpair");
+  }
+}
+
+CallGate::~CallGate() {
+  for (const int end : transport_) {
+    if (end >= 0) ::close(end);
+  }
+  ::munmap(shared_, sizeof *shared_);
+}
+
+void CallGate::enter() {
+  ::dup3(transport_[1], transportNumber, O_CLOEXEC);
+  for (int& end : transport_) ::close(std::exchange(end, -1));
+  UniqueFd listener = installFilter();
+  if (!listener) ::_exit(79);
+  sendDescriptor(listener.get());
+  ::close(transportNumber);
+}
+
+void CallGate::arm(bool isArmed) noexcept {
+  shared_->isArmed = isArmed;
+}
+
+GatedRun CallGate::run(const std::function<void()>& child, const Injection& injection) {
+  GatedRun run;
+  arm(false);
+  ChildProcess process(child);
+  ::close(std::exchange(transport_[1], -1));
+  UniqueFd listener = receiveDescriptor(transport_[0]);
+  if (listener) {
+    Supervisor(std::move(listener), process.pid(), *shared_, injection, run).serve();
+  }
+  run.status = run.isHung ? process.kill() : process.wait();
+  return run;
+}
+
+bool CallGate::isSupported() {
+  ChildProcess child([] { ::_exit(installFilter() ? 0 : 1); });
+  return child.wait() == 0;
+}
+
+}  // namespace velum::test

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace velum::test {
+
+/// A system call that a gated process is about to make.
+struct GatedCall {
+  std::string name;
+  std::string subject;      ///< The path or the descriptor's file; may be empty.
+  std::vector<int> errors;  ///< What may be wrong with it, as errno values.
+
+  bool isOneOf(std::initializer_list<const char*> names) const;
+  std::string text() const { return name + " (" + subject + ")"; }
+};
+
+/// What is done to the call of that index, counted from 0 while the gate is armed.
+struct Injection {
+  static constexpr int kill = -1;  ///< SIGKILL for the process, instead of an errno.
+
+  std::size_t index = SIZE_MAX;
+  std::size_t error = 0;  ///< Index into the call's errors, which are taken in turn.
+  bool kills = false;
+};
+
+/// What became of a gated process.
+struct GatedRun {
+  int status = -1;  ///< Of wait(2).
+  bool isHung = false;
+  std::vector<GatedCall> calls;
+  std::optional<GatedCall> injected;
+  int error = 0;  ///< What was injected: an errno or Injection::kill.
+};
+
+/// Lets the system calls of a forked process through one by one: those that touch files, memory
+/// maps, sockets, processes and event sources are reported to this process (seccomp user
+/// notification), which lets them happen, fail or kill the caller. Needs no privilege and no
+/// tracing, so it works in containers and under the sanitizers; other calls run at full speed.
+///
+/// Threads and forked children of the process count as well; programs that they execute don't,
+/// nor do calls of the dynamic loader for libraries.
+class CallGate {
+ public:
+  CallGate();
+  CallGate(const CallGate&) = delete;
+  CallGate& operator=(const CallGate&) = delete;
+  ~CallGate();
+
+  /// In the child: from now on its calls come to the gate, where only armed ones are counted.
+  void enter();
+  void arm(bool isArmed) noexcept;
+
+  /// Forks `child`, which calls `enter`, and serves its calls until it ends or the time is up.
+  GatedRun run(const std::function<void()>& child, const Injection& injection);
+
+  /// Whether this system has such a gate.
+  static bool isSupported();
+
+ private:
+  struct Shared;
+  class Supervisor;
+
+  Shared* shared_;  // mapped into the child as well
+  int transport_[2] = {-1, -1};
+};
+
+}  // namespace velum::test

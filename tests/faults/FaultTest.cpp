@@ -1,0 +1,247 @@
+#include "tests/faults/FaultTest.h"
+
+#include <sys/mman.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <set>
+
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Environment.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace velum::test {
+namespace {
+
+namespace fs = std::filesystem;
+using Names = std::set<std::string>;
+
+Names filesBelow(const std::string& folder) {
+  Names names;
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    names.insert(fs::relative(entry.path(), folder).string());
+  }
+  return names;
+}
+
+std::size_t openDescriptors() {
+  return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), {}));
+}
+
+/// What a child tells its parent, in memory that they share.
+struct Notes {
+  bool isSuccess;
+  std::size_t descriptors;
+  std::array<char, 32 * 1024> files;
+
+  void put(const Names& names) {
+    std::string text;
+    for (const std::string& name : names) text += name + '\n';
+    text.copy(files.data(), files.size() - 1);
+  }
+  Names names() const {
+    Names result;
+    std::istringstream lines(files.data());
+    for (std::string line; std::getline(lines, line);) result.insert(line);
+    return result;
+  }
+};
+
+class SharedNotes {
+ public:
+  SharedNotes()
+      : notes_(static_cast<Notes*>(::mmap(nullptr, sizeof(Notes), PROT_READ | PROT_WRITE,
+                                          MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
+  SharedNotes(const SharedNotes&) = delete;
+  SharedNotes& operator=(const SharedNotes&) = delete;
+  ~SharedNotes() { ::munmap(notes_, sizeof(Notes)); }
+  Notes* operator->() const { return notes_; }
+
+ private:
+  Notes* notes_;
+};
+
+class Harness {
+ public:
+  explicit Harness(const FaultyOperation& operation) : operation_(operation) {}
+
+  void playAll() {
+    const Played first = play({});
+    if (!first.problems.empty() || !first.isSuccess) {
+      ADD_FAILURE() << "without any fault: " << first.problems;
+      return;
+    }
+    filesAfterRun_ = first.filesAfterRun;
+    filesAtTheEnd_ = first.filesAtTheEnd;
+    descriptors_ = first.descriptors;
+    const bool isShort = first.run.calls.size() <= operation_.mostCalls;
+    for (const std::size_t index : chosenCalls(first.run.calls)) {
+      const std::size_t errors = isShort ? first.run.calls[index].errors.size() : 1;
+      for (std::size_t error = 0; error < errors; ++error) {
+        inject({.index = index, .error = isShort ? error : index});
+      }
+      inject({.index = index, .kills = true});
+    }
+    std::cout << "[  faults  ] " << first.run.calls.size() << " calls, " << failures_
+              << " failures, " << kills_ << " kills\n";
+    EXPECT_GT(failures_, 0U);
+    EXPECT_GT(kills_, 0U);
+    // Only now: a child would take a failure it inherits for its own.
+    for (const std::string& report : reports_) ADD_FAILURE() << report;
+  }
+
+ private:
+  struct Played {
+    GatedRun run;
+    bool isSuccess;
+    Names filesAfterRun;
+    Names filesAtTheEnd;
+    std::size_t descriptors;
+    std::string problems;
+  };
+
+  /// All of a short operation; of a long one the first two and the last of equal calls.
+  std::vector<std::size_t> chosenCalls(const std::vector<GatedCall>& calls) const {
+    std::map<std::string, std::vector<std::size_t>> groups;
+    for (std::size_t index = 0; index < calls.size(); ++index) {
+      if (operation_.isSpared(calls[index])) continue;
+      const bool isShort = calls.size() <= operation_.mostCalls;
+      groups[isShort ? "all" : calls[index].text()].push_back(index);
+    }
+    std::vector<std::size_t> chosen;
+    for (const auto& [text, indexes] : groups) {
+      if (text != "all" && indexes.size() > 3) {
+        chosen.insert(chosen.end(), {indexes[0], indexes[1], indexes.back()});
+      } else {
+        chosen.insert(chosen.end(), indexes.begin(), indexes.end());
+      }
+    }
+    std::ranges::sort(chosen);
+    return chosen;
+  }
+
+  Played play(const Injection& injection) const {
+    const TemporaryFolder folder;
+    const SharedNotes notes;
+    CallGate gate;
+    Played played{};
+    played.run = gate.run(guarded([&] { playInChild(folder.path(), gate, notes); }), injection);
+    played.isSuccess = notes->isSuccess;
+    if (played.run.error == Injection::kill) {
+      ChildProcess child(guarded([&] {
+        operation_.enter(folder.path());
+        operation_.verify(Outcome::killed);
+        tryAgain();
+      }));
+      if (child.wait() != 0) played.problems += "\n  what comes next is wrong, see above";
+    } else if (played.run.isHung) {
+      played.problems += "\n  hangs";
+    } else if (played.run.status != 0) {
+      const int status = played.run.status;
+      played.problems += WIFSIGNALED(status)
+                             ? "\n  ended by signal " + std::to_string(WTERMSIG(status))
+                             : "\n  failed, see above: " + std::to_string(WEXITSTATUS(status));
+    }
+    played.filesAfterRun = notes->names();
+    played.filesAtTheEnd = filesBelow(folder.path());
+    played.descriptors = notes->descriptors;
+    return played;
+  }
+
+  /// An exception must not lead a child out of its part.
+  static std::function<void()> guarded(const std::function<void()>& body) {
+    return [body] {
+      try {
+        body();
+      } catch (const std::exception& error) {
+        ADD_FAILURE() << "throws " << error.what();
+      }
+    };
+  }
+
+  void playInChild(const std::string& folder, CallGate& gate, const SharedNotes& notes) const {
+    operation_.enter(folder);
+    operation_.prepare();
+    gate.enter();
+    gate.arm(true);
+    const bool isSuccess = operation_.run();
+    gate.arm(false);
+    notes->isSuccess = isSuccess;
+    notes->put(filesBelow(folder));
+    operation_.verify(isSuccess ? Outcome::succeeded : Outcome::failed);
+    tryAgain();
+    notes->descriptors = openDescriptors();
+  }
+
+  void tryAgain() const {
+    EXPECT_TRUE(operation_.again ? operation_.again() : operation_.run()) << "a later try";
+    operation_.verify(Outcome::succeeded);
+  }
+
+  void inject(const Injection& injection) {
+    SCOPED_TRACE("call " + std::to_string(injection.index) +
+                 (injection.kills ? ", killed" : ", error " + std::to_string(injection.error)));
+    Played played = play(injection);
+    if (!played.run.injected) return;  // it went another way this time
+    ++(injection.kills ? kills_ : failures_);
+    const GatedCall& call = *played.run.injected;
+    const int error = played.run.error;
+    std::string& problems = played.problems;
+    if (error == Injection::kill) {
+      problems += unexpected(played.filesAtTheEnd, filesAtTheEnd_, operation_.mayRemain);
+    } else if (problems.empty()) {
+      if (!isReportedWell(call, error, played.isSuccess)) {
+        problems += error == EINTR ? "\n  gives up when interrupted" : "\n  nobody hears of it";
+      }
+      Names known = filesAtTheEnd_;
+      known.insert(filesAfterRun_.begin(), filesAfterRun_.end());
+      const bool isTidying = call.name == "unlink" || operation_.isTidying(call);
+      const auto mayRemain = [&](const std::string&) { return isTidying; };
+      problems += unexpected(played.filesAfterRun, known, mayRemain);
+      problems += unexpected(played.filesAtTheEnd, known, mayRemain);
+      if (played.descriptors > descriptors_) problems += "\n  a descriptor stays open";
+    }
+    if (problems.empty()) return;
+    reports_.push_back("call " + std::to_string(injection.index) + ", " + call.text() + ", " +
+                       (error == Injection::kill ? "killed" : ::strerrorname_np(error)) + ":" +
+                       problems);
+  }
+
+  bool isReportedWell(const GatedCall& call, int error, bool isSuccess) const {
+    return error == EINTR ? isSuccess || operation_.mayGiveUp(call)
+                          : !isSuccess || operation_.mayHide(call) || operation_.isTidying(call);
+  }
+
+  static std::string unexpected(const Names& found, const Names& known,
+                                const std::function<bool(const std::string&)>& mayRemain) {
+    std::string text;
+    for (const std::string& name : found) {
+      if (!known.contains(name) && !mayRemain(name)) text += "\n  left behind: " + name;
+    }
+    return text;
+  }
+
+  const FaultyOperation& operation_;
+  Names filesAfterRun_;
+  Names filesAtTheEnd_;
+  std::size_t descriptors_ = 0;
+  std::size_t failures_ = 0;
+  std::size_t kills_ = 0;
+  std::vector<std::string> reports_;
+};
+
+}  // namespace
+
+void failEveryCall(const FaultyOperation& operation) {
+  if (!CallGate::isSupported()) GTEST_SKIP() << "calls can't be gated here";
+  // Where fsync(2) costs nothing.
+  const char* const memory = "/dev/shm";
+  const ScopedVariable temporary("TMPDIR", ::access(memory, W_OK) == 0 ? memory : "/tmp");
+  Harness(operation).playAll();
+}
+
+}  // namespace velum::test

@@ -1,0 +1,227 @@
+// Every system call of the storages fails once, and once the process is killed there.
+
+#include "Velum/AtomicFile.h"
+#include "Velum/Platform/Linux/SecretStoreLinux.h"
+#include "Velum/Platform/UserDefaults.h"
+#include "Velum/SealedBox.h"
+#include "Velum/SecureDefaults.h"
+#include "Velum/SecureStorage.h"
+#include "Velum/SystemError.h"
+#include "tests/faults/FaultTest.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace velum::test {
+namespace {
+
+const std::string oldContent = "old";
+const std::string newContent(20'000, 'n');
+
+/// What a storage holds after one value in it was replaced, or added where there was none.
+void expectContent(const std::string& content, Outcome outcome) {
+  if (outcome == Outcome::succeeded) {
+    EXPECT_EQ(content, newContent);
+  } else {
+    EXPECT_TRUE(content == oldContent || content == newContent) << content.substr(0, 20);
+  }
+}
+
+PropertyList text(std::string value) {
+  return PropertyList(std::move(value));
+}
+std::string textOf(const std::optional<PropertyList>& value) {
+  return value ? *value->get<std::string>() : "";
+}
+
+/// A bare session: secrets go to the vault.
+void enterSession(const std::string& folder) {
+  for (const char* name : {"HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_RUNTIME_DIR"}) {
+    ::setenv(name, folder.c_str(), 1);
+  }
+  for (const char* name :
+       {"DBUS_SESSION_BUS_ADDRESS", "DISPLAY", "WAYLAND_DISPLAY", "CREDENTIALS_DIRECTORY"}) {
+    ::unsetenv(name);
+  }
+}
+
+/// Locks are missing on some file systems, and then nothing is excluded; what was left by a killed
+/// process may be in the way or not.
+bool isOfNoMatter(const GatedCall& call) {
+  return call.isOneOf({"flock", "unlink"});
+}
+
+TEST(Faults, AtomicFile) {
+  std::string path;
+  const auto replace = [&](const std::string& content) {
+    try {
+      AtomicFile(path, 0644).replace(content, "test");
+    } catch (const SystemError&) {
+      return false;
+    }
+    return true;
+  };
+  failEveryCall({
+      .enter =
+          [&](const std::string& folder) {
+            path = folder + "/file";
+            AtomicFile(path).removeLeftovers();
+          },
+      .prepare = [&] { replace(oldContent); },
+      .run = [&] { return replace(newContent); },
+      .verify = [&](Outcome outcome) { expectContent(readFile(path), outcome); },
+      .mayHide =
+          [](const GatedCall& call) {
+            return call.isOneOf({"flock", "stat"});
+          },
+  });
+}
+
+TEST(Faults, UserDefaults) {
+  std::unique_ptr<UserDefaults> defaults;
+  FaultyOperation operation{
+      .enter =
+          [&](const std::string& folder) {
+            enterSession(folder);
+            defaults = UserDefaults::domain("com.example");
+          },
+      .prepare = [&] { defaults->setObject("key", text(oldContent)); },
+      .run = [&] { return defaults->setObject("key", text(newContent)); },
+      .verify = [&](Outcome outcome) { expectContent(textOf(defaults->object("key")), outcome); },
+      // "/com.example": a folder's fsync(2), which some file systems don't have.
+      .mayHide =
+          [](const GatedCall& call) {
+            return isOfNoMatter(call) || call.isOneOf({"mkdir"}) ||
+                   call.subject.ends_with("/com.example");
+          },
+  };
+  failEveryCall(operation);
+
+  operation.prepare = [] {};  // the first value of all
+  operation.verify = [&](Outcome outcome) {
+    const auto value = defaults->object("key");
+    if (value || outcome == Outcome::succeeded) expectContent(textOf(value), outcome);
+  };
+  failEveryCall(operation);
+}
+
+TEST(Faults, Vault) {
+  SealedBox(SealedBox::newKey()).seal({});  // the library reads its settings once
+  std::unique_ptr<SecretStore> store;
+  const SecretQuery token{"service", "account", {}, false};
+  const auto value = [&] {
+    const SecretResult result = store->copyMatching(token);
+    return std::string(result.data.begin(), result.data.end());
+  };
+  FaultyOperation operation{
+      .enter =
+          [&](const std::string& folder) {
+            enterSession(folder);
+            store = std::make_unique<SecretStoreLinux>(std::chrono::seconds(10));
+          },
+      .prepare = [&] { store->add(token, secretBytes(oldContent)); },
+      .run = [&] { return store->update(token, secretBytes(newContent)) == errSecSuccess; },
+      .verify = [&](Outcome outcome) { expectContent(value(), outcome); },
+      // Whether there is a bus does not matter any more where the vault was chosen.
+      .mayHide =
+          [](const GatedCall& call) {
+            return isOfNoMatter(call) || call.isOneOf({"mkdir"}) || call.subject.ends_with("/bus");
+          },
+  };
+  failEveryCall(operation);
+
+  operation.prepare = [] {};  // the first secret of all, with the choice of place and the key
+  operation.run = [&] { return store->add(token, secretBytes(newContent)) == errSecSuccess; };
+  operation.again = [&] { return operation.run() || value() == newContent; };
+  operation.verify = [&](Outcome outcome) {
+    const SecretStatus status = store->copyMatching(token).status;
+    if (outcome == Outcome::succeeded || status == errSecSuccess) {
+      EXPECT_EQ(value(), newContent);
+    } else {
+      EXPECT_EQ(status, errSecItemNotFound);
+    }
+  };
+  failEveryCall(operation);
+}
+
+/// A key that every process of the test knows.
+class CommonKey final : public KeyChainDataProtocol {
+ public:
+  SecretResult read() override {
+    return {.status = errSecSuccess, .data = SecretBytes(SealedBox::keySize, 7)};
+  }
+  bool store(const std::optional<SecretBytes>& /*value*/) override { return false; }
+};
+
+std::shared_ptr<SecureStorage> sealed(const std::string& folder) {
+  auto storage = std::make_shared<SecureStorage>(std::make_shared<CommonKey>(), folder + "/sealed",
+                                                 /*writeDelay=*/0);
+  storage->load();
+  return storage;
+}
+
+TEST(Faults, SealedStorage) {
+  std::string folder;
+  std::shared_ptr<SecureStorage> storage;
+  failEveryCall({
+      .enter =
+          [&](const std::string& path) {
+            folder = path;
+            storage = sealed(folder);
+          },
+      .prepare = [&] { storage->setObject(text(oldContent), "key"); },
+      .run =
+          [&] {
+            const CapturedLog log;
+            storage->setObject(text(newContent), "key");
+            storage->store();  // writes what the first attempt could not
+            return !log.has("Failed");
+          },
+      // Read anew, as the next process does.
+      .verify =
+          [&](Outcome outcome) { expectContent(textOf(sealed(folder)->object("key")), outcome); },
+      .mayHide =
+          [](const GatedCall& call) {
+            return call.isOneOf({"flock", "stat"});
+          },
+  });
+}
+
+TEST(Faults, GuardedSettings) {
+  std::unique_ptr<SecureDefaults> defaults;
+  std::string folder;
+  const auto make = [&] {
+    defaults = std::make_unique<SecureDefaults>("com.example", sealed(folder));
+    defaults->setCorruptionHandler(
+        [](auto) { ADD_FAILURE() << "takes it for an intruder's work"; });
+  };
+  failEveryCall({
+      .enter =
+          [&](const std::string& path) {
+            folder = path;
+            enterSession(folder);
+            make();
+          },
+      .prepare = [&] { defaults->setString(oldContent, "key"); },
+      .run =
+          [&] {
+            const CapturedLog log;
+            return defaults->setString(newContent, "key") && !log.has("Failed");
+          },
+      .verify =
+          [&](Outcome outcome) {
+            // Killed between the two writes: nobody can tell that from a change by somebody else.
+            if (outcome == Outcome::killed) defaults->setCorruptionHandler({});
+            expectContent(defaults->string("key").value_or(""), outcome);
+            make();  // and what the next process finds
+            expectContent(defaults->string("key").value_or(""), outcome);
+          },
+      .mayHide =
+          [](const GatedCall& call) {
+            return isOfNoMatter(call) || call.isOneOf({"mkdir", "stat"}) ||
+                   call.subject.ends_with("/com.example");
+          },
+  });
+}
+
+}  // namespace
+}  // namespace velum::test

@@ -9,10 +9,10 @@
 #include <utility>
 
 #include "Velum/Fatal.h"
+#include "Velum/ForkSafeLock.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/AtFork.h"
 #include "Velum/SystemError.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 namespace {
@@ -41,7 +41,7 @@ std::atomic<std::uint64_t>& responses() {
 }
 
 /// The observers of requests, one per message.
-class Listeners final : public ForkParticipant {
+class Listeners {
  public:
   static Listeners& shared() {
     static Listeners& instance = *new Listeners;  // NOLINT(*-owning-memory): never destroyed
@@ -64,16 +64,12 @@ class Listeners final : public ForkParticipant {
     observers_.erase(entry);
   }
 
-  void prepareFork() noexcept override { lock_.lock(); }
-  void afterForkInParent() noexcept override { lock_.unlock(); }
-  void afterForkInChild() noexcept override { lock_.resetAfterFork(); }
-
  private:
   using Observer = std::unique_ptr<NotifyCenter::Observer>;
 
-  Listeners() : ForkParticipant(Stage::leaf) { registerForFork(); }
+  Listeners() = default;
 
-  UnfairLock lock_;
+  ForkSafeLock lock_{ForkSafeLock::Stage::leaf};
   std::map<std::string, Observer> observers_;
 };
 
@@ -105,22 +101,20 @@ class IPCDarwinMessageQueue::Turn final : public ForkParticipant {
     return pending_.compare_exchange_strong(none, 1);
   }
   void run(const Work& work) noexcept {
-    const std::lock_guard guard(lock_);
+    const std::lock_guard guard(turn_);
+    const unsigned generation = forkGeneration();
     work();
-    pending_.fetch_sub(1);
+    if (generation == forkGeneration()) pending_.fetch_sub(1);  // else it was the parent's
   }
 
-  // A fork does not wait for handlers; the child's queue is empty.
+  // The child's queue is empty.
   void prepareFork() noexcept override {}
   void afterForkInParent() noexcept override {}
-  void afterForkInChild() noexcept override {
-    pending_ = 0;
-    lock_.resetAfterFork();
-  }
+  void afterForkInChild() noexcept override { pending_ = 0; }
 
  private:
   std::atomic<int> pending_{0};
-  UnfairLock lock_;
+  ForkSafeTurn turn_;
 };
 
 IPCDarwinMessageQueue::IPCDarwinMessageQueue()

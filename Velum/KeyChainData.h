@@ -3,9 +3,9 @@
 #include <optional>
 #include <string>
 
+#include "Velum/ForkSafeLock.h"
 #include "Velum/Platform/SecretStore.h"
 #include "Velum/SecretBytes.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 
@@ -48,7 +48,7 @@ class KeyChainData final : public KeyChainDataProtocol {
 
   const std::string key_;
   SecretStore& store_;
-  UnfairLock lock_;
+  ForkSafeLock lock_{ForkSafeLock::Stage::leaf};
   std::optional<SecretBytes> data_;  // nothing: not read yet
 };
 

@@ -4,9 +4,8 @@
 
 #include "Velum/DefaultsConversions.h"
 #include "Velum/Fatal.h"
+#include "Velum/ForkSafeLock.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/AtFork.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 namespace {
@@ -53,37 +52,24 @@ std::unique_ptr<UserDefaults> domainNamed(const std::string& name) {
 
 }  // namespace
 
-struct SecureDefaults::State final : ForkParticipant {
-  State() : ForkParticipant(Stage::service) { registerForFork(); }
-  State(const State&) = delete;
-  State& operator=(const State&) = delete;
-  ~State() override { unregisterForFork(); }
-
-  void prepareFork() noexcept override { small.lock(); }
-  void afterForkInParent() noexcept override { small.unlock(); }
-  // Somebody may be reading or writing files under `lock`, also the forking thread: nobody waits.
-  void afterForkInChild() noexcept override {
-    small.resetAfterFork();
-    lock.resetAfterFork();
-  }
-
-  UnfairLock lock;   // makes one step of comparing, repairing and writing domain and copy
-  UnfairLock small;  // guards what follows; taken after `lock`
+struct SecureDefaults::State {
+  ForkSafeTurn turn;  // makes one step of comparing, repairing and writing domain and copy
+  ForkSafeLock lock{ForkSafeLock::Stage::service};  // guards what follows
   CorruptionHandler handler;
   /// The domain as it was when it could not be repaired; reads of it go to the copy.
   std::optional<std::optional<Entries>> unrepaired;
 
   bool isUnrepaired() {
-    const std::lock_guard guard(small);
+    const std::lock_guard guard(lock);
     return unrepaired.has_value();
   }
   void setRepaired() {
-    const std::lock_guard guard(small);
+    const std::lock_guard guard(lock);
     unrepaired.reset();
   }
   /// False when it was so already.
   bool setUnrepaired(std::optional<Entries> domain) {
-    const std::lock_guard guard(small);
+    const std::lock_guard guard(lock);
     if (unrepaired && *unrepaired == domain) return false;
     unrepaired.emplace(std::move(domain));
     return true;
@@ -113,14 +99,14 @@ KeyStorageProtocol& SecureDefaults::cache() {
 }
 
 void SecureDefaults::setCorruptionHandler(CorruptionHandler handler) {
-  const std::lock_guard guard(state_->small);
+  const std::lock_guard guard(state_->lock);
   std::swap(state_->handler, handler);  // the old one is destroyed without the lock
 }
 
 void SecureDefaults::handleCorruption(DefaultsCorruptionReason reason) {
   CorruptionHandler handler;
   {
-    const std::lock_guard guard(state_->small);
+    const std::lock_guard guard(state_->lock);
     handler = state_->handler;
   }
   if (handler) handler(reason);
@@ -129,7 +115,7 @@ void SecureDefaults::handleCorruption(DefaultsCorruptionReason reason) {
 void SecureDefaults::repairIfChanged(std::string_view key) {
   cache();  // made without a lock
   {
-    const std::lock_guard guard(state_->lock);
+    const std::lock_guard guard(state_->turn);
     if (!findChangeLk(key)) return;
   }
   if (!isSilent()) logError(site, "Default {} was changed in defaults.plist", key);
@@ -139,7 +125,7 @@ void SecureDefaults::repairIfChanged(std::string_view key) {
 /// Repairs the domain when the value of `key` was changed in it. Returns whether there is a change
 /// to be reported.
 bool SecureDefaults::findChangeLk(std::string_view key) {
-  state_->lock.assertHeld();
+  state_->turn.assertHeld();
   auto domain = defs_->persistentDomain();
   if (isSame(found(domain.value_or(Entries{}), key), cache_->object(key))) return false;
 
@@ -231,7 +217,7 @@ bool SecureDefaults::setObject(std::optional<PropertyList> value, std::string_vi
 
 bool SecureDefaults::write(const std::optional<PropertyList>& value, std::string_view key) {
   KeyStorageProtocol& copy = cache();
-  const std::lock_guard guard(state_->lock);
+  const std::lock_guard guard(state_->turn);
   Stored before;
   bool isCopyChanged = false;
   const bool isWritten = defs_->change([&](Entries& entries) {
@@ -300,7 +286,7 @@ Entries SecureDefaults::persistentDomain() {
 }
 
 bool SecureDefaults::setPersistentDomain(Entries entries) {
-  const std::lock_guard guard(state_->lock);
+  const std::lock_guard guard(state_->turn);
   return defs_->setPersistentDomain(std::move(entries));
 }
 

@@ -5,9 +5,9 @@
 #include <mutex>
 #include <utility>
 
+#include "Velum/ForkSafeLock.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/String.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 namespace {
@@ -124,7 +124,7 @@ class RetryingRequest final : public URLTask, public std::enable_shared_from_thi
   const unsigned retries_;
   URLCompletion completion_;  // of the attempt under way, which is one at a time
 
-  mutable UnfairLock lock_;  // guards what is below
+  mutable ForkSafeLock lock_{ForkSafeLock::Stage::leaf};  // guards what is below
   unsigned attempt_ = 1;
   bool isCancelled_ = false;
   std::shared_ptr<URLTask> task_;

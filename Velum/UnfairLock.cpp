@@ -76,9 +76,11 @@ void UnfairLock::unlock() noexcept {
 }
 
 void UnfairLock::assertHeld() const noexcept {
-  if (checksOwner && owner(word_->load(std::memory_order_relaxed)) != selfId()) {
-    fatal("UnfairLock: not held by this thread");
-  }
+  if (checksOwner && !isHeld()) fatal("UnfairLock: not held by this thread");
+}
+
+bool UnfairLock::isHeld() const noexcept {
+  return owner(word_->load(std::memory_order_relaxed)) == selfId();
 }
 
 void UnfairLock::resetAfterFork() noexcept {

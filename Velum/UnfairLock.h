@@ -26,6 +26,8 @@ class UnfairLock {
 
   /// Stops a debug build unless the calling thread holds the lock. For routines named ...Lk.
   void assertHeld() const noexcept;
+  /// Whether the calling thread holds the lock.
+  bool isHeld() const noexcept;
 
   /// For a forked child only, whose single thread inherited the lock in an unknown state.
   void resetAfterFork() noexcept;

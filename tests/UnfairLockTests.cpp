@@ -12,7 +12,9 @@
 #include <thread>
 #include <vector>
 
+#include "Velum/ForkSafeLock.h"
 #include "Velum/Platform/Thread.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Waiting.h"
 
 namespace velum {
@@ -100,7 +102,60 @@ TEST(UnfairLock, StopsDebugBuildsThatMisuseIt) {
   EXPECT_DEATH(std::thread([&] { lock.unlock(); }).join(), "not held by this thread");
   lock.assertHeld();
 }
+
+TEST(ForkSafeLock, StopsDebugBuildsThatTakeItOutOfOrder) {
+  using Stage = ForkSafeLock::Stage;
+  ForkSafeLock service(Stage::service);
+  ForkSafeLock other(Stage::service);
+  ForkSafeLock handler(Stage::handler);
+  ForkSafeLock leaf(Stage::leaf);
+  ForkSafeTurn turn;  // which no fork waits for
+  const auto holding = [&](const auto& work) {
+    const std::lock_guard first(service);
+    const std::lock_guard second(turn);
+    const std::lock_guard third(leaf);
+    work();
+  };
+  holding([] {});
+  EXPECT_DEATH(holding([&] { other.lock(); }), "same stage or a later one");
+  EXPECT_DEATH(holding([&] { handler.lock(); }), "same stage or a later one");
+  EXPECT_DEATH(holding([] { ForkSafeTurn(); }), "made or destroyed while a lock .* is held");
+}
 #endif
+
+// Locks come and go in any order while the process forks; every child finds them free but for the
+// turn that its only thread has.
+TEST(ForkSafeLock, IsFreeInAChildWhoeverHeldItInTheParent) {
+  ForkSafeLock service(ForkSafeLock::Stage::service);
+  ForkSafeLock leaf(ForkSafeLock::Stage::leaf);
+  ForkSafeTurn mine;
+  ForkSafeTurn others;
+  std::atomic<bool> isOver{false};
+  std::thread user([&] {
+    const std::lock_guard turn(others);
+    while (!isOver) {
+      ForkSafeLock first(ForkSafeLock::Stage::leaf);
+      auto second = std::make_unique<ForkSafeLock>(ForkSafeLock::Stage::leaf);
+      const ForkSafeLock third(ForkSafeLock::Stage::leaf);
+      second.reset();
+      const std::lock_guard guard(service);
+      const std::lock_guard inner(leaf);
+    }
+  });
+  {
+    const std::lock_guard guard(mine);
+    for (int i = 0; i < 100; ++i) {
+      test::inChild([&] {
+        EXPECT_TRUE(mine.isHeld());
+        const std::lock_guard outer(service);
+        const std::lock_guard inner(leaf);
+        const std::lock_guard turn(others);
+      });
+    }
+  }
+  isOver = true;
+  user.join();
+}
 
 }  // namespace
 }  // namespace velum

@@ -221,7 +221,7 @@ std::vector<std::string> FileLogManager::doSaveLogs(std::vector<TempFile> files,
 }
 
 void FileLogManager::resetLog() {
-  const std::lock_guard guard(lock_);
+  const std::lock_guard guard(turn_);
   const UniqueFd live = checked::open(logPath_, O_WRONLY | O_APPEND, 0, resetLogName);
   const FileLock writers(live.get());
   if (::ftruncate(live.get(), 0) != 0) {

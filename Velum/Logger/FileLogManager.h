@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Velum/ForkSafeLock.h"
 #include "Velum/Logger/LogSaving.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 
@@ -55,7 +55,7 @@ class FileLogManager {
                                              const std::string& folder, const LogSavingOpts& opts);
 
   std::string logPath_;
-  UnfairLock lock_;  // of resetLog, against another thread's
+  ForkSafeTurn turn_;  // of resetLog, against another thread's
 };
 
 /// Copies the first `maxSize` bytes of a file, or the last -`maxSize` where that is negative, to

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "Velum/ForkSafeLock.h"
 #include "Velum/Logger/LogSaving.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 
@@ -44,7 +44,7 @@ class LogManager final : public LogManagerProtocol {
  private:
   std::shared_ptr<FileLogManager> files() const;
 
-  mutable UnfairLock lock_;
+  mutable ForkSafeLock lock_{ForkSafeLock::Stage::leaf};
   std::shared_ptr<FileLogManager> files_;
 };
 

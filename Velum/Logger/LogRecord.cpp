@@ -11,9 +11,9 @@
 #include <mutex>
 #include <utility>
 
+#include "Velum/ForkSafeLock.h"
 #include "Velum/Platform/AtFork.h"
 #include "Velum/Platform/Thread.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 namespace {
@@ -24,7 +24,7 @@ using std::chrono::seconds;
 
 /// Breaks times down in the local zone. The C library guards its zone data with a lock that a
 /// forked child may inherit locked for ever; taking our own lock around it closes that hole.
-class LocalCalendar final : public ForkParticipant {
+class LocalCalendar {
  public:
   static LocalCalendar& shared() {
     static LocalCalendar& instance =
@@ -39,17 +39,10 @@ class LocalCalendar final : public ForkParticipant {
     return result;
   }
 
-  void prepareFork() noexcept override { lock_.lock(); }
-  void afterForkInParent() noexcept override { lock_.unlock(); }
-  void afterForkInChild() noexcept override { lock_.resetAfterFork(); }
-
  private:
-  LocalCalendar() : ForkParticipant(Stage::leaf) {
-    ::tzset();
-    registerForFork();
-  }
+  LocalCalendar() { ::tzset(); }
 
-  UnfairLock lock_;
+  ForkSafeLock lock_{ForkSafeLock::Stage::leaf};
 };
 
 // Made when the program starts: making it registers it, which must not happen under a lock.

@@ -5,36 +5,27 @@
 #include <mutex>
 
 #include "Velum/Fatal.h"
+#include "Velum/ForkSafeLock.h"
 #include "Velum/Logger/Handlers/NSLogHandler.h"
 #include "Velum/Logger/LogRecord.h"
-#include "Velum/Platform/AtFork.h"
 #include "Velum/String.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 
 /// The handler list. Readers share it for the time of one record; setters replace it.
-struct Logger::State final : ForkParticipant {
-  State() : ForkParticipant(Stage::handler), handlers(defaultHandlers()) { registerForFork(); }
-  State(const State&) = delete;
-  State& operator=(const State&) = delete;
-  ~State() override { unregisterForFork(); }
-
+struct Logger::State {
   static std::shared_ptr<const Handlers> defaultHandlers() {
     return std::make_shared<const Handlers>(Handlers{std::make_shared<NSLogHandler>()});
   }
-
-  void prepareFork() noexcept override { lock.lock(); }
-  void afterForkInParent() noexcept override { lock.unlock(); }
-  void afterForkInChild() noexcept override { lock.resetAfterFork(); }
 
   std::shared_ptr<const Handlers> snapshot() const {
     const std::lock_guard guard(lock);
     return handlers;
   }
 
-  mutable UnfairLock lock;
-  std::shared_ptr<const Handlers> handlers;
+  // The first stage: a record that is written under any lock that fork takes would be out of order.
+  mutable ForkSafeLock lock{ForkSafeLock::Stage::handler};
+  std::shared_ptr<const Handlers> handlers = defaultHandlers();
 };
 
 namespace detail {

@@ -6,7 +6,8 @@ namespace velum {
 
 /// A library must survive the fork(2) of a process that has several threads: the child owns a copy
 /// of every lock, in whatever state some other thread had it, and shares every open file with the
-/// parent. An object that owns a lock or a descriptor registers here.
+/// parent. An object that owns a lock or a descriptor registers here; one that has nothing but a
+/// lock uses Velum/ForkSafeLock.h, which does.
 ///
 /// Before a fork, `prepareFork` of every participant runs, in the order of their stages (locks are
 /// taken in the same order as in normal work, which excludes deadlock); afterwards the other two
@@ -28,14 +29,22 @@ class ForkParticipant {
   explicit ForkParticipant(Stage stage) noexcept : stage_(stage) {}
   virtual ~ForkParticipant() = default;
 
-  /// First and last thing the most derived class does with itself. Never called while a lock of
-  /// any participant is held: the fork holds the registry while it waits for those locks.
+  /// Last thing in the constructor and first in the destructor of the most derived class; costs the
+  /// same however many there are. Never called while a lock of any participant is held: the fork
+  /// holds the registry while it waits for those locks. Debug builds stop when they know of one.
   void registerForFork();
   void unregisterForFork() noexcept;
 
+  /// Around the time in which a thread holds the object's one lock. Debug builds stop a thread that
+  /// holds one of the same stage or a later one already.
+  void noteLocking() const noexcept;
+  void noteUnlocked() const noexcept;
+
  private:
   friend class ForkRegistry;
-  Stage stage_;
+  const Stage stage_;
+  ForkParticipant* previous_ = nullptr;  // both guarded by the registry
+  ForkParticipant* next_ = nullptr;
 };
 
 /// How often this process's ancestors forked it from themselves: differs between parent and child,

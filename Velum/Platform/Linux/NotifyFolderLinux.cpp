@@ -89,14 +89,6 @@ bool isAt(const NotifyFile& file, const std::string& path) noexcept {
 
 }  // namespace
 
-RecentNotifyFiles::RecentNotifyFiles() : ForkParticipant(Stage::leaf) {
-  registerForFork();
-}
-
-RecentNotifyFiles::~RecentNotifyFiles() {
-  unregisterForFork();
-}
-
 RecentNotifyFiles::File RecentNotifyFiles::find(const std::string& name) {
   const std::lock_guard guard(lock_);
   const auto* const place = std::ranges::find(entries_, name, &Entry::name);

@@ -11,9 +11,8 @@
 #include <string>
 #include <string_view>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/ForkSafeLock.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 
@@ -36,14 +35,9 @@ struct NotifyFile {
 };
 
 /// The files used last, kept open: to open one costs more than to read or write it. Any thread.
-class RecentNotifyFiles final : public ForkParticipant {
+class RecentNotifyFiles {
  public:
   using File = std::shared_ptr<const NotifyFile>;
-
-  RecentNotifyFiles();
-  RecentNotifyFiles(const RecentNotifyFiles&) = delete;
-  RecentNotifyFiles& operator=(const RecentNotifyFiles&) = delete;
-  ~RecentNotifyFiles() override;
 
   /// The file kept under that name, whether or not it still has it; null when there is none.
   File find(const std::string& name);
@@ -51,10 +45,6 @@ class RecentNotifyFiles final : public ForkParticipant {
   void keep(const std::string& name, File file);
   void forget(const std::string& name);
   void forgetAll();
-
-  void prepareFork() noexcept override { lock_.lock(); }
-  void afterForkInParent() noexcept override { lock_.unlock(); }
-  void afterForkInChild() noexcept override { lock_.resetAfterFork(); }
 
  private:
   static constexpr std::size_t maxFiles = 8;
@@ -64,7 +54,7 @@ class RecentNotifyFiles final : public ForkParticipant {
   };
   using Entries = std::array<Entry, maxFiles>;
 
-  UnfairLock lock_;
+  ForkSafeLock lock_{ForkSafeLock::Stage::leaf};
   Entries entries_;
   std::size_t next_ = 0;  // to be replaced
 };

@@ -44,11 +44,6 @@ const char* addCertificates(X509_STORE* store, const std::string& text) {
 
 }  // namespace
 
-SigningRoots::SigningRoots(std::string folder)
-    : ForkParticipant(Stage::leaf), folder_(std::move(folder)) {
-  registerForFork();
-}
-
 bool SigningRoots::Entry::operator==(const Entry& other) const noexcept {
   return number == other.number && device == other.device && size == other.size &&
          changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec &&

@@ -5,10 +5,10 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "Velum/Platform/AtFork.h"
-#include "Velum/UnfairLock.h"
+#include "Velum/ForkSafeLock.h"
 
 namespace velum {
 
@@ -19,23 +19,16 @@ namespace velum {
 /// files must belong to root or to this user, and nobody else may write them (not even a group);
 /// neither the folder nor a file may be a symbolic link. The folders above are the administrator's
 /// affair.
-class SigningRoots final : ForkParticipant {
+class SigningRoots final {
  public:
   static constexpr std::size_t maximumFileSize = std::size_t{1} << 20U;
   static constexpr std::size_t maximumFiles = 1000;
 
-  explicit SigningRoots(std::string folder);
-  SigningRoots(const SigningRoots&) = delete;
-  SigningRoots& operator=(const SigningRoots&) = delete;
-  ~SigningRoots() override { unregisterForFork(); }
+  explicit SigningRoots(std::string folder) : folder_(std::move(folder)) {}
 
   /// The certificates as the folder holds them now; read again only when it or one of its files
   /// has changed. Throws CodeRefused. Any thread.
   std::shared_ptr<X509_STORE> load();
-
-  void prepareFork() noexcept override { lock_.lock(); }
-  void afterForkInParent() noexcept override { lock_.unlock(); }
-  void afterForkInChild() noexcept override { lock_.resetAfterFork(); }
 
  private:
   /// What tells one state of the folder from another: the kernel sets a file's ctime anew with
@@ -66,7 +59,7 @@ class SigningRoots final : ForkParticipant {
   static bool isSettled(const Listing& listing);
 
   const std::string folder_;
-  UnfairLock lock_;
+  ForkSafeLock lock_{ForkSafeLock::Stage::leaf};
   std::shared_ptr<const Loaded> loaded_;  // guarded by the lock
 };
 

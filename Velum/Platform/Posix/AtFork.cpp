@@ -2,16 +2,33 @@
 
 #include <pthread.h>
 
-#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <mutex>
 #include <system_error>
-#include <vector>
+
+#include "Velum/Fatal.h"
 
 namespace velum {
 namespace {
 
 std::atomic<unsigned> generation{0};
+
+#ifdef NDEBUG
+constexpr bool checksOrder = false;
+#else
+constexpr bool checksOrder = true;
+#endif
+
+/// The stages whose locks the thread holds, a bit for each.
+thread_local constinit unsigned heldStages = 0;
+
+void requireNoneHeld() noexcept {
+  if (checksOrder && heldStages != 0) {
+    fatal("ForkParticipant: made or destroyed while a lock that fork takes is held");
+  }
+}
 
 }  // namespace
 
@@ -19,7 +36,7 @@ unsigned forkGeneration() noexcept {
   return generation.load(std::memory_order_relaxed);
 }
 
-/// The process's participants, kept in the order of their stages.
+/// The process's participants, a list for each stage, threaded through the participants.
 class ForkRegistry {
  public:
   static ForkRegistry& shared() {
@@ -27,44 +44,64 @@ class ForkRegistry {
     return instance;
   }
 
-  void add(ForkParticipant& participant) {
+  void add(ForkParticipant& participant) noexcept {
     const std::lock_guard guard(mutex_);
-    const auto position =
-        std::upper_bound(participants_.begin(), participants_.end(), &participant,
-                         [](const auto* a, const auto* b) { return a->stage_ < b->stage_; });
-    participants_.insert(position, &participant);
+    List& list = listOf(participant);
+    participant.previous_ = list.last;
+    (list.last != nullptr ? list.last->next_ : list.first) = &participant;
+    list.last = &participant;
   }
 
   void remove(ForkParticipant& participant) noexcept {
     const std::lock_guard guard(mutex_);
-    std::erase(participants_, &participant);
+    List& list = listOf(participant);
+    auto* const previous = participant.previous_;
+    auto* const next = participant.next_;
+    (previous != nullptr ? previous->next_ : list.first) = next;
+    (next != nullptr ? next->previous_ : list.last) = previous;
   }
 
  private:
+  struct List {
+    ForkParticipant* first = nullptr;
+    ForkParticipant* last = nullptr;
+  };
+
   ForkRegistry() {
     const int error = ::pthread_atfork([] { shared().prepare(); }, [] { shared().parent(); },
                                        [] { shared().child(); });
     if (error != 0) throw std::system_error(error, std::generic_category(), "pthread_atfork");
   }
 
+  List& listOf(const ForkParticipant& participant) noexcept {
+    return lists_.at(static_cast<std::size_t>(participant.stage_));
+  }
+
   void prepare() noexcept {
     mutex_.lock();
-    for (auto* participant : participants_) participant->prepareFork();
+    for (const List& list : lists_) {
+      for (auto* at = list.first; at != nullptr; at = at->next_) at->prepareFork();
+    }
   }
   void parent() noexcept {
-    std::for_each(participants_.rbegin(), participants_.rend(),
-                  [](auto* participant) { participant->afterForkInParent(); });
+    forEachBackwards([](ForkParticipant& participant) { participant.afterForkInParent(); });
     mutex_.unlock();
   }
   void child() noexcept {
     generation.fetch_add(1, std::memory_order_relaxed);
-    std::for_each(participants_.rbegin(), participants_.rend(),
-                  [](auto* participant) { participant->afterForkInChild(); });
+    forEachBackwards([](ForkParticipant& participant) { participant.afterForkInChild(); });
     mutex_.unlock();  // the child's only thread is the one that locked it
   }
 
+  template <class Use>
+  void forEachBackwards(Use use) noexcept {
+    for (auto list = lists_.rbegin(); list != lists_.rend(); ++list) {
+      for (auto* at = list->last; at != nullptr; at = at->previous_) use(*at);
+    }
+  }
+
   std::mutex mutex_;
-  std::vector<ForkParticipant*> participants_;
+  std::array<List, static_cast<std::size_t>(ForkParticipant::Stage::leaf) + 1> lists_;
 };
 
 namespace {
@@ -75,11 +112,25 @@ namespace {
 }  // namespace
 
 void ForkParticipant::registerForFork() {
+  requireNoneHeld();
   ForkRegistry::shared().add(*this);
 }
 
 void ForkParticipant::unregisterForFork() noexcept {
+  requireNoneHeld();
   ForkRegistry::shared().remove(*this);
+}
+
+void ForkParticipant::noteLocking() const noexcept {
+  if (!checksOrder) return;
+  if (heldStages >> static_cast<unsigned>(stage_) != 0) {
+    fatal("ForkParticipant: locked while a lock of the same stage or a later one is held");
+  }
+  heldStages |= 1U << static_cast<unsigned>(stage_);
+}
+
+void ForkParticipant::noteUnlocked() const noexcept {
+  if (checksOrder) heldStages &= ~(1U << static_cast<unsigned>(stage_));
 }
 
 }  // namespace velum

@@ -1,7 +1,6 @@
 #include "Velum/KeyStorage.h"
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <exception>
 #include <mutex>
@@ -10,12 +9,11 @@
 #include <utility>
 
 #include "Velum/Fatal.h"
+#include "Velum/ForkSafeLock.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/AtFork.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/Platform/Thread.h"
 #include "Velum/StorageError.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 namespace {
@@ -118,21 +116,19 @@ struct KeyStorageBase::State final : ForkParticipant {
   State& operator=(const State&) = delete;
   ~State() override { unregisterForFork(); }
 
-  void prepareFork() noexcept override { lock.lock(); }
-  void afterForkInParent() noexcept override { lock.unlock(); }
-  // A write may be in flight, also on the forking thread, so no fork waits for it. The queue of
-  // the child is empty.
+  void prepareFork() noexcept override {}
+  void afterForkInParent() noexcept override {}
+  // What the parent has not written yet is the parent's to write: by the time the child ends, it
+  // would be older than what is stored.
   void afterForkInChild() noexcept override {
-    lock.resetAfterFork();
-    writing.resetAfterFork();
-    writer = 0;
+    dirty = false;
     isScheduled = false;
   }
 
   const std::shared_ptr<DispatchQueue> queue;
   const std::chrono::nanoseconds writeDelay;
 
-  UnfairLock lock;
+  ForkSafeLock lock{Stage::service};
   Cache cache;
   bool dirty = false;
   // The changes between two writes are a period; its first change schedules its one write. What is
@@ -144,10 +140,8 @@ struct KeyStorageBase::State final : ForkParticipant {
   bool isUnread = false;
   std::set<std::string, std::less<>> removedUnread;
 
-  // Held while the back end works; taken before `lock`.
-  UnfairLock writing;
-  std::atomic<std::uint32_t> writer{0};  // the thread that holds it, 0 when none does
-  KeyStorageBase* storage = nullptr;     // guarded by `writing`; null once `finish` has run
+  ForkSafeTurn writing;               // held while the back end works
+  KeyStorageBase* storage = nullptr;  // guarded by `writing`; null once `finish` has run
 };
 
 namespace {
@@ -157,17 +151,13 @@ namespace {
 template <class State>
 class Turn {
  public:
-  explicit Turn(State& state) : state_(state), isNested_(state.writer == currentThreadId()) {
-    if (isNested_) return;
-    state_.writing.lock();
-    state_.writer = currentThreadId();
+  explicit Turn(State& state) : state_(state), isNested_(state.writing.isHeld()) {
+    if (!isNested_) state_.writing.lock();
   }
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;
   ~Turn() {
-    if (isNested_) return;
-    state_.writer = 0;
-    state_.writing.unlock();
+    if (!isNested_) state_.writing.unlock();
   }
 
   bool isNested() const noexcept { return isNested_; }
@@ -293,6 +283,7 @@ Work KeyStorageBase::writeJob(std::optional<std::uint64_t> period) const {
 
 void KeyStorageBase::writeLk() {
   constexpr std::string_view function = "store()";
+  const unsigned generation = forkGeneration();
   std::optional<std::string> bytes;
   try {
     readUnreadLk();
@@ -306,7 +297,7 @@ void KeyStorageBase::writeLk() {
     if (!bytes) throw StorageError("The values are too deep or too large to be read again");
     storeData(*bytes);
   } catch (const std::exception& error) {
-    {
+    if (generation == forkGeneration()) {  // else it was the parent's write
       const std::lock_guard guard(state_->lock);
       state_->dirty = true;
     }

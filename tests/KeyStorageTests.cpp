@@ -332,8 +332,8 @@ TEST(KeyStorage, ConcurrentWritesNeverOverlapNorLoseAChange) {
   EXPECT_EQ(overlaps, 0);
 }
 
-/// Only counts the writes that hold an entry "child"; needs no lock of its own, which a fork could
-/// find held.
+/// Only counts the writes, and those that hold an entry "child"; needs no lock of its own, which a
+/// fork could find held.
 class ForkedStorage final : public KeyStorageBase {
  public:
   ForkedStorage() : KeyStorageBase("test", 0.001) {}
@@ -341,15 +341,17 @@ class ForkedStorage final : public KeyStorageBase {
   ForkedStorage& operator=(const ForkedStorage&) = delete;
   ~ForkedStorage() override { finish(); }
 
+  std::atomic<int> writes{0};
   std::atomic<int> writesOfChild{0};
 
  protected:
   void storeData(std::string_view bytes) override {
+    ++writes;
     if (PropertyList::read(bytes)->get<bool>("child") != nullptr) ++writesOfChild;
   }
 };
 
-TEST(KeyStorage, WorksInAForkedChild) {
+TEST(KeyStorage, WorksInAForkedChildAndLeavesTheParentsChangesToTheParent) {
   ForkedStorage storage;
   std::atomic<bool> stops{false};
   std::thread other([&] {  // so that the locks are often held when the process forks
@@ -357,6 +359,9 @@ TEST(KeyStorage, WorksInAForkedChild) {
   });
   for (int round = 0; round < 20; ++round) {
     test::inChild([&] {
+      const int before = storage.writes;
+      storage.store();
+      EXPECT_EQ(storage.writes, before);
       storage.setObject(PropertyList(true), "child");
       EXPECT_TRUE(eventually([&] { return storage.writesOfChild > 0; }));
     });

@@ -14,7 +14,7 @@ namespace velum {
 namespace {
 
 constexpr long maxRedirects = 20;
-constexpr long uploadPiece = 256L * 1024;  // bytes that one call reads of a body
+constexpr std::size_t uploadPiece = std::size_t{256} * 1024;  // bytes read of a body at a time
 constexpr std::array<std::string_view, 2> reservedFields{"Content-Length", "Transfer-Encoding"};
 
 std::chrono::nanoseconds timeoutOf(const URLRequest& request) {
@@ -23,21 +23,6 @@ std::chrono::nanoseconds timeoutOf(const URLRequest& request) {
       request.timeoutInterval > 0 ? request.timeoutInterval : URLRequest::defaultTimeout;
   return std::chrono::nanoseconds(static_cast<std::int64_t>(std::min(seconds, week) * 1e9));
 }
-
-/// The body of a request that has it in memory.
-class BytesStream final : public BodyStream {
- public:
-  explicit BytesStream(std::shared_ptr<const URLRequest> request) : request_(std::move(request)) {}
-  std::size_t read(char* buffer, std::size_t size) override {
-    const std::size_t got = request_->body.copy(buffer, size, offset_);
-    offset_ += got;
-    return got;
-  }
-
- private:
-  std::shared_ptr<const URLRequest> request_;
-  std::size_t offset_ = 0;
-};
 
 // The characters that names of methods and header fields are made of.
 bool isToken(std::string_view text) {
@@ -76,7 +61,8 @@ URLExchange::URLExchange(std::shared_ptr<const URLRequest> request, DispatchQueu
       queue_(queue),
       completion_(std::move(completion)),
       canceller_(std::move(canceller)),
-      timeout_(timeoutOf(*request_)) {}
+      timeout_(timeoutOf(*request_)),
+      isRewound_(request_->bodyStream != nullptr) {}
 
 URLExchange& URLExchange::of(CURL* transfer) {
   char* self = nullptr;
@@ -220,7 +206,7 @@ void URLExchange::setBody() {
     isNamed = method == "GET";
   }
   if (!isNamed) set(transfer, CURLOPT_CUSTOMREQUEST, method.c_str());
-  set(transfer, CURLOPT_UPLOAD_BUFFERSIZE, uploadPiece);
+  set(transfer, CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(uploadPiece));
   set(transfer, CURLOPT_READDATA, this);
   set(
       transfer, CURLOPT_READFUNCTION,
@@ -231,8 +217,9 @@ void URLExchange::setBody() {
   set(
       transfer, CURLOPT_SEEKFUNCTION, +[](void* self, curl_off_t offset, int origin) -> int {
         const bool isRewind = offset == 0 && origin == SEEK_SET;
-        return isRewind && static_cast<URLExchange*>(self)->rewindBody() ? CURL_SEEKFUNC_OK
-                                                                         : CURL_SEEKFUNC_FAIL;
+        if (!isRewind) return CURL_SEEKFUNC_FAIL;
+        static_cast<URLExchange*>(self)->rewindBody();
+        return CURL_SEEKFUNC_OK;
       });
 }
 
@@ -259,28 +246,43 @@ bool URLExchange::guarded(Work work) noexcept {
   return false;
 }
 
-void URLExchange::openBody() {
-  body_ =
-      request_->bodyStream ? request_->bodyStream->open() : std::make_unique<BytesStream>(request_);
-  bodyLeft_ = bodySize();
+bool URLExchange::isHungry() const noexcept {
+  return request_->bodyStream && !callbackError_ && taken_ == ahead_.size() &&
+         (isRewound_ || bodyLeft_ > 0);
+}
+
+void URLExchange::feed() noexcept {
+  guarded([this] {
+    if (std::exchange(isRewound_, false)) {
+      body_ = request_->bodyStream->open();
+      bodyLeft_ = bodySize();
+    }
+    ahead_.resize(static_cast<std::size_t>(
+        std::min<std::int64_t>(bodyLeft_, static_cast<std::int64_t>(uploadPiece))));
+    taken_ = 0;
+    if (ahead_.empty()) return;
+    ahead_.resize(body_->read(ahead_.data(), ahead_.size()));
+    bodyLeft_ -= static_cast<std::int64_t>(ahead_.size());
+    if (ahead_.empty()) callbackError_ = bodyEnded();
+  });
 }
 
 std::size_t URLExchange::readBody(char* buffer, std::size_t size) noexcept {
-  std::size_t got = 0;
-  const bool isRead = guarded([&] {
-    if (!body_) openBody();
-    const auto wanted = static_cast<std::size_t>(
-        std::min<std::int64_t>(bodyLeft_, static_cast<std::int64_t>(size)));
-    if (wanted == 0) return;
-    got = body_->read(buffer, wanted);
-    bodyLeft_ -= static_cast<std::int64_t>(got);
-    if (got == 0) callbackError_ = bodyEnded();
-  });
-  return isRead && !callbackError_ ? got : CURL_READFUNC_ABORT;
+  if (callbackError_) return CURL_READFUNC_ABORT;
+  if (isHungry()) {
+    isPaused_ = true;
+    return CURL_READFUNC_PAUSE;
+  }
+  const std::string_view source = request_->bodyStream ? ahead_ : request_->body;
+  const std::size_t got = source.copy(buffer, size, taken_);
+  taken_ += got;
+  return got;
 }
 
-bool URLExchange::rewindBody() noexcept {
-  return guarded([this] { openBody(); });
+void URLExchange::rewindBody() noexcept {
+  isRewound_ = request_->bodyStream != nullptr;
+  ahead_.clear();
+  taken_ = 0;
 }
 
 std::size_t URLExchange::takeHeader(std::string_view line) noexcept {
@@ -328,24 +330,28 @@ void URLExchange::finish(CURLcode result) {
     if (isNoHttp) failure.code = CURLE_WEIRD_SERVER_REPLY;
     curl_easy_getinfo(transfer(), CURLINFO_OS_ERRNO, &failure.systemError);
     curl_easy_getinfo(transfer(), CURLINFO_SSL_VERIFYRESULT, &failure.verifyResult);
-    fail(callbackError_ ? std::move(*callbackError_) : urlError(failure));
+    end(callbackError_ ? std::move(*callbackError_) : urlError(failure));
     return;
   }
   response_.statusCode = static_cast<int>(status);
   response_.url = url == nullptr ? request_->url : url;
   transfer_.reset();
-  complete(std::move(data_), std::move(response_), std::nullopt);
+}
+
+void URLExchange::end(URLError error) {
+  transfer_.reset();
+  error_ = std::move(error);
 }
 
 void URLExchange::fail(URLError error) {
-  transfer_.reset();
-  complete({}, std::nullopt, std::move(error));
+  end(std::move(error));
+  deliver();
 }
 
-void URLExchange::complete(std::string data, std::optional<URLResponse> response,
-                           std::optional<URLError> error) {
+void URLExchange::deliver() {
   if (!completion_) return;
   body_.reset();
+  ahead_ = {};
   // On the heap, because work has to be copyable and the data should not be copied.
   struct Outcome {
     URLCompletion completion;
@@ -353,8 +359,14 @@ void URLExchange::complete(std::string data, std::optional<URLResponse> response
     std::optional<URLResponse> response;
     std::optional<URLError> error;
   };
-  auto outcome = std::make_shared<Outcome>(Outcome{
-      std::exchange(completion_, nullptr), std::move(data), std::move(response), std::move(error)});
+  auto outcome =
+      std::make_shared<Outcome>(Outcome{std::exchange(completion_, nullptr), {}, {}, {}});
+  if (error_) {
+    outcome->error = std::move(error_);
+  } else {
+    outcome->data = std::move(data_);
+    outcome->response = std::move(response_);
+  }
   queue_.async([outcome = std::move(outcome)] {
     outcome->completion(std::move(outcome->data), std::move(outcome->response),
                         std::move(outcome->error));

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Velum/Platform/Linux/CurlErrors.h"
 #include "Velum/Platform/URLLoader.h"
@@ -31,6 +32,9 @@ class SocketOwner {
 
 /// One exchange: a libcurl transfer and what it fills. Made on the caller's thread; from `start`
 /// on, all but `cancel` and `countOfBytesSent` belong to the loader's thread.
+///
+/// What libcurl calls, and `start`, `finish` and `end`, run under the loader's lock, and call no
+/// code of the user's. `feed`, `deliver` and the end of the last reference do, without it.
 class URLExchange final : public URLTask, public std::enable_shared_from_this<URLExchange> {
  public:
   using Clock = std::chrono::steady_clock;
@@ -52,10 +56,21 @@ class URLExchange final : public URLTask, public std::enable_shared_from_this<UR
   /// When the request has timed out unless something moves before.
   Clock::time_point deadline() const noexcept { return lastActivity_ + timeout_; }
 
+  /// Has pieces of the body ready before libcurl asks for them.
+  void feed() noexcept;
+  /// Whether `feed` has something to do.
+  bool isHungry() const noexcept;
+  /// True once after libcurl asked for a piece that was not ready; the transfer has to be woken.
+  bool takePause() noexcept { return std::exchange(isPaused_, false); }
+
   /// The transfer came to its end by itself.
   void finish(CURLcode result);
-  /// Completes with an error, unless the exchange has completed. The transfer is gone then, so it
+  /// The exchange has ended with an error, unless it had ended. The transfer is gone then, so it
   /// must not be with a multi handle any more.
+  void end(URLError error);
+  /// Tells how the exchange ended, once.
+  void deliver();
+  /// Both.
   void fail(URLError error);
 
  private:
@@ -68,18 +83,14 @@ class URLExchange final : public URLTask, public std::enable_shared_from_this<UR
   void setBody();
   void setSafety(SocketOwner& sockets);
   std::int64_t bodySize() const noexcept;
-  void openBody();
 
   std::size_t readBody(char* buffer, std::size_t size) noexcept;
-  bool rewindBody() noexcept;
+  void rewindBody() noexcept;
   std::size_t takeHeader(std::string_view line) noexcept;
   std::size_t takeData(std::string_view bytes) noexcept;
   void noteProgress(curl_off_t received, curl_off_t sent) noexcept;
   template <class Work>
   bool guarded(Work work) noexcept;
-
-  void complete(std::string data, std::optional<URLResponse> response,
-                std::optional<URLError> error);
 
   const std::shared_ptr<const URLRequest> request_;
   DispatchQueue& queue_;
@@ -91,13 +102,18 @@ class URLExchange final : public URLTask, public std::enable_shared_from_this<UR
   List headers_{nullptr, curl_slist_free_all};
   std::array<char, CURL_ERROR_SIZE> errorText_{};
 
-  std::unique_ptr<BodyStream> body_;
-  std::int64_t bodyLeft_ = 0;
+  std::unique_ptr<BodyStream> body_;  // null where the body is in memory
+  std::string ahead_;                 // read of it
+  std::size_t taken_ = 0;             // of those bytes, or of the body in memory
+  std::int64_t bodyLeft_ = 0;         // not read yet
+  bool isRewound_;                    // the stream is to be opened (again)
+  bool isPaused_ = false;
   curl_off_t received_ = 0;
   Clock::time_point lastActivity_;
   URLResponse response_;
   std::string data_;
   std::optional<URLError> callbackError_;  // what made a callback end the transfer
+  std::optional<URLError> error_;          // how the exchange ended, if not well
   std::atomic<std::int64_t> sent_{0};
 };
 

@@ -72,34 +72,44 @@ void URLEngine::close(int socket) noexcept {
   ::close(socket);
 }
 
-void URLEngine::lockForFork() noexcept {
-  working_.lock();
-  lock_.lock();
-}
-
-void URLEngine::unlockAfterFork() noexcept {
-  lock_.unlock();
-  working_.unlock();
-}
-
 void URLEngine::abandonInChild() noexcept {
   for (const int socket : sockets_) ::close(socket);
 }
 
 void URLEngine::run() {
   while (true) {
-    int milliseconds = 0;
-    {
-      const std::lock_guard guard(working_);
-      takeOrders();
-      int running = 0;
-      curl_multi_perform(multi_.get(), &running);
-      reapFinished();
-      endOverdue();
-      milliseconds = millisecondsToWait();
-    }
-    curl_multi_poll(multi_.get(), nullptr, 0, milliseconds, nullptr);
+    Exchanges ended;
+    const int milliseconds = work(ended);
+    for (const auto& exchange : ended) exchange->deliver();
+    ended.clear();
+    if (!feed()) curl_multi_poll(multi_.get(), nullptr, 0, milliseconds, nullptr);
   }
+}
+
+// Returns how long to wait at most.
+int URLEngine::work(Exchanges& ended) {
+  const std::lock_guard guard(working_);
+  takeOrders();
+  int running = 0;
+  curl_multi_perform(multi_.get(), &running);
+  reapFinished();
+  endOverdue();
+  ended.swap(ended_);
+  return millisecondsToWait();
+}
+
+// Reads the bodies, by code of the users' that may log, wait for a disk, or fork. True when a
+// transfer was waiting for it.
+bool URLEngine::feed() {
+  bool wasAwaited = false;
+  for (const auto& exchange : running_) {
+    if (exchange->isHungry()) exchange->feed();
+    if (!exchange->takePause()) continue;
+    wasAwaited = true;
+    const std::lock_guard guard(working_);
+    curl_easy_pause(exchange->transfer(), CURLPAUSE_CONT);
+  }
+  return wasAwaited;
 }
 
 // What was ordered during the wait, or since: an order that comes later wakes the next wait.
@@ -112,8 +122,9 @@ void URLEngine::takeOrders() {
     cancelled.swap(cancelled_);
   }
   for (auto& exchange : started) add(std::move(exchange));
-  for (const auto& exchange : cancelled) {
-    if (remove(*exchange)) exchange->fail(cancelledError());
+  for (auto& exchange : cancelled) {
+    if (remove(*exchange) != nullptr) exchange->end(cancelledError());
+    ended_.push_back(std::move(exchange));  // perhaps the last reference
   }
 }
 
@@ -121,21 +132,23 @@ void URLEngine::add(std::shared_ptr<URLExchange> exchange) {
   exchange->start();
   const CURLMcode result = curl_multi_add_handle(multi_.get(), exchange->transfer());
   if (result != CURLM_OK) {
-    exchange->fail(urlError({.code = CURLE_OUT_OF_MEMORY}));
+    exchange->end(urlError({.code = CURLE_OUT_OF_MEMORY}));
+    ended_.push_back(std::move(exchange));
     return;
   }
   running_.push_back(std::move(exchange));
 }
 
-// Takes the exchange away from libcurl; nothing when it has ended before.
-std::shared_ptr<URLExchange> URLEngine::remove(const URLExchange& exchange) {
+// Takes the exchange away from libcurl, to be told; null when it has ended before.
+URLExchange* URLEngine::remove(const URLExchange& exchange) {
   const auto place = std::ranges::find(running_, &exchange, &std::shared_ptr<URLExchange>::get);
   if (place == running_.end()) return nullptr;
   std::swap(*place, running_.back());
-  std::shared_ptr<URLExchange> owner = std::move(running_.back());
+  ended_.push_back(std::move(running_.back()));
   running_.pop_back();
-  curl_multi_remove_handle(multi_.get(), owner->transfer());
-  return owner;
+  URLExchange* const removed = ended_.back().get();
+  curl_multi_remove_handle(multi_.get(), removed->transfer());
+  return removed;
 }
 
 void URLEngine::reapFinished() {
@@ -143,7 +156,7 @@ void URLEngine::reapFinished() {
   while (const CURLMsg* const message = curl_multi_info_read(multi_.get(), &left)) {
     if (message->msg != CURLMSG_DONE) continue;
     const CURLcode result = message->data.result;  // gone with the handle's removal
-    if (const auto exchange = remove(URLExchange::of(message->easy_handle))) {
+    if (auto* const exchange = remove(URLExchange::of(message->easy_handle))) {
       exchange->finish(result);
     }
   }
@@ -156,7 +169,7 @@ void URLEngine::endOverdue() {
                        [now](const auto& exchange) { return exchange->deadline() <= now; });
   for (const auto& exchange : overdue) {
     remove(*exchange);
-    exchange->fail(URLError::url(URLError::timedOut, "the request timed out"));
+    exchange->end(URLError::url(URLError::timedOut, "the request timed out"));
   }
 }
 
@@ -194,35 +207,28 @@ std::shared_ptr<URLTask> URLLoaderLinux::load(std::shared_ptr<const URLRequest> 
 }
 
 URLEngine& URLLoaderLinux::engine() {
-  const std::lock_guard guard(lock_);
-  if (engine_ == nullptr) engine_ = new URLEngine;  // NOLINT(*-owning-memory): never destroyed
-  return *engine_;
+  URLEngine* current = engine_.load(std::memory_order_acquire);
+  if (current != nullptr) return *current;
+  auto fresh = std::make_unique<URLEngine>();
+  if (engine_.compare_exchange_strong(current, fresh.get(), std::memory_order_acq_rel)) {
+    return *fresh.release();
+  }
+  return *current;  // another thread was first
 }
 
 // In a forked child, an exchange of the parent is none of its engine's and nothing happens.
 void URLLoaderLinux::cancel(std::shared_ptr<URLExchange> exchange) {
-  URLEngine* serving = nullptr;
-  {
-    const std::lock_guard guard(lock_);
-    serving = engine_;
-  }
+  URLEngine* const serving = engine_.load(std::memory_order_acquire);
   if (serving != nullptr) serving->cancel(std::move(exchange));
 }
 
-void URLLoaderLinux::prepareFork() noexcept {
-  lock_.lock();
-  if (engine_ != nullptr) engine_->lockForFork();
-}
-
-void URLLoaderLinux::afterForkInParent() noexcept {
-  if (engine_ != nullptr) engine_->unlockAfterFork();
-  lock_.unlock();
-}
-
 void URLLoaderLinux::afterForkInChild() noexcept {
-  if (engine_ != nullptr) engine_->abandonInChild();
-  abandoned_ = std::exchange(engine_, nullptr);
-  lock_.resetAfterFork();
+  abandoned_ = engine_.exchange(nullptr);
+  if (abandoned_ != nullptr) abandoned_->abandonInChild();
+}
+
+void URLLoaderLinux::stop() noexcept {
+  if (URLEngine* const serving = engine_.load(std::memory_order_acquire)) serving->stop();
 }
 
 URLLoader& URLLoader::shared() {

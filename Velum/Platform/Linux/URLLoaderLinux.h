@@ -2,20 +2,20 @@
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <memory>
 #include <vector>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/ForkSafeLock.h"
 #include "Velum/Platform/Linux/URLExchangeLinux.h"
 #include "Velum/Platform/URLLoader.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 
 /// The thread that serves all exchanges of a process, and what it serves them with. libcurl's
 /// multi interface wants to know when a socket can be written too, which a DispatchSource can't
 /// tell; so there is this one thread, started with the first exchange and asleep in
-/// curl_multi_poll while nothing happens. It never ends.
+/// curl_multi_poll while nothing happens. It never ends; `stop` keeps it from ever working again.
 class URLEngine final : public SocketOwner {
  public:
   /// Throws SystemError when there are no descriptors or memory left.
@@ -28,31 +28,36 @@ class URLEngine final : public SocketOwner {
   bool start(std::shared_ptr<URLExchange> exchange);
   void cancel(std::shared_ptr<URLExchange> exchange);
 
+  /// For the process's end. Waits until libcurl does not work.
+  void stop() noexcept { working_.lock(); }
+
   int open(int family, int type, int protocol) noexcept override;
   void close(int socket) noexcept override;
 
-  /// Around fork(2): no transfer is under way while the process is copied, and the child closes
-  /// its copies of the sockets, so that the peers see the parent's end.
-  void lockForFork() noexcept;
-  void unlockAfterFork() noexcept;
+  /// In a forked child: closes its copies of the sockets, so that the peers see the parent's end.
   void abandonInChild() noexcept;
 
  private:
   using Exchanges = std::vector<std::shared_ptr<URLExchange>>;
 
   [[noreturn]] void run();
+  int work(Exchanges& ended);
+  bool feed();
   void takeOrders();
   void add(std::shared_ptr<URLExchange> exchange);
-  std::shared_ptr<URLExchange> remove(const URLExchange& exchange);
+  URLExchange* remove(const URLExchange& exchange);
   void reapFinished();
   void endOverdue();
   int millisecondsToWait() const;
 
   const std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> multi_;
-  UnfairLock working_;  // held while libcurl works, not while it waits
-  Exchanges running_;   // of the thread
+  // Held while libcurl works, not while it waits: what a child finds of it, and of the libraries
+  // below it, is whole.
+  ForkSafeLock working_{ForkSafeLock::Stage::service};
+  Exchanges running_;  // of the thread
+  Exchanges ended_;    // of the thread; told and dropped when it does not hold `working_`
 
-  UnfairLock lock_;  // guards what is below; taken after `working_`
+  ForkSafeLock lock_{ForkSafeLock::Stage::leaf};  // guards what is below
   bool hasThread_ = false;
   Exchanges started_;
   Exchanges cancelled_;
@@ -70,16 +75,18 @@ class URLLoaderLinux final : public URLLoader, public ForkParticipant {
   std::shared_ptr<URLTask> load(std::shared_ptr<const URLRequest> request, DispatchQueue& queue,
                                 URLCompletion completion) override;
 
-  void prepareFork() noexcept override;
-  void afterForkInParent() noexcept override;
+  void prepareFork() noexcept override {}
+  void afterForkInParent() noexcept override {}
   void afterForkInChild() noexcept override;
+
+  /// For the process's end.
+  void stop() noexcept;
 
  private:
   URLEngine& engine();
   void cancel(std::shared_ptr<URLExchange> exchange);
 
-  UnfairLock lock_;
-  URLEngine* engine_ = nullptr;     // made by the first exchange, never destroyed
+  std::atomic<URLEngine*> engine_{nullptr};  // made by the first exchange, never destroyed
   URLEngine* abandoned_ = nullptr;  // a forking parent's, kept reachable for leak checkers
 };
 

@@ -21,8 +21,9 @@ class SystemLog {
 
   static std::shared_ptr<SystemLog> open(const std::string& subsystem, const std::string& category);
 
-  /// Writes `text` as it stands, never as a format. Where the machine has no system log, errors
-  /// and faults go to standard error instead.
+  /// Writes `text` as it stands, never as a format. Never waits: what the system log can't take at
+  /// once, because there is none or it is behind with reading, is dropped; errors and faults go to
+  /// the console instead (ConsoleLog.h).
   virtual void write(Type type, std::string_view text) noexcept = 0;
 };
 

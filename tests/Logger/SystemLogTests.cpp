@@ -3,12 +3,16 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -44,8 +48,8 @@ test::ChildProcess start(const std::vector<std::string>& command, const std::str
 // The fields asked for of the records of `identifier`, in the order they were written.
 std::vector<std::string> journalLines(const std::string& identifier, const std::string& field,
                                       const std::string& output) {
-  start({"journalctl", "-D", "/run/log/journal", "-q", "-o", "cat", "--output-fields=" + field,
-         "SYSLOG_IDENTIFIER=" + identifier},
+  start({"journalctl", "-a", "-q", "-D", "/run/log/journal", "-o", "cat",
+         "--output-fields=" + field, "SYSLOG_IDENTIFIER=" + identifier},
         output)
       .wait();
   std::vector<std::string> lines;
@@ -60,14 +64,14 @@ TEST(SystemLog, WritesRecordsToTheJournalWithPriorityIdentifierAndCategory) {
   const test::TemporaryFolder folder;
   test::inChild([&] {
     if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
-    test::mountMemory("/run", "size=64m");
+    test::mountMemory("/run", "size=256m");
     fs::create_directories("/run/systemd/journal");
     fs::create_directories("/run/log/journal");
     // It must neither read the machine's kernel log nor switch on its audit.
     test::mountMemory("/etc/systemd", "size=1m");
     test::writeFile("/etc/systemd/journald.conf",
                     "[Journal]\nStorage=volatile\nAudit=no\nReadKMsg=no\nForwardToWall=no\n");
-    const auto daemon = start({daemonPath}, folder / "daemon");
+    std::optional<test::ChildProcess> daemon(start({daemonPath}, folder / "daemon"));
     ASSERT_TRUE(test::eventually([] { return fs::exists(socketPath); }))
         << test::readFile(folder / "daemon");
 
@@ -86,18 +90,44 @@ TEST(SystemLog, WritesRecordsToTheJournalWithPriorityIdentifierAndCategory) {
     EXPECT_EQ(lines("MESSAGE"), (Lines{"100% %s", "of two lines", "warning", "error"}));
     EXPECT_EQ(lines("PRIORITY"), (Lines{"5", "3", "2"}));
     EXPECT_EQ(lines("VELUM_CATEGORY"), (Lines{"main", "main", "other"}));
+    EXPECT_EQ(lines("CODE_FILE"), Lines()) << "not the caller's place";
+
+    // The next journal gets the next record, even one that no datagram has room for.
+    daemon->kill();
+    fs::remove(socketPath);
+    daemon.emplace(start({daemonPath}, folder / "daemon"));
+    ASSERT_TRUE(test::eventually([] { return fs::exists(socketPath); }));
+    byDefault.logWithLevel(LogLevel::info, {}, std::string(2'000'000, 'x') + "\nlast");
+    EXPECT_TRUE(test::eventually([&] { return lines("MESSAGE").back() == "last"; }));
   });
 }
 
-TEST(SystemLog, WritesWarningsAndErrorsToStandardErrorWhereThereIsNoJournal) {
+// A journal that hangs: a socket that nobody reads from, filled.
+UniqueFd fullJournal() {
+  UniqueFd journal(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  sockaddr_un address{AF_UNIX, {}};
+  std::string_view(socketPath).copy(address.sun_path, sizeof address.sun_path - 1);
+  const auto* const name = reinterpret_cast<const sockaddr*>(&address);  // NOLINT(*-reinterpret-*)
+  EXPECT_EQ(::bind(journal.get(), name, sizeof address), 0);
+  const UniqueFd sender(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  while (::sendto(sender.get(), "x", 1, 0, name, sizeof address) == 1) continue;
+  EXPECT_EQ(errno, EAGAIN);
+  return journal;
+}
+
+TEST(SystemLog, WritesWarningsAndErrorsToStandardErrorWhereNoJournalTakesThem) {
+  enum class Journal { missing, ended, hung };
   const test::TemporaryFolder folder;
   const std::string output = folder / "output";
-  for (const bool isSocketLeft : {false, true}) {
+  for (const auto journal : {Journal::missing, Journal::ended, Journal::hung}) {
     test::inChild([&] {
       if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
       test::mountMemory("/run", "size=1m");
+      UniqueFd hung;
+      if (journal != Journal::missing) fs::create_directories("/run/systemd/journal");
       // What a stopped journal leaves behind is no journal either.
-      if (isSocketLeft) test::writeFile(socketPath, "");
+      if (journal == Journal::ended) test::writeFile(socketPath, "");
+      if (journal == Journal::hung) hung = fullJournal();
       OSLogHandler handler("com.example.vpn");
       const UniqueFd standardError(::dup(STDERR_FILENO));
       const UniqueFd file(::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include "Velum/ForkSafeLock.h"
 #include "Velum/Platform/AtFork.h"
@@ -22,31 +23,67 @@ using std::chrono::floor;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-/// Breaks times down in the local zone. The C library guards its zone data with a lock that a
-/// forked child may inherit locked for ever; taking our own lock around it closes that hole.
-class LocalCalendar {
+/// The local zone as it was when the first date was formatted. The C library knows one zone, and
+/// anybody who calls tzset(3) after a change of TZ replaces it, so what it says of the coming years
+/// is noted at once. It guards its data with a lock that a forked child may inherit locked for
+/// ever; taking our own lock around it closes that hole.
+class LocalZone {
  public:
-  static LocalCalendar& shared() {
-    static LocalCalendar& instance =
-        *new LocalCalendar;  // NOLINT(*-owning-memory): never destroyed
+  static LocalZone& shared() {
+    static LocalZone& instance = *new LocalZone;  // NOLINT(*-owning-memory): never destroyed
     return instance;
   }
 
-  std::tm breakDown(std::time_t time) {
+  /// What is to be added to a time to have the clock on the wall.
+  seconds offset(std::time_t time) {
     const std::lock_guard guard(lock_);
-    std::tm result{};
-    ::localtime_r(&time, &result);
-    return result;
+    if (changes_.empty()) noteChangesLk();
+    if (time < changes_.front().time || time >= end_) return offsetNowLk(time);
+    const auto next = std::upper_bound(changes_.begin(), changes_.end(), time,
+                                       [](std::time_t t, const Change& c) { return t < c.time; });
+    return std::prev(next)->offset;
   }
 
  private:
-  LocalCalendar() { ::tzset(); }
+  struct Change {
+    std::time_t time;
+    seconds offset;
+  };
+
+  static seconds offsetNowLk(std::time_t time) {
+    std::tm result{};
+    ::localtime_r(&time, &result);
+    return seconds(result.tm_gmtoff);
+  }
+
+  // No zone changes its clocks twice within four weeks, nor other than at a quarter of an hour.
+  void noteChangesLk() {
+    constexpr std::time_t quarter = 900;
+    constexpr std::time_t step = std::time_t{28} * 86400;
+    constexpr std::time_t years = std::time_t{3} * 366 * 86400;
+    ::tzset();
+    end_ = std::time(nullptr) / quarter * quarter - step;
+    changes_ = {{end_, offsetNowLk(end_)}};
+    for (const std::time_t last = end_ + years; end_ < last; end_ += step) {
+      const seconds after = offsetNowLk(end_ + step);
+      if (after == changes_.back().offset) continue;
+      std::time_t low = 0;  // in quarters; the new offset begins behind it, at `high` the latest
+      std::time_t high = step / quarter;
+      while (high - low > 1) {
+        const std::time_t middle = low + (high - low) / 2;
+        (offsetNowLk(end_ + middle * quarter) == after ? high : low) = middle;
+      }
+      changes_.push_back({end_ + high * quarter, after});
+    }
+  }
 
   ForkSafeLock lock_{ForkSafeLock::Stage::leaf};
+  std::vector<Change> changes_;  // the first is the beginning of what is known
+  std::time_t end_ = 0;          // of what is known
 };
 
 // Made when the program starts: making it registers it, which must not happen under a lock.
-[[maybe_unused]] const LocalCalendar& earlyCalendar = LocalCalendar::shared();
+[[maybe_unused]] const LocalZone& earlyZone = LocalZone::shared();
 
 // A short text that a thread keeps. Not a string: records may come after the destructors of the
 // thread's variables ran, from exit handlers for instance.
@@ -69,9 +106,13 @@ std::string_view secondText(std::chrono::sys_time<seconds> second) {
   static thread_local constinit ShortText text{};
   static thread_local constinit auto cached = std::chrono::sys_time<seconds>::min();
   if (cached != second) {
-    const std::tm tm = LocalCalendar::shared().breakDown(second.time_since_epoch().count());
-    text.set("{}-{:02}-{:02} {:02}:{:02}:{:02}.", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
-             tm.tm_hour, tm.tm_min, tm.tm_sec);
+    const auto local = second + LocalZone::shared().offset(second.time_since_epoch().count());
+    const auto day = floor<std::chrono::days>(local);
+    const std::chrono::year_month_day date(day);
+    const std::chrono::hh_mm_ss time(local - day);
+    text.set("{}-{:02}-{:02} {:02}:{:02}:{:02}.", int{date.year()}, unsigned{date.month()},
+             unsigned{date.day()}, time.hours().count(), time.minutes().count(),
+             time.seconds().count());
     cached = second;
   }
   return text.view();

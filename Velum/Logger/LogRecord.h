@@ -34,8 +34,8 @@ std::optional<std::string_view> recordSubsystem(std::string_view text) noexcept;
 inline constexpr std::size_t mostPrefixSize = 512;
 
 /// Appends "2026-11-16 07:15:17.123": local time in the zone that was in force when the process
-/// first formatted a date; the year is not padded. Thread-safe; a thread pays for the calendar
-/// once a second.
+/// first formatted a date, whatever becomes of TZ (for three years; later dates follow the C
+/// library). The year is not padded. Thread-safe; a thread pays for the calendar once a second.
 void appendLogDate(std::string& out, LogDate date);
 
 /// Appends everything of a record before its message, with the ids of the calling process and

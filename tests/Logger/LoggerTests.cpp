@@ -2,14 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
+#include <cstdlib>
+#include <ctime>
 #include <mutex>
 #include <thread>
 
 #include "Velum/Logger/LogRecord.h"
+#include "tests/support/ChildProcess.h"
 
 namespace velum {
 namespace {
+
+using namespace std::chrono_literals;
 
 struct Received {
   LogLevel level;
@@ -191,6 +197,31 @@ TEST(LogRecord, NamesRotatedFiles) {
   EXPECT_EQ(rotatedFilePath("dir.d/name", 1), "dir.d/name.1.");
   EXPECT_EQ(rotatedFilePath("dir/.name", 1), "dir/.name.1.");
   EXPECT_EQ(rotatedFilePath("a.b.log", 1), "a.b.1.log");
+}
+
+TEST(LogRecord, KeepsTheZoneOfTheFirstDateWithItsSummers) {
+  test::inChild([] {
+    ::setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    ::tzset();
+    std::vector<std::pair<LogDate, std::string>> expected;
+    const auto now = std::chrono::floor<std::chrono::minutes>(std::chrono::system_clock::now());
+    for (auto date = now - 480h; date < now + 24'000h; date += 67min) {
+      const std::time_t time = std::chrono::system_clock::to_time_t(date);
+      std::tm local{};
+      ::localtime_r(&time, &local);
+      std::array<char, 32> text{};
+      std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S.000", &local);
+      expected.emplace_back(date, text.data());
+    }
+    makeRecordPrefix(now, "first");
+    ::setenv("TZ", "XST-7:45", 1);
+    ::tzset();
+    for (const auto& [date, text] : expected) {
+      std::string written;
+      appendLogDate(written, date);
+      ASSERT_EQ(written, text);
+    }
+  });
 }
 
 }  // namespace

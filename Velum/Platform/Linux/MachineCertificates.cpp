@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <utility>
 
 #include "Velum/AtomicFile.h"
@@ -128,6 +129,14 @@ class Hidden {
   std::string away_;  // empty once there is nothing to bring back
 };
 
+/// Device and inode; nothing where there is no such file.
+std::optional<std::pair<dev_t, ino_t>> identity(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) == 0) return std::pair(status.st_dev, status.st_ino);
+  if (errno == ENOENT) return std::nullopt;
+  throw lastSystemError(fmt::format("stat ({})", path));
+}
+
 /// Held while the folder changes.
 class FolderLock {
  public:
@@ -149,9 +158,13 @@ struct MachineCertificates::File {
 
 MachineCertificates::MachineCertificates(std::string root, std::string updater)
     : root_(std::move(root)), updater_(std::move(updater)) {
+  // The tool works in another folder.
+  if (!root_.empty()) root_ = fs::absolute(root_).string();
   while (root_.ends_with('/')) root_.pop_back();
   folder_ = root_ + "/usr/local/share/ca-certificates";
-  bundle_ = root_ + "/etc/ssl/certs/ca-certificates.crt";
+  distributed_ = root_ + "/usr/share/ca-certificates";
+  lists_ = root_ + "/etc/ssl/certs";
+  bundle_ = lists_ + "/ca-certificates.crt";
 }
 
 std::vector<MachineCertificates::File> MachineCertificates::files() const {
@@ -194,7 +207,7 @@ void MachineCertificates::add(const SecCertificate& certificate, const std::stri
   file.removeLeftovers();
   file.replace(certificate.pem(), caller);
   try {
-    run(Update::added);
+    update(Update::added);
     if (!isTrusted(certificate)) {
       throw CertificateFailure(
           errSecIO, fmt::format("{} ended well, but {} is damaged or lacks the certificate",
@@ -213,7 +226,7 @@ void MachineCertificates::remove(const std::string& label) const {
     if (file.label == label) hidden.emplace_back(file.path);
   }
   if (hidden.empty()) throw CertificateFailure(errSecItemNotFound);
-  removeStaleBundle([this] { run(Update::removed); });
+  update(Update::removed);
   for (Hidden& file : hidden) file.removeForGood();
 }
 
@@ -226,12 +239,49 @@ bool MachineCertificates::isTrusted(const SecCertificate& certificate) const {
   return std::ranges::find(trusted, certificate) != trusted.end();
 }
 
-void MachineCertificates::run(Update update) const {
+/// The tool's word is not enough: versions that do not know an option print their usage and end
+/// with 0.
+void MachineCertificates::update(Update kind) const {
+  const auto before = identity(bundle_);
+  run(kind);
+  if (identity(bundle_) != before) return;
+  if (kind == Update::removed && !listsAny()) {
+    // With nothing to put into a new list it leaves the old one, which must not stay.
+    if (::unlink(bundle_.c_str()) == 0 || errno == ENOENT) return;
+    throw lastSystemError(fmt::format("unlink ({})", bundle_));
+  }
+  throw CertificateFailure(errSecIO,
+                           fmt::format("{} ended well, but made no new {}; install the package "
+                                       "ca-certificates again, of Debian 12 or newer",
+                                       updater_, bundle_));
+}
+
+/// Whether the tool still links to a certificate, so that its list can't be empty.
+bool MachineCertificates::listsAny() const {
+  std::error_code error;
+  fs::directory_iterator entry(lists_, error);
+  for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+    std::error_code noLink;
+    const std::string target = fs::read_symlink(*entry, noLink).string();
+    if (target.starts_with(folder_ + '/') || target.starts_with(distributed_ + '/')) return true;
+  }
+  if (error) throw SystemError(error.value(), fmt::format("readdir ({})", lists_));
+  return false;
+}
+
+void MachineCertificates::run(Update kind) const {
   RunOptions options;
   options.errpipe = std::make_shared<Pipe>();
-  if (!root_.empty()) options.args = {"--sysroot", root_};
+  if (!root_.empty()) {
+    // All known to every version since Debian 12, unlike one option for the root.
+    options.args = {"--certsconf",     root_ + "/etc/ca-certificates.conf",
+                    "--certsdir",      distributed_,
+                    "--localcertsdir", folder_,
+                    "--etccertsdir",   lists_,
+                    "--hooksdir",      root_ + "/etc/ca-certificates/update.d"};
+  }
   // Else links to files that are gone stay, and hide other certificates of the same subject.
-  if (update == Update::removed) options.args.emplace_back("--fresh");
+  if (kind == Update::removed) options.args.emplace_back("--fresh");
   const auto tool = Process::run(updater_, options);
   if (!tool) {
     throw CertificateFailure(
@@ -244,19 +294,6 @@ void MachineCertificates::run(Update update) const {
   const char* const how = end.reason == Termination::Reason::exit ? "status" : "signal";
   throw CertificateFailure(errSecIO, fmt::format("{} failed with {} {}{}{}", updater_, how,
                                                  end.status, errors.empty() ? "" : ": ", errors));
-}
-
-/// The tool leaves its old list when nothing is left for a new one. That one must not stay.
-void MachineCertificates::removeStaleBundle(const std::function<void()>& update) const {
-  struct stat before {};
-  struct stat after {};
-  const bool wasThere = ::stat(bundle_.c_str(), &before) == 0;
-  update();
-  const bool isSame = wasThere && ::stat(bundle_.c_str(), &after) == 0 &&
-                      before.st_dev == after.st_dev && before.st_ino == after.st_ino;
-  if (isSame && ::unlink(bundle_.c_str()) != 0) {
-    throw lastSystemError(fmt::format("unlink ({})", bundle_));
-  }
 }
 
 }  // namespace velum

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,7 +26,8 @@ class MachineCertificates {
   /// Adds a file of mode 0644 and runs the tool. When that fails, or what it makes does not hold
   /// the certificate, the file goes again.
   void add(const SecCertificate& certificate, const std::string& label) const;
-  /// Removes the files of that label and runs the tool; when that fails, they come back.
+  /// Removes the files of that label and runs the tool; when that fails, or does nothing, they
+  /// come back.
   void remove(const std::string& label) const;
 
   /// Whether the machine's programs trust it, as a certificate of the distribution's for instance.
@@ -38,13 +38,16 @@ class MachineCertificates {
   enum class Update : bool { added, removed };
 
   std::vector<File> files() const;
-  void run(Update update) const;
-  void removeStaleBundle(const std::function<void()>& update) const;
+  void update(Update kind) const;
+  void run(Update kind) const;
+  bool listsAny() const;
 
   std::string root_;
   std::string updater_;
   std::string folder_;
-  std::string bundle_;  // all trusted certificates in one file
+  std::string distributed_;  // the distribution's certificates
+  std::string lists_;        // where the tool links to all that are trusted
+  std::string bundle_;       // all trusted certificates in one file
 };
 
 }  // namespace velum

@@ -141,6 +141,23 @@ TEST_F(EndToEnd, AnApplicationMayDieOnceItsHelperIsArmed) {
   EXPECT_EQ(exitStatus(helper), 0);
 }
 
+TEST_F(EndToEnd, MakesItsOwnWhatItWasStartedWith) {
+  // What the starter closed, ignored and limited.
+  helperCommand = {"/bin/sh", "-c", "trap '' CHLD; ulimit -f 0; exec \"$@\" 0<&- 1>&- 2>&-", "sh",
+                   VELUM_RELAUNCHER};
+  const pid_t application = startApplication();
+  const pid_t helper = startHelper(bundle, application, {"SAMPLE_APP_EXIT=0"});
+  for (const char* stream : {"0", "1", "2"}) {
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(helper) + "/fd/" + stream),
+              "/dev/null");
+  }
+  ::kill(application, SIGKILL);
+  EXPECT_EQ(exitStatus(helper), 0);
+  EXPECT_EQ(next().name, "started");
+  EXPECT_EQ(next().name, "quit");
+  EXPECT_TRUE(isQuiet()) << "how the new instance ended was not known";
+}
+
 TEST_F(EndToEnd, RefusesAWrongNumberOfArguments) {
   EXPECT_EQ(exitStatus(start(VELUM_RELAUNCHER, {}, {})), 1);
   EXPECT_TRUE(isLogged("Unexpected arguments count: 1"));

@@ -9,8 +9,10 @@ class Application {
   Application& operator=(const Application&) = delete;
   virtual ~Application() = default;
 
-  /// The one application object. From its creation on, a closed terminal (SIGHUP) or a reader
-  /// that left (SIGPIPE) no longer ends the process; SIGTERM still does.
+  /// The one application object. Make it first thing in main(): from then on a closed terminal
+  /// (SIGHUP), a reader that left (SIGPIPE) or a file that may grow no further (SIGXFSZ) no longer
+  /// ends the process, while SIGTERM still does; how children end is known, also where SIGCHLD was
+  /// ignored before; and standard streams that were closed lead to the null device.
   static Application& shared();
 
   /// Runs the main queue on the calling thread. Never returns: the process ends through exit(3).

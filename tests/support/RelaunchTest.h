@@ -67,8 +67,10 @@ class RelaunchTest : public ::testing::Test {
                     const std::vector<std::string>& moreEnvironment = {}) const {
     Pipe ready;
     SpawnOptions options;
-    options.executable.assign(VELUM_RELAUNCHER);
-    options.arguments = {options.executable, path, std::to_string(process)};
+    options.executable = helperCommand.front();
+    options.arguments = helperCommand;
+    options.arguments.push_back(path);
+    options.arguments.push_back(std::to_string(process));
     options.environment = environment(moreEnvironment);
     options.environment->push_back("VELUM_READY_FD=3");
     options.extraDescriptor = ready.writer.get();
@@ -129,6 +131,8 @@ class RelaunchTest : public ::testing::Test {
 
   static constexpr auto recursively = std::filesystem::copy_options::recursive;
 
+  /// Starts the helper; its arguments follow.
+  std::vector<std::string> helperCommand{VELUM_RELAUNCHER};
   TemporaryFolder folder;
   std::string runtimeFolder = folder.path();
   std::string bundle = folder / "Sample VPN.app";

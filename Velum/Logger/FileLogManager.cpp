@@ -207,8 +207,8 @@ std::vector<std::string> FileLogManager::doSaveLogs(std::vector<TempFile> files,
   constexpr std::chrono::seconds margin(1);
   auto lower = opts.startDate;
   auto upper = opts.endDate;
-  if (lower) *lower -= margin;
-  if (upper) *upper += margin;
+  if (lower) lower = later(*lower, -margin);
+  if (upper) upper = later(*upper, margin);
   LogSplitter splitter(folder, selector, doSaveLogsName);
   std::reverse(files.begin(), files.end());  // oldest first
   for (const TempFile& file : files) {

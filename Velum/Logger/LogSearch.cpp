@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/LogRecord.h"
@@ -14,6 +15,11 @@ namespace {
 
 constexpr std::string_view millisecondsText = ".SSS";
 
+// A record that begins just before the end of a part has its date behind it.
+constexpr auto lookAhead = static_cast<std::int64_t>(recordStartSize);
+// Mostly what is looked for is near: so reading begins small, and grows to whole buffers.
+constexpr std::int64_t smallStep = 65'536;
+
 LogSite site(CallPlace where = CallPlace::current()) {
   return {"Velum/FileLogManager", "doSaveLogs(_:selecting:in:opts:)", where};
 }
@@ -23,8 +29,8 @@ LogSite site(CallPlace where = CallPlace::current()) {
 LogReader::LogReader(std::string path, std::string_view caller)
     : path_(std::move(path)),
       caller_(caller),
-      fd_(checked::open(path_, O_RDONLY, 0, caller)),
-      size_(checked::fileSize(path_, caller)),
+      fd_(checked::open(path_, O_RDONLY | O_NONBLOCK, 0, caller)),
+      size_(checked::lseek(fd_.get(), 0, SEEK_END, caller)),
       buffer_(bufferSize) {}
 
 std::string_view LogReader::readAt(std::int64_t position, std::int64_t end) {
@@ -49,6 +55,54 @@ std::string LogSearch::key(LogDate date) {
   return key;
 }
 
+namespace {
+
+// By how much local time steps back at most when the zone changes its clock; on a whole minute.
+constexpr std::chrono::minutes zoneStep{61};
+constexpr std::chrono::minutes oneMinute{1};
+
+// The earliest and the latest key that a moment of the range has: local time passes an hour twice.
+std::string earliestKey(LogDate from, LogDate to) {
+  std::string earliest = LogSearch::key(from);
+  const LogDate end = std::min(to, later(from, zoneStep));
+  for (auto minute = std::chrono::ceil<std::chrono::minutes>(from); minute <= end;
+       minute += oneMinute) {
+    earliest = std::min(earliest, LogSearch::key(minute));
+  }
+  return earliest;
+}
+
+std::string latestKey(LogDate from, LogDate to) {
+  std::string latest = LogSearch::key(to);
+  const LogDate begin = std::max(from, later(to, -zoneStep));
+  for (auto minute = std::chrono::floor<std::chrono::minutes>(to); minute > begin;
+       minute -= oneMinute) {
+    latest = std::max(latest, LogSearch::key(minute - std::chrono::seconds(1)));
+  }
+  return latest;
+}
+
+}  // namespace
+
+LogDate later(LogDate date, std::chrono::seconds by) noexcept {
+  constexpr std::chrono::hours edge(24);
+  if (by.count() > 0 && date > LogDate::max() - edge - by) return LogDate::max() - edge;
+  if (by.count() < 0 && date < LogDate::min() + edge - by) return LogDate::min() + edge;
+  return date + by;
+}
+
+LogSearch::Bounds LogSearch::bounds(std::optional<LogDate> lower, std::optional<LogDate> upper) {
+  constexpr char behindSeparator = recordSeparator + 1;
+  return {
+      lower ? earliestKey(*lower, upper.value_or(LogDate::max())) : "",
+      upper ? latestKey(lower.value_or(LogDate::min()), *upper) : std::string(1, behindSeparator)};
+}
+
+LogSearch::Outcome LogSearch::compared(std::string_view start, const Bounds& bounds) {
+  if (start < bounds.first) return Outcome::foundEarlierDate;
+  return start > bounds.last ? Outcome::foundLaterDate : Outcome::found;
+}
+
 LogSearch::Probe LogSearch::nextRecord(std::string_view bytes, std::size_t offset,
                                        bool isEndOfFile) {
   for (;; ++offset) {
@@ -63,94 +117,167 @@ LogSearch::Probe LogSearch::nextRecord(std::string_view bytes, std::size_t offse
   }
 }
 
-LogSearch::Outcome LogSearch::compared(const Probe& record, std::string_view key) {
-  if (record.outcome != Outcome::found) return record.outcome;
-  const int order = record.start.compare(key);
-  if (order == 0) return Outcome::found;
-  return order < 0 ? Outcome::foundEarlierDate : Outcome::foundLaterDate;
-}
-
 template <class Visit>
-void LogSearch::scan(std::int64_t from, std::int64_t to, Visit visit) {
-  // A record that begins just before `to` has its date behind it.
-  constexpr auto lookAhead = static_cast<std::int64_t>(recordStartSize);
+void LogSearch::scan(std::int64_t from, std::int64_t to, std::int64_t step, Visit visit) {
   const std::int64_t readable = std::min(to + lookAhead, reader_.size());
-  // Mostly the first record decides, and it is near: so begin small, and grow to whole buffers.
-  constexpr std::int64_t smallStep = 65'536;
-  constexpr auto largeStep = static_cast<std::int64_t>(LogReader::bufferSize);
-  for (std::int64_t step = smallStep; from < to; step = std::min(step * 4, largeStep)) {
-    const std::string_view bytes = reader_.readAt(from, std::min(from + step, readable));
-    if (bytes.empty()) return;  // the file became shorter
+  constexpr auto largestStep = static_cast<std::int64_t>(LogReader::bufferSize);
+  for (; from < to; step = std::min(step * 4, largestStep)) {
+    const std::int64_t wanted = std::min(from + step, readable);
+    const std::string_view bytes = reader_.readAt(from, wanted);
     const std::int64_t end = from + static_cast<std::int64_t>(bytes.size());
-    Probe next = nextRecord(bytes, 0, end >= readable);
+    const bool isLast = end >= readable || end < wanted;  // the file became shorter
+    Probe next = nextRecord(bytes, 0, isLast);
     while (next.outcome == Outcome::found) {
       const auto offset = static_cast<std::size_t>(next.position);
       next.position += from;
       if (next.position >= to || !visit(next)) return;
-      next = nextRecord(bytes, offset + 1, end >= readable);
+      next = nextRecord(bytes, offset + 1, isLast);
     }
+    if (isLast) return;
     from = next.outcome == Outcome::incompleteData ? from + next.position : end;
   }
 }
 
-// A position before which, in a log whose dates ascend, every record is earlier than `key`: 0, or
-// that of an earlier record no more than about one buffer before the first other one.
-std::int64_t LogSearch::bisect(std::string_view key) {
-  constexpr auto nearEnough = static_cast<std::int64_t>(LogReader::bufferSize);
-  std::int64_t low = 0;
-  std::int64_t high = reader_.size();
-  while (high - low > nearEnough) {
-    const std::int64_t middle = low + (high - low) / 2;
-    std::int64_t position = middle;
-    Outcome outcome = Outcome::notFound;
-    scan(middle, high, [&](const Probe& record) {
-      position = record.position;
-      outcome = compared(record, key);
+std::optional<LogSearch::Record> LogSearch::lastRecord() {
+  constexpr auto largestStep = static_cast<std::int64_t>(LogReader::bufferSize) - lookAhead;
+  std::int64_t step = smallStep;
+  for (std::int64_t end = reader_.size(); end > 0; step = largestStep) {
+    const std::int64_t begin = std::max<std::int64_t>(end - step, 0);
+    std::string_view bytes = reader_.readAt(begin, std::min(end + lookAhead, reader_.size()));
+    for (std::size_t offset = bytes.rfind(recordSeparator); offset != std::string_view::npos;
+         offset = bytes.rfind(recordSeparator)) {
+      const std::string_view start = bytes.substr(offset, recordStartSize);
+      if (beginsRecord(start)) {
+        return Record{begin + static_cast<std::int64_t>(offset), std::string(start)};
+      }
+      bytes.remove_suffix(bytes.size() - offset);
+    }
+    end = begin;
+  }
+  return std::nullopt;
+}
+
+namespace {
+
+// The date of a record's start, as if it were universal time: to tell how far two are apart.
+std::chrono::sys_seconds dateOf(std::string_view start) {
+  using namespace std::chrono;
+  const auto number = [start](std::size_t at, std::size_t digits) {
+    int value = 0;
+    for (const char c : start.substr(at, digits)) value = value * 10 + (c - '0');
+    return value;
+  };
+  const month inYear(static_cast<unsigned>(std::clamp(number(6, 2), 1, 12)));
+  return sys_days(year(number(1, 4)) / inYear / 1) + days(number(9, 2)) + hours(number(12, 2)) +
+         minutes(number(15, 2)) + seconds(number(18, 2));
+}
+
+}  // namespace
+
+// What the probes tell, from the first to the last.
+class LogSearch::Probes {
+ public:
+  Probes(const Bounds& bounds, const Bounds& wideBounds, std::int64_t size)
+      : bounds_(bounds), wideBounds_(wideBounds), size_(size) {}
+
+  /// False when the record is earlier than one before it.
+  bool add(std::int64_t position, std::string_view start) {
+    // In the wider bounds, so that between two probes outside of them on the same side no record
+    // is of the range, however the writers were turned round.
+    const Outcome outcome = compared(start, wideBounds_);
+    areAllEarlier_ = areAllEarlier_ && outcome == Outcome::foundEarlierDate;
+    if (areAllEarlier_) begin_ = position;
+    if (outcome == Outcome::foundLaterDate && !end_) end_ = position;
+    if (compared(start, bounds_) == Outcome::found) inside_ = position;
+    const std::chrono::sys_seconds date = dateOf(start);
+    latest_ = std::max(latest_, date);
+    return date + jitter >= latest_;
+  }
+
+  Suspects suspects() const { return {{begin_, end_.value_or(size_)}, inside_}; }
+
+ private:
+  const Bounds& bounds_;
+  const Bounds& wideBounds_;
+  std::int64_t size_;
+  bool areAllEarlier_ = true;
+  std::int64_t begin_ = 0;           // the last of those
+  std::optional<std::int64_t> end_;  // the first later one
+  std::int64_t inside_ = 0;
+  std::chrono::sys_seconds latest_ = std::chrono::sys_seconds::min();
+};
+
+// Nothing when the records are not in order.
+std::optional<LogSearch::Suspects> LogSearch::probe(const Bounds& bounds, const Bounds& wideBounds,
+                                                    const Record& last) {
+  constexpr std::int64_t step = 512;
+  Probes probes(bounds, wideBounds, reader_.size());
+  for (std::int64_t position = 0; position < last.position;) {
+    Probe next;
+    scan(position, last.position, step, [&next](const Probe& record) {
+      next = record;
       return false;
     });
-    if (outcome == Outcome::notFound) logVerbose(site(), "No record separator at {}", middle);
-    if (outcome == Outcome::foundEarlierDate) {
-      low = position;
-    } else {
-      high = middle;
+    if (next.outcome != Outcome::found) {
+      logVerbose(site(), "No record separator at {}", position);
+      break;
     }
+    if (!probes.add(next.position, next.start)) return std::nullopt;
+    position = std::max(position + probeSpacing, next.position + 1);
   }
-  return low;
+  if (!probes.add(last.position, last.start)) return std::nullopt;
+  return probes.suspects();
 }
 
-std::int64_t LogSearch::lowerPosition(LogDate date) {
-  const std::string wanted = key(date);
-  std::optional<std::int64_t> position;
-  bool sawRecord = false;
-  scan(bisect(key(date - backwardSteps)), reader_.size(), [&](const Probe& record) {
-    sawRecord = true;
-    if (compared(record, wanted) != Outcome::foundEarlierDate) position = record.position;
-    return !position;
+// The end of the suspects when no record of the range is among them.
+std::int64_t LogSearch::beginIn(const Suspects& suspects, const Bounds& bounds) {
+  std::int64_t begin = suspects.part.end;
+  scan(suspects.part.begin, suspects.part.end, smallStep, [&](const Probe& record) {
+    if (compared(record.start, bounds) != Outcome::found) return true;
+    begin = record.position;
+    return false;
   });
-  if (!position) {
-    logVerbose(site(), "{}{}", sawRecord ? "Not found date in " : "No Date found in ",
-               reader_.path());
-  }
-  return position.value_or(reader_.size());
+  return begin;
 }
 
-// Goes on for a while after the first record that is too late: where the clock stepped back, more
-// of the range follows.
-std::int64_t LogSearch::upperPosition(LogDate date) {
-  const std::string wanted = key(date);
-  const std::string farTooLate = key(date + backwardSteps);
-  std::int64_t end = bisect(key(date - backwardSteps));
-  bool endsHere = false;  // the last record seen is in the range, so its end is one
-  scan(end, reader_.size(), [&](const Probe& record) {
-    if (endsHere) end = record.position;
-    endsHere = compared(record, wanted) != Outcome::foundLaterDate;
-    return compared(record, farTooLate) != Outcome::foundLaterDate;
+std::int64_t LogSearch::endIn(const Suspects& suspects, const Bounds& bounds, std::int64_t begin) {
+  std::int64_t end = begin;
+  bool isInside = false;
+  scan(std::max(begin, suspects.inside), suspects.part.end, smallStep, [&](const Probe& record) {
+    if (isInside) end = record.position;
+    isInside = compared(record.start, bounds) == Outcome::found;
+    return true;
   });
-  return endsHere ? reader_.size() : end;
+  return isInside ? suspects.part.end : end;
 }
 
 LogRange LogSearch::range(std::optional<LogDate> lower, std::optional<LogDate> upper) {
-  return {lower ? lowerPosition(*lower) : 0, upper ? upperPosition(*upper) : reader_.size()};
+  const LogRange everything{0, reader_.size()};
+  if (!lower && !upper) return everything;
+  if (lower && upper && *lower > *upper) return {};
+  const std::optional<Record> last = lastRecord();
+  if (!last) {
+    logVerbose(site(), "No Date found in {}", reader_.path());
+    return {};
+  }
+  const Bounds bounds = LogSearch::bounds(lower, upper);
+  std::optional<Suspects> suspects;
+  if (reader_.size() > mostWhole_) {
+    const auto widened = [](std::optional<LogDate> date, std::chrono::seconds by) {
+      return date ? std::optional(later(*date, by)) : date;
+    };
+    // Twice: a clock set back by less than the jitter goes unnoticed and adds to it.
+    const Bounds wide = LogSearch::bounds(widened(lower, -2 * jitter), widened(upper, 2 * jitter));
+    suspects = probe(bounds, wide, *last);
+  }
+  if (!suspects) suspects = Suspects{everything, 0};
+
+  LogRange range{lower ? beginIn(*suspects, bounds) : 0, reader_.size()};
+  const bool endsInside = compared(last->start, bounds) != Outcome::foundLaterDate;
+  if (!endsInside) range.end = endIn(*suspects, bounds, range.begin);
+  const bool isFound = range.begin < suspects->part.end && !range.isEmpty();
+  if (!isFound) logVerbose(site(), "Not found date in {}", reader_.path());
+  return isFound ? range : LogRange{};
 }
 
 }  // namespace velum

@@ -44,21 +44,34 @@ struct LogRange {
   bool isEmpty() const noexcept { return begin >= end; }
 };
 
-/// Finds the part of a log file that a range of dates covers without reading the rest: bisection
-/// by probes of one buffer, then a forward scan.
+/// `date` moved by some time; not beyond what a LogDate can hold.
+LogDate later(LogDate date, std::chrono::seconds by) noexcept;
+
+/// Finds the part of a log file that a range of dates covers.
 ///
 /// A record begins at a separator that a date follows; a separator inside a message is part of the
-/// message. Dates normally ascend. Local time steps back by an hour when daylight saving ends, and
-/// a corrected clock may step back too: steps of up to `backwardSteps` move no record that belongs
-/// to the range out of the result, which then also holds what was written around the step.
+/// message. Dates ascend, but for what writers that wait for each other turn round (`jitter`), as
+/// long as nobody sets the clock back. Where that happened, no record of the range is lost either,
+/// and the result holds what was written in between:
+///
+/// A file of up to `wholeSize` bytes is looked through record by record. In a larger one, the first
+/// record behind every `probeSpacing` bytes is looked at, and the last one. Only what these probes
+/// can't rule out is looked through; when one is earlier than another before it, everything is.
+/// What stays unseen in a large file is a clock that was wrong and right again between two probes,
+/// while nothing else in the file is out of order and what was written around is not of the range.
 class LogSearch {
  public:
-  static constexpr std::chrono::minutes backwardSteps{61};
+  static constexpr std::int64_t wholeSize = 4 * 1'048'576;
+  static constexpr std::int64_t probeSpacing = 32'768;
+  static constexpr std::chrono::seconds jitter{60};
 
-  explicit LogSearch(LogReader& reader) : reader_(reader) {}
+  /// `mostWhole` stands in for `wholeSize`.
+  explicit LogSearch(LogReader& reader, std::int64_t mostWhole = wholeSize)
+      : reader_(reader), mostWhole_(mostWhole) {}
 
-  /// From the first record that is not earlier than `lower` to the end of the last one that is not
-  /// later than `upper`, in whole seconds, both inclusive. An absent bound is the file's own.
+  /// From the first record of the range to the end of the last one, in whole seconds, both bounds
+  /// inclusive. An absent bound is the file's own, and so is the end when the file's last record is
+  /// not later than `upper`. A bound in an hour that the zone's clock passes twice is both of them.
   LogRange range(std::optional<LogDate> lower, std::optional<LogDate> upper);
 
   /// How a record begins that was written at `date`, without its milliseconds. Keys compare like
@@ -68,7 +81,7 @@ class LogSearch {
  private:
   /// What a look at a buffer yields.
   enum class Outcome : std::uint8_t {
-    found,             ///< A record; compared to a key: of that very second.
+    found,             ///< A record; compared to the bounds: one between them.
     foundLaterDate,    ///< One of a later second.
     foundEarlierDate,  ///< One of an earlier second.
     incompleteData,    ///< The buffer ends inside a record's date.
@@ -77,19 +90,38 @@ class LogSearch {
   struct Probe {
     Outcome outcome = Outcome::notFound;
     std::int64_t position = 0;  ///< Where the record begins, in the buffer or in the file.
-    std::string_view start;     ///< Its separator and date, to the second.
+    std::string_view start;     ///< Its separator and date, to the second; of the buffer.
   };
+  /// Keys; a record of the range is between them, both inclusive.
+  struct Bounds {
+    std::string first;
+    std::string last;
+  };
+  struct Record {
+    std::int64_t position = 0;  ///< In the file.
+    std::string start;
+  };
+  /// What probes could not rule out.
+  struct Suspects {
+    LogRange part;
+    std::int64_t inside = 0;  ///< Where the last probe of the range is; or 0.
+  };
+  class Probes;
 
+  static Bounds bounds(std::optional<LogDate> lower, std::optional<LogDate> upper);
+  static Outcome compared(std::string_view start, const Bounds& bounds);
   static Probe nextRecord(std::string_view bytes, std::size_t offset, bool isEndOfFile);
-  static Outcome compared(const Probe& record, std::string_view key);
   /// Calls `visit` with each record that begins from `from` on but before `to`, until it says no.
+  /// Reads `step` bytes first, and more from step to step.
   template <class Visit>
-  void scan(std::int64_t from, std::int64_t to, Visit visit);
-  std::int64_t bisect(std::string_view key);
-  std::int64_t lowerPosition(LogDate date);
-  std::int64_t upperPosition(LogDate date);
+  void scan(std::int64_t from, std::int64_t to, std::int64_t step, Visit visit);
+  std::optional<Record> lastRecord();
+  std::optional<Suspects> probe(const Bounds& bounds, const Bounds& wideBounds, const Record& last);
+  std::int64_t beginIn(const Suspects& suspects, const Bounds& bounds);
+  std::int64_t endIn(const Suspects& suspects, const Bounds& bounds, std::int64_t begin);
 
   LogReader& reader_;
+  std::int64_t mostWhole_;
 };
 
 }  // namespace velum

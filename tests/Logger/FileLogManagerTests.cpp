@@ -5,8 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <thread>
 
 #include "Velum/Logger/Handlers/FileLogHandler.h"
@@ -169,77 +171,134 @@ TEST_F(FileLogManagerTest, SplitsIntoHundredsOfFiles) {
   EXPECT_TRUE(save({.startDate = noon, .endDate = {}, .maxSize = {}}) == expected);
 }
 
-// A log over two files, large enough for bisection: one record a second.
-class DatedLogTest : public FileLogManagerTest {
- protected:
-  static constexpr int seconds = 40'000;
+// A log as a machine with a wayward clock writes it, and what is known about it.
+struct RandomLog {
+  struct Written {
+    LogDate date;
+    std::size_t begin;
+    std::size_t end;
+  };
+  std::string content;
+  std::vector<Written> records;
 
-  DatedLogTest() {
-    std::string older;
-    std::string newer;
-    for (int second = 0; second < seconds; ++second) {
-      (second < seconds / 2 ? older : newer) += at(second);
+  struct Kind {
+    bool isProbed;                    ///< else looked through as a whole
+    std::optional<std::size_t> held;  ///< the clock is set anew after that many bytes at least
+    std::chrono::seconds jitter{0};
+    std::chrono::minutes start{-720};  ///< from noon
+    std::size_t late = 0;              ///< for that many bytes the clock is ten days late
+    bool isExact() const { return !held && start < 0min; }
+  };
+
+  RandomLog(std::mt19937& random, std::size_t size, const Kind& kind) {
+    const auto below = [&random](std::int64_t end) {
+      return static_cast<std::int64_t>(random()) % end;
+    };
+    LogDate clock = noon + kind.start + (kind.late > 0 ? 240h : 0h);
+    std::size_t late = kind.late;
+    for (std::size_t set = 0; content.size() < size;) {
+      if (late > 0 && content.size() >= late) {
+        clock -= 240h;
+        late = 0;
+      }
+      if (kind.held && content.size() >= set + *kind.held && below(20) == 0) {
+        constexpr std::array<std::int64_t, 5> steps{40, 600, 8000, 90'000, 3'000'000};
+        const std::int64_t most = steps.at(static_cast<std::size_t>(below(5)));
+        clock += std::chrono::seconds(below(2 * most) - most);
+        set = content.size();
+      }
+      clock += below(150) == 0 ? 25min : std::chrono::milliseconds(below(12'000));
+      const LogDate date = clock - std::chrono::seconds(below(kind.jitter.count() + 1));
+      std::string text(static_cast<std::size_t>(below(300)), 'x');
+      if (below(10) == 0) text += "\x1E 2026-03-10 \x1E";
+      if (below(500) == 0) text.append(kind.held ? 3000 : 90'000, 'y');
+      const std::size_t begin = content.size();
+      content += record(date, app, text);
+      records.push_back({date, begin, content.size()});
     }
-    rotated(older);
-    live(newer);
   }
 
-  static LogDate date(int second) { return noon + std::chrono::seconds(second); }
-  static std::string at(int second) {
-    return record(date(second) + 500ms, app, fmt::format("second {} {:070}", second, 0));
-  }
-  static std::string between(int first, int last) {
-    std::string text;
-    for (int second = first; second <= last; ++second) text += at(second);
-    return text;
-  }
-  std::string range(int first, int last) const {
-    const auto saved = save({.startDate = date(first), .endDate = date(last), .maxSize = {}});
-    return saved.empty() ? "" : saved.begin()->second;
+  /// From the first to the last record of the range, in whole seconds.
+  LogRange range(std::optional<LogDate> lower, std::optional<LogDate> upper) const {
+    LogRange result;
+    for (const Written& one : records) {
+      const LogDate second = std::chrono::floor<std::chrono::seconds>(one.date);
+      if ((lower && second < *lower) || (upper && second > *upper)) continue;
+      if (result.isEmpty()) result.begin = static_cast<std::int64_t>(one.begin);
+      result.end = static_cast<std::int64_t>(one.end);
+    }
+    return result;
   }
 };
 
-TEST_F(DatedLogTest, TakesWhatLiesBetweenTheDates) {
-  EXPECT_EQ(range(100, 200), between(99, 201));
-  EXPECT_EQ(range(19'990, 20'010), between(19'989, 20'011));  // across the two files
-  EXPECT_EQ(range(39'990, 50'000), between(39'989, 39'999));
-  EXPECT_EQ(range(-100, 3), between(0, 4));
-  EXPECT_EQ(range(-100, 50'000), between(0, 39'999));
-  EXPECT_THAT(save({.startDate = date(-100), .endDate = date(-10), .maxSize = {}}), IsEmpty());
-  EXPECT_THAT(save({.startDate = date(50'000), .endDate = {}, .maxSize = {}}), IsEmpty());
-  EXPECT_THAT(save({.startDate = date(300), .endDate = date(200), .maxSize = {}}), IsEmpty());
-  EXPECT_EQ(save({.startDate = date(39'998), .endDate = {}, .maxSize = {}}).at(app),
-            between(39'997, 39'999));
-  EXPECT_EQ(save({.startDate = {}, .endDate = date(1), .maxSize = {}}).at(app), between(0, 2));
-}
-
-TEST_F(DatedLogTest, ReadsLittleMoreThanTheRange) {
-  LogReader reader(folder_ / "name.1.log", "test");
-  const LogRange range = LogSearch(reader).range(date(10'000), date(10'010));
-  EXPECT_EQ(range.end - range.begin, static_cast<std::int64_t>(between(10'000, 10'010).size()));
-  // Two bisections and two scans of the hour that the clock may have been set back.
-  EXPECT_LT(reader.bytesRead(), 8 * 1'048'576);
-}
-
-TEST_F(FileLogManagerTest, KeepsTheHourThatComesTwice) {
-  // Local time goes from 02:59:59 back to 02:00:00; the test's process has the zone to itself.
-  ::setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+// Looked through as a whole or by probes: nothing of the range is lost, and in order it is exact.
+TEST_F(FileLogManagerTest, FindsEveryRecordOfTheRangeWhateverTheClockDid) {
+  // The hour before noon + 2 h comes twice; the test's process has the zone to itself.
+  ::setenv("TZ", "CET-1CEST,M1.1.1,M3.2.2/16", 1);
   ::tzset();
-  const LogDate change = std::chrono::sys_days(std::chrono::year(2026) / 10 / 25) + 1h;
-  std::string text;
-  std::string wanted;
-  for (int minute = -180; minute < 180; ++minute) {
-    for (int i = 0; i < 60; ++i) {
-      const std::string one = record(change + std::chrono::minutes(minute), app,
-                                     fmt::format("minute {} {:0200}", minute, i));
-      text += one;
-      if (minute >= -30 && minute <= 30) wanted += one;
+  std::mt19937 random(11);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same logs each time
+  constexpr std::size_t noticed = 2 * LogSearch::probeSpacing;
+  const std::array<RandomLog::Kind, 6> kinds{
+      {{.isProbed = false, .held = {}},
+       {.isProbed = true, .held = {}, .jitter = LogSearch::jitter},
+       {.isProbed = false, .held = {}, .start = 90min},
+       {.isProbed = false, .held = 0},
+       {.isProbed = true, .held = noticed},
+       {.isProbed = true, .held = 0, .late = noticed}}};
+  for (std::size_t round = 0; round < 120; ++round) {
+    const RandomLog::Kind& kind = kinds.at(round % kinds.size());
+    const RandomLog log(random, 400'000, kind);
+    live(log.content);
+    LogReader reader(log_, "test");
+    for (int query = 0; query < 12; ++query) {
+      const auto moment = [&]() -> std::optional<LogDate> {
+        if (random() % 5 == 0) return std::nullopt;
+        const LogDate date = log.records[random() % log.records.size()].date;
+        const int shift = random() % 2 == 0 ? 0 : static_cast<int>(random() % 7200) - 3600;
+        return std::chrono::floor<std::chrono::seconds>(date) + std::chrono::seconds(shift);
+      };
+      auto lower = moment();
+      auto upper = random() % 2 == 0 && lower
+                       ? std::optional(*lower + std::chrono::minutes(random() % 60))
+                       : moment();
+      if (lower && upper && *upper < *lower) std::swap(lower, upper);
+      const LogRange expected = log.range(lower, upper);
+      const LogRange found =
+          LogSearch(reader, kind.isProbed ? 0 : LogSearch::wholeSize).range(lower, upper);
+      const auto place = fmt::format("round {} query {}: {}..{} for {}..{}", round, query,
+                                     found.begin, found.end, expected.begin, expected.end);
+      if (expected.isEmpty()) {
+        EXPECT_TRUE(!kind.isExact() || found.isEmpty()) << place;
+        continue;
+      }
+      EXPECT_TRUE(found.begin <= expected.begin && found.end >= expected.end) << place;
+      if (kind.isExact() && kind.jitter == 0s) {
+        EXPECT_TRUE(found.begin == expected.begin || !lower) << place;
+        EXPECT_TRUE(found.end == expected.end || !upper) << place;
+      }
     }
   }
-  live(text);
-  const auto saved = save({.startDate = change - 30min, .endDate = change + 30min, .maxSize = {}});
-  EXPECT_NE(saved.at(app).find(wanted), std::string::npos);
-  EXPECT_LT(saved.at(app).size(), text.size());
+}
+
+// Two files, a record a second: what is read, and that one more second on both sides is saved.
+TEST_F(FileLogManagerTest, ReadsLittleMoreThanTheRangeOfALargeLog) {
+  const auto at = [](int second) {
+    return record(noon - 4h + std::chrono::seconds(second) + 500ms, app, std::string(1000, 'x'));
+  };
+  std::string text;
+  for (int second = 0; second < 5'000; ++second) text += at(second);
+  rotated(text);
+  live(at(5'000) + at(5'001) + at(5'002));
+  const LogDate last = noon - 4h + 5'000s;
+  EXPECT_EQ(save({.startDate = last, .endDate = last, .maxSize = {}}).at(app),
+            at(4'999) + at(5'000) + at(5'001));
+  EXPECT_THAT(save({.startDate = last, .endDate = last - 9s, .maxSize = {}}), IsEmpty());
+  EXPECT_THAT(save({.startDate = last + 9s, .endDate = LogDate::max(), .maxSize = {}}), IsEmpty());
+
+  LogReader reader(folder_ / "name.1.log", "test");
+  const LogRange range = LogSearch(reader).range(last - 2'000s, last - 1'990s);
+  EXPECT_EQ(range.end - range.begin, static_cast<std::int64_t>(11 * at(0).size()));
+  EXPECT_LT(reader.bytesRead(), LogSearch::wholeSize / 4);
 }
 
 TEST_F(FileLogManagerTest, TreatsALogWithoutRecordsAsHavingNone) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -8,9 +9,12 @@ namespace velum {
 
 /// Cuts a stream of bytes that comes in chunks into lines. A line ends with a line feed, a carriage
 /// return, or both in that order, also when a chunk ends between the two. Holds no more than the
-/// line that has not ended yet. Not thread-safe.
+/// line that has not ended yet, and of that no more than `longestLine` bytes: a longer line comes
+/// in pieces of that size. Not thread-safe.
 class LineSplitter {
  public:
+  static constexpr std::size_t longestLine = 1'048'576;
+
   /// Calls `sink(std::string_view line)` for every line that ends in `chunk`, without its end.
   template <class Sink>
   void feed(std::string_view chunk, Sink sink) {
@@ -27,7 +31,7 @@ class LineSplitter {
       if (lineFeed < start) lineFeed = chunk.find('\n', start);
       if (carriageReturn < start) carriageReturn = chunk.find('\r', start);
     }
-    partial_.append(chunk.substr(start));
+    keep(chunk.substr(start), sink);
   }
 
   /// The same for a chunk whose lines nobody wants; what has not ended yet is kept all the same.
@@ -38,7 +42,8 @@ class LineSplitter {
       partial_.clear();
       chunk.remove_prefix(end + 1);
     }
-    partial_.append(chunk);
+    const auto nobody = [](std::string_view /*piece*/) {};
+    keep(chunk, nobody);
   }
 
   /// The stream is at its end: what is left is a line, unless it is empty.
@@ -56,10 +61,23 @@ class LineSplitter {
     return chunk.substr(isSplitEnd ? 1 : 0);
   }
 
+  /// Keeps the begin of a line, of which more may come.
+  template <class Sink>
+  void keep(std::string_view begin, Sink& sink) {
+    while (begin.size() > longestLine - partial_.size()) {
+      const std::size_t room = longestLine - partial_.size();
+      partial_.append(begin.substr(0, room));
+      sink(std::string_view(partial_));
+      partial_.clear();
+      begin.remove_prefix(room);
+    }
+    partial_.append(begin);
+  }
+
   template <class Sink>
   void emit(std::string_view line, Sink& sink) {
-    if (partial_.empty()) return sink(line);
-    partial_.append(line);
+    if (partial_.empty() && line.size() <= longestLine) return sink(line);
+    keep(line, sink);
     sink(std::string_view(partial_));
     partial_ = {};  // it may have been a long one
   }

@@ -61,6 +61,16 @@ TEST(LineSplitter, KeepsTheUnendedPartOfWhatIsSkipped) {
   EXPECT_EQ(split("abcd\nf", 2, [](std::size_t at) { return at == 0; }), (Lines{"abcd", "f"}));
 }
 
+TEST(LineSplitter, CutsLinesWithoutEndSomewhere) {
+  constexpr std::size_t longest = LineSplitter::longestLine;
+  const std::string line(2 * longest + 5, 'x');
+  const Lines pieces{std::string(longest, 'x'), std::string(longest, 'x'), "xxxxx", "end"};
+  for (const std::size_t size : {longest / 3, longest, 3 * longest}) {
+    EXPECT_EQ(split(line + "\nend", size), pieces) << "chunks of " << size;
+  }
+  EXPECT_EQ(split(std::string(longest, 'x') + "\n", 1000).size(), 1U);
+}
+
 TEST(Pipe, GathersWhatEveryWriterWroteAndSaysWhyItCannot) {
   velum::Pipe pipe;
   const std::string content(200'000, 'x');

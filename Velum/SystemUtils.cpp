@@ -1,20 +1,18 @@
 #include "Velum/SystemUtils.h"
 
 #include <fmt/format.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <chrono>
-#include <csignal>
 #include <filesystem>
+#include <utility>
 
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/Platform/Utf8Locale.h"
 #include "Velum/Process.h"
 #include "Velum/SystemError.h"
 
@@ -22,7 +20,6 @@ namespace velum {
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
 
 constexpr LogSite site(std::string_view function, CallPlace where = CallPlace::current()) {
   return {"Velum/SystemUtils", function, where};
@@ -31,103 +28,78 @@ constexpr LogSite site(std::string_view function, CallPlace where = CallPlace::c
 constexpr std::string_view compressName = "compressFolder(folderUrl:ext:onlyContents:)";
 constexpr std::string_view uncompressName = "uncompress(_:targetFolderUrl:)";
 
-/// A child that this thread waits for. One that is given up is killed, and leaves no zombie.
-class Child {
+/// Takes a tool's output, of any size.
+class OutputBuffer {
  public:
-  explicit Child(pid_t pid) noexcept : pid_(pid) {}
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-  ~Child() {
-    if (pid_ < 0) return;
-    ::kill(pid_, SIGKILL);
-    reapChild(pid_);
+  explicit OutputBuffer(int reader) : reader_(reader) {}
+
+  /// Reads once; see ReadOutput.
+  std::size_t readSome(std::size_t limit) {
+    limit = std::min(limit, std::max(bytes_.size(), smallRead));
+    char* const room = bytes_.room(limit);
+    const std::size_t end = bytes_.size() + limit;
+    if (bytes_.size() >= large && end > provided_) {
+      const std::size_t done = std::max(provided_, bytes_.size()) - bytes_.size();
+      provideMemory(room + done, limit - done);
+      provided_ = end;
+    }
+    const ssize_t size = retryInterrupted([&] { return ::read(reader_, room, limit); });
+    if (size < 0) throw lastSystemError("cliUtil(path:arguments:currentDirPath:output:), read");
+    bytes_.extend(static_cast<std::size_t>(size));
+    return static_cast<std::size_t>(size);
   }
 
-  pid_t pid() const noexcept { return pid_; }
-  int wait() noexcept { return reapChild(std::exchange(pid_, -1)); }
+  ByteBuffer take() { return std::move(bytes_); }
 
  private:
-  pid_t pid_;
+  static constexpr std::size_t smallRead = 65'536;
+  static constexpr std::size_t large = 1 << 20;  // where growing moves no bytes any more
+
+  int reader_;
+  ByteBuffer bytes_;
+  std::size_t provided_ = 0;  // where the memory that is there ends
 };
 
-/// Reads once, at most `limit` bytes; false at the end.
-bool readSome(int reader, ByteBuffer& output, std::size_t limit) {
-  char* const room = output.room(limit);
-  const ssize_t size = retryInterrupted([&] { return ::read(reader, room, limit); });
-  if (size < 0) throw lastSystemError("cliUtil(path:arguments:currentDirPath:output:), read");
-  output.extend(static_cast<std::size_t>(size));
-  return size > 0;
-}
-
-/// Waits for one of two descriptors; true when the first is readable, or at its end.
-bool awaitReadable(int first, int second, std::chrono::milliseconds timeout) {
-  std::array<pollfd, 2> states{{{first, POLLIN, 0}, {second, POLLIN, 0}}};
-  retryInterrupted(
-      [&] { return ::poll(states.data(), states.size(), static_cast<int>(timeout.count())); });
-  return states[0].revents != 0;
-}
-
-/// What the child writes until its end, or until nobody can write any more.
-ByteBuffer gatherOutput(int reader, const Child& child) {
-  constexpr std::size_t smallRead = 65'536;
-  constexpr std::size_t largeRead = 1 << 20;
-  constexpr std::chrono::milliseconds noLimit(-1);
-  const UniqueFd exit = exitDescriptor(child.pid());
-  ByteBuffer output;
-  while (!awaitReadable(exit.get(), reader, noLimit)) {
-    if (!readSome(reader, output, std::clamp(output.size(), smallRead, largeRead))) return output;
-  }
-  // All that the child wrote is in the pipe, however long it takes to read.
-  for (std::size_t end = output.size() + availableBytes(reader); output.size() < end;) {
-    if (!readSome(reader, output, end - output.size())) return output;
-  }
-  for (const auto deadline = Clock::now() + outputGrace; Clock::now() < deadline;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    constexpr int none = -1;  // poll(2) passes over it
-    if (!awaitReadable(reader, none, std::max(left, {})) || !readSome(reader, output, smallRead)) {
-      break;
-    }
-  }
-  return output;
-}
-
 CliResult runTool(const std::string& path, const std::vector<std::string>& arguments,
-                  const std::optional<std::string>& currentDirPath, bool collectsOutput) {
+                  const CliOptions& options) {
   PipeEnds pipe;
-  SpawnOptions options;
-  options.executable = fs::absolute(path).native();  // the tool may start in another folder
-  options.arguments = {path};
-  options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
-  options.directory = currentDirPath.value_or("");
-  for (std::size_t number = 0; number < options.standardStreams.size(); ++number) {
-    options.standardStreams.at(number) = inheritedStream(static_cast<int>(number));
+  SpawnOptions spawnOptions = toolOptions(path, arguments, options.currentDirPath);
+  spawnOptions.environment = options.environment;
+  for (const int number : {STDOUT_FILENO, STDERR_FILENO}) {
+    spawnOptions.standardStreams.at(static_cast<std::size_t>(number)) = inheritedStream(number);
   }
-  if (collectsOutput) {
+  if (options.output) {
     pipe = makePipe();
-    options.standardStreams[STDOUT_FILENO] = pipe.writer.get();
-    options.standardStreams[STDERR_FILENO] = pipe.writer.get();
+    spawnOptions.standardStreams[STDOUT_FILENO] = pipe.writer.get();
+    spawnOptions.standardStreams[STDERR_FILENO] = pipe.writer.get();
   }
-  Child child(spawn(options));
-  CliResult result;
-  if (collectsOutput) {
-    pipe.writer.reset();  // else the end of the output would not show
-    result.output = gatherOutput(pipe.reader.get(), child);
-  }
-  result.status = Termination::ofWaitStatus(child.wait()).status;
+  Tool tool(spawnOptions);
+  pipe.writer.reset();  // else the end of the output would not show
+  OutputBuffer output(pipe.reader.get());
+  const auto end = Termination::ofWaitStatus(tool.wait(
+      pipe.reader.get(), [&](std::size_t limit) { return output.readSome(limit); },
+      options.keepRunning));
+  CliResult result{end.status, end.reason == Termination::Reason::uncaughtSignal, std::nullopt};
+  if (options.output) result.output = output.take();
   return result;
 }
 
 }  // namespace
 
 CliResult SystemUtil::cliUtil(const std::string& path, const std::vector<std::string>& arguments,
-                              const std::optional<std::string>& currentDirPath, bool output) {
+                              const CliOptions& options) {
   try {
-    return runTool(path, arguments, currentDirPath, output);
+    return runTool(path, arguments, options);
   } catch (const std::exception& error) {
     logError(site("cliUtil(path:arguments:currentDirPath:output:)"), "Error occured: {}",
              error.what());
-    return {launchFailed, std::nullopt};
+    return {launchFailed, false, std::nullopt};
   }
+}
+
+CliResult SystemUtil::cliUtil(const std::string& path, const std::vector<std::string>& arguments,
+                              const std::optional<std::string>& currentDirPath, bool output) {
+  return cliUtil(path, arguments, CliOptions{.currentDirPath = currentDirPath, .output = output});
 }
 
 namespace {
@@ -135,6 +107,19 @@ namespace {
 /// The output of a tool as it is shown in a message.
 std::string_view textOf(const CliResult& result, std::string_view none) {
   return result.output && !result.output->empty() ? result.output->view() : none;
+}
+
+/// Runs an archive tool. They would take options from the environment, such as the one to delete
+/// what was packed, and the way names are written from its locale.
+CliResult runArchiveTool(const std::string& path, const std::vector<std::string>& arguments,
+                         CliOptions options = {}) {
+  const Utf8Locale locale;
+  std::vector<std::string> environment = environmentWithout(
+      {"ZIP", "ZIPOPT", "UNZIP", "UNZIPOPT", "ZIPINFO", "ZIPINFOOPT", "LC_ALL", "LOCPATH"});
+  environment.insert(environment.end(), locale.variables().begin(), locale.variables().end());
+  options.output = true;
+  options.environment = std::move(environment);
+  return SystemUtil::cliUtil(path, arguments, options);
 }
 
 /// A name that the zip tool doesn't take for an option.
@@ -145,7 +130,8 @@ std::string asOperand(const std::string& name) {
 }  // namespace
 
 std::optional<std::string> SystemUtil::compressFolder(const std::string& folderUrl,
-                                                      std::string_view ext, bool onlyContents) {
+                                                      std::string_view ext, bool onlyContents,
+                                                      const KeepRunning& keepRunning) {
   std::error_code error;
   if (!fs::is_directory(folderUrl, error)) {
     logError(site(compressName), "Input URL \"{}\" must be a directory", folderUrl);
@@ -160,10 +146,18 @@ std::optional<std::string> SystemUtil::compressFolder(const std::string& folderU
     return std::nullopt;
   }
   const std::string name = fmt::format("{}.{}", item, ext);
+  bool isEnded = false;
+  CliOptions options;
+  options.currentDirPath = onlyContents ? folder.string() : folder.parent_path().string();
+  if (keepRunning) {
+    options.keepRunning = [&](pid_t tool) { return !(isEnded = !keepRunning(tool)); };
+  }
   const CliResult result =
-      onlyContents ? cliUtil("/usr/bin/zip", {"-r", "-X", "../" + name, "."}, folder.string(), true)
-                   : cliUtil("/usr/bin/zip", {"-r", "-X", asOperand(name), asOperand(item)},
-                             folder.parent_path().string(), true);
+      runArchiveTool("/usr/bin/zip",
+                     {"-r", "-X", onlyContents ? "../" + name : asOperand(name),
+                      onlyContents ? "." : asOperand(item)},
+                     options);
+  if (isEnded) return std::nullopt;
   if (result.status != 0) {
     logError(site(compressName), "Zipping util failed with code: {}\nOutput:\n{}", result.status,
              textOf(result, ""));
@@ -265,8 +259,8 @@ bool SystemUtil::uncompress(const std::string& archiveUrl, const std::string& ta
   try {
     fs::create_directories(targetFolderUrl);
     const Staging staging(targetFolderUrl);
-    const CliResult result = cliUtil(
-        "/usr/bin/unzip", {"-o", asPattern(archiveUrl), "-d", staging.path()}, std::nullopt, true);
+    const CliResult result =
+        runArchiveTool("/usr/bin/unzip", {"-o", asPattern(archiveUrl), "-d", staging.path()});
     staging.openFolders();
     if (result.status != 0) {
       logError(site(uncompressName), "Archive uncompressing result: {}. Output: {}", result.status,

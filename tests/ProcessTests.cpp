@@ -4,12 +4,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
+#include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <thread>
 
 #include "Velum/LineSplitter.h"
 #include "Velum/Logger/Logger.h"
+#include "Velum/Platform/Dispatch.h"
 #include "Velum/SystemError.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Processes.h"
@@ -166,6 +170,7 @@ TEST_F(ProcessRun, SaysWhyALaunchFailedAndLetsTheReaderOfItsPipeGoOn) {
                                   HasSubstr("No such file or directory")));
   EXPECT_TRUE(output->gatherData().empty());
   EXPECT_EQ(Process::run("/bin/true", {.workdir = folder / "missing"}), nullptr);
+  EXPECT_THAT(log().back(), HasSubstr("chdir (" + folder / "missing" + "): No such file"));
   EXPECT_EQ(Process::run("/bin/true", {.outpipe = output}), nullptr) << "a used pipe";
 }
 
@@ -222,42 +227,59 @@ TEST_F(ProcessRun, PassesOverOutputWhenTheLevelIsHigher) {
   EXPECT_TRUE(log().empty());
 }
 
-TEST_F(ProcessRun, MakesBinaryOutputReadable) {
-  EXPECT_THAT(outputOf(R"(printf 'a\377b\0c\n')"), ElementsAre(std::string("a\xEF\xBF\xBD"
-                                                                           "b\0c",
-                                                                           7)));
-}
-
 TEST_F(ProcessRun, ReportsTheSignalThatEndedIt) {
   EXPECT_THAT(outputOf("printf last; kill -KILL $$"), ElementsAre("last"));
   EXPECT_EQ(process_->termination(), (Termination{SIGKILL, Termination::Reason::uncaughtSignal}));
   EXPECT_THAT(log().back(), EndsWith("returned 9"));
 }
 
-TEST_F(ProcessRun, WaitsForTheEndOfOneThatClosedItsOutput) {
+TEST_F(ProcessRun, EndsWithAllItStartedWhenAsked) {
+  for (const std::string script : {"", "trap '' TERM; "}) {
+    RunOptions options;
+    options.keepRunning = [&](pid_t tool) {
+      EXPECT_EQ(::getsid(tool), tool);
+      return Family::children().empty() || log_->texts().size() < 2;
+    };
+    EXPECT_THAT(outputOf(script + "sleep 1000 & echo; while sleep 1; do :; done", options),
+                ElementsAre(""));
+    EXPECT_EQ(process_->termination(), (Termination{script.empty() ? SIGTERM : SIGKILL,
+                                                    Termination::Reason::uncaughtSignal}));
+    for (const pid_t child : Family::children()) EXPECT_TRUE(hasEnded(child));
+    log_ = std::make_shared<RecordingLogHandler>();
+    Logger::shared().setHandlers({log_});
+  }
+}
+
+TEST_F(ProcessRun, NeedsNoOtherThreadOfTheQueueThatItBlocks) {
+  constexpr std::size_t tools = 70;  // more than the queue has threads
   const TemporaryFolder folder;
-  const LineReader fifo(folder / "fifo");
-  const auto process = Process::run(
-      "/bin/sh", {.args = {"-c", "echo out; exec >&- 2>&-; read x < " + folder / "fifo"}});
-  ASSERT_TRUE(process);
-  ASSERT_TRUE(eventually([&] { return log().size() == 2; }));
-  EXPECT_TRUE(process->isRunning());
-  writeFile(folder / "fifo", "go\n");
-  EXPECT_EQ(process->waitUntilExit(), Termination{});
-  EXPECT_EQ(log().at(1), "I: (Process) out");
+  ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
+  UniqueFd writer(::open((folder / "fifo").c_str(), O_RDWR | O_CLOEXEC));
+  DispatchGroup group;
+  std::atomic<std::size_t> ended{0};
+  for (std::size_t i = 0; i < tools; ++i) {
+    group.async(DispatchQueue::global(), [&] {
+      Process::run("/bin/cat", {.args = {folder / "fifo"}, .wait = true});
+      ++ended;
+    });
+  }
+  ASSERT_TRUE(eventually([] { return Family::children().size() >= 60; }));
+  writer.reset();
+  ASSERT_TRUE(eventually([&] {  // those that begin only now wait for another writer
+    const UniqueFd end(::open((folder / "fifo").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    return ended == tools;
+  }));
+  group.wait();
 }
 
-TEST_F(ProcessRun, DoesNotWaitForThoseThatKeepItsOutput) {
-  EXPECT_THAT(outputOf("sleep 1000 & printf before"), ElementsAre("before"));
-  EXPECT_THAT(Family::children(), ::testing::SizeIs(1)) << "the one left behind lives on";
-}
-
-TEST_F(ProcessRun, EndsBesideOneThatNeverStopsWriting) {
-  Logger::shared().setHandlers({});
-  const auto process = Process::run("/bin/sh", {.args = {"-c", "yes & exit 5"}, .wait = true});
-  EXPECT_EQ(process->termination(), (Termination{5, Termination::Reason::exit}));
-  // Listened to no more, it ends; nothing of it gets into another test's log.
-  for (const pid_t child : Family::children()) EXPECT_TRUE(hasEnded(child));
+TEST_F(ProcessRun, IsNotWaitedForInAForkedChild) {
+  const auto process = Process::run("/bin/sleep", {.args = {"1000"}});
+  inChild([&] {
+    EXPECT_EQ(process->waitUntilExit(), (Termination{255, Termination::Reason::exit}));
+    EXPECT_FALSE(process->isRunning());
+  });
+  ::kill(process->processIdentifier(), SIGKILL);
+  process->waitUntilExit();
 }
 
 TEST_F(ProcessRun, NeedsNobodyWhoHoldsIt) {
@@ -270,24 +292,6 @@ TEST_F(ProcessRun, NeedsNobodyWhoHoldsIt) {
   const std::string last = "I: (Process) /bin/sh (pid: " + std::to_string(pid) + ") returned 0";
   EXPECT_TRUE(eventually([&] { return std::ranges::count(log(), last) == 1; }));
   EXPECT_TRUE(Family::children().empty()) << "reaped";
-}
-
-TEST_F(ProcessRun, EndsWhereTheSystemReapsTheChildren) {
-  inChild([] {
-    ASSERT_NE(::signal(SIGCHLD, SIG_IGN), SIG_ERR);
-    for (int i = 0; i < 20; ++i) {
-      const auto process = Process::run("/bin/true", {.wait = true});
-      ASSERT_TRUE(process);
-      EXPECT_EQ(process->termination(), (Termination{255, Termination::Reason::exit}));
-    }
-  });
-}
-
-TEST_F(ProcessRun, WorksWithoutStandardStreams) {
-  inChild([this] {
-    for (int number = 0; number <= 2; ++number) ::close(number);
-    EXPECT_THAT(outputOf("cat; echo read; echo err >&2"), ElementsAre("read", "err"));
-  });
 }
 
 std::size_t openDescriptors() {

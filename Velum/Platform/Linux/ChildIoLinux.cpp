@@ -1,10 +1,14 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
+#include <fstream>
+#include <memory>
 #include <string>
 
 #include "Velum/Platform/Linux/PipeSignalLinux.h"
@@ -24,7 +28,7 @@ UniqueFd aboveStandardStreams(UniqueFd fd) {
 }  // namespace
 
 PipeEnds makePipe() {
-  constexpr int capacity = 1 << 20;
+  constexpr int capacity = 1 << 18;
   std::array<int, 2> fds{};
   if (::pipe2(fds.data(), O_CLOEXEC) != 0) throw lastSystemError("makePipe, pipe2");
   UniqueFd reader(fds[0]);
@@ -58,6 +62,21 @@ int reapChild(pid_t child) noexcept {
   constexpr int lost = W_EXITCODE(255, 0);
   int status = 0;
   return retryInterrupted([&] { return ::waitpid(child, &status, 0); }) == child ? status : lost;
+}
+
+void provideMemory(char* begin, std::size_t size) noexcept {
+  static const auto pageSize = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  void* first = begin;
+  if (std::align(pageSize, pageSize, first, size) == nullptr) return;
+  // Kernels before 5.14 don't know it.
+  static_cast<void>(::madvise(first, size / pageSize * pageSize, MADV_POPULATE_WRITE));
+}
+
+std::uint64_t bytesReadBy(pid_t process) {
+  std::ifstream counters("/proc/" + std::to_string(process) + "/io");
+  std::string name;
+  std::uint64_t count = 0;
+  return counters >> name >> count && name == "rchar:" ? count : 0;
 }
 
 }  // namespace velum

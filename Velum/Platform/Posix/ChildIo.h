@@ -2,8 +2,8 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 #include "Velum/Platform/Posix/UniqueFd.h"
@@ -17,8 +17,9 @@ struct PipeEnds {
   UniqueFd writer;
 };
 
-/// A new pipe that no child inherits by itself, of 1 MiB where this user may have that much, so
-/// that a child writes on while its reader is busy. Its ends are never the numbers of standard
+/// A new pipe that no child inherits by itself, of 256 KiB where this user may have that much, so
+/// that a child writes on while its reader is busy. (With more, what it holds is no longer in the
+/// processor's cache when it is read.) Its ends are never the numbers of standard
 /// streams, even where this process has closed those. Throws SystemError.
 PipeEnds makePipe();
 
@@ -37,8 +38,11 @@ UniqueFd exitDescriptor(pid_t child);
 /// Where something else in this process took the status away, it reads as exit status 255.
 int reapChild(pid_t child) noexcept;
 
-/// How long the output of an ended child is still read when another process, which the child left
-/// behind, holds the other end of the pipe: that one may keep it for ever.
-inline constexpr std::chrono::milliseconds outputGrace(100);
+/// Has the system provide the memory pages of a block all at once, for whoever is about to fill
+/// them: one by one, as they are touched, takes longer. Only a hint.
+void provideMemory(char* begin, std::size_t size) noexcept;
+
+/// How many bytes a running process has read from whatever it reads; 0 when that can't be learned.
+std::uint64_t bytesReadBy(pid_t process);
 
 }  // namespace velum

@@ -23,6 +23,13 @@ void check(int error, const SpawnOptions& options, std::string_view call) {
   throw SystemError(error, std::string(call) + " (" + options.executable + ")");
 }
 
+// Which of its steps failed, posix_spawn(3) does not say.
+void checkDirectory(const std::string& directory) {
+  if (!directory.empty() && ::access((directory + "/.").c_str(), X_OK) != 0) {
+    throw lastSystemError("chdir (" + directory + ")");
+  }
+}
+
 class Attributes {
  public:
   explicit Attributes(const SpawnOptions& options) {
@@ -135,9 +142,11 @@ pid_t spawn(const SpawnOptions& options) {
   std::vector<char*> environment;
   if (options.environment) environment = pointers(*options.environment);
   pid_t pid = -1;
-  check(::posix_spawn(&pid, options.executable.c_str(), actions.get(), attributes.get(),
-                      arguments.data(), options.environment ? environment.data() : environ),
-        options, "posix_spawn");
+  const int error =
+      ::posix_spawn(&pid, options.executable.c_str(), actions.get(), attributes.get(),
+                    arguments.data(), options.environment ? environment.data() : environ);
+  if (error != 0) checkDirectory(options.directory);
+  check(error, options, "posix_spawn");
   return pid;
 }
 

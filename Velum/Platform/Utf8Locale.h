@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace velum {
+
+/// A locale whose characters are UTF-8, for a tool that would write other names where the machine
+/// has none. Lives at least as long as the tool.
+class Utf8Locale {
+ public:
+  Utf8Locale();
+  Utf8Locale(const Utf8Locale&) = delete;
+  Utf8Locale& operator=(const Utf8Locale&) = delete;
+  ~Utf8Locale();
+
+  /// What the tool's environment needs, NAME=value each; nothing where it can't be had.
+  const std::vector<std::string>& variables() const noexcept { return variables_; }
+
+ private:
+  std::string folder_;
+  std::vector<std::string> variables_;
+};
+
+}  // namespace velum

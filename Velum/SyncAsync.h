@@ -5,7 +5,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <semaphore>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -79,25 +78,17 @@ class SyncAsync {
     /// The same, but gives up waiting after `timeout`. The body then runs on by itself, and what
     /// it returns is dropped; it must not refer to what the caller may destroy.
     SyncResult<Value> run(Timeout timeout) const {
-      const auto state = std::make_shared<State>();
-      DispatchQueue::global().async([state, body = body_] {
-        state->result = outcome(body);
-        state->done.release();
-      });
-      if (!timeout) {
-        state->done.acquire();
-      } else if (!state->done.try_acquire_for(*timeout)) {
+      const auto result = std::make_shared<std::optional<SyncResult<Value>>>();
+      DispatchGroup job;
+      job.async(DispatchQueue::global(),
+                [result, body = body_] { result->emplace(outcome(body)); });
+      if (!job.wait(timeout.value_or(std::chrono::nanoseconds::max()))) {
         return SyncResult<Value>::timeOut();
       }
-      return std::move(*state->result);
+      return std::move(**result);
     }
 
    private:
-    struct State {
-      std::counting_semaphore<1> done{0};
-      std::optional<SyncResult<Value>> result;  // written before `done`, read after it
-    };
-
     static SyncResult<Value> outcome(const std::function<Value()>& body) try {
       if constexpr (std::is_void_v<Value>) {
         body();

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <optional>
+#include <semaphore>
 #include <thread>
 
+#include "Velum/Deadline.h"
 #include "Velum/ThreadLocal.h"
 #include "tests/support/Waiting.h"
 
@@ -66,19 +69,32 @@ TEST(SerialThrowingJob, GivesUpWaitingWhileTheBodyRunsOn) {
   EXPECT_TRUE(test::eventually([&] { return isOver->load(); }));
 }
 
-TEST(SerialJob, MayWaitForOthersFromManyThreadsAtOnce) {
-  // Every body waits for a job of its own; there must be threads for all of them.
-  std::vector<std::thread> callers;
-  std::atomic<int> sum{0};
-  for (int i = 0; i < 12; ++i) {
-    callers.emplace_back([&] {
-      sum += SyncAsync::SerialJob<int>([] {
-               return SyncAsync::SerialJob<int>([] { return 1; }).run() + 1;
-             }).run();
+int depthOf(int jobs) {
+  return jobs == 0 ? 0 : SyncAsync::SerialJob<int>([=] { return depthOf(jobs - 1) + 1; }).run();
+}
+
+// Every body waits for a job of its own; there must be threads for all of them.
+TEST(SerialJob, MayWaitForJobsOfItsOwnToAnyDepth) {
+  EXPECT_EQ(depthOf(100), 100);
+}
+
+TEST(SyncAsync, WaitsHoweverLongItMay) {
+  constexpr auto forEver = std::chrono::nanoseconds::max();
+  for (const auto timeout : {forEver, forEver - 1ns, forEver / 2}) {
+    SyncAsync runner("jobs");
+    std::counting_semaphore<1> unblock(0);
+    runner.async([&] { unblock.acquire(); });
+    const SyncAsync::SerialJob<int> job([&] {
+      unblock.release();
+      return runner.wait(timeout) ? 7 : 0;
     });
+    EXPECT_EQ(job.run(timeout).get(), 7);
   }
-  for (auto& caller : callers) caller.join();
-  EXPECT_EQ(sum, 24);
+  using Seconds = std::chrono::duration<double>;
+  EXPECT_EQ(bounded(Seconds(1.5)), 1500ms);
+  EXPECT_EQ(bounded(Seconds(1e300)), bounded(forEver));
+  EXPECT_EQ(bounded(Seconds(-1)), 0ns);
+  EXPECT_EQ(bounded(Seconds(std::nan(""))), 0ns);
 }
 
 TEST(ThreadLocal, HoldsAValuePerThreadAndPerHolder) {

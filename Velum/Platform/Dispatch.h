@@ -15,8 +15,13 @@ using Work = std::function<void()>;
 /// side by side.
 ///
 /// Every operation may be called from any thread. A work item must not throw: an exception that
-/// leaves it stops the process. After fork(2) the child's queues start empty, with threads of
-/// their own.
+/// leaves it stops the process. Work that blocks gets in nobody's way: threads are added as long as
+/// the system has any. Where it has none, work waits for one (with a line on the console).
+///
+/// After fork(2) the child's queues start empty, with threads of their own. A child that was forked
+/// inside a work item and returns from it serves its own queues from then on: its main queue when
+/// the item ran on the main queue, else the others, with no signal blocked. It never runs the
+/// parent's work, and it ends when it calls exit(3), or by a signal.
 class DispatchQueue {
  public:
   DispatchQueue() = default;
@@ -43,19 +48,22 @@ class DispatchQueue {
   /// Runs `work` later, never inside this call.
   virtual void async(Work work) = 0;
 
-  /// Runs `work` no earlier than `delay` from now, measured on a clock that never jumps.
+  /// Runs `work` no earlier than `delay` from now, measured on a clock that never jumps. Can't be
+  /// taken back; DispatchSource::timer can.
   virtual void asyncAfter(std::chrono::nanoseconds delay, Work work) = 0;
 };
 
 /// Counts work in flight on any number of queues. Every `enter` needs its `leave`, and `leave` may
-/// come from any thread.
+/// come from any thread. Copies count together. In a forked child nothing is in flight: what the
+/// parent entered is not waited for there, and a `leave` for it is ignored unless the child
+/// itself has something in flight.
 class DispatchGroup {
  public:
   DispatchGroup();
 
   void enter();
   void leave();
-  /// Hands `work` to `queue` as part of the group.
+  /// Hands `work` to `queue` as part of the group; not part of it when that throws.
   void async(DispatchQueue& queue, Work work);
   /// Blocks until nothing is in flight; false when `timeout` passed first.
   bool wait(std::chrono::nanoseconds timeout = std::chrono::nanoseconds::max());

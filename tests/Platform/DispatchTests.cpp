@@ -10,13 +10,17 @@
 #include <atomic>
 #include <csignal>
 #include <latch>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <semaphore>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "Velum/Platform/Application.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Platform/Thread.h"
 #include "Velum/SystemError.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Waiting.h"
@@ -121,16 +125,35 @@ TEST(DispatchQueue, StarvesNothingWhenManyItemsBlock) {
   EXPECT_TRUE(group.wait(test::deadline));
 }
 
+/// As long as it lives, this process gets no more threads. For a child process: the user changes.
+class NoThreads {
+ public:
+  NoThreads() {
+    if ((::geteuid() == 0 && ::setresuid(65534, 65534, 65534) != 0) ||  // does not count for root
+        ::getrlimit(RLIMIT_NPROC, &before_) != 0) {
+      return;
+    }
+    const rlimit none{0, before_.rlim_max};
+    isInForce_ = ::setrlimit(RLIMIT_NPROC, &none) == 0 && startThread("none", [] {}) != 0;
+  }
+  NoThreads(const NoThreads&) = delete;
+  NoThreads& operator=(const NoThreads&) = delete;
+  ~NoThreads() { EXPECT_EQ(::setrlimit(RLIMIT_NPROC, &before_), 0); }
+
+  bool isInForce() const { return isInForce_; }
+
+ private:
+  rlimit before_{};
+  bool isInForce_ = false;
+};
+
 TEST(DispatchQueue, GoesOnWithFewThreadsWhenNoMoreCanBeMade) {
   test::inChild([] {
     Signal done;
     DispatchQueue::global().async([&] { done.raise(); });
     ASSERT_TRUE(done.wait());
-    const rlimit none{0, 0};  // does not count for root
-    if ((::geteuid() == 0 && ::setresuid(65534, 65534, 65534) != 0) ||
-        ::setrlimit(RLIMIT_NPROC, &none) != 0) {
-      GTEST_SKIP() << "can't limit threads here";
-    }
+    const NoThreads limit;
+    if (!limit.isInForce()) GTEST_SKIP() << "can't limit threads here";
     std::latch together(2);
     for (int i = 0; i < 10; ++i) {
       DispatchQueue::global().async([&, i] {
@@ -139,6 +162,25 @@ TEST(DispatchQueue, GoesOnWithFewThreadsWhenNoMoreCanBeMade) {
       });
     }
     for (int i = 0; i < 10; ++i) ASSERT_TRUE(done.wait());
+  });
+}
+
+TEST(DispatchQueue, AsksAgainForItsFirstThread) {
+  const auto begin = [](DispatchGroup& group, const Work& work) {
+    const NoThreads limit;
+    if (limit.isInForce()) group.async(DispatchQueue::global(), work);
+    return limit.isInForce();
+  };
+  test::inChild([&] {
+    DispatchGroup group;
+    if (!begin(group, [] {})) GTEST_SKIP() << "can't limit threads here";
+    EXPECT_TRUE(group.wait(test::deadline)) << "who waits asks again";
+  });
+  if (HasFailure() || IsSkipped()) return;
+  test::inChild([&] {
+    DispatchGroup group;
+    EXPECT_TRUE(begin(group, [] { ::_exit(0); }));
+    Application::shared().run();  // asks again as well
   });
 }
 
@@ -153,6 +195,28 @@ TEST(DispatchQueue, RunsMainWorkOnTheThreadOfTheApplication) {
         EXPECT_TRUE(DispatchQueue::isMain());
         ::_exit(::testing::Test::HasFailure() ? 1 : 0);
       });
+    });
+    Application::shared().run();
+  });
+}
+
+/// What an item hands in comes before what another thread hands in later.
+void checkOrder(DispatchQueue& queue, const Work& next) {
+  queue.async([&queue, next, order = std::make_shared<std::string>()] {
+    queue.async([order] { *order += "own "; });
+    std::thread([&queue, order] { queue.async([order] { *order += "other"; }); }).join();
+    queue.async([order, next] {
+      EXPECT_EQ(*order, "own other");
+      next();
+    });
+  });
+}
+
+TEST(DispatchQueue, KeepsTheOrderOfItsOwnThreadAndOthers) {
+  test::inChild([] {
+    const auto serial = DispatchQueue::serial("order");
+    checkOrder(*serial, [] {
+      checkOrder(DispatchQueue::main(), [] { ::_exit(::testing::Test::HasFailure() ? 1 : 0); });
     });
     Application::shared().run();
   });
@@ -185,13 +249,102 @@ TEST(DispatchQueue, WorksInAForkedChildAndNoMoreWorkOfTheParentRunsThere) {
   EXPECT_TRUE(test::eventually([&] { return ran == 1; }));
 }
 
+/// A work item forks, and parent and child return from it. The parent still gets all its events and
+/// work, the child none of that, but what it hands in itself.
+void forkInsideAnItem(DispatchQueue& queue) {
+  static int parent = 0;
+  parent = ::getpid();
+  const auto isParent = [] { return ::getpid() == parent; };
+  const auto events = makePipe();
+  const auto ending = makePipe();  // the child learns from it that the parent is through
+  constexpr int expected = 100;
+  std::atomic<int> received{0};
+  Signal all;
+  const auto source = DispatchSource::readable(events[0].get(), queue, [&] {
+    char byte = 0;
+    if (!isParent()) ::_exit(2);
+    if (::read(events[0].get(), &byte, 1) == 1 && ++received == expected) all.raise();
+  });
+  std::atomic<pid_t> child{0};
+  std::unique_ptr<DispatchSource> childsOwn;
+  queue.async([&] {
+    const pid_t pid = ::fork();
+    if (pid != 0) {
+      child = pid;
+      return;
+    }
+    ::alarm(60);
+    queue.async(
+        [&] { childsOwn = DispatchSource::readable(ending[0].get(), queue, [] { ::_exit(0); }); });
+  });
+  queue.async([&] {
+    if (!isParent()) ::_exit(3);
+    all.raise();
+  });
+  queue.asyncAfter(10ms, [&] {
+    if (!isParent()) ::_exit(4);
+    all.raise();
+  });
+  ASSERT_TRUE(test::eventually([&] { return child > 0; }));
+  for (int i = 0; i < expected; ++i) {
+    ASSERT_EQ(::write(events[1].get(), "x", 1), 1);
+    ASSERT_TRUE(test::eventually([&] { return received > i; })) << "the child took event " << i;
+  }
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(all.wait());
+  ASSERT_EQ(::write(ending[1].get(), "x", 1), 1);
+  int status = -1;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0) << "of the child, which runs its own queues from then on";
+}
+
+TEST(DispatchQueue, ChildForkedInsideAnItemLeavesTheParentsWorkAlone) {
+  test::inChild([] { forkInsideAnItem(*DispatchQueue::serial("forking")); });
+  test::inChild([] {
+    std::thread([] {
+      forkInsideAnItem(DispatchQueue::main());
+      ::_exit(::testing::Test::HasFailure() ? 1 : 0);
+    }).detach();
+    Application::shared().run();
+  });
+}
+
 TEST(DispatchGroup, WaitsForAllAndReportsATimeOut) {
   DispatchGroup group;
   EXPECT_TRUE(group.wait(0ns));
   group.enter();
   EXPECT_FALSE(group.wait(1ms));
+  EXPECT_FALSE(group.wait(std::chrono::nanoseconds::min()));
   DispatchQueue::global().async([group]() mutable { group.leave(); });
   EXPECT_TRUE(group.wait());
+}
+
+TEST(DispatchGroup, IsLeftByWorkThatCannotBeHandedIn) {
+  struct Full final : DispatchQueue {
+    const std::string& label() const noexcept override { return label_; }
+    void async(Work) override { throw std::bad_alloc(); }
+    void asyncAfter(std::chrono::nanoseconds, Work) override {}
+    std::string label_;
+  } queue;
+  DispatchGroup group;
+  EXPECT_THROW(group.async(queue, [] {}), std::bad_alloc);
+  EXPECT_TRUE(group.wait(0ns));
+}
+
+TEST(DispatchGroup, StartsEmptyInAForkedChild) {
+  DispatchGroup group;
+  group.enter();
+  test::inChild([&] {
+    EXPECT_TRUE(group.wait(0ns)) << "of the parent's";
+    group.leave();
+    Signal go;
+    group.async(DispatchQueue::global(), [&] { EXPECT_TRUE(go.wait()); });
+    EXPECT_FALSE(group.wait(1ms));
+    go.raise();
+    EXPECT_TRUE(group.wait(test::deadline));
+  });
+  EXPECT_FALSE(group.wait(0ns)) << "the child is none of the parent's business";
+  group.leave();
+  EXPECT_TRUE(group.wait(0ns));
 }
 
 TEST(DispatchSource, TellsOnceForEachTimeADescriptorIsReadable) {

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "Velum/Deadline.h"
 #include "Velum/Fatal.h"
 #include "Velum/ForkSafeLock.h"
 #include "Velum/Logger/Logger.h"
@@ -22,11 +23,8 @@ constexpr std::string_view sourceFile = "Velum/KeyStorage";
 constexpr std::string_view abstractOperation = "Must be implemented in subclass";
 
 std::chrono::nanoseconds duration(double seconds) {
-  constexpr double longest = 365.0 * 24 * 60 * 60;
   if (!(seconds > 0)) return {};  // not a number is no delay either
-  const std::chrono::duration<double> time(std::min(seconds, longest));
-  return std::max(std::chrono::nanoseconds(1),
-                  std::chrono::duration_cast<std::chrono::nanoseconds>(time));
+  return std::max(std::chrono::nanoseconds(1), bounded(std::chrono::duration<double>(seconds)));
 }
 
 void wipe(PropertyList& list) noexcept {

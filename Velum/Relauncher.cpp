@@ -19,6 +19,7 @@
 #include <optional>
 #include <string_view>
 
+#include "Velum/Deadline.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
@@ -65,13 +66,13 @@ std::string absolute(const std::string& path) {
 
 /// Waits for the helper's byte; the code of what came instead.
 int waitUntilReady(int descriptor, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  const auto deadline = deadlineAfter(timeout);
   while (true) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
     pollfd state{descriptor, POLLIN, 0};
-    const int result = ::poll(&state, 1, static_cast<int>(std::max(left.count(), {})));
-    if (result == 0) return ETIMEDOUT;
+    const int limit = pollTimeout(deadline);
+    const int result = ::poll(&state, 1, limit);
+    if (result == 0 && limit == 0) return ETIMEDOUT;
+    if (result == 0) continue;
     if (result < 0) {
       if (errno == EINTR) continue;
       return errno;

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "Velum/Deadline.h"
 #include "Velum/IPCDarwinMessage.h"
 #include "Velum/Logger/Handlers/NSLogHandler.h"
 #include "Velum/Logger/Logger.h"
@@ -49,8 +50,7 @@ struct MessageOptions : NotifyOptions {
 constexpr double longestTimeout = 365.0 * 24 * 3600;  // seconds
 
 std::chrono::nanoseconds nanoseconds(double seconds) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-      std::chrono::duration<double>(seconds));
+  return velum::bounded(std::chrono::duration<double>(seconds));
 }
 
 /// What came in on other threads, taken by the one that prints it.

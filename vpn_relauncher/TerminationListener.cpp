@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Velum/Deadline.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Bundle.h"
 
@@ -90,8 +91,7 @@ void TerminationListener::finishAttempt(const std::shared_ptr<Retries>& retries,
   --retries->attemptsLeft;
   logWarning(site(), "Restart failed. Attempts left: {}", retries->attemptsLeft);
   retries->delay *= delayGrowth;
-  mainQueue_.asyncAfter(std::chrono::duration_cast<std::chrono::nanoseconds>(retries->delay),
-                        [this, retries] { relaunchWithRetries(retries); });
+  mainQueue_.asyncAfter(bounded(retries->delay), [this, retries] { relaunchWithRetries(retries); });
 }
 
 }  // namespace velum

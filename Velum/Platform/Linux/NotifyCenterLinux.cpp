@@ -12,6 +12,7 @@
 #include <mutex>
 #include <utility>
 
+#include "Velum/Deadline.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Directories.h"
 #include "Velum/Platform/Thread.h"
@@ -192,8 +193,7 @@ std::size_t NotifyCenterLinux::unreadLk() const {
 
 bool NotifyCenterLinux::wait(const std::function<bool()>& isDone,
                              std::chrono::nanoseconds timeout) {
-  constexpr std::chrono::nanoseconds longest = std::chrono::hours(24 * 365);
-  const auto deadline = Clock::now() + std::min(timeout, longest);
+  const auto deadline = deadlineAfter(timeout);
   std::shared_ptr<Inotify> inotify;
   Observers inherited;  // dropped after the lock
   {
@@ -292,7 +292,7 @@ void NotifyCenterLinux::rewatchLk(Outcome& outcome) {
   try {
     watchLk();
   } catch (const SystemError& error) {
-    nextTry_ = Clock::now() + retryPause;  // the watches given up make events of their own
+    nextTry_ = deadlineAfter(retryPause);  // the watches given up make events of their own
     if (!std::exchange(isRetrying_, true)) outcome.complaints.emplace_back(error.what());
     return;
   }

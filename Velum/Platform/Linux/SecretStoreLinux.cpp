@@ -6,6 +6,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Velum/Deadline.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/AtFork.h"
 #include "Velum/Platform/Linux/SecretChoiceLinux.h"
@@ -26,7 +27,7 @@ SecretCall callNow(std::chrono::milliseconds timeout) {
     return value != nullptr && *value != '\0';
   };
   SecretCall call;
-  call.deadline = SecretCall::Clock::now() + timeout;
+  call.deadline = deadlineAfter(timeout);
   call.folder = userFolder("XDG_DATA_HOME", ".local/share");
   if (call.folder) call.folder->append("/velum");
   call.credentialsFolder = absoluteVariable("CREDENTIALS_DIRECTORY");

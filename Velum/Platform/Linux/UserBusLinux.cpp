@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <string>
 
+#include "Velum/Deadline.h"
 #include "Velum/SystemError.h"
 
 namespace velum {
@@ -11,8 +12,7 @@ void checkBus(int result, std::string_view text) {
   if (result < 0) throw SystemError(-result, std::string(text));
 }
 
-UserBus::UserBus(std::chrono::microseconds timeout)
-    : deadline_(std::chrono::steady_clock::now() + timeout) {
+UserBus::UserBus(std::chrono::microseconds timeout) : deadline_(deadlineAfter(timeout)) {
   sd_bus* bus = nullptr;
   checkBus(sd_bus_open_user(&bus), "no user bus");
   bus_.reset(bus);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "Velum/Deadline.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/SyncAsync.h"
 #include "Velum/SystemError.h"
@@ -102,15 +103,12 @@ void X11Connection::selectEvents(xcb_window_t window, std::uint32_t mask) {
 
 bool X11Connection::waitForInput(std::chrono::steady_clock::time_point end) {
   flush();
-  const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
   pollfd state{descriptor(), POLLIN, 0};
-  const int timeout = static_cast<int>(std::max<std::int64_t>(left.count(), 0));
-  return retryInterrupted([&] { return ::poll(&state, 1, timeout); }) > 0;
+  return retryInterrupted([&] { return ::poll(&state, 1, pollTimeout(end)); }) > 0;
 }
 
 XcbPointer<void> X11Connection::reply(unsigned sequence) {
-  const auto end = std::chrono::steady_clock::now() + patience_;
+  const auto end = deadlineAfter(patience_);
   void* answer = nullptr;
   xcb_generic_error_t* error = nullptr;
   while (!isBroken() && xcb_poll_for_reply(raw(), sequence, &answer, &error) == 0) {

@@ -103,7 +103,9 @@ std::string shortened(std::string text) {
 /// A file that was renamed so that the tool does not see it.
 class Hidden {
  public:
-  explicit Hidden(std::string path) : path_(std::move(path)), away_(path_ + ".removed") {
+  static constexpr std::string_view mark = ".removed";
+
+  explicit Hidden(std::string path) : path_(std::move(path)), away_(path_ + std::string(mark)) {
     if (::rename(path_.c_str(), away_.c_str()) != 0) {
       throw lastSystemError(fmt::format("rename ({}, {})", path_, away_));
     }
@@ -117,6 +119,20 @@ class Hidden {
     if (away_.empty() || ::rename(away_.c_str(), path_.c_str()) == 0) return;
     logError({"MachineCertificates", "remove(_:)"}, "{} could not be brought back as {}: {}", away_,
              path_, systemErrorText(errno));
+  }
+
+  /// Brings back what killed processes hid below `folder`. Failures don't matter.
+  static void restoreAll(const std::string& folder) {
+    std::error_code error;
+    fs::recursive_directory_iterator entry(folder, fs::directory_options::follow_directory_symlink,
+                                           error);
+    for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
+      const std::string path = entry->path().string();
+      const std::string before = path.substr(0, path.size() - std::min(path.size(), mark.size()));
+      if (path.ends_with(mark) && before.ends_with(suffix)) {
+        ::rename(path.c_str(), before.c_str());
+      }
+    }
   }
 
   void removeForGood() {
@@ -170,8 +186,11 @@ MachineCertificates::MachineCertificates(std::string root, std::string updater)
 std::vector<MachineCertificates::File> MachineCertificates::files() const {
   std::vector<File> files;
   std::error_code error;
-  fs::recursive_directory_iterator entry(folder_, fs::directory_options::follow_directory_symlink,
-                                         error);
+  fs::recursive_directory_iterator entry;
+  do {
+    entry = fs::recursive_directory_iterator(
+        folder_, fs::directory_options::follow_directory_symlink, error);
+  } while (error == std::errc::interrupted);
   if (error.value() == ENOENT) return files;
   for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
     const std::string path = entry->path().string();
@@ -201,12 +220,14 @@ void MachineCertificates::add(const SecCertificate& certificate, const std::stri
   ::mkdir(folder_.c_str(), everybodyLists);  // what fails shows when it is opened
   const FolderLock lock(folder_);
   for (const CertificateItem& item : certificates()) {
-    if (item.certificate == certificate) throw CertificateFailure(errSecDuplicateItem);
+    // With its file and without its place in the list, it is what a killed process began to add.
+    const bool isBegun = item.label == label && !isTrusted(certificate);
+    if (item.certificate == certificate && !isBegun) throw CertificateFailure(errSecDuplicateItem);
   }
   const AtomicFile file(path, everybodyReads);
   file.removeLeftovers();
-  file.replace(certificate.pem(), caller);
   try {
+    file.replace(certificate.pem(), caller);
     update(Update::added);
     if (!isTrusted(certificate)) {
       throw CertificateFailure(
@@ -221,6 +242,7 @@ void MachineCertificates::add(const SecCertificate& certificate, const std::stri
 
 void MachineCertificates::remove(const std::string& label) const {
   const FolderLock lock(folder_);
+  Hidden::restoreAll(folder_);  // the machine's programs may still trust it
   std::vector<Hidden> hidden;
   for (const File& file : files()) {
     if (file.label == label) hidden.emplace_back(file.path);

@@ -24,10 +24,10 @@ class MachineCertificates {
   std::vector<CertificateItem> certificates() const;
 
   /// Adds a file of mode 0644 and runs the tool. When that fails, or what it makes does not hold
-  /// the certificate, the file goes again.
+  /// the certificate, the file goes again. What a killed process began, the same call completes.
   void add(const SecCertificate& certificate, const std::string& label) const;
   /// Removes the files of that label and runs the tool; when that fails, or does nothing, they
-  /// come back.
+  /// come back. So do those that a killed process was removing, which may be trusted still.
   void remove(const std::string& label) const;
 
   /// Whether the machine's programs trust it, as a certificate of the distribution's for instance.

@@ -163,6 +163,10 @@ std::optional<CertificateItem> itemOf(PK11GenericObject* object) {
 void destroy(PK11SlotInfo* slot, PK11GenericObject* object) {
   const CK_OBJECT_HANDLE handle = PK11_GetObjectHandle(PK11_TypeGeneric, object, nullptr);
   require(PK11_DestroyTokenObject(slot, handle), "PK11_DestroyTokenObject");
+  // The library's own store says success also when the database could not be written.
+  if (!readAttribute(object, CKA_CLASS).empty()) {
+    throw CertificateFailure(errSecIO, "The certificate database could not be written.");
+  }
 }
 
 /// Calls `use` with each object of one kind in the database.
@@ -227,6 +231,10 @@ class NssDatabase::Session {
     context_.reset(NSS_InitContext("", "", "", "", nullptr, flags));
     if (!context_) failLast("NSS_InitContext");
     slot_.reset(SECMOD_OpenUserDB(parameters(folder, access).c_str()));
+    // A writer was killed: only who may write can take back what it began.
+    if (!slot_ && ::access((databaseFile(folder) + "-journal").c_str(), F_OK) == 0) {
+      slot_.reset(SECMOD_OpenUserDB(parameters(folder, Access::write).c_str()));
+    }
     if (!slot_) failLast("SECMOD_OpenUserDB");
     // A new database takes no trust before it has a password, be it an empty one.
     if (access == Access::write && PK11_NeedUserInit(slot()) == PR_TRUE) {

@@ -87,6 +87,11 @@ bool isAt(const NotifyFile& file, const std::string& path) noexcept {
          present.st_dev == file.device && present.st_uid == file.owner;
 }
 
+UniqueFd createNew(const std::string& path) {
+  constexpr int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  return UniqueFd(retryInterrupted([&] { return ::open(path.c_str(), flags, 0600); }));
+}
+
 }  // namespace
 
 RecentNotifyFiles::File RecentNotifyFiles::find(const std::string& name) {
@@ -159,7 +164,8 @@ UniqueFd NotifyFolder::openFolder(const std::string& path, bool mayMake) const {
   if (isNew && isForAll && ::chmod(path.c_str(), allMayAdd) != 0) {
     throw folderError("chmod", path);
   }
-  UniqueFd folder(::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  UniqueFd folder(retryInterrupted(
+      [&] { return ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
   struct stat status {};
   if (!folder || ::fstat(folder.get(), &status) != 0) throw folderError("open", path);
   if (!isSafe(status)) {
@@ -200,8 +206,9 @@ UniqueFd NotifyFolder::makeGroup(std::size_t group) const {
 // Null, with errno EINVAL, for what can't be a file of ours.
 NotifyFolder::File NotifyFolder::openExisting(const std::string& file, int access,
                                               std::size_t maxSize) const {
-  UniqueFd fd(
-      ::open(pathOf(file).c_str(), access | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  const std::string path = pathOf(file);
+  const int flags = access | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  UniqueFd fd(retryInterrupted([&] { return ::open(path.c_str(), flags); }));
   struct stat status {};
   if (!fd || ::fstat(fd.get(), &status) != 0) return nullptr;
   const bool isAcceptable = S_ISREG(status.st_mode) && status.st_nlink <= 1 &&
@@ -251,10 +258,7 @@ NotifyFolder::Look NotifyFolder::lookAgain(const std::string& file) const noexce
 }
 
 NotifyFolder::File NotifyFolder::create(const std::string& file) const {
-  UniqueFd fd = sharing_ == Sharing::all
-                    ? createForAll(file)
-                    : UniqueFd(::open(pathOf(file).c_str(),
-                                      O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  UniqueFd fd = sharing_ == Sharing::all ? createForAll(file) : createNew(pathOf(file));
   struct stat status {};
   if (!fd || ::fstat(fd.get(), &status) != 0) return nullptr;
   return std::make_shared<const NotifyFile>(NotifyFile{std::move(fd), status.st_dev, status.st_ino,
@@ -268,7 +272,7 @@ UniqueFd NotifyFolder::createForAll(const std::string& file) const noexcept {
   static std::atomic<unsigned> count{0};
   const std::string fresh = fmt::format("{}/{}/.{}.{}.{}", path_, groupOf(file), ::getpid(),
                                         currentThreadId(), count.fetch_add(1));
-  UniqueFd fd(::open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  UniqueFd fd = createNew(fresh);
   if (!fd) return fd;
   if (::fchmod(fd.get(), allMayPost) == 0 &&
       ::renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, pathOf(file).c_str(), RENAME_NOREPLACE) == 0) {

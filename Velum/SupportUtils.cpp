@@ -165,7 +165,11 @@ class ArchiveFolder {
  public:
   explicit ArchiveFolder(const fs::path& destination)
       : root_(createArchiveFolderUrl(fileName(destination))), content_(root_ / destination.stem()) {
-    fs::create_directory(content_);
+    std::error_code error;
+    if (fs::create_directory(content_, error)) return;
+    std::error_code ignored;
+    fs::remove(root_, ignored);
+    throw fs::filesystem_error("create_directory", content_, error);
   }
   ArchiveFolder(const ArchiveFolder&) = delete;
   ArchiveFolder& operator=(const ArchiveFolder&) = delete;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
+#include <linux/fs.h>
 #include <linux/seccomp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -18,11 +19,8 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <map>
-#include <set>
 #include <stdexcept>
 
 #include "Velum/Platform/Posix/UniqueFd.h"
@@ -64,7 +62,7 @@ const std::map<int, CallKind>& callKinds() {
       {SYS_writev, {"write", Subject::descriptor, 0, {ENOSPC, EIO, EINTR}}},
       {SYS_copy_file_range, {"copy_file_range", Subject::descriptor, 0, {ENOSPC, EIO, EXDEV}}},
       {SYS_sendfile, {"sendfile", Subject::descriptor, 0, {ENOSPC, EIO, EINTR}}},
-      {SYS_ioctl, {"ioctl", Subject::descriptor, 0, {EOPNOTSUPP, EIO}}},
+      {SYS_ioctl, {"clone_file", Subject::descriptor, 0, {EOPNOTSUPP, EIO}}},
       {SYS_fsync, {"fsync", Subject::descriptor, 0, {EIO, ENOSPC, EINTR}}},
       {SYS_fdatasync, {"fsync", Subject::descriptor, 0, {EIO, ENOSPC, EINTR}}},
       {SYS_ftruncate, {"ftruncate", Subject::descriptor, 0, {EIO, EINTR}}},
@@ -90,7 +88,7 @@ const std::map<int, CallKind>& callKinds() {
       {SYS_clone3, {"clone", Subject::none, 0, {EAGAIN, ENOMEM}}},
       {SYS_execve, {"execve", Subject::path, 0, {EACCES, ENOMEM}}},
       {SYS_dup, {"dup", Subject::descriptor, 0, {EMFILE}}},
-      {SYS_dup3, {"dup", Subject::descriptor, 0, {EMFILE, EINTR}}},
+      {SYS_dup3, {"dup", Subject::descriptor, 0, {EMFILE}}},
       {SYS_pipe2, {"pipe", Subject::none, 0, {EMFILE, ENFILE}}},
       {SYS_epoll_create1, {"epoll_create", Subject::none, 0, making}},
       {SYS_inotify_init1, {"inotify_init", Subject::none, 0, {EMFILE, ENFILE}}},
@@ -111,7 +109,7 @@ const std::map<int, CallKind>& callKinds() {
       {SYS_stat, {"stat", Subject::path, 0, looking}},
       {SYS_lstat, {"stat", Subject::path, 0, looking}},
       {SYS_vfork, {"clone", Subject::none, 0, {EAGAIN, ENOMEM}}},
-      {SYS_dup2, {"dup", Subject::descriptor, 0, {EMFILE, EINTR}}},
+      {SYS_dup2, {"dup", Subject::descriptor, 0, {EMFILE}}},
 #endif
   };
   return kinds;
@@ -213,6 +211,13 @@ std::string fileOf(pid_t thread, int fd) {
   return target.data();
 }
 
+std::string programOf(pid_t thread) {
+  std::array<char, 512> target{};
+  const std::string link = "/proc/" + std::to_string(thread) + "/exe";
+  const ssize_t size = ::readlink(link.c_str(), target.data(), target.size());
+  return {target.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
+}
+
 bool isOfTheLoader(const std::string& path) {
   return path.find(".so") != std::string::npos || path.find("/gconv") != std::string::npos;
 }
@@ -231,11 +236,13 @@ struct CallGate::Shared {
 class CallGate::Supervisor {
  public:
   Supervisor(UniqueFd listener, pid_t process, const Shared& shared, const Injection& injection,
-             GatedRun& run)
+             const CallPredicate& isSpared, GatedRun& run)
       : listener_(std::move(listener)),
         process_(process),
         shared_(shared),
         injection_(injection),
+        isSpared_(isSpared),
+        program_(programOf(process)),
         run_(run) {}
 
   void serve() {
@@ -281,6 +288,7 @@ class CallGate::Supervisor {
     if (!isOurs(thread)) return 0;
     constexpr auto anonymous = static_cast<std::uint64_t>(MAP_ANONYMOUS);
     if (notice.data.nr == SYS_mmap && (notice.data.args[3] & anonymous) != 0) return 0;  // malloc
+    if (notice.data.nr == SYS_ioctl && notice.data.args[1] != FICLONE) return 0;
     GatedCall call{kind.name, {}, kind.errors};
     const std::uint64_t argument = notice.data.args[kind.argument];
     if (kind.subject == Subject::path) {
@@ -294,7 +302,7 @@ class CallGate::Supervisor {
     if (kind.subject == Subject::descriptor) {
       call.subject = fileOf(thread, static_cast<int>(argument));
     }
-    if (isOfTheLoader(call.subject)) return 0;
+    if (isOfTheLoader(call.subject) || isSpared_(call)) return 0;
     const std::uint64_t flags = notice.data.args[kind.argument + 1];
     if (kind.errors == opening && (flags & O_CREAT) != 0)
       call.errors.insert(call.errors.begin(), ENOSPC);
@@ -306,28 +314,20 @@ class CallGate::Supervisor {
       run_.injected = call;
       run_.error = error;
     }
-    if (notice.data.nr == SYS_execve && error == 0) executed_.insert(thread);
     run_.calls.push_back(std::move(call));
     return error;
   }
 
   /// Whether a thread belongs to the process or to a child that runs the same program.
-  bool isOurs(pid_t thread) {
-    if (thread == process_) return true;
-    std::ifstream status("/proc/" + std::to_string(thread) + "/status");
-    for (std::string word; status >> word;) {
-      pid_t group = 0;
-      if (word == "Tgid:" && status >> group) return !executed_.contains(group);
-    }
-    return false;
-  }
+  bool isOurs(pid_t thread) const { return thread == process_ || programOf(thread) == program_; }
 
   const UniqueFd listener_;
   const pid_t process_;
   const Shared& shared_;
   const Injection& injection_;
+  const CallPredicate& isSpared_;
+  const std::string program_;
   GatedRun& run_;
-  std::set<pid_t> executed_;
 };
 
 CallGate::CallGate()
@@ -358,14 +358,15 @@ void CallGate::arm(bool isArmed) noexcept {
   shared_->isArmed = isArmed;
 }
 
-GatedRun CallGate::run(const std::function<void()>& child, const Injection& injection) {
+GatedRun CallGate::run(const std::function<void()>& child, const Injection& injection,
+                       const CallPredicate& isSpared) {
   GatedRun run;
   arm(false);
   ChildProcess process(child);
   ::close(std::exchange(transport_[1], -1));
   UniqueFd listener = receiveDescriptor(transport_[0]);
   if (listener) {
-    Supervisor(std::move(listener), process.pid(), *shared_, injection, run).serve();
+    Supervisor(std::move(listener), process.pid(), *shared_, injection, isSpared, run).serve();
   }
   run.status = run.isHung ? process.kill() : process.wait();
   return run;

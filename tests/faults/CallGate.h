@@ -32,6 +32,9 @@ struct Injection {
   bool kills = false;
 };
 
+/// Says of a call whether something holds for it.
+using CallPredicate = std::function<bool(const GatedCall&)>;
+
 /// What became of a gated process.
 struct GatedRun {
   int status = -1;  ///< Of wait(2).
@@ -60,7 +63,9 @@ class CallGate {
   void arm(bool isArmed) noexcept;
 
   /// Forks `child`, which calls `enter`, and serves its calls until it ends or the time is up.
-  GatedRun run(const std::function<void()>& child, const Injection& injection);
+  /// Calls that are spared pass uncounted.
+  GatedRun run(const std::function<void()>& child, const Injection& injection,
+               const CallPredicate& isSpared);
 
   /// Whether this system has such a gate.
   static bool isSupported();

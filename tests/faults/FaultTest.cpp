@@ -10,9 +10,11 @@
 #include <map>
 #include <set>
 
+#include "Velum/Logger/Logger.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/Waiting.h"
 
 namespace velum::test {
 namespace {
@@ -34,18 +36,20 @@ std::size_t openDescriptors() {
 
 /// What a child tells its parent, in memory that they share.
 struct Notes {
+  using Text = std::array<char, 16 * 1024>;
   bool isSuccess;
   std::size_t descriptors;
-  std::array<char, 32 * 1024> files;
+  Text filesBefore;
+  Text filesAfterRun;
 
-  void put(const Names& names) {
+  static void put(const Names& names, Text& to) {
     std::string text;
     for (const std::string& name : names) text += name + '\n';
-    text.copy(files.data(), files.size() - 1);
+    text.copy(to.data(), to.size() - 1);
   }
-  Names names() const {
+  static Names names(const Text& from) {
     Names result;
-    std::istringstream lines(files.data());
+    std::istringstream lines(from.data());
     for (std::string line; std::getline(lines, line);) result.insert(line);
     return result;
   }
@@ -75,8 +79,9 @@ class Harness {
       ADD_FAILURE() << "without any fault: " << first.problems;
       return;
     }
-    filesAfterRun_ = first.filesAfterRun;
-    filesAtTheEnd_ = first.filesAtTheEnd;
+    knownFiles_ = first.filesAfterRun;
+    knownFiles_.insert(first.filesBefore.begin(), first.filesBefore.end());
+    knownFiles_.insert(first.filesAtTheEnd.begin(), first.filesAtTheEnd.end());
     descriptors_ = first.descriptors;
     const bool isShort = first.run.calls.size() <= operation_.mostCalls;
     for (const std::size_t index : chosenCalls(first.run.calls)) {
@@ -98,6 +103,7 @@ class Harness {
   struct Played {
     GatedRun run;
     bool isSuccess;
+    Names filesBefore;
     Names filesAfterRun;
     Names filesAtTheEnd;
     std::size_t descriptors;
@@ -108,7 +114,6 @@ class Harness {
   std::vector<std::size_t> chosenCalls(const std::vector<GatedCall>& calls) const {
     std::map<std::string, std::vector<std::size_t>> groups;
     for (std::size_t index = 0; index < calls.size(); ++index) {
-      if (operation_.isSpared(calls[index])) continue;
       const bool isShort = calls.size() <= operation_.mostCalls;
       groups[isShort ? "all" : calls[index].text()].push_back(index);
     }
@@ -129,7 +134,8 @@ class Harness {
     const SharedNotes notes;
     CallGate gate;
     Played played{};
-    played.run = gate.run(guarded([&] { playInChild(folder.path(), gate, notes); }), injection);
+    played.run = gate.run(guarded([&] { playInChild(folder.path(), gate, notes); }), injection,
+                          operation_.isSpared);
     played.isSuccess = notes->isSuccess;
     if (played.run.error == Injection::kill) {
       ChildProcess child(guarded([&] {
@@ -146,7 +152,8 @@ class Harness {
                              ? "\n  ended by signal " + std::to_string(WTERMSIG(status))
                              : "\n  failed, see above: " + std::to_string(WEXITSTATUS(status));
     }
-    played.filesAfterRun = notes->names();
+    played.filesBefore = Notes::names(notes->filesBefore);
+    played.filesAfterRun = Notes::names(notes->filesAfterRun);
     played.filesAtTheEnd = filesBelow(folder.path());
     played.descriptors = notes->descriptors;
     return played;
@@ -155,6 +162,7 @@ class Harness {
   /// An exception must not lead a child out of its part.
   static std::function<void()> guarded(const std::function<void()>& body) {
     return [body] {
+      Logger::shared().setHandlers({});
       try {
         body();
       } catch (const std::exception& error) {
@@ -166,14 +174,17 @@ class Harness {
   void playInChild(const std::string& folder, CallGate& gate, const SharedNotes& notes) const {
     operation_.enter(folder);
     operation_.prepare();
+    Notes::put(filesBelow(folder), notes->filesBefore);
     gate.enter();
     gate.arm(true);
     const bool isSuccess = operation_.run();
     gate.arm(false);
     notes->isSuccess = isSuccess;
-    notes->put(filesBelow(folder));
+    Notes::put(filesBelow(folder), notes->filesAfterRun);
     operation_.verify(isSuccess ? Outcome::succeeded : Outcome::failed);
     tryAgain();
+    // Threads may be about to close some.
+    eventually([&] { return openDescriptors() <= descriptors_; }, std::chrono::seconds(2));
     notes->descriptors = openDescriptors();
   }
 
@@ -192,17 +203,15 @@ class Harness {
     const int error = played.run.error;
     std::string& problems = played.problems;
     if (error == Injection::kill) {
-      problems += unexpected(played.filesAtTheEnd, filesAtTheEnd_, operation_.mayRemain);
+      problems += unexpected(played.filesAtTheEnd, operation_.mayRemain);
     } else if (problems.empty()) {
       if (!isReportedWell(call, error, played.isSuccess)) {
         problems += error == EINTR ? "\n  gives up when interrupted" : "\n  nobody hears of it";
       }
-      Names known = filesAtTheEnd_;
-      known.insert(filesAfterRun_.begin(), filesAfterRun_.end());
       const bool isTidying = call.name == "unlink" || operation_.isTidying(call);
       const auto mayRemain = [&](const std::string&) { return isTidying; };
-      problems += unexpected(played.filesAfterRun, known, mayRemain);
-      problems += unexpected(played.filesAtTheEnd, known, mayRemain);
+      problems += unexpected(played.filesAfterRun, mayRemain);
+      problems += unexpected(played.filesAtTheEnd, mayRemain);
       if (played.descriptors > descriptors_) problems += "\n  a descriptor stays open";
     }
     if (problems.empty()) return;
@@ -216,19 +225,18 @@ class Harness {
                           : !isSuccess || operation_.mayHide(call) || operation_.isTidying(call);
   }
 
-  static std::string unexpected(const Names& found, const Names& known,
-                                const std::function<bool(const std::string&)>& mayRemain) {
+  std::string unexpected(const Names& found,
+                         const std::function<bool(const std::string&)>& mayRemain) const {
     std::string text;
     for (const std::string& name : found) {
-      if (!known.contains(name) && !mayRemain(name)) text += "\n  left behind: " + name;
+      if (!knownFiles_.contains(name) && !mayRemain(name)) text += "\n  left behind: " + name;
     }
     return text;
   }
 
   const FaultyOperation& operation_;
-  Names filesAfterRun_;
-  Names filesAtTheEnd_;
-  std::size_t descriptors_ = 0;
+  Names knownFiles_;                    // before, after and at the end of a play without a fault
+  std::size_t descriptors_ = SIZE_MAX;  // at the end, as many as without a fault
   std::size_t failures_ = 0;
   std::size_t kills_ = 0;
   std::vector<std::string> reports_;

@@ -25,16 +25,16 @@ struct FaultyOperation {
   /// The later try, which must succeed; empty: `run` again.
   std::function<bool()> again = {};
   /// The calls whose failure a success may hide, as is documented for the operation.
-  std::function<bool(const GatedCall&)> mayHide = [](const GatedCall&) { return false; };
+  CallPredicate mayHide = [](const GatedCall&) { return false; };
   /// The calls that may give up when interrupted; others have to try again.
-  std::function<bool(const GatedCall&)> mayGiveUp = [](const GatedCall&) { return false; };
+  CallPredicate mayGiveUp = [](const GatedCall&) { return false; };
   /// The calls that remove what is temporary, beside unlink(2): when they fail, it remains, and
   /// nobody need hear of it.
-  std::function<bool(const GatedCall&)> isTidying = [](const GatedCall&) { return false; };
+  CallPredicate isTidying = [](const GatedCall&) { return false; };
   /// The files that a killed process may leave for good.
   std::function<bool(const std::string& name)> mayRemain = [](const std::string&) { return false; };
   /// The calls that are left alone, as another operation's.
-  std::function<bool(const GatedCall&)> isSpared = [](const GatedCall&) { return false; };
+  CallPredicate isSpared = [](const GatedCall&) { return false; };
   /// With more calls than this each fails with one of its errors instead of all, and of equal ones
   /// only the first and the last.
   std::size_t mostCalls = 60;

@@ -94,7 +94,10 @@ TEST(Faults, LogRecord) {
             return log.isRecorded("later");
           },
       .mayHide = [](const GatedCall& call) { return call.isOneOf({"flock"}); },
-      .isSpared = [](const GatedCall& call) { return call.isOneOf({"open", "read"}); },  // looking
+      .isSpared =
+          [](const GatedCall& call) {
+            return call.isOneOf({"open", "read"});
+          },  // looking
   });
 }
 
@@ -127,8 +130,7 @@ TEST(Faults, LogRotation) {
             log.handler.reset();
             log.expectWhole();
             EXPECT_TRUE(readFile(log.path).starts_with(old) ||
-                        readFile(log.rotated).starts_with(old) ||
-                        outcome == Outcome::succeeded);
+                        readFile(log.rotated).starts_with(old) || outcome == Outcome::succeeded);
           },
       .again =
           [&] {
@@ -138,7 +140,8 @@ TEST(Faults, LogRotation) {
       // Internal records are dropped like any other; copies have other ways.
       .mayHide =
           [](const GatedCall& call) {
-            return call.isOneOf({"flock", "ioctl", "copy_file_range", "stat", "write", "clone"});
+            return call.isOneOf(
+                {"flock", "clone_file", "copy_file_range", "stat", "write", "clone"});
           },
       .mayRemain = [](const std::string& name) { return name.starts_with("name.1.log."); },
   });
@@ -184,7 +187,7 @@ void failSaving(const std::function<void(FileLogManager& manager, const std::str
           },
       .mayHide =
           [](const GatedCall& call) {
-            return call.isOneOf({"flock", "ioctl", "copy_file_range", "link"});
+            return call.isOneOf({"flock", "clone_file", "copy_file_range", "link"});
           },
       .isTidying = [](const GatedCall& call) { return isScratch(call.subject); },
       .mayRemain = isScratch,
@@ -197,11 +200,9 @@ TEST(Faults, SaveWholeLog) {
 }
 
 TEST(Faults, SaveSplitLogs) {
-  failSaving(
-      [](FileLogManager& manager, const std::string& out) {
-        manager.saveLogs(LogSubsystemSelector::all(), out, {});
-      },
-      std::string(subsystem) + ".log");
+  failSaving([](FileLogManager& manager,
+                const std::string& out) { manager.saveLogs(LogSubsystemSelector::all(), out, {}); },
+             std::string(subsystem) + ".log");
 }
 
 }  // namespace

@@ -1,0 +1,253 @@
+// Every system call of what works with other programs and processes fails once, and once the
+// process is killed there.
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <future>
+#include <regex>
+#include <semaphore>
+
+#include "Velum/Platform/Dispatch.h"
+#include "Velum/Platform/Linux/CertificateStoreLinux.h"
+#include "Velum/Platform/Linux/NotifyCenterLinux.h"
+#include "Velum/SupportUtils.h"
+#include "Velum/SystemError.h"
+#include "tests/faults/FaultTest.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/support/TestCertificates.h"
+#include "tests/support/Waiting.h"
+
+namespace velum::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Starts what a process has once, and what is no part of an operation.
+void warmUp() {
+  std::binary_semaphore done{0};
+  DispatchQueue::global().asyncAfter(std::chrono::nanoseconds(1), [&] { done.release(); });
+  EXPECT_TRUE(done.try_acquire_for(deadline));
+}
+
+class OneLog final : public LogManagerProtocol {
+ public:
+  std::vector<std::string> saveLogs(const LogSubsystemSelector& /*selector*/,
+                                    const std::string& folder,
+                                    const LogSavingOpts& /*opts*/) override {
+    writeFile(folder + "/any.log", "records");
+    return {folder + "/any.log"};
+  }
+};
+
+TEST(Faults, SupportArchive) {
+  std::string destination;
+  std::string source;
+  OneLog log;
+  const auto create = [&] {
+    std::promise<bool> end;
+    const auto progress = SupportUtils::createArchive(
+        destination, {{"text", std::string("a text")}, {"file", FileUrl{source}}},
+        SupportLogsPurpose::report, std::nullopt, false,
+        [&](const std::exception_ptr& error) { end.set_value(error == nullptr); },
+        {.logManager = &log});
+    auto future = end.get_future();
+    const bool isInTime = future.wait_for(deadline) == std::future_status::ready;
+    EXPECT_TRUE(isInTime);
+    return isInTime && future.get();
+  };
+  failEveryCall({
+      .enter =
+          [&](const std::string& folder) {
+            fs::create_directories(folder + "/tmp");
+            ::setenv("TMPDIR", (folder + "/tmp").c_str(), 1);
+            destination = folder + "/archive.zip";
+            source = folder + "/source";
+            warmUp();
+          },
+      .prepare =
+          [&] {
+            writeFile(source, "a file");
+            writeFile(destination, "an older archive");
+          },
+      .run = create,
+      .verify =
+          [&](Outcome outcome) {
+            if (outcome != Outcome::succeeded && readFile(destination) == "an older archive")
+              return;
+            EXPECT_EQ(shell("unzip -p '" + destination + "'").output, "a texta filerecords");
+          },
+      .mayHide =
+          [](const GatedCall& call) {
+            return call.isOneOf({"clone_file", "copy_file_range", "stat", "dup", "sendfile"});
+          },
+      .isTidying =
+          [](const GatedCall& call) {
+            static const std::regex folder(".*/archive\\.zip\\.[^/]*(/archive)?/?");
+            return call.isOneOf({"getdents", "unlink"}) ||
+                   (call.isOneOf({"open", "stat"}) && std::regex_match(call.subject, folder));
+          },
+      // A killed process can't take back what lies in the system's temporary folder.
+      .mayRemain =
+          [](const std::string& name) {
+            return name.starts_with("tmp/") || name.starts_with("archive.zip.");
+          },
+      .isSpared =
+          [](const GatedCall& call) { return call.subject.ends_with("/any.log"); },  // the test's
+  });
+}
+
+TEST(Faults, NotificationPost) {
+  std::shared_ptr<NotifyCenterLinux> center;
+  std::unique_ptr<NotifyCenter::Observer> observer;
+  std::counting_semaphore<> told{0};
+  const auto isTold = [&] {
+    try {
+      center->post("name");
+    } catch (const SystemError&) {
+      return false;
+    }
+    return told.try_acquire_for(deadline);
+  };
+  FaultyOperation operation{
+      .enter =
+          [&](const std::string& folder) {
+            center = NotifyCenterLinux::make(folder + "/notify", NotifyFolder::Sharing::user);
+            observer = center->addObserver("name", [&] { told.release(); });
+          },
+      .run = isTold,
+      .verify = [](Outcome) {},
+      .mayHide = [](const GatedCall&) { return true; },  // it was told
+      // The center reads what was posted, and can only log that it can't.
+      .isSpared = [](const GatedCall& call) { return call.isOneOf({"read"}); },
+  };
+  failEveryCall(operation);
+}
+
+TEST(Faults, UserCertificates) {
+  const TestCertificates certificates;
+  const SecCertificate first = certificates.authority("first", "/CN=first");
+  const SecCertificate second = certificates.authority("second", "/CN=second");
+  std::unique_ptr<CertificateStoreLinux> store;
+  const auto keychain = [&] {
+    return store->searchList(SecPreferencesDomain::user).keychains.at(0);
+  };
+  const auto labels = [&] {
+    std::set<std::string> found;
+    const CertificateList list = store->list(keychain());
+    EXPECT_TRUE(list.status.isSuccess()) << list.status.text();
+    for (const CertificateItem& item : list.items) found.insert(item.label);
+    return found;
+  };
+  FaultyOperation operation{
+      .enter =
+          [&](const std::string& folder) {
+            ::setenv("HOME", folder.c_str(), 1);
+            store = std::make_unique<CertificateStoreLinux>();
+          },
+      .prepare = [&] { EXPECT_TRUE(store->add(first, "first", keychain()).isSuccess()); },
+      .run = [&] { return store->add(second, "second", keychain()).isSuccess(); },
+      .verify =
+          [&](Outcome outcome) {
+            const auto found = labels();
+            EXPECT_TRUE(found.contains("first"));
+            EXPECT_TRUE(outcome != Outcome::succeeded || found.contains("second"));
+          },
+      .again =
+          [&] {
+            const auto number = store->add(second, "second", keychain()).number;
+            return number == errSecSuccess || number == errSecDuplicateItem;
+          },
+      // What the library can do without, it does without; the certificate is there all the same.
+      .mayHide = [](const GatedCall&) { return true; },
+      .mayGiveUp = [](const GatedCall&) { return true; },
+      .mayRemain = [](const std::string& name) { return name.ends_with("-journal"); },
+      // The library's own initialisation is not meant.
+      .isSpared =
+          [](const GatedCall& call) { return call.subject.find("nssdb/") == std::string::npos; },
+  };
+  failEveryCall(operation);
+
+  operation.run = [&] { return store->remove("first", keychain()).isSuccess(); };
+  operation.again = [&] {
+    const auto number = store->remove("first", keychain()).number;
+    return number == errSecSuccess || number == errSecItemNotFound;
+  };
+  operation.verify = [&](Outcome outcome) {
+    EXPECT_TRUE(outcome != Outcome::succeeded || !labels().contains("first"));
+  };
+  failEveryCall(operation);
+}
+
+/// With a tool of the test's own, which is quick; the real one is tried elsewhere.
+TEST(Faults, MachineCertificates) {
+  const TestCertificates certificates;
+  const SecCertificate first = certificates.authority("first", "/CN=first");
+  const SecCertificate second = certificates.authority("second", "/CN=second");
+  std::unique_ptr<CertificateStoreLinux> store;
+  std::string root;
+  const auto keychain = [&] {
+    return store->searchList(SecPreferencesDomain::common).keychains.at(0);
+  };
+  /// Whether it is in the list of the machine's programs.
+  const auto isTrusted = [&](const SecCertificate& certificate) {
+    const std::string list = readFile(root + "/etc/ssl/certs/ca-certificates.crt");
+    return list.find(certificate.pem()) != std::string::npos;
+  };
+  FaultyOperation operation{
+      .enter =
+          [&](const std::string& folder) {
+            root = folder;
+            fs::create_directories(root + "/etc/ssl/certs");
+            fs::create_directories(root + "/usr/local/share");
+            const std::string tool = root + "/tool";
+            if (!fs::exists(tool)) {
+              writeFile(tool, "#!/bin/sh\ncd '" + root +
+                                  "' && for file in usr/local/share/ca-certificates/*.crt; do\n"
+                                  "[ ! -f \"$file\" ] || cat \"$file\"; done >list.$$ || exit 1\n"
+                                  "exec mv list.$$ etc/ssl/certs/ca-certificates.crt\n");
+              ::chmod(tool.c_str(), 0755);
+            }
+            store = std::make_unique<CertificateStoreLinux>(root, tool);
+            warmUp();
+          },
+      .prepare = [&] { EXPECT_TRUE(store->add(first, "first", keychain()).isSuccess()); },
+      .run = [&] { return store->add(second, "second", keychain()).isSuccess(); },
+      .verify =
+          [&](Outcome outcome) {
+            EXPECT_TRUE(isTrusted(first));
+            EXPECT_TRUE(outcome != Outcome::succeeded || isTrusted(second));
+          },
+      .again =
+          [&] {
+            const auto number = store->add(second, "second", keychain()).number;
+            return number == errSecSuccess || number == errSecDuplicateItem;
+          },
+      .mayHide =
+          [](const GatedCall& call) {
+            return call.isOneOf({"flock", "stat", "mkdir", "unlink", "getdents"}) ||
+                   call.text().starts_with("read (pipe:");  // what the tool says
+          },
+      // Looking for what killed processes left; and a tool that can't be watched is killed.
+      .isTidying =
+          [](const GatedCall& call) {
+            return call.isOneOf({"pidfd_open"}) ||
+                   (call.name == "open" && call.subject.ends_with("/ca-certificates"));
+          },
+      .mayRemain = [](const std::string& name) { return name.starts_with("list."); },
+  };
+  failEveryCall(operation);
+
+  operation.run = [&] { return store->remove("first", keychain()).isSuccess(); };
+  operation.again = [&] {
+    const auto number = store->remove("first", keychain()).number;
+    return number == errSecSuccess || number == errSecItemNotFound;
+  };
+  operation.verify = [&](Outcome outcome) {
+    EXPECT_TRUE(outcome != Outcome::succeeded || !isTrusted(first));
+  };
+  failEveryCall(operation);
+}
+
+}  // namespace
+}  // namespace velum::test

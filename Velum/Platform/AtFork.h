@@ -16,7 +16,13 @@ namespace velum {
 class ForkParticipant {
  public:
   /// Lock order: an earlier stage's lock may be held while a later stage's is taken.
-  enum class Stage : std::uint8_t { handler, service, dispatch, leaf };
+  enum class Stage : std::uint8_t {
+    outside,  ///< Held while other libraries and files are used; others' locks may be taken then.
+    handler,
+    service,
+    dispatch,
+    leaf,
+  };
 
   ForkParticipant(const ForkParticipant&) = delete;
   ForkParticipant& operator=(const ForkParticipant&) = delete;
@@ -46,6 +52,9 @@ class ForkParticipant {
   ForkParticipant* previous_ = nullptr;  // both guarded by the registry
   ForkParticipant* next_ = nullptr;
 };
+
+/// How often this process has begun to fork.
+unsigned forksBegun() noexcept;
 
 /// How often this process's ancestors forked it from themselves: differs between parent and child,
 /// constant in one process. What was created under another generation belongs to the parent.

@@ -17,7 +17,7 @@
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/CertificatePlaceLinux.h"
-#include "Velum/Platform/Posix/FileLock.h"
+#include "Velum/Platform/Posix/LockedFile.h"
 #include "Velum/Platform/Posix/ReadFile.h"
 #include "Velum/Process.h"
 #include "Velum/String.h"
@@ -157,11 +157,10 @@ std::optional<std::pair<dev_t, ino_t>> identity(const std::string& path) {
 class FolderLock {
  public:
   explicit FolderLock(const std::string& folder)
-      : fd_(checked::open(folder, O_RDONLY | O_DIRECTORY, 0, "FolderLock()")), lock_(fd_.get()) {}
+      : lock_([&] { return checked::open(folder, O_RDONLY | O_DIRECTORY, 0, "FolderLock()"); }) {}
 
  private:
-  UniqueFd fd_;
-  FileLock lock_;
+  LockedFile lock_;
 };
 
 }  // namespace

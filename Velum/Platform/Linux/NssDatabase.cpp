@@ -15,13 +15,14 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <mutex>
 #include <optional>
 #include <utility>
 
 #include "Velum/Platform/AtFork.h"
 #include "Velum/Platform/Linux/CertificatePlaceLinux.h"
-#include "Velum/Platform/Posix/FileLock.h"
+#include "Velum/Platform/Posix/LockedFile.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/SystemError.h"
 #include "Velum/UnfairLock.h"
@@ -32,7 +33,9 @@ namespace {
 constexpr char labelSeparator = ' ';
 
 /// Whose turn it is. NSS locks for itself while it runs, but not while one context is opened and
-/// another closed; and a child that was forked in the middle could never use it again.
+/// another closed; and a child that was forked in the middle could never use it again. So a fork
+/// waits for the turn, but not for long: the database may lie on a volume that has gone, and the
+/// child does without then.
 class Turn final : public ForkParticipant {
  public:
   static Turn& shared() {
@@ -40,17 +43,40 @@ class Turn final : public ForkParticipant {
     return instance;
   }
 
-  void lock() noexcept { lock_.lock(); }
+  /// Throws CertificateFailure in a child that was forked in the middle.
+  void lock() {
+    if (isBroken_) {
+      throw CertificateFailure(errSecNotAvailable,
+                               "Certificates can't be used in this process: it was forked while "
+                               "another thread waited for their database. Start it anew.");
+    }
+    lock_.lock();
+  }
   void unlock() noexcept { lock_.unlock(); }
 
-  void prepareFork() noexcept override { lock_.lock(); }
-  void afterForkInParent() noexcept override { lock_.unlock(); }
-  void afterForkInChild() noexcept override { lock_.resetAfterFork(); }
+  void prepareFork() noexcept override {
+    constexpr int tries = 1000;
+    constexpr timespec pause{.tv_sec = 0, .tv_nsec = 1'000'000};
+    isForkers_ = lock_.try_lock();
+    for (int i = 0; i < tries && !isForkers_; ++i) {
+      ::nanosleep(&pause, nullptr);
+      isForkers_ = lock_.try_lock();
+    }
+  }
+  void afterForkInParent() noexcept override {
+    if (isForkers_) lock_.unlock();
+  }
+  void afterForkInChild() noexcept override {
+    isBroken_ = isBroken_ || !isForkers_;
+    lock_.resetAfterFork();
+  }
 
  private:
-  Turn() : ForkParticipant(Stage::leaf) { registerForFork(); }
+  Turn() : ForkParticipant(Stage::outside) { registerForFork(); }
 
   UnfairLock lock_;
+  bool isForkers_ = false;
+  bool isBroken_ = false;  // for ever: of a parent's thread
 };
 
 struct Release {
@@ -221,10 +247,11 @@ void createTrust(PK11SlotInfo* slot, PK11GenericObject* certificate, const Trust
 class NssDatabase::Session {
  public:
   Session(const std::string& folder, Access access)
-      : turn_(Turn::shared()),
-        folder_(retryInterrupted(
-            [&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })),
-        processTurn_(folder_.get()) {
+      : processTurn_([&] {
+          return UniqueFd(retryInterrupted(
+              [&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+        }),
+        turn_(Turn::shared()) {
     // A context of our own, without a database: another user of NSS in this process keeps its.
     constexpr PRUint32 flags = NSS_INIT_READONLY | NSS_INIT_NOCERTDB | NSS_INIT_NOMODDB |
                                NSS_INIT_NOROOTINIT | NSS_INIT_OPTIMIZESPACE;
@@ -245,9 +272,8 @@ class NssDatabase::Session {
   PK11SlotInfo* slot() const noexcept { return slot_.get(); }
 
  private:
-  std::lock_guard<Turn> turn_;  // released last
-  UniqueFd folder_;
-  FileLock processTurn_;  // a database that another process is just making can't be read
+  LockedFile processTurn_;  // a database that another process is just making can't be read
+  std::lock_guard<Turn> turn_;
   Owned<NSSInitContext> context_;
   Owned<PK11SlotInfo> slot_;
 };

@@ -4,7 +4,7 @@
 
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/VaultLinux.h"
-#include "Velum/Platform/Posix/FileLock.h"
+#include "Velum/Platform/Posix/LockedFile.h"
 
 namespace velum {
 namespace {
@@ -28,8 +28,7 @@ std::optional<SecretPlaceKind> recorded(const PrivateFolder& folder) {
 SecretPlaceKind chooseSecretPlace(const PrivateFolder& folder,
                                   const std::function<SecretPlaceKind()>& probe) {
   if (const auto known = recorded(folder)) return *known;
-  const UniqueFd lockFile = folder.openLock(VaultLinux::lockFileName);
-  const FileLock lock(lockFile.get());
+  const LockedFile lock([&] { return folder.openLock(VaultLinux::lockFileName); });
   if (const auto known = recorded(folder)) return *known;
   const bool hasVault = folder.has(VaultLinux::fileName);
   const SecretPlaceKind choice = hasVault ? SecretPlaceKind::vault : probe();

@@ -9,7 +9,7 @@
 
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
-#include "Velum/Platform/Posix/FileLock.h"
+#include "Velum/Platform/Posix/LockedFile.h"
 #include "Velum/Platform/Posix/ReadFile.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/PropertyListText.h"
@@ -205,12 +205,12 @@ bool UserDefaultsLinux::change(const Edit& edit) {
   if (!folder) return false;
   makeFolders(*folder);
   const std::string path = *folder + fileName;
-  const UniqueFd lockFile(retryInterrupted([&] {
-    return ::open((path + ".lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC,
-                  ownerOnlyFile);
-  }));
-  if (!lockFile) return false;
-  const FileLock lock(lockFile.get());
+  const LockedFile lock([name = path + ".lock"] {
+    return UniqueFd(retryInterrupted([&] {
+      return ::open(name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, ownerOnlyFile);
+    }));
+  });
+  if (lock.get() < 0) return false;
 
   Content content = read(path);
   if (content.isUnreadable) return false;

@@ -5,7 +5,7 @@
 #include <cerrno>
 
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Posix/FileLock.h"
+#include "Velum/Platform/Posix/LockedFile.h"
 #include "Velum/SystemError.h"
 
 namespace velum {
@@ -72,8 +72,7 @@ VaultLinux::Content VaultLinux::load() const {
 }
 
 void VaultLinux::change(const std::function<void(VaultTable&)>& edit) {
-  const UniqueFd lockFile = folder_.openLock(lockFileName);
-  const FileLock lock(lockFile.get());
+  const LockedFile lock([&] { return folder_.openLock(lockFileName); });
   call_.requireTime();  // the lock may have been long in coming
   Content content = load();
   edit(content.table);

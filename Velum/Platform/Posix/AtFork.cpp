@@ -14,6 +14,7 @@ namespace velum {
 namespace {
 
 std::atomic<unsigned> generation{0};
+std::atomic<unsigned> forks{0};
 
 #ifdef NDEBUG
 constexpr bool checksOrder = false;
@@ -34,6 +35,10 @@ void requireNoneHeld() noexcept {
 
 unsigned forkGeneration() noexcept {
   return generation.load(std::memory_order_relaxed);
+}
+
+unsigned forksBegun() noexcept {
+  return forks.load(std::memory_order_relaxed);
 }
 
 /// The process's participants, a list for each stage, threaded through the participants.
@@ -79,6 +84,7 @@ class ForkRegistry {
 
   void prepare() noexcept {
     mutex_.lock();
+    forks.fetch_add(1, std::memory_order_relaxed);
     for (const List& list : lists_) {
       for (auto* at = list.first; at != nullptr; at = at->next_) at->prepareFork();
     }

@@ -37,7 +37,7 @@ class PrivateFolder {
   /// exclude each other with a lock.
   void replace(const char* name, std::span<const std::uint8_t> content) const;
 
-  /// A descriptor of the file `name`, made when missing, to hold a FileLock. Every call opens it
+  /// A descriptor of the file `name`, made when missing, for a LockedFile. Every call opens it
   /// anew, so that the lock excludes threads as well as processes.
   UniqueFd openLock(const char* name) const;
 

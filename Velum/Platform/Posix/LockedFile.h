@@ -1,0 +1,49 @@
+#pragma once
+
+#include <sys/file.h>
+
+#include "Velum/Platform/AtFork.h"
+#include "Velum/Platform/Posix/UniqueFd.h"
+
+namespace velum {
+
+/// A file that is open to hold its exclusive advisory lock, against threads and other processes.
+/// Where the file system has no such locks it holds nothing, and the owner goes on.
+///
+/// The lock belongs to the open file: a forked child that kept the descriptor would go on holding
+/// it after its parent was killed. So the child's is closed, also where the parent was only waiting
+/// for the lock.
+class LockedFile final : public ForkParticipant {
+ public:
+  /// `open` returns a descriptor of the file, opened anew each time, or throws. It may be called
+  /// again. What has no descriptor holds no lock.
+  template <class Open>
+  explicit LockedFile(const Open& open) : ForkParticipant(Stage::leaf) {
+    for (unsigned forks = 0;;) {
+      forks = forksBegun();
+      file_ = open();
+      registerForFork();
+      if (forks == forksBegun()) break;
+      unregisterForFork();  // a child may have it that does not know of it
+    }
+    if (file_) retryInterrupted([this] { return ::flock(file_.get(), LOCK_EX); });
+  }
+  LockedFile(const LockedFile&) = delete;
+  LockedFile& operator=(const LockedFile&) = delete;
+  ~LockedFile() override {
+    if (file_) ::flock(file_.get(), LOCK_UN);
+    unregisterForFork();
+  }
+
+  /// The descriptor, -1 without one.
+  int get() const noexcept { return file_.get(); }
+
+  void prepareFork() noexcept override {}
+  void afterForkInParent() noexcept override {}
+  void afterForkInChild() noexcept override { file_.reset(); }
+
+ private:
+  UniqueFd file_;
+};
+
+}  // namespace velum

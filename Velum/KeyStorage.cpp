@@ -11,6 +11,7 @@
 #include "Velum/Deadline.h"
 #include "Velum/Fatal.h"
 #include "Velum/ForkSafeLock.h"
+#include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/AtFork.h"
 #include "Velum/Platform/Dispatch.h"
@@ -161,6 +162,7 @@ class Turn {
   bool isNested() const noexcept { return isNested_; }
 
  private:
+  DeferredLog log_;  // over after the turn
   State& state_;
   bool isNested_;
 };

@@ -5,6 +5,7 @@
 #include "Velum/DefaultsConversions.h"
 #include "Velum/Fatal.h"
 #include "Velum/ForkSafeLock.h"
+#include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
 
 namespace velum {
@@ -115,6 +116,7 @@ void SecureDefaults::handleCorruption(DefaultsCorruptionReason reason) {
 void SecureDefaults::repairIfChanged(std::string_view key) {
   cache();  // made without a lock
   {
+    const DeferredLog log;  // handlers may read settings
     const std::lock_guard guard(state_->turn);
     if (!findChangeLk(key)) return;
   }
@@ -217,6 +219,7 @@ bool SecureDefaults::setObject(std::optional<PropertyList> value, std::string_vi
 
 bool SecureDefaults::write(const std::optional<PropertyList>& value, std::string_view key) {
   KeyStorageProtocol& copy = cache();
+  const DeferredLog log;
   const std::lock_guard guard(state_->turn);
   Stored before;
   bool isCopyChanged = false;
@@ -286,6 +289,7 @@ Entries SecureDefaults::persistentDomain() {
 }
 
 bool SecureDefaults::setPersistentDomain(Entries entries) {
+  const DeferredLog log;
   const std::lock_guard guard(state_->turn);
   return defs_->setPersistentDomain(std::move(entries));
 }

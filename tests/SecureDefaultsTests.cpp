@@ -172,7 +172,22 @@ TEST_F(SecureDefaultsTest, HandsOutWhatStandsThereWhenItShallNotCompare) {
   expectOneReport();
 }
 
+/// A log handler that needs a guarded setting.
+class ReadingHandler final : public LogHandlerProtocol {
+ public:
+  explicit ReadingHandler(SecureDefaults& defaults) : defaults_(defaults) {}
+  void logWithLevel(LogLevel /*level*/, LogDate /*date*/, std::string_view /*text*/) override {
+    EXPECT_EQ(defaults_.string("key"), "right");
+  }
+
+ private:
+  SecureDefaults& defaults_;
+};
+
 TEST_F(SecureDefaultsTest, ReportsARepairThatFailsOnceAndTrustsTheCopy) {
+  auto handlers = Logger::shared().handlers();
+  handlers.push_back(std::make_shared<ReadingHandler>(defaults));
+  Logger::shared().setHandlers(std::move(handlers));
   ASSERT_TRUE(defaults.setString("right", "key"));
   defaults.registerDefaults({{"added", text("registered")}});
   outsider->setPersistentDomain({{"key", text("wrong")}, {"added", text("wrong")}});

@@ -3,9 +3,11 @@
 #include <fmt/format.h>
 
 #include <mutex>
+#include <utility>
 
 #include "Velum/Fatal.h"
 #include "Velum/ForkSafeLock.h"
+#include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Handlers/NSLogHandler.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/String.h"
@@ -70,8 +72,31 @@ void Logger::deliver(LogLevel level, LogDate date, std::string_view message, con
   // Records are text. What came in as other bytes (a path, a tool's output) is made readable here,
   // once for all handlers, instead of being refused further down.
   if (!isValidUtf8(text)) text = repairedUtf8(text);
-  const auto handlers = state().snapshot();
+  auto handlers = state().snapshot();
+  if (DeferredLog* const later = DeferredLog::ofThread()) {
+    later->records_.push_back({std::move(handlers), level, date, std::move(text)});
+    return;
+  }
   for (const auto& handler : *handlers) handler->logWithLevel(level, date, text);
+}
+
+DeferredLog*& DeferredLog::ofThread() noexcept {
+  static thread_local constinit DeferredLog* current = nullptr;
+  return current;
+}
+
+DeferredLog::DeferredLog() noexcept : isOutermost_(ofThread() == nullptr) {
+  if (isOutermost_) ofThread() = this;
+}
+
+DeferredLog::~DeferredLog() {
+  if (!isOutermost_) return;
+  ofThread() = nullptr;
+  for (const Record& record : records_) {
+    for (const auto& handler : *record.handlers) {
+      handler->logWithLevel(record.level, record.date, record.text);
+    }
+  }
 }
 
 void Logger::objcLog(int rawLevel, std::string_view text, std::string_view file,

@@ -204,8 +204,13 @@ TEST_F(FileEventsTest, WatchesAnewInAForkedChildWhileTheParentKeepsItsEvents) {
   test::writeFile(path, "x");
   Seen seen{0};
   const auto watched = watch(path, FileEvent::written, seen);
+  auto ownQueue = DispatchQueue::serial("dropped in the child");
+  const std::weak_ptr<DispatchQueue> droppedQueue = ownQueue;
+  auto dropped = FileEvents::shared().watch(path, all, std::move(ownQueue), [](FileEvent) {});
   test::inChild([&] {
     Seen own{0};
+    dropped.reset();
+    EXPECT_TRUE(droppedQueue.expired()) << "it would end later, under some lock";
     const auto childs = watch(path, FileEvent::attribute, own);
     test::writeFile(path, "xy");
     ASSERT_EQ(::chmod(path.c_str(), 0600), 0);

@@ -67,8 +67,9 @@ struct Outcome {
 /// All watches of the process on one inotify descriptor. Watches of the same file share the
 /// kernel's watch; each carries the union of what its watchers want.
 ///
-/// The last reference to a watcher is never dropped under the lock: it takes a queue along, which
-/// leaves the fork registry. A watcher's owner keeps his until it was removed from here.
+/// The last reference to a watcher is never dropped here: it takes a queue along, which leaves the
+/// fork registry, so that must not happen under anybody's lock. A watcher's owner keeps his until
+/// it was removed from here, in a forked child as well.
 class FileEventsLinux final : public FileEvents,
                               public ForkParticipant,
                               private InotifyReader::Sink {
@@ -90,9 +91,7 @@ class FileEventsLinux final : public FileEvents,
   }
 
  private:
-  using Inherited = std::unordered_map<int, Watched>;
-
-  Inherited openLk();
+  void openLk();
   int addWatchLk(const char* path, std::uint32_t mask);
   int addOwnWatchLk(const char* path, std::uint32_t mask);
   void releaseLk(int descriptor, const std::shared_ptr<FileWatcher>& watcher);
@@ -145,14 +144,13 @@ class WatchLinux final : public FileEvents::Watch {
   WatchLinux& operator=(const WatchLinux&) = delete;
   ~WatchLinux() override {
     watcher_->cancel();
-    if (generation_ == forkGeneration()) registry().remove(watcher_);
+    registry().remove(watcher_);
   }
 
   bool isOutdated() const noexcept override { return watcher_->isOutdated(); }
 
  private:
   std::shared_ptr<Watcher> watcher_;
-  unsigned generation_ = forkGeneration();
 };
 
 // The code alone would read as a full disk.
@@ -217,18 +215,15 @@ bool isTidying(std::string_view events) {
   return isTidying;
 }
 
-// Returns what the parent of a forked child left here, to be dropped after the lock.
-FileEventsLinux::Inherited FileEventsLinux::openLk() {
-  Inherited inherited;
+void FileEventsLinux::openLk() {
   if (std::exchange(generation_, forkGeneration()) != forkGeneration()) {
-    inherited.swap(watched_);
+    watched_.clear();  // the parent's
     retired_.clear();
     isRemovalDue_ = false;
     latest_.descriptor = -1;
     postponed_.clear();
   }
   reader_.open();
-  return inherited;
 }
 
 int FileEventsLinux::addWatchLk(const char* path, std::uint32_t mask) {
@@ -262,9 +257,8 @@ std::unique_ptr<FileEvents::Watch> FileEventsLinux::watch(const std::string& pat
   const std::string target = "/proc/self/fd/" + std::to_string(file.get());
   auto watcher = std::make_shared<OpenedFileWatcher>(events, std::move(queue), std::move(handler),
                                                      std::move(file));
-  Inherited inherited;
   const std::lock_guard guard(lock_);
-  inherited = openLk();
+  openLk();
   watcher->descriptor = addOwnWatchLk(target.c_str(), inotifyMask(events));
   if (watcher->descriptor < 0) throw watchError("inotify_add_watch", path);
   watcher->releaseFolder();
@@ -276,9 +270,8 @@ std::unique_ptr<FileEvents::Watch> FileEventsLinux::watchPath(const std::string&
                                                               std::shared_ptr<DispatchQueue> queue,
                                                               Handler handler) {
   auto watcher = std::make_shared<PathWatcher>(path, std::move(queue), std::move(handler));
-  Inherited inherited;
   const std::lock_guard guard(lock_);
-  inherited = openLk();
+  openLk();
   watcher->descriptor = addOwnWatchLk(path.c_str(), anyEvent);
   if (watcher->descriptor < 0) throw watchError("inotify_add_watch", path);
   watched_[watcher->descriptor].watchers.push_back(watcher);
@@ -312,6 +305,7 @@ void FileEventsLinux::releaseLk(int descriptor, const std::shared_ptr<FileWatche
 
 void FileEventsLinux::retireIfUnusedLk(int descriptor) {
   constexpr std::size_t most = 64;
+  if (generation_ != forkGeneration()) return;  // the kernel's watches are the parent's
   const auto entry = watched_.find(descriptor);
   if (entry == watched_.end() || !entry->second.isUnused()) return;
   retired_.push_back(descriptor);

@@ -107,4 +107,12 @@ void Logger::objcLog(int rawLevel, std::string_view text, std::string_view file,
       *level, [text] { return text; }, file, function, line);
 }
 
+namespace {
+
+// The shared logger's list registers itself for fork. Made when the program starts, because the
+// first record may come while its caller holds a lock.
+[[maybe_unused]] const bool isSharedLoggerReady = !Logger::shared().handlers().empty();
+
+}  // namespace
+
 }  // namespace velum

@@ -6,12 +6,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 
+#include "Velum/Platform/Posix/FileLock.h"
 #include "Velum/Platform/Thread.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogRecords.h"
@@ -366,6 +368,37 @@ TEST_F(FileLogHandlerTest, TakesDescriptorZeroAsNotOpenForInternalLines) {
     ASSERT_EQ(records(path).size(), 1U);
     EXPECT_EQ(text(path, 0), "record");
   });
+}
+
+TEST_F(FileLogHandlerTest, TellsTheSystemLogWhileItHoldsNoLock) {
+  std::atomic<FileLogHandler*> used{nullptr};
+  systemLog = std::make_shared<test::RecordingSystemLog>([&](std::string_view) {
+    const UniqueFd other(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_TRUE(FileLock::tryFor(other.get(), test::deadline));
+    used.load()->logWithLevel(LogLevel::info, now(), "from the system log");
+  });
+  const auto handler = open(path, neverChecked());
+  used = handler.get();
+  ASSERT_EQ(::unlink(path.c_str()), 0);
+  ASSERT_TRUE(test::eventually([&] { return records(path).size() == 2; }));
+  EXPECT_EQ(text(path, 1), "from the system log");
+}
+
+TEST_F(FileLogHandlerTest, LetsGoOfItsQueueWhenItIsDropped) {
+  struct Events final : FileEvents {
+    std::unique_ptr<Watch> watch(const std::string&, FileEvent, std::shared_ptr<DispatchQueue> used,
+                                 Handler) override {
+      queue = used;
+      return nullptr;
+    }
+    std::unique_ptr<Watch> watchPath(const std::string&, std::shared_ptr<DispatchQueue>,
+                                     Handler) override {
+      return nullptr;
+    }
+    std::weak_ptr<DispatchQueue> queue;
+  } events;
+  FileLogHandler::create(subsystem, path, true, neverChecked(), {&events, systemLog});
+  EXPECT_TRUE(test::eventually([&] { return events.queue.expired(); }));
 }
 
 TEST_F(FileLogHandlerTest, MayGoWhileItsChecksAndEventsAreUnderWay) {

@@ -10,7 +10,9 @@
 #include <ctime>
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <utility>
+#include <vector>
 
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/LogRecord.h"
@@ -66,6 +68,53 @@ thread_local RecordBuffer::Kept RecordBuffer::kept;
 
 }  // namespace
 
+/// What one thread does with the file, from taking the handler's lock to releasing it; after that,
+/// the system log is told what is to be told.
+class FileLogHandler::Turn {
+ public:
+  explicit Turn(FileLogHandler& handler) : handler_(handler), guard_(handler.lock_) {}
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  ~Turn() {
+    unlockFile();
+    guard_.unlock();
+    for (const auto& [type, text] : reports_) handler_.oslog_->write(type, text);
+  }
+
+  /// Waits for the file's lock, which belongs to the turn until its end. False when somebody else
+  /// holds on to it.
+  bool lockFile();
+  /// To be called before the file is closed.
+  void unlockFile() noexcept { writers_.reset(); }
+
+  void report(SystemLog::Type type, std::string_view text) { reports_.emplace_back(type, text); }
+
+ private:
+  FileLogHandler& handler_;
+  std::unique_lock<UnfairLock> guard_;
+  std::optional<FileLock> writers_;
+  std::vector<std::pair<SystemLog::Type, std::string>> reports_;
+};
+
+bool FileLogHandler::Turn::lockFile() {
+  constexpr std::chrono::nanoseconds once{0};
+  constexpr std::chrono::seconds hasteTime(10);
+  using Clock = std::chrono::steady_clock;
+  auto& hastyUntil = handler_.hastyUntil_;
+  const bool isHasty = hastyUntil != Clock::time_point() && Clock::now() < hastyUntil;
+  writers_.reset();
+  writers_.emplace(FileLock::tryFor(handler_.fd_.get(), isHasty ? once : handler_.patience_));
+  if (*writers_) return true;
+  if (isHasty) return false;
+  {
+    const std::lock_guard changing(handler_.changing_);
+    hastyUntil = Clock::now() + hasteTime;
+  }
+  handler_.loggerLogLk(*this, "Another process holds on to the log file. Writing without its lock.",
+                       LogLevel::warning);
+  return false;
+}
+
 std::shared_ptr<FileLogHandler> FileLogHandler::create(std::string subsystem, std::string filepath,
                                                        bool addPrefix) {
   return create(std::move(subsystem), std::move(filepath), addPrefix, {}, {});
@@ -77,12 +126,9 @@ std::shared_ptr<FileLogHandler> FileLogHandler::create(std::string subsystem, st
   auto handler = std::make_shared<FileLogHandler>(
       Private{}, std::move(subsystem), std::move(filepath), addPrefix, policy, std::move(services));
   handler->registerForFork();
-  {
-    const std::lock_guard guard(handler->lock_);
-    handler->openLogFileLk();
-    handler->startRemovalWatchLk();
-  }
-  handler->scheduleRotationCheck(policy.firstCheck);
+  Turn turn(*handler);
+  handler->openAndWatchLk(turn);
+  handler->startRotationChecksLk();
   return handler;
 }
 
@@ -94,6 +140,7 @@ FileLogHandler::FileLogHandler(Private /*unused*/, std::string subsystem, std::s
       subsystem_(std::move(subsystem)),
       filepath_(std::move(filepath)),
       policy_(policy),
+      patience_(services.patience),
       fileEvents_(*services.fileEvents),
       oslog_(services.systemLog ? std::move(services.systemLog)
                                 : SystemLog::open(subsystem_, "logger")) {}
@@ -102,7 +149,15 @@ FileLogHandler::~FileLogHandler() {
   unregisterForFork();
 }
 
-void FileLogHandler::openLogFileLk() {
+void FileLogHandler::openAndWatchLk(Turn& turn) {
+  const std::lock_guard changing(changing_);
+  isForked_ = false;
+  fdSource_.reset();
+  openLogFileLk(turn);
+  startRemovalWatchLk(turn);
+}
+
+void FileLogHandler::openLogFileLk(Turn& turn) {
   fd_.reset();
   // Non-blocking, because opening a FIFO waits for a reader; a FIFO that has one is refused in the
   // same way. Makes no difference to a regular file.
@@ -115,13 +170,12 @@ void FileLogHandler::openLogFileLk() {
   }
   if (!fd_) {
     const std::string reason = systemErrorText(errno);
-    loggerLogLk("Failed to open " + filepath_ + ": " + reason, LogLevel::error);
+    loggerLogLk(turn, "Failed to open " + filepath_ + ": " + reason, LogLevel::error);
   }
 }
 
-void FileLogHandler::startRemovalWatchLk() {
+void FileLogHandler::startRemovalWatchLk(Turn& turn) {
   constexpr int attempts = 10;  // against somebody who keeps replacing the file
-  fdSource_.reset();
   for (int attempt = 0; fd_ && attempt < attempts; ++attempt) {
     try {
       // Attributes and links too: a file deleted from its path may have another name and live on,
@@ -135,14 +189,14 @@ void FileLogHandler::startRemovalWatchLk() {
       if (isOpenFileAtPathLk()) return;
     } catch (const SystemError& error) {
       if (error.code() != ENOENT) {
-        loggerLogLk(std::string("Failed to watch ") + filepath_ + ": " + error.what(),
+        loggerLogLk(turn, std::string("Failed to watch ") + filepath_ + ": " + error.what(),
                     LogLevel::error);
         return;
       }
     }
     // The file went away between its opening and the watch: no event will tell.
     fdSource_.reset();
-    openLogFileLk();
+    openLogFileLk(turn);
   }
 }
 
@@ -154,22 +208,18 @@ bool FileLogHandler::isOpenFileAtPathLk() const {
 }
 
 void FileLogHandler::reopenOnRemoval() {
-  const std::lock_guard guard(lock_);
+  Turn turn(*this);
   if (isForked_) return;  // the parent's event: the first record opens the child's file
   // Other attributes, a new link, a move there and back or lost events are no removal.
-  if (!isOpenFileAtPathLk()) reopenLk();
+  if (!isOpenFileAtPathLk()) reopenLk(turn);
 }
 
-void FileLogHandler::reopenLk() {
-  {
-    // Wait for whoever is writing into the old file, in this process or another.
-    const FileLock writers(fd_.get());
-  }
-  fdSource_.reset();
-  openLogFileLk();
-  startRemovalWatchLk();
-  const FileLock writers(fd_.get());
-  loggerLogLk("Reopened the log file on removal", LogLevel::info);
+void FileLogHandler::reopenLk(Turn& turn) {
+  turn.lockFile();  // waits for whoever is writing into the old file
+  turn.unlockFile();
+  openAndWatchLk(turn);
+  turn.lockFile();
+  loggerLogLk(turn, "Reopened the log file on removal", LogLevel::info);
 }
 
 void FileLogHandler::logWithLevel(LogLevel level, LogDate date, std::string_view message) {
@@ -184,14 +234,14 @@ void FileLogHandler::logWithLevel(LogLevel /*level*/, LogDate date, bool addPref
   appendStrippedHeaders(record.text, message);
   record.text += '\n';
 
-  const std::lock_guard guard(lock_);
-  if (isForked_) reopenAfterForkLk();
+  Turn turn(*this);
+  if (isForked_) reopenAfterForkLk(turn);
   if (!fd_) return;
-  const FileLock writers(fd_.get());
+  turn.lockFile();  // without it the record is whole as well, being one write at the file's end
   writeRecord(fd_.get(), record.text);
 }
 
-void FileLogHandler::loggerLogLk(std::string_view message, LogLevel level) {
+void FileLogHandler::loggerLogLk(Turn& turn, std::string_view message, LogLevel level) {
   lock_.assertHeld();
   if (fd_.get() >= 1) {  // a log on descriptor 0 is a program that lost its standard input
     RecordBuffer record;
@@ -201,46 +251,46 @@ void FileLogHandler::loggerLogLk(std::string_view message, LogLevel level) {
     record.text += '\n';
     writeRecord(fd_.get(), record.text);
   }
-  oslog_->write(level == LogLevel::error ? SystemLog::Type::error : SystemLog::Type::normal,
-                message);
+  turn.report(level == LogLevel::error ? SystemLog::Type::error : SystemLog::Type::normal, message);
 }
 
-void FileLogHandler::scheduleRotationCheck(std::chrono::nanoseconds delay) {
-  queue_->asyncAfter(delay, [weak = weak_from_this()] {
+void FileLogHandler::startRotationChecksLk() {
+  const auto check = [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->checkRotation();
-  });
+  };
+  auto timer = DispatchSource::timer(policy_.firstCheck, *queue_, check, policy_.checkInterval);
+  const std::lock_guard changing(changing_);
+  timer_.swap(timer);
 }
 
 void FileLogHandler::checkRotation() {
-  {
-    const std::lock_guard guard(lock_);
-    if (!fd_) {
-      openLogFileLk();
-      startRemovalWatchLk();
-    }
-    if (fd_ && !isOpenFileAtPathLk()) reopenLk();  // its event is still on its way, or was lost
-    const FileLock writers(fd_.get());
-    rotateIfNeededLk();
+  Turn turn(*this);
+  if (isForked_) return;
+  if (!fd_) openAndWatchLk(turn);
+  if (fd_ && !isOpenFileAtPathLk()) reopenLk(turn);  // its event is on its way, or was lost
+  rotateIfNeededLk(turn);
+}
+
+void FileLogHandler::rotateIfNeededLk(Turn& turn) try {
+  if (!turn.lockFile()) {
+    throw SystemError(EWOULDBLOCK, descriptorText("rotateIfNeededLk(), flock ("));
   }
-  scheduleRotationCheck(policy_.checkInterval);
-}
-
-void FileLogHandler::rotateIfNeededLk() try {
-  if (!shouldRotateLk()) return;
+  if (!shouldRotateLk(turn)) return;
   rotateFileLk();
-  loggerLogLk("Log file has been rotated", LogLevel::info);
+  loggerLogLk(turn, "Log file has been rotated", LogLevel::info);
 } catch (const std::exception& error) {
-  loggerLogLk("Failed to rotate file " + filepath_ + ": " + error.what(), LogLevel::error);
+  loggerLogLk(turn, "Failed to rotate file " + filepath_ + ": " + error.what(), LogLevel::error);
 }
 
-bool FileLogHandler::shouldRotateLk() {
+bool FileLogHandler::shouldRotateLk(Turn& turn) {
   struct stat status {};
   if (::fstat(fd_.get(), &status) != 0) {
     throw lastSystemError(descriptorText("shouldRotateLk(), fstat ("));
   }
   const auto size = static_cast<std::int64_t>(status.st_size);
   if (size >= policy_.maxSize) {
-    loggerLogLk(fmt::format("Log file size is {} bytes, which is more than {}. "
+    loggerLogLk(turn,
+                fmt::format("Log file size is {} bytes, which is more than {}. "
                             "It needs to be rotated.",
                             size, policy_.maxSize),
                 LogLevel::info);
@@ -248,19 +298,21 @@ bool FileLogHandler::shouldRotateLk() {
   }
   // By the modification time, so that a file in use never counts as old.
   if (size >= policy_.minAgedSize && ::time(nullptr) - status.st_mtime >= policy_.maxAge.count()) {
-    loggerLogLk("File too old. It needs to be rotated.", LogLevel::info);
+    loggerLogLk(turn, "File too old. It needs to be rotated.", LogLevel::info);
     return true;
   }
-  loggerLogLk(fmt::format("No need rotating the log file. File size is {} bytes.", size),
+  loggerLogLk(turn, fmt::format("No need rotating the log file. File size is {} bytes.", size),
               LogLevel::info);
   return false;
 }
 
 void FileLogHandler::rotateFileLk() {
-  clonefile(filepath_, rotatedFilePath(filepath_, 1));
+  const std::string copy = rotatedFilePath(filepath_, 1);
+  clonefile(filepath_, copy);
   if (!isOpenFileAtPathLk()) {  // somebody moved it away just now: the clone is of another file
     throw SystemError(ESTALE, descriptorText("rotateFileLk(), stat ("));
   }
+  copyLateRecordsLk(copy);
   if (retryInterrupted([this] { return ::ftruncate(fd_.get(), 0); }) != 0) {
     throw lastSystemError(descriptorText("rotateFileLk(), truncate ("));
   }
@@ -271,16 +323,35 @@ void FileLogHandler::rotateFileLk() {
   }
 }
 
+// Copying may take longer than others wait for the lock. What they then write without it goes
+// along.
+void FileLogHandler::copyLateRecordsLk(const std::string& copy) const {
+  constexpr std::string_view caller = "rotateFileLk()";
+  constexpr int rounds = 100;  // against somebody who writes faster than this copies
+  std::int64_t copied = checked::fileSize(copy, caller);
+  for (int round = 0; round < rounds; ++round) {
+    struct stat status {};
+    if (::fstat(fd_.get(), &status) != 0 || status.st_size <= copied) return;
+    const UniqueFd from = checked::open(filepath_, O_RDONLY | O_NONBLOCK, 0, caller);
+    const UniqueFd to = checked::open(copy, O_WRONLY | O_NONBLOCK, 0, caller);
+    const std::int64_t late = status.st_size - copied;
+    if (const int error = copyFileRange(from.get(), copied, to.get(), copied, late)) {
+      throw SystemError(error, descriptorText("rotateFileLk(), copy ("));
+    }
+    copied = status.st_size;
+  }
+}
+
 std::string FileLogHandler::descriptorText(std::string_view call) const {
   return fmt::format("{}{}[{}])", call, fd_.get(), filepath_);
 }
 
 void FileLogHandler::prepareFork() noexcept {
-  lock_.lock();
+  changing_.lock();
 }
 
 void FileLogHandler::afterForkInParent() noexcept {
-  lock_.unlock();
+  changing_.unlock();
 }
 
 void FileLogHandler::afterForkInChild() noexcept {
@@ -289,13 +360,12 @@ void FileLogHandler::afterForkInChild() noexcept {
   fd_.reset();
   isForked_ = true;
   lock_.resetAfterFork();
+  changing_.resetAfterFork();
 }
 
-void FileLogHandler::reopenAfterForkLk() {
-  isForked_ = false;
-  openLogFileLk();
-  startRemovalWatchLk();
-  scheduleRotationCheck(policy_.firstCheck);
+void FileLogHandler::reopenAfterForkLk(Turn& turn) {
+  openAndWatchLk(turn);
+  startRotationChecksLk();
 }
 
 }  // namespace velum

@@ -33,10 +33,15 @@ struct RotationPolicy {
 /// Failures are silent towards the caller: while the file can't be opened or written, records are
 /// dropped, and the reason stands in the system log. Writing recovers by itself.
 ///
+/// Who may read the file can lock it, and may be stopped meanwhile, so nobody waits for its lock
+/// for more than two seconds. Then the record is written without, whole all the same, and for ten
+/// seconds each one asks for the lock only once. Rotation takes place under the lock or not at all.
+///
 /// There is one generation of rotated file: name.1.log. Rotation copies and then empties, so that
 /// the descriptors of all processes stay valid.
 ///
-/// After fork(2) the child opens the file anew with its first record.
+/// The system log is told when no lock is held. After fork(2), which waits for no file and no other
+/// process, the child opens the file anew with its first record.
 class FileLogHandler final : public LogHandlerProtocol,
                              public ForkParticipant,
                              public std::enable_shared_from_this<FileLogHandler> {
@@ -47,6 +52,7 @@ class FileLogHandler final : public LogHandlerProtocol,
   struct Services {
     FileEvents* fileEvents = &FileEvents::shared();
     std::shared_ptr<SystemLog> systemLog;  ///< For internal lines; by default category "logger".
+    std::chrono::nanoseconds patience = std::chrono::seconds(2);  ///< With who holds the file.
   };
 
   /// Opens `filepath`, begins to watch it and schedules the first rotation check. Never fails.
@@ -72,32 +78,42 @@ class FileLogHandler final : public LogHandlerProtocol,
   void afterForkInChild() noexcept override;
 
  private:
-  void openLogFileLk();
-  void startRemovalWatchLk();
-  bool isOpenFileAtPathLk() const;
-  void reopenAfterForkLk();
-  void reopenOnRemoval();
-  void reopenLk();
+  class Turn;
 
-  void scheduleRotationCheck(std::chrono::nanoseconds delay);
+  void openLogFileLk(Turn& turn);
+  void startRemovalWatchLk(Turn& turn);
+  bool isOpenFileAtPathLk() const;
+  void openAndWatchLk(Turn& turn);
+  void reopenAfterForkLk(Turn& turn);
+  void reopenOnRemoval();
+  void reopenLk(Turn& turn);
+
+  void startRotationChecksLk();
   void checkRotation();
-  void rotateIfNeededLk();
-  bool shouldRotateLk();
+  void rotateIfNeededLk(Turn& turn);
+  bool shouldRotateLk(Turn& turn);
   void rotateFileLk();
+  void copyLateRecordsLk(const std::string& copy) const;
 
   /// A record about the log itself: into the file, when one is open, and to the system log.
-  void loggerLogLk(std::string_view message, LogLevel level);
+  void loggerLogLk(Turn& turn, std::string_view message, LogLevel level);
   std::string descriptorText(std::string_view call) const;
 
   UniqueFd fd_;
-  UnfairLock lock_;  // guards the fields around it; taken before the file's lock, never after it
+  // Guards the fields around it, and all that is done with the file. Taken before the file's lock,
+  // which is waited for under it; so fork does not wait for this one but for the next.
+  UnfairLock lock_;
+  UnfairLock changing_;  // taken under lock_ where fields change: fork finds them whole
   std::unique_ptr<FileEvents::Watch> fdSource_;
+  std::unique_ptr<DispatchSource> timer_;
   std::shared_ptr<DispatchQueue> queue_;
   bool addPrefix_;
   bool isForked_ = false;  // the file, the watch and the timer are still the parent's
   std::string subsystem_;
   std::string filepath_;
   RotationPolicy policy_;
+  std::chrono::nanoseconds patience_;
+  std::chrono::steady_clock::time_point hastyUntil_;  // somebody holds on to the file's lock
   FileEvents& fileEvents_;
   std::shared_ptr<SystemLog> oslog_;
 };

@@ -112,6 +112,7 @@ TEST_F(Relaunch, RecoversWhenTheBundleComesBack) {
     const std::size_t before = failures();
     ::kill(application, SIGKILL);
     EXPECT_TRUE(waitForLog([&] { return failures() > before; })) << trouble.name;
+    EXPECT_TRUE(isLogged("Not opened: ")) << log();
     fs::remove_all(bundle);
     fs::rename(away, bundle);
     const Event started = next();

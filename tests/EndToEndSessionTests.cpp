@@ -78,7 +78,8 @@ TEST_F(DISABLED_InSession, KnowsAServiceByTheProcessThatTheManagerStarted) {
                R"(sleep 1000 & echo $$ > "$3/lines"; echo $! > "$3/lines"; wait)");
   const pid_t first = std::stoi(lines.next().value_or(std::to_string(noProcess)));
   const pid_t child = std::stoi(lines.next().value_or(std::to_string(noProcess)));
-  ProcessTable table({});
+  ProcessSources sources;
+  ProcessTable table({}, sources);
   EXPECT_EQ(table.bundleIdentifier(first), "org.example.Demo");
   EXPECT_EQ(table.bundleIdentifier(child), std::nullopt);
 }

@@ -32,6 +32,7 @@ TerminationListener::TerminationListener(std::string executable, pid_t parentPro
       exitProcess_(std::move(exitProcess)) {
   if (const auto bundle = Bundle::at(executable_)) appBundleIdentifier_ = bundle->identifier;
   workspace_.addObserver(*this, Workspace::runningApplicationsKeyPath, parentProcessId_);
+  workspace_.prepareToOpen(executable_);
   if (workspace_.isOrphaned(parentProcessId_) && !isRelaunching_) startRelaunching();
 }
 

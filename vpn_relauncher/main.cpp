@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,7 +13,6 @@
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Application.h"
 #include "Velum/Relauncher.h"
-#include "Velum/SystemError.h"
 #include "vpn_relauncher/Locations.h"
 #include "vpn_relauncher/LogConfig.h"
 #include "vpn_relauncher/TerminationListener.h"
@@ -47,11 +47,7 @@ std::int32_t parentProcessId = 0;
 std::unique_ptr<velum::TerminationListener>& listener =
     *new std::unique_ptr<velum::TerminationListener>;  // outlives exit(3) on purpose
 
-}  // namespace
-
-int main(int argc, char* argv[]) {
-  auto& application = velum::Application::shared();  // first, so that a lost terminal can't end us
-  velum::adoptReadyDescriptor();
+void setUp(int argc, char* argv[]) {
   velum::LogConfig::setUp(std::string(velum::relauncherSubsystem));
   velum::Logger::shared().setLogLevel(velum::LogLevel::debug);
 
@@ -63,10 +59,17 @@ int main(int argc, char* argv[]) {
   executablePath = arguments[1];
   parentProcessId = parsedProcessId(arguments[2]);
   velum::logInfo(site(), "Looking for :{} {}", executablePath, parentProcessId);
+  listener = std::make_unique<velum::TerminationListener>(executablePath, parentProcessId);
+}
 
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  auto& application = velum::Application::shared();  // first, so that a lost terminal can't end us
+  velum::adoptReadyDescriptor();
   try {
-    listener = std::make_unique<velum::TerminationListener>(executablePath, parentProcessId);
-  } catch (const velum::SystemError& error) {  // no descriptors left, or a kernel that is too old
+    setUp(argc, argv);
+  } catch (const std::exception& error) {  // no descriptors left, or a kernel that is too old
     velum::logError(site(), "Can't watch the application: {}", error.what());
     std::exit(EXIT_FAILURE);
   }

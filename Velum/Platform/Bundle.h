@@ -17,6 +17,11 @@ struct Bundle {
   std::string executable;
   /// Arguments for the program; only desktop entries have any.
   std::vector<std::string> arguments;
+  /// The folder the program is to work in; desktop entries may name another one than the root.
+  std::string directory{"/"};
+  /// Why it can't be opened though it is an application, for people; empty when nothing is known
+  /// to speak against it. A desktop entry whose program is not installed, or wants a terminal.
+  std::string obstacle;
 
   /// Reads the bundle at `path`. Nothing when there is none: no such file, or a folder without
   /// Contents. A malformed, huge or unreadable property list counts as an empty one. Never throws

@@ -62,8 +62,9 @@ class Workspace {
   static constexpr std::string_view runningApplicationsKeyPath = "runningApplications";
 
   /// Every live process whose program this user may know, and every process of interest; one that
-  /// ended and was not yet reaped by its parent is not live. Call on the main thread. The list
-  /// changes between two turns of the event loop, never within one.
+  /// ended and was not yet reaped by its parent is not live, and no process that runs with another
+  /// user's rights has an identifier. Call on the main thread. The list changes between two turns
+  /// of the event loop, never within one.
   virtual std::vector<RunningApplication> runningApplications() = 0;
 
   /// Tells `observer` of changes of `keyPath` until it is removed. `processOfInterest` is the
@@ -80,11 +81,16 @@ class Workspace {
   /// known to have started us.
   virtual bool isOrphaned(pid_t launcher) = 0;
 
+  /// Says that the application at `path` is going to be opened when a process of interest has
+  /// ended. What that takes is tried now, and learned and kept from the event loop, while there is
+  /// time. Throws SystemError when it would fail for want of descriptors. Call on the main thread.
+  virtual void prepareToOpen(const std::string& /*path*/) {}
+
   /// Opens the application at `path` and calls `completion` once, on the main queue. The new
   /// process lives in a session of its own with no descriptor of this process, default signals,
-  /// this process's environment, "/" as working directory and the system log as its output; it
-  /// outlives this process. It counts as opened when it still runs, or ended with status 0, after
-  /// its first 250 ms. Call on the main thread.
+  /// this process's environment, the bundle's working directory and the system log as its output;
+  /// it outlives this process. It counts as opened when it still runs, or ended with status 0,
+  /// after its first 250 ms. Why it failed is logged as well. Call on the main thread.
   virtual void openApplication(const std::string& path, const OpenConfiguration& configuration,
                                OpenCompletion completion) = 0;
 

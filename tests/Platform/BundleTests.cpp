@@ -39,12 +39,13 @@ class BundleTest : public testing::Test {
     return path;
   }
 
-  /// The arguments of a desktop entry with that Exec line, the program first; empty for none.
+  /// The arguments of a desktop entry with that Exec line, the program first; empty for one that
+  /// can't be opened.
   std::vector<std::string> words(const std::string& exec) {
     const std::string path = folder / "some.desktop";
     writeFile(path, "[Desktop Entry]\nName=A  Name\nIcon=icon\nExec=" + exec + "\n");
     const auto bundle = Bundle::at(path);
-    if (!bundle) return {};
+    if (!bundle || !bundle->obstacle.empty()) return {};
     std::vector<std::string> all{bundle->executable};
     all.insert(all.end(), bundle->arguments.begin(), bundle->arguments.end());
     return all;
@@ -185,6 +186,27 @@ TEST_F(BundleTest, ReadsDesktopEntries) {
   EXPECT_EQ(bundle->executable, "/usr/bin/env");
   EXPECT_THAT(bundle->arguments, ElementsAre("a"));
 
+  EXPECT_EQ(bundle->directory, "/");
+  EXPECT_EQ(bundle->obstacle, "");
+
+  struct Case {
+    const char* keys;
+    const char* directory;
+    const char* obstacle;
+  };
+  for (const Case& each :
+       {Case{"Path=/usr\nTryExec=/bin/sh\nTerminal=false", "/usr", ""},
+        Case{"Path=usr\nTryExec=sh", "/", ""}, Case{"TryExec=/bin", "/", "TryExec"},
+        Case{"TryExec=velum-no-such-program", "/", "velum-no-such-program"},
+        Case{"Terminal=true", "/", "terminal"}}) {
+    writeFile(path, std::string("[Desktop Entry]\nExec=/bin/true\n") + each.keys + '\n');
+    const auto other = Bundle::at(path);
+    ASSERT_TRUE(other) << each.keys;
+    EXPECT_EQ(other->identifier, "org.example.App") << "it is known to run all the same";
+    EXPECT_EQ(other->directory, each.directory) << each.keys;
+    EXPECT_EQ(other->obstacle.empty(), *each.obstacle == '\0') << each.keys;
+    EXPECT_THAT(other->obstacle, testing::HasSubstr(each.obstacle));
+  }
   writeFile(path, "[Desktop Entry]\nHidden=true\nExec=/bin/true\n");
   EXPECT_FALSE(Bundle::at(path));
   writeFile(path, "[Desktop Entry]\nType=Link\nURL=https://example.com\n");

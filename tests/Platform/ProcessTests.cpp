@@ -34,8 +34,8 @@ TEST(ProcessStatus, TellsTheDeadFromThoseWhoseFirstThreadLeft) {
   EXPECT_TRUE(status.isAlive());
 }
 
-TEST(ProcessIds, HoldThisProcessAndNoKernelThread) {
-  const std::vector<pid_t> ids = processIds();
+TEST(ProcessList, HoldThisProcessAndNoKernelThread) {
+  const std::vector<pid_t> ids = ProcessList().ids();
   EXPECT_TRUE(std::binary_search(ids.begin(), ids.end(), ::getpid()));
   for (const pid_t id : ids) {
     const auto status = ProcessStatus::of(id);

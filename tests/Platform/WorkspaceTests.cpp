@@ -169,6 +169,21 @@ TEST_F(WorkspaceTest, KnowsAnApplicationByItsProgram) {
   EXPECT_EQ(onMain([&] { return identifierOf(application); }), identifier_);
 }
 
+TEST_F(WorkspaceTest, CountsNoApplicationOfAnotherUser) {
+  if (::geteuid() != 0) GTEST_SKIP() << "nobody else sees into the processes of others";
+  std::filesystem::permissions(folder_.path(), std::filesystem::perms::all);
+  std::filesystem::permissions(folder_ / "events", std::filesystem::perms::all);
+  const pid_t application = ::fork();
+  if (application == 0) {
+    if (::setresuid(65534, 65534, 65534) == 0)
+      ::execl(program().c_str(), program().c_str(), nullptr);
+    ::_exit(1);
+  }
+  ASSERT_TRUE(events_.next());
+  EXPECT_THAT(onMain(listedIds), Contains(application));
+  EXPECT_EQ(onMain([&] { return identifierOf(application); }), std::nullopt);
+}
+
 TEST_F(WorkspaceTest, TakesNoCopyOfAnApplicationForIt) {
   // This very test is the main program of a bundle, and leaves a forked copy behind.
   std::filesystem::remove(program());
@@ -202,7 +217,10 @@ TEST_F(WorkspaceTest, OpensOneInstanceForManyAskers) {
   auto third = open(folder_ / "link.app");
   EXPECT_EQ(first.get(), std::nullopt);
   EXPECT_EQ(second.get(), std::nullopt);
+  std::filesystem::copy(bundle_, folder_ / "Copy.app", std::filesystem::copy_options::recursive);
+  auto fourth = open(folder_ / "Copy.app");  // the same application at another place
   EXPECT_EQ(third.get(), std::nullopt);
+  EXPECT_EQ(fourth.get(), std::nullopt);
   EXPECT_TRUE(events_.next());
   EXPECT_EQ(events_.next(std::chrono::milliseconds(0)), std::nullopt) << "opened twice";
   EXPECT_EQ(open(bundle_, {.createsNewApplicationInstance = true}).get(), std::nullopt);
@@ -228,6 +246,12 @@ TEST_F(WorkspaceTest, SaysWhyAnApplicationDidNotOpen) {
   const auto errorOf = [](const std::string& path) { return open(path).get().value_or(""); };
   EXPECT_EQ(errorOf(folder_ / "Missing.app"),
             (folder_ / "Missing.app") + ": No such file or directory");
+  EXPECT_THAT(errorOf(folder_.path()), HasSubstr(folder_.path() + ": is not an application"));
+  EXPECT_THAT(errorOf("/dev/null"), HasSubstr("/dev/null: is not an application"));
+  writeFile(folder_ / "a.desktop", "[Desktop Entry]\nExec=/bin/true\nTerminal=true\n");
+  EXPECT_THAT(errorOf(folder_ / "a.desktop"), HasSubstr("Terminal=true"));
+  writeFile(folder_ / "a.desktop", "[Desktop Entry]\nExec=/bin/true\nPath=/nowhere\n");
+  EXPECT_EQ(errorOf(folder_ / "a.desktop"), "/nowhere: No such file or directory");
   ::setenv("SAMPLE_APP_EXIT", "3", 1);
   EXPECT_THAT(errorOf(bundle_), HasSubstr("sample_app ended with status 3"));
   ::setenv("SAMPLE_APP_EXIT", "0", 1);

@@ -1,3 +1,6 @@
+#include "Velum/Platform/Linux/BundleLinux.h"
+
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -47,7 +50,8 @@ std::string nameOfFolder(const std::string& folder) {
 Bundle folderBundle(const std::string& path) {
   const std::string folder = withoutTrailingSlashes(path);
   const PropertyList properties = info(folder);
-  Bundle bundle{.path = path, .identifier = {}, .executable = {}, .arguments = {}};
+  Bundle bundle;
+  bundle.path = path;
   const auto* identifier = properties.get<std::string>("CFBundleIdentifier");
   if (identifier != nullptr && !identifier->empty()) bundle.identifier = *identifier;
   // A name with a slash would reach out of the bundle.
@@ -58,21 +62,40 @@ Bundle folderBundle(const std::string& path) {
   return bundle;
 }
 
+bool isProgram(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+         ::access(path.c_str(), X_OK) == 0;
+}
+
 /// The first executable file of that name in PATH.
 std::optional<std::string> programInPath(const std::string& name) {
   const char* const variable = std::getenv("PATH");
   std::string_view folders = variable != nullptr ? variable : "/usr/local/bin:/usr/bin:/bin";
   while (!folders.empty()) {
     const auto end = std::min(folders.find(':'), folders.size());
-    const std::string candidate = std::string(folders.substr(0, end)) + '/' + name;
+    std::string candidate = std::string(folders.substr(0, end)) + '/' + name;
     folders.remove_prefix(std::min(end + 1, folders.size()));
-    struct stat status {};
-    if (candidate.front() == '/' && ::stat(candidate.c_str(), &status) == 0 &&
-        S_ISREG(status.st_mode) && ::access(candidate.c_str(), X_OK) == 0) {
-      return candidate;
-    }
+    if (candidate.front() == '/' && isProgram(candidate)) return candidate;
   }
   return std::nullopt;
+}
+
+/// The file that a desktop entry means. Only a plain name is looked up; a relative path would
+/// depend on where the opener works.
+std::optional<std::string> programFile(const std::string& program) {
+  if (program.starts_with('/')) return program;
+  return isFileName(program) ? programInPath(program) : std::nullopt;
+}
+
+/// Why the application of a desktop entry can't be opened; empty when nothing speaks against it.
+std::string obstacleOf(const DesktopEntry& entry, const std::optional<std::string>& program) {
+  if (entry.needsTerminal) return "it wants a terminal to run in, and gets none (Terminal=true)";
+  if (!program) return fmt::format("its program {} is not installed (Exec)", entry.program);
+  if (entry.tryProgram.empty()) return {};
+  const std::optional<std::string> wanted = programFile(entry.tryProgram);
+  if (wanted && isProgram(*wanted)) return {};
+  return fmt::format("it is not installed: there is no program {} (TryExec)", entry.tryProgram);
 }
 
 std::optional<Bundle> desktopBundle(const std::string& path) {
@@ -80,18 +103,15 @@ std::optional<Bundle> desktopBundle(const std::string& path) {
   if (!text) return std::nullopt;
   auto entry = DesktopEntry::parse(*text, absolute(path));
   if (!entry) return std::nullopt;
-  // Only a plain name is looked up; a relative path would depend on where the opener works.
-  std::optional<std::string> program;
-  if (entry->program.front() == '/') {
-    program = std::move(entry->program);
-  } else if (isFileName(entry->program)) {
-    program = programInPath(entry->program);
-  }
-  if (!program) return std::nullopt;
-  return Bundle{.path = path,
-                .identifier = fs::path(path).stem().string(),
-                .executable = std::move(*program),
-                .arguments = std::move(entry->arguments)};
+  const std::optional<std::string> program = programFile(entry->program);
+  Bundle bundle;
+  bundle.path = path;
+  bundle.identifier = fs::path(path).stem().string();
+  bundle.executable = program.value_or("");
+  bundle.arguments = std::move(entry->arguments);
+  if (entry->directory.starts_with('/')) bundle.directory = std::move(entry->directory);
+  bundle.obstacle = obstacleOf(*entry, program);
+  return bundle;
 }
 
 bool isSameFile(const std::string& one, const std::string& other) {
@@ -117,21 +137,25 @@ std::optional<Bundle> Bundle::at(const std::string& path) {
   if (::stat(path.c_str(), &status) != 0) return std::nullopt;
   if (S_ISREG(status.st_mode)) {
     if (path.ends_with(desktopSuffix)) return desktopBundle(path);
-    return Bundle{.path = path, .identifier = {}, .executable = absolute(path), .arguments = {}};
+    Bundle bundle;
+    bundle.path = path;
+    bundle.executable = absolute(path);
+    return bundle;
   }
   const std::string contents = path + "/Contents";
   if (::stat(contents.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
   return folderBundle(path);
 }
 
-std::optional<Bundle> Bundle::ofExecutable(const std::string& executable) {
-  // Asked for every process of the machine: most are told by their path alone. The main program
-  // lies directly in its folder, so the last slash decides which bundle is the nearest.
-  const auto slash = executable.rfind('/');
-  if (slash == std::string::npos) return std::nullopt;
-  const auto folder = std::string_view(executable).substr(0, slash + 1);
-  if (!folder.ends_with(programFolder)) return std::nullopt;
+bool isInProgramFolder(std::string_view executable) noexcept {
+  // The main program lies directly in its folder, so the last slash decides which bundle is the
+  // nearest.
+  return executable.substr(0, executable.rfind('/') + 1).ends_with(programFolder);
+}
 
+std::optional<Bundle> Bundle::ofExecutable(const std::string& executable) {
+  if (!isInProgramFolder(executable)) return std::nullopt;
+  const auto folder = std::string_view(executable).substr(0, executable.rfind('/') + 1);
   const std::string file = withoutDeletedMark(executable);
   auto bundle = at(std::string(folder.substr(0, folder.size() - programFolder.size())));
   if (!bundle) return std::nullopt;

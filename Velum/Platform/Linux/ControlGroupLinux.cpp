@@ -1,9 +1,19 @@
 #include "Velum/Platform/Linux/ControlGroupLinux.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+#include "Velum/Platform/Linux/ProcessLinux.h"
 
 namespace velum {
 namespace {
@@ -63,6 +73,76 @@ std::optional<std::string> identifierAtEnd(std::string_view name) {
   return unescaped(identifier);
 }
 
+/// True when a service manager serves this user: then a desktop may give applications control
+/// groups of their own.
+bool hasUserManager() {
+  constexpr const char* socket = "/systemd/private";
+  const char* const folder = std::getenv("XDG_RUNTIME_DIR");
+  if (folder != nullptr && ::access((std::string(folder) + socket).c_str(), F_OK) == 0) return true;
+  return ::access(fmt::format("/run/user/{}{}", ::geteuid(), socket).c_str(), F_OK) == 0;
+}
+
+/// Appends the processes of a control group; false when they can't be read.
+bool appendMembers(const std::string& group, std::vector<pid_t>& members) {
+  const UniqueFd file(::open((group + "/cgroup.procs").c_str(), O_RDONLY | O_CLOEXEC));
+  // A group that went away meanwhile has none.
+  if (!file) return errno == ENOENT;
+  std::string text;
+  std::array<char, 4096> buffer{};
+  for (;;) {
+    const ssize_t size =
+        retryInterrupted([&] { return ::read(file.get(), buffer.data(), buffer.size()); });
+    if (size < 0) return errno == ENODEV;
+    if (size == 0) break;
+    text.append(buffer.data(), static_cast<std::size_t>(size));
+  }
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  for (pid_t member = 0; at < end; ++at) {
+    const auto [stop, error] = std::from_chars(at, end, member);
+    if (error != std::errc{}) return false;
+    members.push_back(member);
+    at = stop;
+  }
+  return true;
+}
+
+/// Appends the candidates of a slice and of those in it; false when something can't be read.
+bool appendCandidates(const std::string& slice, std::vector<pid_t>& candidates) {
+  const auto close = [](DIR* folder) { ::closedir(folder); };
+  const std::unique_ptr<DIR, decltype(close)> folder(::opendir(slice.c_str()), close);
+  if (!folder) return errno == ENOENT;
+  while (const dirent* entry = ::readdir(folder.get())) {
+    const std::string_view name(entry->d_name);
+    if (name.ends_with(".slice")) {
+      if (!appendCandidates(fmt::format("{}/{}", slice, name), candidates)) return false;
+    } else if (!name.starts_with(prefix)) {
+      continue;
+    } else if (name.ends_with(".service")) {
+      if (!appendMembers(fmt::format("{}/{}", slice, name), candidates)) return false;
+    } else if (name.ends_with(".scope")) {
+      pid_t leader = 0;
+      const char* const begin = name.data() + name.rfind('-') + 1;
+      const auto [stop, error] = std::from_chars(begin, name.data() + name.size(), leader);
+      if (error == std::errc{} && *stop == '.') candidates.push_back(leader);
+    }
+  }
+  return true;
+}
+
+/// The folder of the group in which the manager `process` keeps the user's, or nothing where none
+/// of the places that are usual holds that very process.
+std::optional<std::string> folderOfManager(pid_t process, std::string_view group) {
+  for (const char* mount : {"/sys/fs/cgroup", "/sys/fs/cgroup/systemd", "/sys/fs/cgroup/unified"}) {
+    const std::string path = fmt::format("{}{}", mount, group);
+    std::vector<pid_t> members;
+    if (!appendMembers(path, members)) continue;
+    if (std::find(members.begin(), members.end(), process) == members.end()) continue;
+    return path.substr(0, path.rfind('/'));
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 std::optional<std::string> applicationOfScope(std::string_view group, pid_t leader) {
@@ -75,6 +155,29 @@ std::optional<std::string> applicationOfService(std::string_view group) {
   std::string_view name = unitName(group);
   if (!removeSuffix(name, ".service")) return std::nullopt;
   return identifierAtEnd(name.substr(0, name.find('@')));
+}
+
+void DesktopGroups::learn(const std::vector<pid_t>& processes) {
+  folder_.clear();
+  if (!hasServiceManager()) return;
+  const std::string manager = fmt::format("/user@{}.service/init.scope", ::geteuid());
+  for (const pid_t process : processes) {
+    const std::optional<std::string> group = controlGroupOf(process);
+    if (!group || !group->ends_with(manager)) continue;
+    if (const auto folder = folderOfManager(process, *group)) folder_ = *folder;
+  }
+}
+
+std::optional<std::vector<pid_t>> DesktopGroups::candidates() {
+  std::vector<pid_t> candidates;
+  if (!hasServiceManager()) return candidates;
+  // A manager that came later, or came again elsewhere, has groups that we don't know.
+  if (!folder_.empty() && ::access(folder_.c_str(), F_OK) != 0) folder_.clear();
+  if (folder_.empty()) {
+    return hasUserManager() ? std::nullopt : std::optional(std::move(candidates));
+  }
+  if (!appendCandidates(folder_, candidates)) return std::nullopt;
+  return candidates;
 }
 
 std::string applicationScopeName(std::string_view identifier, pid_t leader) {

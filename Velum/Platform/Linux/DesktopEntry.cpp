@@ -165,16 +165,21 @@ class ExecLine {
 
 std::optional<DesktopEntry> DesktopEntry::parse(std::string_view text, const std::string& path) {
   const Keys keys = mainGroup(text);
-  const auto exec = keys.find("Exec");
-  const auto hidden = keys.find("Hidden");
-  if (exec == keys.end() || (hidden != keys.end() && hidden->second == "true")) return std::nullopt;
-  const std::string line = unescaped(exec->second);
+  const auto value = [&keys](std::string_view key) {
+    const auto found = keys.find(key);
+    return found == keys.end() ? std::string_view{} : found->second;
+  };
+  if (value("Hidden") == "true") return std::nullopt;
+  const std::string line = unescaped(value("Exec"));
   auto words = ExecLine(line, keys, path).words();
   if (!words || words->empty() || words->front().empty()) return std::nullopt;
   DesktopEntry entry;
   entry.program = std::move(words->front());
   entry.arguments.assign(std::make_move_iterator(words->begin() + 1),
                          std::make_move_iterator(words->end()));
+  entry.tryProgram = unescaped(value("TryExec"));
+  entry.directory = unescaped(value("Path"));
+  entry.needsTerminal = value("Terminal") == "true";
   return entry;
 }
 

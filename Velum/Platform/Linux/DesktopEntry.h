@@ -11,6 +11,9 @@ namespace velum {
 struct DesktopEntry {
   std::string program;  ///< As it is written: a path, or a name to be looked up in PATH.
   std::vector<std::string> arguments;
+  std::string tryProgram;  ///< Without it the application is not installed; written like `program`.
+  std::string directory;   ///< Where the program is to work; empty where the entry does not say.
+  bool needsTerminal = false;
 
   /// Reads the text of the file `path`. Nothing when it has no valid Exec key or is hidden. Codes
   /// that stand for files and URLs expand to nothing: an application is opened without any.

@@ -4,11 +4,11 @@
 #include <fmt/format.h>
 #include <sys/file.h>
 
+#include <array>
 #include <charconv>
-#include <filesystem>
 #include <string_view>
 
-#include "Velum/Logger/Logger.h"
+#include "Velum/Platform/AtFork.h"
 #include "Velum/Platform/Directories.h"
 #include "Velum/Platform/Linux/ProcessLinux.h"
 #include "Velum/SystemError.h"
@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::string_view filePrefix = "launch-";
 
-/// FNV-1a: two bundles with the same value merely wait for each other.
+/// FNV-1a: two applications with the same value merely wait for each other.
 std::uint64_t hash(std::string_view text) {
   std::uint64_t value = 0xcbf29ce484222325;
   for (const char byte : text) {
@@ -28,20 +28,9 @@ std::uint64_t hash(std::string_view text) {
 }
 
 // O_NONBLOCK: whatever stands there under our name, opening it does not wait.
-UniqueFd openFile(const std::string& path, int flags) {
-  return UniqueFd(::open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
-}
-
-UniqueFd openLockFile(const std::string& bundle) {
-  const std::optional<std::string> folder = Directories::shared().runtime();
-  if (!folder) return {};
-  const std::string path = fmt::format("{}/{}{:016x}", *folder, filePrefix, hash(bundle));
-  UniqueFd file = openFile(path, O_RDWR | O_CREAT);
-  if (!file) {
-    logDebug({"Velum/Workspace", "openLockFile(_:)"}, "{}",
-             lastSystemError("open (" + path + ")").what());
-  }
-  return file;
+UniqueFd openFile(int folder, const std::string& name, int flags) {
+  return UniqueFd(
+      ::openat(folder, name.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
 }
 
 /// Takes the text up to the next NUL off `text`; nothing when there is no NUL.
@@ -63,7 +52,7 @@ bool parseField(std::string_view& text, Number& number) {
 /// Readers without the lock may see a record that is just being written; it then lacks its end.
 std::optional<LaunchRecord> readRecord(const UniqueFd& file) {
   constexpr std::size_t sizeLimit = 16384;  // two paths
-  std::string text(sizeLimit, '\0');
+  std::array<char, sizeLimit> text;         // NOLINT(*-member-init): filled just below
   const ssize_t size =
       retryInterrupted([&] { return ::pread(file.get(), text.data(), text.size(), 0); });
   if (size <= 0) return std::nullopt;
@@ -82,11 +71,57 @@ std::optional<LaunchRecord> readRecord(const UniqueFd& file) {
 
 bool LaunchRecord::isAlive() const {
   const std::optional<ProcessStatus> status = ProcessStatus::of(process);
-  return status && status->startTime == startTime && status->isAlive();
+  if (!status) return hasProcess(process);  // it can't be asked, and may be the one
+  return status->startTime == startTime && status->isAlive();
 }
 
-LaunchLock::LaunchLock(std::string canonicalPath)
-    : path_(std::move(canonicalPath)), file_(openLockFile(path_)) {}
+bool LaunchFolder::isCurrent() const noexcept {
+  struct stat status {};
+  return folder_ && generation_ == forkGeneration() && ::stat(path_.c_str(), &status) == 0 &&
+         status.st_dev == status_.st_dev && status.st_ino == status_.st_ino;
+}
+
+bool LaunchFolder::open() {
+  if (isCurrent()) return true;
+  folder_.reset();
+  const std::optional<std::string> path = Directories::shared().runtime();
+  if (!path) return false;
+  path_ = *path;
+  folder_.reset(::opendir(path_.c_str()));
+  generation_ = forkGeneration();
+  if (folder_ && ::fstat(::dirfd(folder_.get()), &status_) != 0) folder_.reset();
+  return folder_ != nullptr;
+}
+
+std::vector<LaunchRecord> LaunchFolder::records() {
+  std::vector<LaunchRecord> records;
+  if (!open()) return records;
+  ::rewinddir(folder_.get());
+  while (const dirent* entry = ::readdir(folder_.get())) {
+    if (!std::string_view(entry->d_name).starts_with(filePrefix)) continue;
+    const UniqueFd file = openFile(::dirfd(folder_.get()), entry->d_name, O_RDONLY);
+    if (!file) continue;
+    if (std::optional<LaunchRecord> record = readRecord(file)) {
+      records.push_back(std::move(*record));
+    }
+  }
+  return records;
+}
+
+UniqueFd LaunchFolder::lockFile(const std::string& key, std::string& problem) {
+  if (!open()) {
+    problem = "There is no runtime folder for the lock of a launch";
+    return {};
+  }
+  const std::string name = fmt::format("{}{:016x}", filePrefix, hash(key));
+  UniqueFd file = openFile(::dirfd(folder_.get()), name, O_RDWR | O_CREAT);
+  if (!file) problem = lastSystemError(fmt::format("open ({}/{})", path_, name)).what();
+  return file;
+}
+
+LaunchLock::LaunchLock(LaunchFolder& folder, const std::optional<std::string>& identifier,
+                       const std::string& canonicalPath)
+    : file_(folder.lockFile(identifier.value_or(canonicalPath), problem_)) {}
 
 bool LaunchLock::tryAcquire() noexcept {
   if (!file_) return true;
@@ -105,37 +140,17 @@ void LaunchLock::release() noexcept {
 }
 
 std::optional<LaunchRecord> LaunchLock::record() const {
-  std::optional<LaunchRecord> record = file_ ? readRecord(file_) : std::nullopt;
-  return record && record->path == path_ ? record : std::nullopt;
+  return file_ ? readRecord(file_) : std::nullopt;
 }
 
-void LaunchLock::setRecord(LaunchRecord record) {
+void LaunchLock::setRecord(const LaunchRecord& record) {
   if (!file_) return;
   const std::string text = fmt::format("{}{}{}{}{}{}{}{}", record.process, '\0', record.startTime,
-                                       '\0', path_, '\0', record.identifier, '\0');
-  if (::ftruncate(file_.get(), 0) == 0 &&
-      ::pwrite(file_.get(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size())) {
-    return;
+                                       '\0', record.path, '\0', record.identifier, '\0');
+  if (::ftruncate(file_.get(), 0) != 0 ||
+      ::pwrite(file_.get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+    problem_ = lastSystemError("pwrite, launch record of " + record.path).what();
   }
-  logDebug({"Velum/Workspace", "setRecord(_:)"}, "{}",
-           lastSystemError("pwrite, launch record of " + path_).what());
-}
-
-std::vector<LaunchRecord> LaunchLock::allRecords() {
-  std::vector<LaunchRecord> records;
-  const std::optional<std::string> folder = Directories::shared().runtime();
-  if (!folder) return records;
-  std::error_code error;
-  for (std::filesystem::directory_iterator entry(*folder, error), end; !error && entry != end;
-       entry.increment(error)) {
-    if (!entry->path().filename().native().starts_with(filePrefix)) continue;
-    const UniqueFd file = openFile(entry->path().native(), O_RDONLY);
-    if (!file) continue;
-    if (std::optional<LaunchRecord> record = readRecord(file)) {
-      records.push_back(std::move(*record));
-    }
-  }
-  return records;
 }
 
 }  // namespace velum

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <dirent.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,15 +23,44 @@ struct LaunchRecord {
   std::string identifier;       ///< Empty when the bundle has none.
 
   bool isAlive() const;
+  bool operator==(const LaunchRecord&) const = default;
 };
 
-/// Serialises the openers of one bundle, across the processes of a user. The lock file stands in
-/// the user's runtime folder, stays there, and holds the record of the last launch. Without a
-/// runtime folder there is no lock: everything succeeds and nothing is recorded.
+/// The folder of the lock files below the user's runtime folder, kept open. One thread.
+class LaunchFolder {
+ public:
+  /// The last launches of all applications, whether or not they still run.
+  std::vector<LaunchRecord> records();
+
+  /// Opens the lock file of the application that `key` stands for and makes it where there is
+  /// none. Where that fails, says why in `problem`.
+  UniqueFd lockFile(const std::string& key, std::string& problem);
+
+  /// Whether the folder is there; opens it.
+  bool open();
+
+ private:
+  struct Closer {
+    void operator()(DIR* folder) const noexcept { ::closedir(folder); }
+  };
+
+  bool isCurrent() const noexcept;
+
+  std::string path_;
+  std::unique_ptr<DIR, Closer> folder_;
+  struct stat status_ {};
+  unsigned generation_ = 0;  // of the process: a forked child would share our place in the folder
+};
+
+/// Serialises the openers of one application, across the processes of a user: copies of a bundle
+/// that bear one identifier are one application. The lock file stays where it is and holds the
+/// record of the last launch. Without a runtime folder there is no lock: everything succeeds and
+/// nothing is recorded.
 class LaunchLock {
  public:
-  /// Opens the lock file of the bundle; does not lock.
-  explicit LaunchLock(std::string canonicalPath);
+  /// Opens the lock file; does not lock. An application without an identifier is its bundle.
+  LaunchLock(LaunchFolder& folder, const std::optional<std::string>& identifier,
+             const std::string& canonicalPath);
   LaunchLock(const LaunchLock&) = delete;
   LaunchLock& operator=(const LaunchLock&) = delete;
   ~LaunchLock() { release(); }
@@ -39,16 +71,16 @@ class LaunchLock {
   void acquire() noexcept;
   void release() noexcept;
 
-  /// The last launch of this bundle. Call with the lock held, like `setRecord`.
+  /// The last launch. Call with the lock held, like `setRecord`.
   std::optional<LaunchRecord> record() const;
-  /// `path` is filled in here. A failed write leaves no record.
-  void setRecord(LaunchRecord record);
+  /// A failed write leaves no record.
+  void setRecord(const LaunchRecord& record);
 
-  /// The last launches of all bundles.
-  static std::vector<LaunchRecord> allRecords();
+  /// Why there is no lock or no record, for people; empty when all is well.
+  const std::string& problem() const noexcept { return problem_; }
 
  private:
-  std::string path_;
+  std::string problem_;
   UniqueFd file_;
 };
 

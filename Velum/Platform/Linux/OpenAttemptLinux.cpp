@@ -2,10 +2,13 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <systemd/sd-journal.h>
 
-#include <syslog.h>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -15,6 +18,7 @@
 #include "Velum/Platform/Linux/ControlGroupLinux.h"
 #include "Velum/Platform/Linux/ProcessLinux.h"
 #include "Velum/Platform/Linux/UserManagerLinux.h"
+#include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
 #include "Velum/String.h"
 #include "Velum/SystemError.h"
@@ -27,12 +31,21 @@ constexpr std::chrono::milliseconds launchGrace(250);
 /// How long the service manager may take; a busy one answers within some tens of milliseconds.
 constexpr std::chrono::seconds scopeTimeout(1);
 
+constexpr std::string_view openName = "openApplication(at:configuration:completion:)";
+
 constexpr LogSite site(std::string_view function, CallPlace where = CallPlace::current()) {
   return {"Velum/Workspace", function, where};
 }
 
+/// The path from the root on, without links. The kernel knows it in one step; a look at each of
+/// its parts is left to where it can't be asked.
 std::string canonical(const std::string& path) {
   std::error_code error;
+  if (const UniqueFd place(::open(path.c_str(), O_PATH | O_CLOEXEC)); place) {
+    auto resolved =
+        std::filesystem::read_symlink(fmt::format("/proc/self/fd/{}", place.get()), error);
+    if (!error && resolved.is_absolute()) return resolved.native();
+  }
   const std::filesystem::path resolved = std::filesystem::canonical(path, error);
   return error ? path : resolved.native();
 }
@@ -43,8 +56,15 @@ std::string nameOf(const Bundle& bundle) {
   return std::filesystem::path(bundle.path).stem().native();
 }
 
-/// The system log as an output; none where there is no system log.
+/// The system log as an output; none where there is no system log, or where it is so busy that
+/// one would have to wait for it.
 UniqueFd systemLogStream(const std::string& name) {
+  const UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  constexpr sockaddr_un address{AF_UNIX, "/run/systemd/journal/stdout"};
+  if (!probe ||
+      ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    return {};
+  }
   return UniqueFd(::sd_journal_stream_fd(name.c_str(), LOG_INFO, 0));
 }
 
@@ -68,53 +88,79 @@ std::optional<std::string> failureOf(int status) {
 
 }  // namespace
 
+void SystemLogStream::prepare(const Bundle& bundle) {
+  name_ = nameOf(bundle);
+  stream_ = systemLogStream(name_);
+}
+
+UniqueFd SystemLogStream::take(const Bundle& bundle) {
+  UniqueFd prepared = std::move(stream_);
+  // The other end is gone when the journal was ended and not only started again.
+  pollfd state{prepared.get(), POLLOUT, 0};
+  if (prepared && name_ == nameOf(bundle) && ::poll(&state, 1, 0) >= 0 &&
+      (state.revents & (POLLERR | POLLHUP)) == 0) {
+    return prepared;
+  }
+  return systemLogStream(nameOf(bundle));
+}
+
 OpenAttempt::OpenAttempt(Bundle bundle, const OpenConfiguration& configuration,
-                         FindInstance findInstance, Workspace::OpenCompletion completion)
+                         FindInstance findInstance, Workspace::OpenCompletion completion,
+                         LaunchFolder& launches, SystemLogStream& log)
     : bundle_(std::move(bundle)),
       configuration_(configuration),
       findInstance_(std::move(findInstance)),
       completion_(std::move(completion)),
       canonicalPath_(canonical(bundle_.path)),
-      lock_(canonicalPath_) {}
+      lock_(launches, bundle_.identifier, canonicalPath_),
+      log_(log) {}
 
 void OpenAttempt::start() {
   if (lock_.tryAcquire()) {
-    proceedLocked(false);
+    proceedLocked();
     return;
   }
-  logDebug(site("openApplication(at:configuration:completion:)"),
-           "Waiting for another opener of {}", bundle_.path);
   DispatchQueue::global().async([self = shared_from_this()] {
     self->lock_.acquire();
-    DispatchQueue::main().async([self] { self->proceedLocked(true); });
+    DispatchQueue::main().async([self] { self->proceedLocked(); });
   });
+  logDebug(site(openName), "Waiting for another opener of {}", bundle_.path);
 }
 
-void OpenAttempt::proceedLocked(bool hasWaited) {
-  if (const std::optional<pid_t> running = runningInstance(hasWaited)) {
-    logDebug(site("openApplication(at:configuration:completion:)"),
-             "Process {} is an instance already", *running);
+void OpenAttempt::proceedLocked() {
+  if (const std::optional<pid_t> running = runningInstance()) {
     conclude(std::nullopt);
+    logDebug(site(openName), "Process {} is an instance already", *running);
   } else {
     launch();
   }
 }
 
-std::optional<pid_t> OpenAttempt::runningInstance(bool hasWaited) const {
+std::optional<pid_t> OpenAttempt::runningInstance() const {
   if (configuration_.createsNewApplicationInstance) return std::nullopt;
-  return findInstance_(bundle_, canonicalPath_, hasWaited);
+  return findInstance_(bundle_, canonicalPath_, lock_.record());
 }
 
 void OpenAttempt::launch() {
   try {
     process_ = spawnProcess();
   } catch (const SystemError& error) {
-    conclude(fmt::format("{}: {}", bundle_.executable, systemErrorText(error.code())));
+    conclude(reasonOf(error));
     return;
   }
   recordLaunch();
   watchProcess();
   moveOutOfOldControlGroup();
+  // Now that nothing waits for it: whoever holds the log may hold it for some time.
+  if (!lock_.problem().empty()) logDebug(site(openName), "{}", lock_.problem());
+}
+
+std::string OpenAttempt::reasonOf(const SystemError& error) const {
+  // The code does not say whether the program or the folder is meant.
+  std::error_code ignored;
+  const bool isFolderMissing = !std::filesystem::is_directory(bundle_.directory, ignored);
+  return fmt::format("{}: {}", isFolderMissing ? bundle_.directory : bundle_.executable,
+                     systemErrorText(error.code()));
 }
 
 pid_t OpenAttempt::spawnProcess() const {
@@ -124,9 +170,9 @@ pid_t OpenAttempt::spawnProcess() const {
   options.arguments.insert(options.arguments.end(), bundle_.arguments.begin(),
                            bundle_.arguments.end());
   options.environment = environmentFor(bundle_);
-  options.directory = std::string("/");  // GCC 12 warns falsely of assigning a literal
+  options.directory = bundle_.directory;
   options.newSession = true;
-  const UniqueFd log = systemLogStream(nameOf(bundle_));
+  const UniqueFd log = log_.take(bundle_);
   if (log) options.standardStreams = {SpawnOptions::nullDevice, log.get(), log.get()};
   return spawn(options);
 }
@@ -145,8 +191,7 @@ void OpenAttempt::watchProcess() {
         process_, DispatchQueue::main(),
         [self = shared_from_this()](int status) { self->processEnded(status); });
   } catch (const SystemError& error) {
-    logDebug(site("openApplication(at:configuration:completion:)"),
-             "Process {} can't be watched: {}", process_, error.what());
+    logDebug(site(openName), "Process {} can't be watched: {}", process_, error.what());
   }
   DispatchQueue::main().asyncAfter(launchGrace,
                                    [self = shared_from_this()] { self->graceEnded(); });
@@ -168,7 +213,7 @@ void OpenAttempt::moveOutOfOldControlGroup() {
 
 void OpenAttempt::movedOutOfOldControlGroup(const TransientScope& scope,
                                             const std::optional<std::string>& error) {
-  const LogSite place = site("openApplication(at:configuration:completion:)");
+  const LogSite place = site(openName);
   if (error) {
     logDebug(place, "Process {} stays in this control group: {}", scope.process, *error);
   } else {
@@ -200,7 +245,11 @@ void OpenAttempt::graceEnded() {
     conclude(fmt::format("{} ended at once", bundle_.executable));
     return;
   }
-  if (info.si_pid != 0) return;  // it just ended, and processEnded is about to be called
+  if (info.si_pid != 0) {
+    // It just ended, and processEnded is about to be called, unless nobody could be told.
+    if (!processEnd_) processEnded(reapChild(process_));
+    return;
+  }
   hasProvenItself_ = true;
   concludeWhenReady();
 }
@@ -214,8 +263,12 @@ void OpenAttempt::conclude(std::optional<std::string> error) {
   isConcluded_ = true;
   lock_.release();
   if (error) error = repairedUtf8(*error);
-  DispatchQueue::main().async(
-      [completion = std::move(completion_), error = std::move(error)] { completion(error); });
+  DispatchQueue::main().async([completion = std::move(completion_), error] { completion(error); });
+  if (error) logFailure(*error);
+}
+
+void OpenAttempt::logFailure(const std::string& error) {
+  logDebug(site(openName), "Not opened: {}", error);
 }
 
 }  // namespace velum

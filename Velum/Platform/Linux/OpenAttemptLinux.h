@@ -11,31 +11,50 @@
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/LaunchLockLinux.h"
 #include "Velum/Platform/Linux/UserManagerLinux.h"
+#include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/Workspace.h"
+#include "Velum/SystemError.h"
 
 namespace velum {
+
+/// The system log as an application's output, opened before it is needed.
+class SystemLogStream {
+ public:
+  void prepare(const Bundle& bundle);
+  /// The stream of that application, the prepared one where it is still good. None where there is
+  /// no system log.
+  UniqueFd take(const Bundle& bundle);
+
+ private:
+  std::string name_;
+  UniqueFd stream_;
+};
 
 /// One call of Workspace::openApplication, from the bundle's path to the answer. Lives on the
 /// main queue, kept alive by the event it waits for: the launch lock, the end of the new process
 /// and the time it is given to prove that it runs.
 class OpenAttempt : public std::enable_shared_from_this<OpenAttempt> {
  public:
-  /// Finds an instance of the bundle (at that canonical path). `isFresh` asks for the processes
-  /// of this moment.
-  using FindInstance =
-      std::function<std::optional<pid_t>(const Bundle&, const std::string& path, bool isFresh)>;
+  /// Finds an instance of the bundle (at that canonical path) among the processes as they are
+  /// after the application's last launch.
+  using FindInstance = std::function<std::optional<pid_t>(
+      const Bundle&, const std::string& path, const std::optional<LaunchRecord>& lastLaunch)>;
 
-  /// `path` is absolute.
+  /// The bundle's path is absolute. `launches` and `log` are used on the main queue and must live
+  /// as long as it.
   OpenAttempt(Bundle bundle, const OpenConfiguration& configuration, FindInstance findInstance,
-              Workspace::OpenCompletion completion);
+              Workspace::OpenCompletion completion, LaunchFolder& launches, SystemLogStream& log);
 
   void start();
 
+  static void logFailure(const std::string& error);
+
  private:
-  void proceedLocked(bool hasWaited);
-  std::optional<pid_t> runningInstance(bool hasWaited) const;
+  void proceedLocked();
+  std::optional<pid_t> runningInstance() const;
   void launch();
   pid_t spawnProcess() const;
+  std::string reasonOf(const SystemError& error) const;
   void recordLaunch();
   void watchProcess();
   void moveOutOfOldControlGroup();
@@ -52,6 +71,7 @@ class OpenAttempt : public std::enable_shared_from_this<OpenAttempt> {
   Workspace::OpenCompletion completion_;
   std::string canonicalPath_;
   LaunchLock lock_;
+  SystemLogStream& log_;
   pid_t process_ = -1;
   std::unique_ptr<DispatchSource> processEnd_;
   bool hasProvenItself_ = false;

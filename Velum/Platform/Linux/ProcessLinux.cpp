@@ -1,18 +1,16 @@
 #include "Velum/Platform/Linux/ProcessLinux.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
-#include <climits>
-#include <memory>
+#include <csignal>
+#include <iterator>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Platform/AtFork.h"
 
 namespace velum {
 namespace {
@@ -45,27 +43,6 @@ template <class Number>
 bool parseNumber(std::string_view text, Number& number) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   return error == std::errc{} && end == text.data() + text.size();
-}
-
-/// The kernel's own threads, which are half of all processes on a desktop: all of them are
-/// children of one process, which lists them in one read where the kernel was built to do so.
-std::vector<pid_t> kernelThreads() {
-  // In a container, process 2 is just another process; what it is never changes.
-  static const bool isListed = [] {
-    const auto status = ProcessStatus::of(kernelThreadParent);
-    return status && status->isKernelThread();
-  }();
-  std::vector<pid_t> threads;
-  if (!isListed) return threads;
-  const std::string text = contents("/proc/2/task/2/children");
-  std::string_view rest = text;
-  rest = rest.substr(0, rest.rfind(' ') + 1);  // a number that was cut off is none
-  for (std::string_view word = nextWord(rest); !word.empty(); word = nextWord(rest)) {
-    pid_t pid = 0;
-    if (parseNumber(word, pid)) threads.push_back(pid);
-  }
-  std::sort(threads.begin(), threads.end());
-  return threads;
 }
 
 }  // namespace
@@ -108,13 +85,27 @@ std::optional<ProcessStatus> ProcessStatus::of(pid_t pid) {
   return parse(contents(fmt::format("/proc/{}/stat", pid)));
 }
 
-std::optional<std::string> executableOf(pid_t pid) {
-  std::array<char, 32> path{};
-  *fmt::format_to(path.data(), "/proc/{}/exe", pid) = '\0';
-  std::array<char, PATH_MAX> target;  // NOLINT(*-member-init): 4 KiB per process, read up to size
-  const ssize_t size = ::readlink(path.data(), target.data(), target.size());
-  if (size <= 0) return std::nullopt;
-  return std::string(target.data(), static_cast<std::size_t>(size));
+bool hasProcess(pid_t pid) noexcept {
+  return ::kill(pid, 0) == 0 || errno == EPERM;
+}
+
+std::optional<uid_t> effectiveUserOf(pid_t pid) {
+  const std::string text = contents(fmt::format("/proc/{}/status", pid));
+  constexpr std::string_view key = "\nUid:\t";  // of the real one, which the effective one follows
+  const std::size_t at = text.find(key);
+  if (at == std::string::npos) return std::nullopt;
+  const std::size_t begin = text.find('\t', at + key.size());
+  if (begin == std::string::npos) return std::nullopt;
+  uid_t user = 0;
+  const std::size_t end = text.find('\t', begin + 1);
+  if (end == std::string::npos) return std::nullopt;
+  if (!parseNumber(std::string_view(text).substr(begin + 1, end - begin - 1), user)) return {};
+  return user;
+}
+
+bool hasServiceManager() {
+  static const bool isThere = ::sd_booted() > 0;
+  return isThere;
 }
 
 std::optional<std::string> controlGroup(std::string_view text) {
@@ -138,9 +129,7 @@ std::optional<std::string> controlGroup(std::string_view text) {
 }
 
 std::optional<std::string> controlGroupOf(pid_t pid) {
-  // Without it no group says anything of a process, and there is one file to read for each.
-  static const bool hasServiceManager = ::sd_booted() > 0;
-  if (!hasServiceManager) return std::nullopt;
+  if (!hasServiceManager()) return std::nullopt;
   return controlGroup(contents(fmt::format("/proc/{}/cgroup", pid)));
 }
 
@@ -157,21 +146,66 @@ bool isUserManager(pid_t pid) {
   return at != std::string_view::npos && parseNumber(path.substr(at + 6), user);
 }
 
-std::vector<pid_t> processIds() {
-  const auto close = [](DIR* folder) { ::closedir(folder); };
-  const std::unique_ptr<DIR, decltype(close)> folder(::opendir("/proc"), close);
+int ProcessList::open() {
+  if (folder_ && generation_ == forkGeneration()) return 0;
+  folder_.reset(::opendir("/proc"));
+  if (!folder_) return errno;
+  generation_ = forkGeneration();
+  openKernelThreads();
+  return 0;
+}
+
+/// The kernel's own threads, which are half of all processes on a desktop: all of them are
+/// children of one process, which lists them in one read where the kernel was built to do so.
+void ProcessList::openKernelThreads() {
+  // In a container, process 2 is just another process; what it is never changes.
+  kernelThreads_.reset();
+  const auto status = ProcessStatus::of(kernelThreadParent);
+  if (!status || !status->isKernelThread()) return;
+  kernelThreads_.reset(::open("/proc/2/task/2/children", O_RDONLY | O_CLOEXEC));
+}
+
+std::vector<pid_t> ProcessList::kernelThreads() const {
+  std::vector<pid_t> threads;
+  if (!kernelThreads_) return threads;
+  std::array<char, 4096> text;  // NOLINT(*-member-init): filled just below
+  const ssize_t size =
+      retryInterrupted([&] { return ::pread(kernelThreads_.get(), text.data(), text.size(), 0); });
+  std::string_view rest(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+  rest = rest.substr(0, rest.rfind(' ') + 1);  // a number that was cut off is none
+  for (std::string_view word = nextWord(rest); !word.empty(); word = nextWord(rest)) {
+    pid_t pid = 0;
+    if (parseNumber(word, pid)) threads.push_back(pid);
+  }
+  std::sort(threads.begin(), threads.end());
+  return threads;
+}
+
+std::vector<pid_t> ProcessList::ids() {
   std::vector<pid_t> ids;
-  if (!folder) return ids;
-  while (const dirent* entry = ::readdir(folder.get())) {
+  if (open() != 0) return ids;
+  ::rewinddir(folder_.get());
+  while (const dirent* entry = ::readdir(folder_.get())) {
     pid_t pid = 0;
     if (parseNumber(std::string_view(entry->d_name), pid)) ids.push_back(pid);
   }
   std::sort(ids.begin(), ids.end());
   std::vector<pid_t> result;
+  result.reserve(ids.size());
   const std::vector<pid_t> threads = kernelThreads();
   std::set_difference(ids.begin(), ids.end(), threads.begin(), threads.end(),
                       std::back_inserter(result));
   return result;
+}
+
+std::optional<std::string_view> ProcessList::executableOf(pid_t pid) {
+  if (open() != 0) return std::nullopt;
+  std::array<char, 32> path{};
+  *fmt::format_to(path.data(), "{}/exe", pid) = '\0';
+  const ssize_t size =
+      ::readlinkat(::dirfd(folder_.get()), path.data(), target_.data(), target_.size());
+  if (size <= 0) return std::nullopt;
+  return std::string_view(target_.data(), static_cast<std::size_t>(size));
 }
 
 }  // namespace velum

@@ -1,12 +1,18 @@
 #pragma once
 
+#include <dirent.h>
 #include <sys/types.h>
 
+#include <array>
+#include <climits>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
 
@@ -32,9 +38,15 @@ struct ProcessStatus {
   static std::optional<ProcessStatus> parse(std::string_view line);
 };
 
-/// The path of the program that a process runs; nothing for one that ended, for a kernel thread
-/// and where this user may not know. Costs about 2 us.
-std::optional<std::string> executableOf(pid_t pid);
+/// Whether there is a process with that number, an ended one included that nobody reaped. Needs
+/// neither a descriptor nor a permission.
+bool hasProcess(pid_t pid) noexcept;
+
+/// The user whose rights the process has; nothing when that can't be read.
+std::optional<uid_t> effectiveUserOf(pid_t pid);
+
+/// False where no service manager runs the machine: then control groups say nothing.
+bool hasServiceManager();
 
 /// The control group of a process as the service manager sees it; nothing where everything is in
 /// the root, or where the machine has no such manager.
@@ -45,8 +57,33 @@ std::optional<std::string> controlGroup(std::string_view text);
 /// True when `pid` is the service manager of a user's session.
 bool isUserManager(pid_t pid);
 
-/// The number of every process, kernel threads left out where that is cheap to know. In
-/// ascending order.
-std::vector<pid_t> processIds();
+/// What a look at all processes needs, kept open from one look to the next: that the machine has
+/// no descriptor left, or is busy, then takes nothing away and costs nothing. One thread.
+class ProcessList {
+ public:
+  /// Opens what is not open yet; the error's code where that fails (ENOENT without /proc).
+  int open();
+
+  /// The number of every process, kernel threads left out where that is cheap to know. In
+  /// ascending order. Empty where there is no /proc.
+  std::vector<pid_t> ids();
+
+  /// The path of the program that a process runs, until the next call; nothing for one that ended,
+  /// for a kernel thread and where this user may not know. Costs about 1 us.
+  std::optional<std::string_view> executableOf(pid_t pid);
+
+ private:
+  struct Closer {
+    void operator()(DIR* folder) const noexcept { ::closedir(folder); }
+  };
+
+  void openKernelThreads();
+  std::vector<pid_t> kernelThreads() const;
+
+  std::unique_ptr<DIR, Closer> folder_;
+  UniqueFd kernelThreads_;   // their list, where they have one
+  unsigned generation_ = 0;  // of the process: a forked child would share our place in the folder
+  std::array<char, PATH_MAX> target_{};
+};
 
 }  // namespace velum

@@ -1,14 +1,11 @@
 #include "Velum/Platform/Linux/ProcessTableLinux.h"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 
-#include "Velum/Platform/Linux/ControlGroupLinux.h"
-#include "Velum/Platform/Linux/ProcessLinux.h"
+#include "Velum/Platform/Linux/BundleLinux.h"
 
 namespace velum {
 namespace {
@@ -22,58 +19,70 @@ bool isSameFolder(const std::string& path, const std::string& canonicalPath) {
   return std::filesystem::canonical(path, error).native() == canonicalPath;
 }
 
-/// True when a service manager serves this user: then a desktop may give applications control
-/// groups of their own.
-bool hasUserManager() {
-  constexpr const char* socket = "/systemd/private";
-  const char* const folder = std::getenv("XDG_RUNTIME_DIR");
-  if (folder != nullptr && ::access((std::string(folder) + socket).c_str(), F_OK) == 0) return true;
-  return ::access(fmt::format("/run/user/{}{}", ::geteuid(), socket).c_str(), F_OK) == 0;
+/// Root may look into everybody's processes; which applications others run is not its business.
+bool hasRightsOfOther(pid_t pid) {
+  const std::optional<uid_t> user = effectiveUserOf(pid);
+  return user ? *user != ::geteuid() : !hasProcess(pid);
 }
 
 }  // namespace
 
-ProcessTable::ProcessTable(std::vector<pid_t> leaving)
-    : leaving_(std::move(leaving)), hasDesktopGroups_(hasUserManager()) {
-  for (LaunchRecord& record : LaunchLock::allRecords()) {
-    if (record.isAlive()) records_.insert_or_assign(record.process, std::move(record));
+ProcessTable::ProcessTable(std::vector<pid_t> leaving, ProcessSources& sources)
+    : leaving_(std::move(leaving)), ofDesktop_(sources.desktop.candidates()) {
+  for (LaunchRecord& record : sources.launches.records()) {
+    records_.insert_or_assign(record.process, std::move(record));
   }
-  // A process that ended has no program any more, which costs a third of reading its state.
-  for (const pid_t pid : processIds()) {
-    if (auto executable = executableOf(pid)) {
-      executables_.emplace_hint(executables_.end(), pid, std::move(*executable));
-    } else if (records_.contains(pid)) {
-      executables_.emplace_hint(executables_.end(), pid, std::string());
-    }
-  }
+  if (ofDesktop_) std::sort(ofDesktop_->begin(), ofDesktop_->end());
+  const std::vector<pid_t> ids = sources.processes.ids();
+  ids_.reserve(ids.size());
+  for (const pid_t pid : ids) add(pid, sources.processes.executableOf(pid));
 }
 
-std::vector<pid_t> ProcessTable::ids() const {
-  std::vector<pid_t> ids;
-  ids.reserve(executables_.size());
-  for (const auto& [pid, executable] : executables_) ids.push_back(pid);
-  return ids;
+/// A process that ended has no program any more, which costs a third of reading its state.
+void ProcessTable::add(pid_t pid, std::optional<std::string_view> executable) {
+  if (!executable) {
+    const bool isOnRecord = liveRecord(pid) != nullptr;
+    if (!isOnRecord && !(ofDesktop_ && mayBeOfDesktop(pid))) return;
+    const std::optional<ProcessStatus> status = ProcessStatus::of(pid);
+    if (status && !status->isAlive()) return;
+  } else if (isInProgramFolder(*executable)) {
+    programs_.emplace_hint(programs_.end(), pid, *executable);
+  }
+  ids_.push_back(pid);
+}
+
+bool ProcessTable::isKnown(pid_t pid) const {
+  return std::binary_search(ids_.begin(), ids_.end(), pid);
+}
+
+bool ProcessTable::mayBeOfDesktop(pid_t pid) const {
+  return !ofDesktop_ || std::binary_search(ofDesktop_->begin(), ofDesktop_->end(), pid);
+}
+
+bool ProcessTable::knows(const LaunchRecord& record) const {
+  const auto found = records_.find(record.process);
+  return found != records_.end() && found->second == record;
 }
 
 std::optional<std::string> ProcessTable::bundleIdentifier(pid_t pid) {
+  if (!programs_.contains(pid) && !records_.contains(pid) && !mayBeOfDesktop(pid)) return {};
   const auto [known, isNew] = identifiers_.try_emplace(pid);
   if (isNew) known->second = findIdentifier(pid);
   return known->second;
 }
 
 std::optional<std::string> ProcessTable::findIdentifier(pid_t pid) const {
-  if (!executables_.contains(pid)) return std::nullopt;
+  if (!isKnown(pid)) return std::nullopt;
   if (const LaunchRecord* record = liveRecord(pid)) {
     if (!record->identifier.empty()) return record->identifier;
   }
   if (const auto bundle = bundleOf(pid)) return bundle->identifier;
-  // Costs 7 us, three times as much as all else that is asked of most processes.
-  return hasDesktopGroups_ ? desktopIdentifier(pid) : std::nullopt;
+  return mayBeOfDesktop(pid) ? desktopIdentifier(pid) : std::nullopt;
 }
 
 std::optional<pid_t> ProcessTable::instanceOf(const Bundle& bundle,
                                               const std::string& canonicalPath) {
-  for (const auto& [pid, executable] : executables_) {
+  for (const pid_t pid : ids_) {
     if (contains(leaving_, pid)) continue;
     const LaunchRecord* record = liveRecord(pid);
     if (record != nullptr && record->path == canonicalPath) return pid;
@@ -88,24 +97,25 @@ std::optional<pid_t> ProcessTable::instanceOf(const Bundle& bundle,
 
 const LaunchRecord* ProcessTable::liveRecord(pid_t pid) const {
   const auto found = records_.find(pid);
-  return found == records_.end() ? nullptr : &found->second;
+  return found == records_.end() || !found->second.isAlive() ? nullptr : &found->second;
 }
 
 std::optional<Bundle> ProcessTable::bundleOf(pid_t pid) const {
-  const std::string& executable = executables_.at(pid);
-  if (executable.empty()) return std::nullopt;
-  std::optional<Bundle> bundle = Bundle::ofExecutable(executable);
-  if (bundle && isChildOfApplication(pid, executable)) return std::nullopt;
+  const auto program = programs_.find(pid);
+  if (program == programs_.end()) return std::nullopt;
+  std::optional<Bundle> bundle = Bundle::ofExecutable(program->second);
+  if (!bundle || hasRightsOfOther(pid) || isChildOfApplication(pid, program->second)) return {};
   return bundle;
 }
 
 bool ProcessTable::isChildOfApplication(pid_t pid, const std::string& executable) const {
   const std::optional<ProcessStatus> status = ProcessStatus::of(pid);
-  if (!status || status->isForkedCopy()) return true;
+  if (!status) return !hasProcess(pid);
+  if (status->isForkedCopy()) return true;
   if (contains(leaving_, pid)) return false;
   if (contains(leaving_, status->session) || contains(leaving_, status->group)) return true;
-  const auto parent = executables_.find(status->parent);
-  return parent != executables_.end() && parent->second == executable;
+  const auto parent = programs_.find(status->parent);
+  return parent != programs_.end() && parent->second == executable;
 }
 
 std::optional<std::string> ProcessTable::desktopIdentifier(pid_t pid) {

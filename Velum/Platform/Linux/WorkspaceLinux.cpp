@@ -1,5 +1,6 @@
 #include "Velum/Platform/Linux/WorkspaceLinux.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -50,8 +52,21 @@ std::string absolute(const std::string& path) {
 /// Why there is no application at `path`.
 std::string reasonForNoBundle(const std::string& path) {
   struct stat status {};
-  const int error = ::stat(path.c_str(), &status) == 0 ? ENOENT : errno;
-  return repairedUtf8(path) + ": " + systemErrorText(error);
+  if (::stat(path.c_str(), &status) != 0) return systemErrorText(errno);
+  if (S_ISDIR(status.st_mode)) return "is not an application: it has no folder Contents";
+  if (S_ISREG(status.st_mode)) return "is not an application: it has no usable Exec, or is hidden";
+  return "is not an application";
+}
+
+/// What opening takes at one time, and some more.
+constexpr std::size_t descriptorsForOpening = 8;
+
+void requireDescriptors() {
+  std::array<UniqueFd, descriptorsForOpening> spare;
+  for (UniqueFd& descriptor : spare) {
+    descriptor.reset(::open("/", O_PATH | O_CLOEXEC));
+    if (!descriptor) throw lastSystemError("prepareToOpen, open (/)");
+  }
 }
 
 std::uint64_t ownStartTime() {
@@ -103,12 +118,27 @@ void WorkspaceLinux::addObserver(WorkspaceObserver& observer, std::string_view k
   DispatchQueue::main().async([this] { rehearse(); });
 }
 
+void WorkspaceLinux::prepareToOpen(const std::string& path) {
+  requireDescriptors();
+  pathToOpen_ = absolute(path);
+}
+
 /// What the kernel is asked for the first time, and code that runs for the first time, takes
 /// several times as long as later. So that happens while there is nothing to do yet, and not when
 /// the application has ended and every moment counts.
 void WorkspaceLinux::rehearse() {
+  if (std::ranges::all_of(watches_, [](const Watch& watch) { return watch.hasEnded; })) return;
+  if (const int error = sources_.processes.open(); error != 0) {
+    logWarning(site("prepareToOpen(_:)"),
+               "Can't list the processes, so none is found to be running already: /proc: {}",
+               systemErrorText(error));
+  }
+  sources_.desktop.learn(sources_.processes.ids());
+  processes_.reset();
   ProcessTable& table = processes();
   for (const pid_t id : table.ids()) static_cast<void>(table.bundleIdentifier(id));
+  if (pathToOpen_.empty()) return;
+  if (const std::optional<Bundle> bundle = Bundle::at(pathToOpen_)) log_.prepare(*bundle);
 }
 
 void WorkspaceLinux::removeObserver(WorkspaceObserver& observer, std::string_view keyPath) {
@@ -127,19 +157,28 @@ void WorkspaceLinux::openApplication(const std::string& path,
   // The new process works in another folder.
   const std::string fullPath = absolute(path);
   std::optional<Bundle> bundle = Bundle::at(fullPath);
-  if (!bundle) {
-    DispatchQueue::main().async([completion = std::move(completion),
-                                 error = reasonForNoBundle(fullPath)] { completion(error); });
+  if (!bundle || !bundle->obstacle.empty()) {
+    const std::string error =
+        repairedUtf8(fullPath) + ": " + (bundle ? bundle->obstacle : reasonForNoBundle(fullPath));
+    OpenAttempt::logFailure(error);
+    DispatchQueue::main().async([completion = std::move(completion), error] { completion(error); });
     return;
   }
   const auto findInstance = [this](const Bundle& wanted, const std::string& canonicalPath,
-                                   bool isFresh) {
-    if (isFresh) processes_.reset();
-    return processes().instanceOf(wanted, canonicalPath);
+                                   const std::optional<LaunchRecord>& lastLaunch) {
+    return instanceOf(wanted, canonicalPath, lastLaunch);
   };
   std::make_shared<OpenAttempt>(std::move(*bundle), configuration, findInstance,
-                                std::move(completion))
+                                std::move(completion), sources_.launches, log_)
       ->start();
+}
+
+/// The list of this turn of the main loop serves again when nobody launched the application since.
+std::optional<pid_t> WorkspaceLinux::instanceOf(const Bundle& bundle,
+                                                const std::string& canonicalPath,
+                                                const std::optional<LaunchRecord>& lastLaunch) {
+  if (lastLaunch && !processes().knows(*lastLaunch)) processes_.reset();
+  return processes().instanceOf(bundle, canonicalPath);
 }
 
 void WorkspaceLinux::activateFileViewer(const std::vector<std::string>& paths) {
@@ -181,17 +220,19 @@ void WorkspaceLinux::processEnded(std::uint64_t number) {
                                   [=](const Watch& each) { return each.number == number; });
   if (watch == watches_.end()) return;
   watch->hasEnded = true;
-  watch->end.reset();
-  watch->pin.reset();
   processes_.reset();
-  logDebug(site("processEnded(_:)"), "Process {} has ended", watch->process);
-  // Last, because it may remove the observer.
+  // Done after what the observer is there for, which must not wait for anybody who holds the log;
+  // the observer may remove the watch.
+  const pid_t process = watch->process;
+  const UniqueFd pin = std::move(watch->pin);
+  const std::unique_ptr<DispatchSource> end = std::move(watch->end);
   watch->observer->observeValue(runningApplicationsKeyPath);
+  logDebug(site("processEnded(_:)"), "Process {} has ended", process);
 }
 
 ProcessTable& WorkspaceLinux::processes() {
   if (!processes_) {
-    processes_ = std::make_unique<ProcessTable>(processesOfInterest());
+    processes_ = std::make_unique<ProcessTable>(processesOfInterest(), sources_);
     DispatchQueue::main().async([this] { processes_.reset(); });
   }
   return *processes_;

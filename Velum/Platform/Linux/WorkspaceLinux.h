@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Velum/Platform/Dispatch.h"
+#include "Velum/Platform/Linux/OpenAttemptLinux.h"
 #include "Velum/Platform/Linux/ProcessTableLinux.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/Workspace.h"
@@ -29,6 +30,7 @@ class WorkspaceLinux final : public Workspace {
                    pid_t processOfInterest) override;
   void removeObserver(WorkspaceObserver& observer, std::string_view keyPath) override;
   bool isOrphaned(pid_t launcher) override;
+  void prepareToOpen(const std::string& path) override;
   void openApplication(const std::string& path, const OpenConfiguration& configuration,
                        OpenCompletion completion) override;
   void activateFileViewer(const std::vector<std::string>& paths) override;
@@ -49,6 +51,8 @@ class WorkspaceLinux final : public Workspace {
   static bool hasEnded(const Watch& watch);
   void processEnded(std::uint64_t number);
   void rehearse();
+  std::optional<pid_t> instanceOf(const Bundle& bundle, const std::string& canonicalPath,
+                                  const std::optional<LaunchRecord>& lastLaunch);
   /// The processes as of this turn of the main loop, which is when the system's own list changes
   /// on other systems too; one callback's several looks at it cost one scan.
   ProcessTable& processes();
@@ -57,7 +61,10 @@ class WorkspaceLinux final : public Workspace {
   std::uint64_t newestStart_;
   std::uint64_t lastWatch_ = 0;
   std::list<Watch> watches_;
+  ProcessSources sources_;
   std::unique_ptr<ProcessTable> processes_;
+  std::string pathToOpen_;
+  SystemLogStream log_;  // for the application there
 };
 
 }  // namespace velum

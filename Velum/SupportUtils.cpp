@@ -12,6 +12,7 @@
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Dispatch.h"
+#include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/SyncAsync.h"
 #include "Velum/SystemError.h"
 #include "Velum/SystemUtils.h"
@@ -203,6 +204,15 @@ fs::path absolute(const std::string& path) {
   return fs::absolute(path, error);
 }
 
+/// The bytes of the files in a folder.
+std::uintmax_t sizeOfContent(const fs::path& folder) {
+  std::uintmax_t size = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    if (entry.is_regular_file()) size += entry.file_size();
+  }
+  return size;
+}
+
 /// One archive in the making, in the order of its steps.
 class ArchiveJob {
  public:
@@ -262,11 +272,16 @@ class ArchiveJob {
   }
 
   void finish(const std::string& content) const {
-    const std::optional<std::string> archive = SystemUtil::compressFolder(content, "zip", false);
+    const auto size = static_cast<double>(sizeOfContent(content));
+    const std::optional<std::string> archive =
+        SystemUtil::compressFolder(content, "zip", false, [this, size](pid_t tool) {
+          progress_->setPartOfUnit(static_cast<double>(bytesReadBy(tool)) / std::max(size, 1.0));
+          return !progress_->isCancelled();
+        });
+    stopIfCancelled();
     if (!archive) {
       throw SupportLogArchivingError(Case::compressLogFolder, "The log folder can't be packed");
     }
-    stopIfCancelled();
     fs::create_directories(destination_.parent_path());
     // A file is replaced by the copy itself. Nobody means a folder that holds something.
     if (fs::is_directory(fs::symlink_status(destination_))) fs::remove(destination_);

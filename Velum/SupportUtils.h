@@ -87,9 +87,10 @@ class SupportUtils {
   };
 
   /// Makes the archive at `destination`, replacing what is there, in the background. Units of the
-  /// progress are the logs, each item and the packing. Cancelling ends it at the next step with
-  /// the error `cancelled`. On failure what is at `destination` stays, and in no case is anything
-  /// temporary left. A relative path that leaves the archive is SystemError EPERM.
+  /// progress are the logs, each item and the packing. Cancelling ends the packing at once, else
+  /// the work at its next step, with the error `cancelled`. On failure what is at `destination`
+  /// stays, and in no case is anything temporary left. A relative path that leaves the archive is
+  /// SystemError EPERM.
   ///
   /// `startDate` is where the logs begin instead of the purpose's period; with `showInFinder` the
   /// archive is shown in the file viewer at the end.

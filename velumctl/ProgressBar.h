@@ -5,7 +5,8 @@
 
 namespace velumctl {
 
-/// Draws a bar on standard error, where it does not mix with the result; `done` is 0 to 1.
+/// Draws a bar on standard error, where it does not mix with the result, as wide as the terminal
+/// allows; `done` is 0 to 1.
 void drawBar(double done);
 /// Removes it.
 void clearBar();

@@ -1,19 +1,27 @@
 #include <fmt/format.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "Velum/Logger/Handlers/StdoutLogHandler.h"
+#include "Velum/FileUtils.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Process.h"
 #include "Velum/String.h"
+#include "Velum/SystemError.h"
 #include "Velum/SystemUtils.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
+#include "velumctl/Interruption.h"
 #include "velumctl/Terminal.h"
 
 namespace velumctl {
@@ -25,29 +33,88 @@ struct RunCommandOptions {
   bool json = false;
 };
 
-// Prints the records of the run as they are logged.
-int runLogged(const std::string& path, velum::RunOptions options) {
-  velum::Logger::shared().setHandlers({std::make_shared<velum::StdoutLogHandler>()});
-  options.wait = true;
-  const auto process = velum::Process::run(path, options);
-  if (!process) throw Failure(fmt::format("{} can't be started; the line above says why", path));
-  const velum::Termination end = process->waitUntilExit();
-  if (end.reason == velum::Termination::Reason::uncaughtSignal) {
-    throw Failure(fmt::format("{} was ended by signal {}", path, end.status));
+void check(const std::string& path, int status, bool isSignal) {
+  if (isSignal) throw Failure(fmt::format("{} was ended by signal {}", path, status));
+  if (status != 0) {
+    throw Failure(fmt::format("{} ended with status {}; see its output", path, status));
   }
-  return end.status;
 }
 
-int runCollected(const std::string& path, const velum::RunOptions& options) {
-  const auto result = velum::SystemUtil::cliUtil(path, options.args, options.workdir, true);
+// Prints the records of the run as they are logged, until that fails or a signal comes.
+class PrintedLog final : public velum::LogHandlerProtocol {
+ public:
+  void logWithLevel(velum::LogLevel /*level*/, velum::LogDate /*date*/,
+                    std::string_view text) override try {
+    if (!error_) print(std::string(text) + '\n');
+  } catch (const velum::SystemError& error) {
+    error_ = error;
+  }
+
+  const std::optional<velum::SystemError>& error() const { return error_; }
+
+ private:
+  // A pipe takes that much without blocking once it takes anything: no signal has to wait for a
+  // reader that reads no more.
+  static constexpr std::size_t most = PIPE_BUF;
+
+  static void print(std::string_view bytes) {
+    for (; !bytes.empty() && isWritable(); bytes.remove_prefix(std::min(most, bytes.size()))) {
+      velum::checked::write(STDOUT_FILENO, bytes.data(), std::min(most, bytes.size()), "velumctl");
+    }
+  }
+
+  static bool isWritable() {
+    constexpr int step = 100;  // milliseconds
+    pollfd output{STDOUT_FILENO, POLLOUT, 0};
+    while (::poll(&output, 1, step) <= 0) {
+      if (Interruption::isAsked()) return false;
+    }
+    return true;
+  }
+
+  std::optional<velum::SystemError> error_;
+};
+
+void failIfAsked(const std::string& path) {
+  if (Interruption::isAsked()) throw Failure(fmt::format("cancelled; {} was ended", path));
+}
+
+void runLogged(const std::string& path, velum::RunOptions options) {
+  const auto printed = std::make_shared<PrintedLog>();
+  velum::Logger::shared().setHandlers({printed});
+  const Interruption interruption;
+  options.wait = true;
+  options.keepRunning = [&](pid_t) { return !Interruption::isAsked() && !printed->error(); };
+  const auto process = velum::Process::run(path, options);
+  failIfAsked(path);
+  if (printed->error() && printed->error()->code() == EPIPE) return;
+  if (printed->error()) throw *printed->error();
+  if (!process) throw Failure(fmt::format("{} can't be started; the line above says why", path));
+  const velum::Termination end = process->waitUntilExit();
+  check(path, end.status, end.reason == velum::Termination::Reason::uncaughtSignal);
+}
+
+velum::CliResult collected(const std::string& path, const velum::RunOptions& options) {
+  const Interruption interruption;
+  auto result = velum::SystemUtil::cliUtil(
+      path, options.args,
+      velum::CliOptions{.currentDirPath = options.workdir,
+                        .output = true,
+                        .keepRunning = [](pid_t) { return !Interruption::isAsked(); }});
+  failIfAsked(path);
+  return result;
+}
+
+void runCollected(const std::string& path, const velum::RunOptions& options) {
+  const velum::CliResult result = collected(path, options);
   if (result.status == velum::SystemUtil::launchFailed) {
     throw Failure(fmt::format("{} can't be started; run it without --json to see why", path));
   }
   nlohmann::ordered_json object;
-  object["status"] = result.status;
+  object[result.isSignal ? "signal" : "status"] = result.status;
   object["output"] = velum::repairedUtf8(result.output ? result.output->view() : "");
   std::cout << object.dump() << '\n';
-  return result.status;
+  check(path, result.status, result.isSignal);
 }
 
 void run(const RunCommandOptions& given) {
@@ -55,10 +122,7 @@ void run(const RunCommandOptions& given) {
   velum::RunOptions options;
   options.args.assign(given.command.begin() + 1, given.command.end());
   if (!given.directory.empty()) options.workdir = given.directory;
-  const int status = given.json ? runCollected(path, options) : runLogged(path, options);
-  if (status != 0) {
-    throw Failure(fmt::format("{} ended with status {}; see its output", path, status));
-  }
+  given.json ? runCollected(path, options) : runLogged(path, options);
 }
 
 }  // namespace
@@ -73,7 +137,8 @@ void addRun(CLI::App& app) {
       ->type_name("FOLDER");
   run.add_flag("--json", options->json, R"(Print {"status": ..., "output": ...} at the end)");
   run.footer(
-      "Fails when the tool does.\n\n"
+      "The tool has no input and no terminal. Fails when it does, and ends it with Ctrl-C or when "
+      "nobody reads the output any more.\n\n"
       "Examples:\n"
       "  velumctl run -- ip route show\n"
       "  velumctl run --json --directory /tmp -- /bin/ls -l");

@@ -1,8 +1,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <csignal>
 #include <exception>
 #include <future>
 #include <iostream>
@@ -18,6 +16,7 @@
 #include "Velum/SupportUtils.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
+#include "velumctl/Interruption.h"
 #include "velumctl/LogFile.h"
 #include "velumctl/Moments.h"
 #include "velumctl/ProgressBar.h"
@@ -26,7 +25,6 @@
 namespace velumctl {
 namespace {
 
-using velum::Progress;
 using ArchivingError = velum::SupportLogArchivingError;
 
 struct ArchiveOptions {
@@ -54,23 +52,12 @@ velum::SupportItems parsedItems(const std::vector<std::string>& includes) {
   return items;
 }
 
-// For the signal handler: what to cancel, and that it came before there was anything.
-std::atomic<Progress*> cancellable{nullptr};
-std::atomic<bool> isInterrupted{false};
-static_assert(std::atomic<Progress*>::is_always_lock_free);
-
-// Ctrl-C, or a polite kill, ends the work between two of its steps, so that it cleans up.
-extern "C" void cancelArchive(int /*signal*/) {
-  isInterrupted = true;
-  if (Progress* const progress = cancellable.load()) progress->cancel();
-}
-
-[[noreturn]] void report(const std::exception_ptr& error, bool isCancelled) try {
+[[noreturn]] void report(const std::exception_ptr& error) try {
   std::rethrow_exception(error);
 } catch (const ArchivingError& failure) {
-  // A packing tool on the same terminal gets Ctrl-C too and fails of it.
-  if (isCancelled) throw Failure("cancelled; no archive was made");
   switch (failure.reason()) {
+    case ArchivingError::Case::cancelled:
+      throw Failure("cancelled; no archive was made");
     case ArchivingError::Case::compressLogFolder:
       throw Failure("the archive can't be packed; see that zip is installed and the disk has room");
     case ArchivingError::Case::createTempFolderFailed:
@@ -78,6 +65,22 @@ extern "C" void cancelArchive(int /*signal*/) {
     default:
       throw Failure(failure.what());
   }
+}
+
+// What went wrong.
+std::exception_ptr makeArchive(const ArchiveOptions& options, velum::SupportItems items,
+                               velum::SupportLogsPurpose purpose,
+                               std::optional<velum::LogDate> since) {
+  std::shared_ptr<velum::Progress> progress;
+  Interruption interruption;
+  auto end = std::make_shared<std::promise<std::exception_ptr>>();
+  auto error = end->get_future();
+  progress = velum::SupportUtils::createArchive(
+      options.archive, std::move(items), purpose, since, options.reveal,
+      [end](std::exception_ptr failure) { end->set_value(std::move(failure)); });
+  interruption.cancels(*progress);
+  waitWithBar(error, isTerminal(STDERR_FILENO), [&] { return progress->fractionCompleted(); });
+  return error.get();
 }
 
 void archive(const ArchiveOptions& options) {
@@ -88,19 +91,8 @@ void archive(const ArchiveOptions& options) {
                                                    : velum::SupportLogsPurpose::diagnosis;
   sizeOfLog(options.log);
   velum::LogManager::shared().setLogPath(options.log);
-
-  std::signal(SIGINT, cancelArchive);   // NOLINT(cert-err33-c): can't fail
-  std::signal(SIGTERM, cancelArchive);  // NOLINT(cert-err33-c)
-  auto end = std::make_shared<std::promise<std::exception_ptr>>();
-  auto error = end->get_future();
-  const auto progress = velum::SupportUtils::createArchive(
-      options.archive, std::move(items), purpose, since, options.reveal,
-      [end](std::exception_ptr failure) { end->set_value(std::move(failure)); });
-  cancellable = progress.get();
-  if (isInterrupted) progress->cancel();
-  waitWithBar(error, isTerminal(STDERR_FILENO), [&] { return progress->fractionCompleted(); });
-  cancellable = nullptr;
-  if (const std::exception_ptr failure = error.get()) report(failure, progress->isCancelled());
+  const std::exception_ptr failure = makeArchive(options, std::move(items), purpose, since);
+  if (failure) report(failure);
   if (options.json) {
     std::cout << nlohmann::json{{"archive", velum::repairedUtf8(options.archive)}}.dump() << '\n';
   } else {

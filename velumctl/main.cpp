@@ -13,6 +13,7 @@
 #include "Velum/SystemError.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
+#include "velumctl/Interruption.h"
 
 namespace {
 
@@ -118,7 +119,11 @@ int main(int argc, char* argv[]) {
   // A reader that left, a pager for instance, is noticed by the failed write.
   std::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): can't fail
   try {
-    return run(argc, argv);
+    const int status = run(argc, argv);
+    if (status != EXIT_SUCCESS && velumctl::Interruption::isAsked()) {
+      velumctl::endBySignal(velumctl::Interruption::signal());
+    }
+    return status;
   } catch (...) {  // the report of an error failed in its turn
     static_cast<void>(std::fputs("velumctl: out of memory\n", stderr));
     return EXIT_FAILURE;

@@ -15,6 +15,7 @@
 
 #include "Velum/Logger/Handlers/FileLogHandler.h"
 #include "Velum/Logger/LogRecord.h"
+#include "tests/support/Processes.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/velumctl/RunningProgram.h"
 #include "tests/velumctl/VelumctlTest.h"
@@ -333,25 +334,28 @@ TEST_F(Velumctl, MakesArchivesWithAProgressBarOnATerminal) {
   EXPECT_EQ(program.wait(), 0);
 }
 
-TEST_F(Velumctl, CtrlCLeavesNothingOfAnArchive) {
+TEST_F(Velumctl, SignalsLeaveNothingOfAnArchive) {
+  namespace fs = std::filesystem;
   const std::string temporary = folder_ / "temporary";
-  std::filesystem::create_directory(temporary);
+  fs::create_directory(temporary);
   writeFile(log_, record("09:00:00", "a", "I: x"));
   std::mt19937_64 random(7);  // NOLINT(cert-msc32-c,cert-msc51-cpp)
   std::string content;
   content.resize(40'000'000);  // packing it takes a while
   std::ranges::generate(content, [&random] { return static_cast<char>(random()); });
   writeFile(folder_ / "big", content);
-  auto program =
-      RunningProgram::onTerminal(commandLine({"support", "archive", folder_ / "a.zip", "--log",
-                                              log_, "--include", "big=" + (folder_ / "big")}),
-                                 {"TMPDIR=" + temporary});
-  program.readUntil("67 %");  // the packing has begun
-  program.type("\x03");
-  EXPECT_THAT(program.readToEnd(), HasSubstr("cancelled"));
-  EXPECT_EQ(WEXITSTATUS(program.wait()), 1);
-  EXPECT_TRUE(std::filesystem::is_empty(temporary));
-  EXPECT_FALSE(std::filesystem::exists(folder_ / "a.zip"));
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+    auto program =
+        RunningProgram::onTerminal(commandLine({"support", "archive", folder_ / "a.zip", "--log",
+                                                log_, "--include", "big=" + (folder_ / "big")}),
+                                   {"TMPDIR=" + temporary});
+    program.readUntil("\r[#########################");  // the packing has begun
+    program.signal(number);
+    EXPECT_THAT(program.readToEnd(), HasSubstr("cancelled"));
+    EXPECT_EQ(WTERMSIG(program.wait()), number);
+    EXPECT_TRUE(fs::is_empty(temporary));
+    EXPECT_FALSE(fs::exists(folder_ / "a.zip"));
+  }
 }
 
 TEST_F(Velumctl, RunsToolsThroughTheRunner) {
@@ -363,6 +367,28 @@ TEST_F(Velumctl, RunsToolsThroughTheRunner) {
   EXPECT_THAT(result.errors, HasSubstr("status 3"));
   result = run({"run", "--json", "--", "printf", "%s", "\xFF--json\n"});
   EXPECT_EQ(result.output, "{\"status\":0,\"output\":\"\uFFFD--json\\n\"}\n");
+  result = run({"run", "--json", "--", "sh", "-c", "kill -9 $$"});
+  EXPECT_EQ(result.output, "{\"signal\":9,\"output\":\"\"}\n");
+  EXPECT_THAT(result.errors, HasSubstr("ended by signal 9"));
+}
+
+TEST_F(Velumctl, EndsTheToolWithItsReaderOrASignal) {
+  auto program = RunningProgram::piped(commandLine({"run", "--", "yes"}));
+  program.readUntil(") y\n");
+  program.closeOutput();
+  EXPECT_EQ(program.wait(), 0);
+  LineReader started(folder_ / "fifo");
+  for (const std::string option : {"--directory=/", "--json"}) {
+    auto waiting = RunningProgram::piped(commandLine(
+        {"run", option, "--", "sh", "-c", "echo $$ > '" + (folder_ / "fifo") + "'; sleep 1000"}));
+    const pid_t tool = std::stoi(started.next().value_or("0"));
+    waiting.signal(SIGTERM);
+    EXPECT_EQ(WTERMSIG(waiting.wait()), SIGTERM);
+    EXPECT_EQ(::kill(tool, 0), -1) << "lives on";
+  }
+  auto full = RunningProgram::piped(
+      {"/bin/sh", "-c", VELUM_VELUMCTL " run -- yes 2>&1 >/dev/full; echo $?"});
+  EXPECT_THAT(full.readToEnd(), AllOf(HasSubstr("free some space"), EndsWith("\n1\n")));
 }
 
 std::set<std::string> optionsIn(const std::string& help) {

@@ -1,0 +1,60 @@
+#include "velumctl/Interruption.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdlib>
+
+namespace velumctl {
+namespace {
+
+// For the signal handler.
+std::atomic<int> receivedSignal{0};
+std::atomic<velum::Progress*> cancellable{nullptr};
+static_assert(std::atomic<int>::is_always_lock_free);
+static_assert(std::atomic<velum::Progress*>::is_always_lock_free);
+
+extern "C" void noteInterruption(int signal) {
+  receivedSignal.store(signal);
+  if (velum::Progress* const progress = cancellable.load()) progress->cancel();
+}
+
+}  // namespace
+
+Interruption::Interruption() noexcept {
+  struct sigaction note {};
+  note.sa_handler = noteInterruption;
+  note.sa_flags = SA_RESTART;
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    ::sigaction(numbers.at(i), nullptr, &before_.at(i));
+    if (before_.at(i).sa_handler != SIG_IGN) ::sigaction(numbers.at(i), &note, nullptr);
+  }
+}
+
+void Interruption::cancels(velum::Progress& progress) noexcept {
+  cancellable = &progress;
+  if (isAsked()) progress.cancel();
+}
+
+Interruption::~Interruption() {
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    ::sigaction(numbers.at(i), &before_.at(i), nullptr);
+  }
+  cancellable = nullptr;
+}
+
+int Interruption::signal() noexcept {
+  return receivedSignal.load();
+}
+
+void endBySignal(int signal) {
+  const rlimit none{};
+  ::setrlimit(RLIMIT_CORE, &none);
+  std::signal(signal, SIG_DFL);           // NOLINT(cert-err33-c): can't fail
+  static_cast<void>(std::raise(signal));  // comes back only where it is blocked
+  ::_exit(EXIT_FAILURE);
+}
+
+}  // namespace velumctl

@@ -8,7 +8,9 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <latch>
 #include <memory>
 #include <mutex>
@@ -146,6 +148,27 @@ class NoThreads {
   rlimit before_{};
   bool isInForce_ = false;
 };
+
+#ifndef VELUM_SANITIZED  // the sanitizers need memory themselves
+TEST(Thread, ThatCannotBeStartedLeavesTheCallersSignalsAlone) {
+  test::inChild([] {
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_AS, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_AS, &none), 0);
+    for (std::size_t size = 1U << 20U; size >= 16; size -= size / 8) {
+      while (std::malloc(size) != nullptr) {  // NOLINT: takes all there is
+      }
+    }
+    const int error = startThread("none", [] {});
+    sigset_t blocked{};
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    ASSERT_EQ(::setrlimit(RLIMIT_AS, &before), 0);
+    EXPECT_EQ(error, ENOMEM);
+    EXPECT_EQ(::sigismember(&blocked, SIGTERM), 0);
+  });
+}
+#endif
 
 TEST(DispatchQueue, GoesOnWithFewThreadsWhenNoMoreCanBeMade) {
   test::inChild([] {

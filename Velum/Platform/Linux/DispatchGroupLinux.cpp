@@ -17,6 +17,7 @@ namespace velum {
 struct DispatchGroup::State {
   std::atomic<std::uint64_t> counted{0};
   std::atomic<std::int32_t> timesEmptied{0};  // to sleep on
+  std::atomic<int> waiting{0};
   unsigned madeIn = forkGeneration();
 
   static std::uint64_t pack(unsigned generation, std::uint32_t count) noexcept {
@@ -42,10 +43,17 @@ struct DispatchGroup::State {
     } while (!counted.compare_exchange_weak(seen, seen - 1));
     if (count(seen) > 1) return;
     ++timesEmptied;
-    wakeAllAt(&timesEmptied);
+    if (waiting.load() > 0) wakeAllAt(&timesEmptied);
   }
 
   bool wait(std::chrono::steady_clock::time_point deadline) {
+    ++waiting;
+    const bool isEmpty = sleepUntilEmpty(deadline);
+    --waiting;
+    return isEmpty;
+  }
+
+  bool sleepUntilEmpty(std::chrono::steady_clock::time_point deadline) {
     while (true) {
       const std::int32_t before = timesEmptied.load();
       if (count(counted.load()) == 0) return true;

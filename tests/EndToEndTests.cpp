@@ -9,6 +9,9 @@
 
 #include "Velum/Platform/Linux/ProcessLinux.h"
 #include "Velum/Relauncher.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/HungJournal.h"
+#include "tests/support/PrivateMounts.h"
 #include "tests/support/RelaunchTest.h"
 
 namespace velum::test {
@@ -47,6 +50,19 @@ TEST_F(EndToEnd, NoticesAKilledApplicationThatItsParentNeverReaps) {
   EXPECT_EQ(next().name, "started");
   EXPECT_EQ(exitStatus(helper), 0);
   EXPECT_EQ(ProcessStatus::of(application)->state, 'Z');
+}
+
+TEST_F(EndToEnd, GoesOnWhileTheJournalHangs) {
+  inChild([this] {
+    if (!enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
+    mountMemory("/run", "size=1m");
+    const UniqueFd journal = hungJournal();
+    const pid_t application = startApplication();
+    const pid_t helper = startHelper(bundle, application);
+    ::kill(application, SIGKILL);
+    EXPECT_EQ(next().name, "started");
+    EXPECT_EQ(exitStatus(helper), 0);
+  });
 }
 
 TEST_F(EndToEnd, OpensAnApplicationThatWasGoneBefore) {

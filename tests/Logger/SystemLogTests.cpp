@@ -3,12 +3,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <map>
@@ -18,6 +15,7 @@
 
 #include "Velum/Logger/Handlers/OSLogHandler.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/HungJournal.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Waiting.h"
@@ -28,7 +26,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* daemonPath = "/lib/systemd/systemd-journald";
-constexpr const char* socketPath = "/run/systemd/journal/socket";
+constexpr const char* socketPath = test::journalSocketPath;
 
 // Starts a program whose output goes to `output`; it ends with its parent at the latest.
 test::ChildProcess start(const std::vector<std::string>& command, const std::string& output) {
@@ -102,19 +100,6 @@ TEST(SystemLog, WritesRecordsToTheJournalWithPriorityIdentifierAndCategory) {
   });
 }
 
-// A journal that hangs: a socket that nobody reads from, filled.
-UniqueFd fullJournal() {
-  UniqueFd journal(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  sockaddr_un address{AF_UNIX, {}};
-  std::string_view(socketPath).copy(address.sun_path, sizeof address.sun_path - 1);
-  const auto* const name = reinterpret_cast<const sockaddr*>(&address);  // NOLINT(*-reinterpret-*)
-  EXPECT_EQ(::bind(journal.get(), name, sizeof address), 0);
-  const UniqueFd sender(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  while (::sendto(sender.get(), "x", 1, 0, name, sizeof address) == 1) continue;
-  EXPECT_EQ(errno, EAGAIN);
-  return journal;
-}
-
 TEST(SystemLog, WritesWarningsAndErrorsToStandardErrorWhereNoJournalTakesThem) {
   enum class Journal { missing, ended, hung };
   const test::TemporaryFolder folder;
@@ -124,10 +109,9 @@ TEST(SystemLog, WritesWarningsAndErrorsToStandardErrorWhereNoJournalTakesThem) {
       if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
       test::mountMemory("/run", "size=1m");
       UniqueFd hung;
-      if (journal != Journal::missing) fs::create_directories("/run/systemd/journal");
       // What a stopped journal leaves behind is no journal either.
       if (journal == Journal::ended) test::writeFile(socketPath, "");
-      if (journal == Journal::hung) hung = fullJournal();
+      if (journal == Journal::hung) hung = test::hungJournal();
       OSLogHandler handler("com.example.vpn");
       const UniqueFd standardError(::dup(STDERR_FILENO));
       const UniqueFd file(::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));

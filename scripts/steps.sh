@@ -5,7 +5,11 @@
 logs=build/logs
 mkdir -p "$logs"
 # Compile again only what changed, also across build folders, where ccache is installed.
-if command -v ccache >/dev/null; then export CMAKE_CXX_COMPILER_LAUNCHER=ccache; fi
+if command -v ccache >/dev/null; then
+  export CMAKE_CXX_COMPILER_LAUNCHER=ccache
+  # Without it nothing that includes a precompiled header is found again.
+  export CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
+fi
 
 # step <title> <command>...: runs the command quietly. Its output is kept in build/logs and shown
 # when it fails.
@@ -29,3 +33,10 @@ build() {
   shift
   cmake --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}
 }
+
+# Each version of these tools lays out sources its own way and has checks of its own, so that only
+# one can be satisfied: Debian 12's.
+clang_tools_release=14
+
+# of_release <tool>: whether it is of that version.
+of_release() { "$1" --version | grep -q "version $clang_tools_release\."; }

@@ -1,11 +1,16 @@
 // The real helper beside a real application that quits in every way we know of.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/sched.h>
+#include <sys/file.h>
+#include <sys/ptrace.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 
 #include "Velum/Platform/Linux/ProcessLinux.h"
 #include "Velum/Relauncher.h"
@@ -172,6 +177,141 @@ TEST_F(EndToEnd, MakesItsOwnWhatItWasStartedWith) {
   EXPECT_EQ(next().name, "started");
   EXPECT_EQ(next().name, "quit");
   EXPECT_TRUE(isQuiet()) << "how the new instance ended was not known";
+}
+
+TEST_F(EndToEnd, OpensTheApplicationWhileSomebodyHoldsTheLog) {
+  const pid_t application = startApplication();
+  const pid_t helper = startHelper(bundle, application);
+  const UniqueFd file(::open(logFile().c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(file.get(), LOCK_EX), 0);
+  ::kill(application, SIGKILL);
+  EXPECT_EQ(next().name, "started");
+  ASSERT_EQ(::flock(file.get(), LOCK_UN), 0);
+  EXPECT_EQ(exitStatus(helper), 0);
+  EXPECT_TRUE(isLogged("Process " + std::to_string(application) + " has ended"));
+}
+
+TEST_F(EndToEnd, EndsInOrderWithTooFewDescriptors) {
+#ifdef VELUM_SANITIZED
+  GTEST_SKIP() << "sanitizers need descriptors themselves";
+#endif
+  constexpr int mostNeeded = 32;
+  for (int limit = 4; limit <= mostNeeded; ++limit) {
+    const std::string text = folder / std::to_string(limit);
+    const pid_t helper = start("/bin/sh",
+                               {"-c", "exec 2>\"$1\"; ulimit -n $2; shift 2; exec \"$@\"", "sh",
+                                text, std::to_string(limit), VELUM_RELAUNCHER, bundle, "-1"},
+                               {});
+    const std::optional<int> status = exitStatus(helper);
+    if (status == 0) {
+      EXPECT_EQ(next().name, "started");
+      return;
+    }
+    EXPECT_EQ(status, 1) << limit << ": " << readFile(text);
+    EXPECT_TRUE(isQuiet()) << limit;
+    // Where there is a journal, the file may lack what stands there.
+    if (!std::filesystem::exists("/run/systemd/journal/socket")) {
+      EXPECT_THAT(readFile(text), HasSubstr("Too many open files")) << limit;
+    }
+  }
+  FAIL() << "it needs more than " << mostNeeded;
+}
+
+/// Counts a process's system calls from the end of the application that it waits for to the new
+/// process: one for each process of the machine, and others, but for those by which it looks at
+/// other applications that happen to run.
+class CallCounter {
+ public:
+  CallCounter(pid_t helper, pid_t application, std::string bundle)
+      : helper_(helper), application_(application), bundle_(std::move(bundle)) {}
+
+  /// False where tracing is not permitted.
+  bool run() {
+    if (::ptrace(PTRACE_SEIZE, helper_, 0, PTRACE_O_TRACESYSGOOD) != 0) return false;
+    ::ptrace(PTRACE_INTERRUPT, helper_, 0, 0);
+    int status = 0;
+    while (::waitpid(helper_, &status, __WALL) == helper_ && WIFSTOPPED(status)) {
+      __ptrace_syscall_info info{};
+      if (WSTOPSIG(status) == (SIGTRAP | 0x80)) {
+        ::ptrace(PTRACE_GET_SYSCALL_INFO, helper_, sizeof info, &info);
+      }
+      if (info.op == PTRACE_SYSCALL_INFO_ENTRY && !enter(info)) break;
+      if (info.op == PTRACE_SYSCALL_INFO_EXIT) leave(info.exit.rval);
+      ::ptrace(PTRACE_SYSCALL, helper_, 0, 0);
+    }
+    return ::ptrace(PTRACE_DETACH, helper_, 0, 0) == 0;
+  }
+
+  int looks = 0;
+  std::vector<std::string> others;
+
+ private:
+  /// False at the call that makes the new process.
+  bool enter(const __ptrace_syscall_info& info) {
+    const auto call = static_cast<long>(info.entry.nr);
+    if (call == SYS_clone || call == SYS_clone3 || call == SYS_vfork) return false;
+    isWaiting_ = call == SYS_epoll_wait && static_cast<int>(info.entry.args[3]) == -1;
+    if (isWaiting_ && !hasEnded_) ::kill(application_, SIGKILL);
+    const bool hasPath = call == SYS_openat || call == SYS_newfstatat;
+    const std::string path = hasPath ? text(info.entry.args[1]) : "";
+    const bool isForeign = isOfOthers(path) || foreign_.contains(info.entry.args[0]);
+    isForeignOpen_ = isForeign && call == SYS_openat;
+    if (call == SYS_close) foreign_.erase(info.entry.args[0]);
+    if (!hasEnded_ || isForeign) return true;
+    if (call == SYS_readlinkat) {
+      ++looks;
+    } else {
+      others.push_back(std::to_string(call) + ' ' + path);
+    }
+    return true;
+  }
+
+  void leave(long result) {
+    if (isWaiting_ && result > 0) hasEnded_ = true;
+    if (isForeignOpen_ && result >= 0) foreign_.insert(static_cast<std::uint64_t>(result));
+  }
+
+  bool isOfOthers(const std::string& path) const {
+    constexpr std::string_view processes = "/proc/";
+    if (path.starts_with(processes)) return path.find_first_of("0123456789") == processes.size();
+    const bool isInBundle = path.ends_with(".app") || path.find("/Contents") != std::string::npos;
+    return isInBundle && !path.starts_with(bundle_);
+  }
+
+  std::string text(std::uint64_t address) const {
+    std::array<char, 256> buffer{};
+    iovec here{buffer.data(), buffer.size() - 1};
+    iovec there{reinterpret_cast<void*>(address), buffer.size() - 1};  // NOLINT: the helper's
+    return ::process_vm_readv(helper_, &here, 1, &there, 1, 0) > 0 ? buffer.data() : "";
+  }
+
+  pid_t helper_;
+  pid_t application_;
+  std::string bundle_;
+  bool isWaiting_ = false;
+  bool hasEnded_ = false;
+  bool isForeignOpen_ = false;
+  std::set<std::uint64_t> foreign_;
+};
+
+TEST_F(EndToEnd, NeedsFewSystemCalls) {
+#ifdef VELUM_SANITIZED
+  GTEST_SKIP() << "sanitizers make system calls of their own";
+#endif
+  // The second time, there is a record of the first.
+  for (int round = 0; round < 2; ++round) {
+    const pid_t application = startApplication();
+    const pid_t helper = startHelper(bundle, application);
+    CallCounter calls(helper, application, bundle);
+    if (!calls.run()) GTEST_SKIP() << "tracing is not permitted here";
+    const Event started = next();
+    EXPECT_EQ(started.name, "started");
+    EXPECT_EQ(exitStatus(helper), 0);
+    EXPECT_GT(calls.looks, 0);
+    EXPECT_LE(calls.others.size(), 35U) << ::testing::PrintToString(calls.others);
+    ::kill(started.pid, SIGKILL);
+    EXPECT_TRUE(exitStatus(started.pid));
+  }
 }
 
 TEST_F(EndToEnd, RefusesAWrongNumberOfArguments) {

@@ -95,6 +95,11 @@ class RelaunchTest : public ::testing::Test {
   /// Whether nothing more happened.
   bool isQuiet() { return next(std::chrono::milliseconds(0)).name.empty(); }
 
+  std::string logFile() const {
+    return folder /
+           "R8K2ZP5WQN.com.quillon.mac/Library/Logs/com.quillon.mac.vpn/"
+           "Quillon VPN-group.log";
+  }
   /// What the helpers logged into their file.
   std::string log() const {
     std::string text;

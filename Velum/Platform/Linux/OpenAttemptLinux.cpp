@@ -9,7 +9,9 @@
 #include <syslog.h>
 #include <systemd/sd-journal.h>
 
+#include <array>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -40,12 +42,13 @@ constexpr LogSite site(std::string_view function, CallPlace where = CallPlace::c
 /// The path from the root on, without links. The kernel knows it in one step; a look at each of
 /// its parts is left to where it can't be asked.
 std::string canonical(const std::string& path) {
-  std::error_code error;
   if (const UniqueFd place(::open(path.c_str(), O_PATH | O_CLOEXEC)); place) {
-    auto resolved =
-        std::filesystem::read_symlink(fmt::format("/proc/self/fd/{}", place.get()), error);
-    if (!error && resolved.is_absolute()) return resolved.native();
+    std::array<char, PATH_MAX> target;  // NOLINT(*-member-init): filled just below
+    const std::string name = fmt::format("/proc/self/fd/{}", place.get());
+    const ssize_t size = ::readlink(name.c_str(), target.data(), target.size());
+    if (size > 0 && target[0] == '/') return {target.data(), static_cast<std::size_t>(size)};
   }
+  std::error_code error;
   const std::filesystem::path resolved = std::filesystem::canonical(path, error);
   return error ? path : resolved.native();
 }

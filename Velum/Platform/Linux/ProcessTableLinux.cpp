@@ -20,15 +20,15 @@ bool isSameFolder(const std::string& path, const std::string& canonicalPath) {
 }
 
 /// Root may look into everybody's processes; which applications others run is not its business.
-bool hasRightsOfOther(pid_t pid) {
+bool hasRightsOfOther(pid_t pid, uid_t own) {
   const std::optional<uid_t> user = effectiveUserOf(pid);
-  return user ? *user != ::geteuid() : !hasProcess(pid);
+  return user ? *user != own : !hasProcess(pid);
 }
 
 }  // namespace
 
 ProcessTable::ProcessTable(std::vector<pid_t> leaving, ProcessSources& sources)
-    : leaving_(std::move(leaving)), ofDesktop_(sources.desktop.candidates()) {
+    : leaving_(std::move(leaving)), user_(::geteuid()), ofDesktop_(sources.desktop.candidates()) {
   for (LaunchRecord& record : sources.launches.records()) {
     records_.insert_or_assign(record.process, std::move(record));
   }
@@ -104,7 +104,8 @@ std::optional<Bundle> ProcessTable::bundleOf(pid_t pid) const {
   const auto program = programs_.find(pid);
   if (program == programs_.end()) return std::nullopt;
   std::optional<Bundle> bundle = Bundle::ofExecutable(program->second);
-  if (!bundle || hasRightsOfOther(pid) || isChildOfApplication(pid, program->second)) return {};
+  if (!bundle || hasRightsOfOther(pid, user_) || isChildOfApplication(pid, program->second))
+    return {};
   return bundle;
 }
 

@@ -66,6 +66,7 @@ class ProcessTable {
   static std::optional<std::string> desktopIdentifier(pid_t pid);
 
   std::vector<pid_t> leaving_;
+  uid_t user_;
   std::vector<pid_t> ids_;
   std::map<pid_t, std::string> programs_;  // of those that may be bundles' main ones
   std::map<pid_t, LaunchRecord> records_;

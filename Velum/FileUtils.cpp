@@ -66,6 +66,13 @@ std::vector<std::string> FileUtils::findFile(std::string_view suffix, const std:
 
 namespace {
 
+// On the disk before the original goes.
+int cloneDurably(const fs::path& from, const fs::path& to) {
+  if (const int error = cloneFile(from, to)) return error;
+  const UniqueFd file(::open(to.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  return file && retryInterrupted([&] { return ::fsync(file.get()); }) == 0 ? 0 : errno;
+}
+
 // Without replacing a target, which link(2) refuses. Where a link is not possible (another volume,
 // no hard links) a clone stands in for it, which appears with its times and as a whole or not at
 // all; only there, a target that somebody makes at that very moment is replaced.
@@ -73,8 +80,15 @@ std::error_code moveWithoutReplacing(const fs::path& from, const fs::path& to) {
   std::error_code error;
   fs::create_hard_link(from, to, error);
   if (error && error != std::errc::file_exists && error != std::errc::no_such_file_or_directory) {
-    const int code = fs::exists(fs::symlink_status(to, error)) ? EEXIST : cloneFile(from, to);
-    error.assign(code, std::generic_category());
+    const bool isLink = fs::is_symlink(fs::symlink_status(from, error));
+    if (fs::exists(fs::symlink_status(to, error))) {
+      error.assign(EEXIST, std::generic_category());
+    } else if (isLink) {  // itself, not what it leads to
+      const fs::path content = fs::read_symlink(from, error);
+      if (!error) fs::create_symlink(content, to, error);
+    } else {
+      error.assign(cloneDurably(from, to), std::generic_category());
+    }
   }
   if (!error) fs::remove(from, error);
   return error;
@@ -83,7 +97,8 @@ std::error_code moveWithoutReplacing(const fs::path& from, const fs::path& to) {
 }  // namespace
 
 void FileUtils::moveFile(const std::string& name, const std::string& directory) {
-  const fs::path source(name);
+  fs::path source(name);
+  while (!source.has_filename() && source.has_relative_path()) source = source.parent_path();
   if (const auto error = moveWithoutReplacing(source, fs::path(directory) / source.filename())) {
     logError({sourceFile, "moveFile(name:to:)"},
              "filed to move file {} to directory: {} with error: {}", name, directory,

@@ -21,8 +21,8 @@ class FileUtils {
   static std::vector<std::string> findFile(std::string_view suffix, const std::string& folder,
                                            bool sorted);
 
-  /// Moves the file `name` into `directory` under its own name, across volumes too. A file that is
-  /// there already is an error and stays.
+  /// Moves the file `name`, no folder, into `directory` under its own name, across volumes too; of
+  /// a symbolic link the link itself. What is there already is an error and stays.
   static void moveFile(const std::string& name, const std::string& directory);
 
   /// Removes a file, or a folder with all it holds.

@@ -88,7 +88,7 @@ TEST_F(FileUtilsTest, LogsOneErrorForAMissingFolder) {
 TEST_F(FileUtilsTest, MovesAFileButReplacesNone) {
   const std::string file = make("a");
   fs::create_directory(folder / "to");
-  FileUtils::moveFile(file, folder / "to");
+  FileUtils::moveFile(file + "/", folder / "to/");
   EXPECT_FALSE(fs::exists(file));
   EXPECT_EQ(test::readFile(folder / "to/a"), "a");
   EXPECT_THAT(log->lines, IsEmpty());
@@ -120,6 +120,11 @@ TEST_F(FileUtilsTest, MovesAcrossVolumesWithTimesOrNotAtAll) {
     struct stat status {};
     ASSERT_EQ(::stat((folder / "volume/small").c_str(), &status), 0);
     EXPECT_EQ(status.st_mtim.tv_sec, 1234);
+
+    fs::create_symlink("../big", folder / "link");
+    FileUtils::moveFile(folder / "link", folder / "volume");
+    EXPECT_EQ(fs::read_symlink(folder / "volume/link"), "../big") << "not what it leads to";
+    EXPECT_FALSE(fs::is_symlink(folder / "link"));
 
     make("small");
     FileUtils::moveFile(small, folder / "volume");

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -54,6 +55,15 @@ LogSavingOpts logSavingOpts(SupportLogsPurpose purpose, std::optional<LogDate> s
 
 namespace {
 
+void cloneToNewFile(const fs::path& source, const fs::path& target) {
+  std::error_code error;
+  if (fs::exists(fs::symlink_status(target, error))) {
+    throw SystemError(EEXIST, fmt::format("{}: {} is in the archive already; choose another name",
+                                          saveItemName, target.filename().string()));
+  }
+  clonefile(source, target);
+}
+
 /// Files and folders alone: a link may lead anywhere, and reading a pipe may never end.
 void copyFolder(const fs::path& source, const fs::path& target) {
   fs::create_directory(target);
@@ -61,13 +71,13 @@ void copyFolder(const fs::path& source, const fs::path& target) {
     const fs::path place = target / entry.path().filename();
     const fs::file_type type = entry.symlink_status().type();
     if (type == fs::file_type::directory) copyFolder(entry.path(), place);
-    if (type == fs::file_type::regular) clonefile(entry.path(), place);
+    if (type == fs::file_type::regular) cloneToNewFile(entry.path(), place);
   }
 }
 
 void copyItem(const fs::path& source, const fs::path& target, const std::string& archiveFolder) {
   const fs::path original = fs::canonical(source);
-  if (fs::is_regular_file(original)) return clonefile(original, target);
+  if (fs::is_regular_file(original)) return cloneToNewFile(original, target);
   const fs::path archive = fs::canonical(archiveFolder);
   const bool holdsArchive = std::ranges::mismatch(original, archive).in1 == original.end();
   if (!fs::is_directory(original) || holdsArchive) {
@@ -92,7 +102,7 @@ fs::path targetIn(const std::string& archiveFolder, const std::string& relativeP
 
 void writeItem(std::string_view bytes, const fs::path& target) {
   const UniqueFd file =
-      checked::open(target.string(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0600, saveItemName);
+      checked::open(target.string(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600, saveItemName);
   checked::write(file.get(), bytes.data(), bytes.size(), saveItemName);
 }
 
@@ -241,8 +251,9 @@ class ArchiveJob {
   void perform() const {
     stopIfCancelled();
     const std::unique_ptr<ArchiveFolder> folder = makeFolder();
+    checkDestination();
     stopIfCancelled();
-    services_.logManager->saveLogs(LogSubsystemSelector::all(), folder->content(), logOptions_);
+    saveLogs(folder->content());
     progress_->completeUnit();
     for (const auto& [relativePath, value] : items_) {
       stopIfCancelled();
@@ -259,6 +270,34 @@ class ArchiveJob {
     constexpr const char* text = "Log archiving cancelled";
     logInfo(site(createArchiveName), "{}", text);
     throw SupportLogArchivingError(Case::cancelled, text);
+  }
+
+  void saveLogs(const std::string& folder) const try {
+    const auto saved = services_.logManager->saveLogs(LogSubsystemSelector::all(), folder,
+                                                      logOptions_, progress_.get());
+    if (saved.empty()) {
+      logWarning(site(createArchiveName),
+                 "No record of the log is of the time that was asked for: {} holds none",
+                 destination_.string());
+    }
+  } catch (const SystemError&) {
+    stopIfCancelled();  // which is then what it was
+    throw;
+  }
+
+  /// What would fail in the end should not take the time until then.
+  void checkDestination() const {
+    if (services_.logManager->holds(destination_.string())) {
+      throw SystemError(EEXIST, fmt::format("{}: {} is a file of the log itself; name another one",
+                                            createArchiveName, destination_.string()));
+    }
+    fs::path folder = destination_.parent_path();
+    std::error_code error;
+    while (!fs::exists(folder, error) && folder.has_relative_path()) folder = folder.parent_path();
+    const bool isFolder = fs::is_directory(folder, error);
+    if (!isFolder) errno = ENOTDIR;
+    if (isFolder && ::faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0) return;
+    throw lastSystemError(fmt::format("{}: {}", createArchiveName, folder.string()));
   }
 
   std::unique_ptr<ArchiveFolder> makeFolder() const try {

@@ -90,7 +90,9 @@ class SupportUtils {
   /// progress are the logs, each item and the packing. Cancelling ends the packing at once, else
   /// the work at its next step, with the error `cancelled`. On failure what is at `destination`
   /// stays, and in no case is anything temporary left. A relative path that leaves the archive is
-  /// SystemError EPERM.
+  /// SystemError EPERM, one that names what another item or a saved log is named is EEXIST, and so
+  /// is a `destination` that is a file of the log. A warning says when no record of the log was to
+  /// be saved.
   ///
   /// `startDate` is where the logs begin instead of the purpose's period; with `showInFinder` the
   /// archive is shown in the file viewer at the end.
@@ -107,7 +109,8 @@ class SupportUtils {
                                                  Services services);
 
   /// Writes one item into the folder of an archive in the making, with the folders above it.
-  /// Throws SupportLogArchivingError or SystemError; nothing is written outside the folder.
+  /// Throws SupportLogArchivingError or SystemError; nothing is written outside the folder, and no
+  /// file in it is replaced.
   static void saveItem(const SupportItem& value, const std::string& relativePath,
                        const std::string& archiveFolderUrl);
 };

@@ -36,16 +36,20 @@ using ::testing::StartsWith;
 class FakeLogManager final : public LogManagerProtocol {
  public:
   std::vector<std::string> saveLogs(const LogSubsystemSelector& selector, const std::string& folder,
-                                    const LogSavingOpts& opts) override {
+                                    const LogSavingOpts& opts,
+                                    const Progress* /*progress*/) override {
     saving();
     EXPECT_TRUE(selector.admits("any") && !selector.isWhole());
     options = opts;
+    if (isEmpty) return {};
     writeFile(folder + "/any.log", "records");
     return {folder + "/any.log"};
   }
+  bool holds(const std::string& path) const override { return path.ends_with("/live.log"); }
 
   std::function<void()> saving = [] {};
   LogSavingOpts options;
+  bool isEmpty = false;
 };
 
 class FakeWorkspace final : public Workspace {
@@ -204,6 +208,14 @@ TEST_F(SupportArchive, ReportsItemsThatCannotBeSaved) {
   EXPECT_THAT(lastRecord(), AllOf(HasSubstr("Can't write/copy file to \"" + temporary_),
                                   HasSubstr("/support/item\"")));
   EXPECT_EQ(create({{"a", std::string()}, {"a/b", std::string()}}), "Not a directory");
+  for (const SupportItem& item :
+       {SupportItem(std::string("x")), SupportItem(FileUrl{"/etc/hosts"})}) {
+    EXPECT_EQ(create({{"any.log", item}}), "File exists") << "a saved log's name";
+    EXPECT_EQ(create({{"./a", item}, {"a", item}}), "File exists");
+  }
+  writeFile(folder_ / "tree/leaf", "a leaf");
+  EXPECT_EQ(create({{"tree", FileUrl{folder_ / "tree"}}, {"tree/leaf", std::string()}}),
+            "File exists");
 }
 
 TEST_F(SupportArchive, LetsNothingOutOfItsFolder) {
@@ -244,9 +256,17 @@ TEST_F(SupportArchive, FailsWithoutATemporaryFolder) {
 TEST_F(SupportArchive, FailsWithTheLogsAndWithoutAWritableDestination) {
   logManager_.saving = [] { throw SystemError(EIO, "read"); };
   EXPECT_EQ(create({}), "Input/output error");
-  logManager_.saving = [] {};
   writeFile(folder_ / "sent", "a file where the folder should be");
+  logManager_.saving = [] { FAIL() << "all the work was done before the failure"; };
   EXPECT_EQ(create({}), "Not a directory");
+  destination_ = folder_ / "live.log";
+  EXPECT_EQ(create({}), "File exists");
+}
+
+TEST_F(SupportArchive, SaysThatNoRecordWasOfItsTime) {
+  logManager_.isEmpty = true;
+  EXPECT_EQ(create({}), "");
+  EXPECT_THAT(log_->texts(), Contains(StartsWith("W: (SupportUtils) No record of the log is of")));
 }
 
 TEST_F(SupportArchive, StopsAtEachStepWhenCancelled) {

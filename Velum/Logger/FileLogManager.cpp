@@ -10,14 +10,14 @@
 #include <cstdio>
 #include <filesystem>
 #include <limits>
-#include <mutex>
 
 #include "Velum/FileUtils.h"
+#include "Velum/Logger/LogLock.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/LogSearch.h"
 #include "Velum/Logger/LogSplitter.h"
+#include "Velum/Logger/Logger.h"
 #include "Velum/Platform/FileClone.h"
-#include "Velum/Platform/Posix/FileLock.h"
 #include "Velum/SystemError.h"
 
 namespace velum {
@@ -56,10 +56,90 @@ class ScratchFolder {
   std::string path_;
 };
 
-std::int64_t sizeOf(int fd, const std::string& path, std::string_view caller) {
+void stopIfCancelled(const Progress* progress, std::string_view caller) {
+  if (progress == nullptr || !progress->isCancelled()) return;
+  throw SystemError(ECANCELED, std::string(caller));
+}
+
+struct stat statusOf(int fd, const std::string& path, std::string_view caller) {
   struct stat status {};
   if (::fstat(fd, &status) != 0) throw lastSystemError(fmt::format("{}: stat ({})", caller, path));
-  return status.st_size;
+  return status;
+}
+
+std::int64_t sizeOf(int fd, const std::string& path, std::string_view caller) {
+  return statusOf(fd, path, caller).st_size;
+}
+
+/// A file of the log, open; nothing when it is not there. Anything but a file is an error, and not
+/// waited for.
+UniqueFd openLogFile(const std::string& path, int flags, std::string_view caller) try {
+  UniqueFd file = checked::open(path, flags | O_NONBLOCK, 0660, caller);
+  const mode_t mode = statusOf(file.get(), path, caller).st_mode;
+  if (!S_ISREG(mode)) {
+    throw SystemError(S_ISDIR(mode) ? EISDIR : EINVAL, fmt::format("{}: open ({})", caller, path));
+  }
+  return file;
+} catch (const SystemError& error) {
+  if (error.code() != ENOENT) throw;
+  return {};
+}
+
+/// The live file, into which nobody else writes meanwhile.
+class HeldLog {
+ public:
+  HeldLog(const std::string& path, int flags, std::string_view caller, const Progress* progress)
+      : file_(openLogFile(path, flags, caller)),
+        lock_(file_.get(), {.progress = progress, .onWait = [&path] {
+                              logWarning({"Velum/FileLogManager"},
+                                         "Waiting for another process to release {}", path);
+                            }}) {
+    if (!file_) throw SystemError(ENOENT, fmt::format("{}: open ({})", caller, path));
+    if (lock_.outcome() == LogLock::Outcome::cancelled) stopIfCancelled(progress, caller);
+    if (lock_.outcome() == LogLock::Outcome::timedOut) {
+      throw SystemError(ETIMEDOUT,
+                        fmt::format("{}: lock ({}), another process holds it", caller, path));
+    }
+  }
+
+  int fd() const noexcept { return file_.get(); }
+
+ private:
+  UniqueFd file_;
+  LogLock lock_;  // released before the file is closed
+};
+
+/// Takes from a new file whatever permission its source does not give.
+void limitReaders(const UniqueFd& file, const std::string& path, const struct stat& source,
+                  std::string_view caller) {
+  const struct stat own = statusOf(file.get(), path, caller);
+  mode_t allowed = source.st_mode;
+  if (own.st_gid != source.st_gid) allowed = (allowed & 0707U) | (allowed & 07U) << 3U;
+  const mode_t mode = own.st_mode & (allowed | 0600U) & 0777U;
+  if (mode != (own.st_mode & 0777U) && ::fchmod(file.get(), mode) != 0) {
+    throw lastSystemError(fmt::format("{}: fchmod ({})", caller, path));
+  }
+}
+
+bool isSameFile(const struct stat& a, const struct stat& b) noexcept {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+/// Whether two paths name the same entry of a folder, or lead to the same file.
+bool isSamePlace(const std::string& a, const std::string& b) {
+  struct stat first {};
+  struct stat second {};
+  if (::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 &&
+      isSameFile(first, second)) {
+    return true;
+  }
+  const auto folderOf = [](const std::string& path) {
+    const fs::path folder = fs::path(path).parent_path();
+    return folder.empty() ? std::string(".") : folder.string();
+  };
+  return fs::path(a).filename() == fs::path(b).filename() &&
+         ::stat(folderOf(a).c_str(), &first) == 0 && ::stat(folderOf(b).c_str(), &second) == 0 &&
+         isSameFile(first, second);
 }
 
 /// Where the last `wanted` bytes of a file begin, moved on to a record's start when that is not
@@ -75,6 +155,16 @@ std::int64_t tailStart(int fd, const std::string& path, std::int64_t size, std::
   const std::string_view bytes(buffer.data(), static_cast<std::size_t>(got));
   const std::size_t separator = bytes.find(recordSeparator);
   return separator == std::string_view::npos ? start : start + static_cast<std::int64_t>(separator);
+}
+
+void copyPart(int fd, const std::string& path, LogRange part, int target, std::int64_t offset,
+              std::string_view caller) {
+  const std::int64_t size = part.end - part.begin;
+  const CopyOutcome copied = copyFileRange(fd, part.begin, target, offset, size);
+  if (copied.error == 0) return;
+  throw SystemError(copied.error, copied.isOfSource
+                                      ? fmt::format("{}: read ({})", caller, path)
+                                      : fmt::format("{}: write ({}, {})", caller, path, size));
 }
 
 /// A part of an open file.
@@ -94,9 +184,7 @@ struct Piece {
   }
 
   void copyTo(int target, std::int64_t offset, std::string_view caller) const {
-    if (const int error = copyFileRange(fd.get(), begin, target, offset, size())) {
-      throw SystemError(error, fmt::format("{}: write ({}, {})", caller, path, size()));
-    }
+    copyPart(fd.get(), path, {begin, end}, target, offset, caller);
   }
 };
 
@@ -106,13 +194,25 @@ void moveInto(const std::string& from, const std::string& to, std::string_view c
   }
 }
 
+void refuseReplacing(const FileLogManager& log, const std::string& path, std::string_view caller) {
+  if (!log.holds(path)) return;
+  throw SystemError(
+      EEXIST,
+      fmt::format("{}: {} is a file of the log itself; save into another folder", caller, path));
+}
+
 }  // namespace
+
+bool FileLogManager::holds(const std::string& path) const {
+  return isSamePlace(path, logPath_) || isSamePlace(path, rotatedFilePath(logPath_, 1));
+}
 
 std::vector<std::string> FileLogManager::saveLogs(const LogSubsystemSelector& selector,
                                                   const std::string& folder,
-                                                  const LogSavingOpts& opts) const {
+                                                  const LogSavingOpts& opts,
+                                                  const Progress* progress) const {
   if (!opts.startDate && !opts.endDate && selector.isWhole()) {
-    return {saveWholeLog(folder, opts.maxSize)};
+    return {saveWholeLog(folder, opts.maxSize, progress)};
   }
   const std::int64_t limit = opts.maxSize.value_or(noLimit);
   const ScratchFolder scratch(folder, saveLogsName);
@@ -120,16 +220,23 @@ std::vector<std::string> FileLogManager::saveLogs(const LogSubsystemSelector& se
   if (::mkdir(subsystems.c_str(), 0700) != 0) {
     throw lastSystemError(fmt::format("{}: mkdir ({})", saveLogsName, subsystems));
   }
-  auto files = prepareTempFiles(scratch.path(), std::nullopt);
+  auto files = prepareTempFiles(scratch.path(), std::nullopt, progress);
+  stopIfCancelled(progress, saveLogsName);
+  const auto outputs = doSaveLogs(std::move(files), selector, subsystems, opts);
+  for (const std::string& output : outputs) {
+    refuseReplacing(*this, inFolder(folder, output), saveLogsName);
+  }
   std::vector<std::string> saved;
-  for (const std::string& output : doSaveLogs(std::move(files), selector, subsystems, opts)) {
-    const std::string destination = inFolder(folder, output);
+  for (const std::string& output : outputs) {
+    stopIfCancelled(progress, saveLogsName);
+    saved.push_back(inFolder(folder, output));
     if (checked::fileSize(output, saveLogsName) <= limit) {
-      moveInto(output, destination, saveLogsName);  // what a clone would come to, for nothing
+      moveInto(output, saved.back(), saveLogsName);  // what a clone would come to, for nothing
     } else {
-      copyfile(output, destination, false, -limit, true);
+      const std::string part = output + ".part";
+      copyfile(output, part, false, -limit, true);
+      moveInto(part, saved.back(), saveLogsName);
     }
-    saved.push_back(destination);
   }
   return saved;
 }
@@ -138,60 +245,60 @@ std::vector<std::string> FileLogManager::saveLogs(const LogSubsystemSelector& se
 // writers' lock; the rotated file afterwards, because rotation replaces it and never writes into
 // it, so that the open file stays what it is.
 std::string FileLogManager::saveWholeLog(const std::string& folder,
-                                         std::optional<std::int64_t> maxSize) const {
+                                         std::optional<std::int64_t> maxSize,
+                                         const Progress* progress) const {
   const std::int64_t limit = maxSize.value_or(noLimit);
+  std::string destination = inFolder(folder, logPath_);
+  refuseReplacing(*this, destination, saveWholeLogName);
   const ScratchFolder scratch(folder, saveWholeLogName);
   const std::string unfinished = inFolder(scratch.path(), logPath_);
   const UniqueFd target =
       checked::open(unfinished, O_WRONLY | O_CREAT | O_EXCL, 0644, saveWholeLogName);
   Piece rotated;
   {
-    UniqueFd liveFile = checked::open(logPath_, O_RDONLY, 0660, saveWholeLogName);
-    const FileLock writers(liveFile.get());
-    const std::int64_t liveSize = sizeOf(liveFile.get(), logPath_, saveWholeLogName);
+    const HeldLog log(logPath_, O_RDONLY, saveWholeLogName, progress);
+    const struct stat status = statusOf(log.fd(), logPath_, saveWholeLogName);
+    limitReaders(target, unfinished, status, saveWholeLogName);
     rotated.path = rotatedFilePath(logPath_, 1);
-    rotated.fd = UniqueFd(retryInterrupted(
-        [&] { return ::open(rotated.path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
-    if (!rotated.fd && errno != ENOENT) {
-      throw lastSystemError(fmt::format("{}: open ({})", saveWholeLogName, rotated.path));
+    rotated.fd = openLogFile(rotated.path, O_RDONLY, saveWholeLogName);
+    if (rotated.fd && limit > status.st_size) {
+      rotated = Piece::tail(rotated.path, std::move(rotated.fd), limit - status.st_size,
+                            saveWholeLogName);
+      limitReaders(target, unfinished, statusOf(rotated.fd.get(), rotated.path, saveWholeLogName),
+                   saveWholeLogName);
     }
-    if (rotated.fd && limit > liveSize) {
-      rotated =
-          Piece::tail(rotated.path, std::move(rotated.fd), limit - liveSize, saveWholeLogName);
-    }
-    const int liveDescriptor = liveFile.get();
-    const Piece live{logPath_, std::move(liveFile),
-                     tailStart(liveDescriptor, logPath_, liveSize, limit, saveWholeLogName),
-                     liveSize};
-    live.copyTo(target.get(), rotated.size(), saveWholeLogName);
+    const LogRange live{tailStart(log.fd(), logPath_, status.st_size, limit, saveWholeLogName),
+                        status.st_size};
+    copyPart(log.fd(), logPath_, live, target.get(), rotated.size(), saveWholeLogName);
   }
   rotated.copyTo(target.get(), 0, saveWholeLogName);
-  std::string destination = inFolder(folder, logPath_);
+  stopIfCancelled(progress, saveWholeLogName);
   moveInto(unfinished, destination, saveWholeLogName);
   return destination;
 }
 
-std::vector<std::string> FileLogManager::duplicateLogFiles(const std::string& folder) const {
-  const UniqueFd live = checked::open(logPath_, O_RDONLY, 0660, duplicateName);
-  const FileLock writers(live.get());
+std::vector<std::string> FileLogManager::duplicateLogFiles(const std::string& folder,
+                                                           const Progress* progress) const {
+  const HeldLog log(logPath_, O_RDONLY, duplicateName, progress);
   std::vector<std::string> copies{inFolder(folder, logPath_)};
   clonefile(logPath_, copies.front());
   const std::string rotated = rotatedFilePath(logPath_, 1);
-  std::string copy = inFolder(folder, rotated);
+  if (!openLogFile(rotated, O_RDONLY, duplicateName)) return copies;
+  copies.push_back(inFolder(folder, rotated));
   // A second name is clone enough for a file that is replaced and never written into.
-  if (::linkat(AT_FDCWD, rotated.c_str(), AT_FDCWD, copy.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-    if (errno == ENOENT) return copies;
-    clonefile(rotated, copy);
+  if (::linkat(AT_FDCWD, rotated.c_str(), AT_FDCWD, copies.back().c_str(), AT_SYMLINK_FOLLOW) !=
+      0) {
+    clonefile(rotated, copies.back());
   }
-  copies.push_back(std::move(copy));
   return copies;
 }
 
 std::vector<FileLogManager::TempFile> FileLogManager::prepareTempFiles(
-    const std::string& folder, std::optional<std::int64_t> maxSize) const {
+    const std::string& folder, std::optional<std::int64_t> maxSize,
+    const Progress* progress) const {
   std::vector<TempFile> files;
   std::int64_t bytesBefore = 0;
-  for (std::string& path : duplicateLogFiles(folder)) {
+  for (std::string& path : duplicateLogFiles(folder, progress)) {
     if (maxSize && *maxSize < bytesBefore) break;
     const std::int64_t size = checked::fileSize(path, duplicateName);
     files.push_back({std::move(path), size, bytesBefore});
@@ -217,25 +324,33 @@ std::vector<std::string> FileLogManager::doSaveLogs(std::vector<TempFile> files,
     const LogRange range = LogSearch(reader).range(lower, upper);
     if (!range.isEmpty()) splitter.add(reader, range);
   }
-  return splitter.finish();
+  std::vector<std::string> outputs = splitter.finish();
+  for (const std::string& output : outputs) {
+    const UniqueFd target = checked::open(output, O_RDONLY, 0, doSaveLogsName);
+    for (const TempFile& file : files) {
+      const UniqueFd source = checked::open(file.path, O_RDONLY, 0, doSaveLogsName);
+      limitReaders(target, output, statusOf(source.get(), file.path, doSaveLogsName),
+                   doSaveLogsName);
+    }
+  }
+  return outputs;
 }
 
 void FileLogManager::resetLog() {
-  const std::lock_guard guard(turn_);
-  const UniqueFd live = checked::open(logPath_, O_WRONLY | O_APPEND, 0, resetLogName);
-  const FileLock writers(live.get());
-  if (::ftruncate(live.get(), 0) != 0) {
+  const HeldLog log(logPath_, O_WRONLY | O_APPEND, resetLogName, nullptr);
+  // The rotated file first, because that may not be permitted: then everything is as it was.
+  const std::string rotated = rotatedFilePath(logPath_, 1);
+  if (::unlink(rotated.c_str()) != 0 && errno != ENOENT) {
+    throw lastSystemError(fmt::format("{}: unlink ({})", resetLogName, rotated));
+  }
+  if (::ftruncate(log.fd(), 0) != 0) {
     throw lastSystemError(fmt::format("{}: truncate ({})", resetLogName, logPath_));
   }
   std::string record;
   appendRecordPrefix(record, std::chrono::system_clock::now(), "Velum");
   record += makeRecordText(LogLevel::info, "FileLogManager", resetLogName, "Log has been reset");
   record += '\n';
-  checked::write(live.get(), record.data(), record.size(), resetLogName);
-  const std::string rotated = rotatedFilePath(logPath_, 1);
-  if (::unlink(rotated.c_str()) != 0 && errno != ENOENT) {
-    throw lastSystemError(fmt::format("{}: unlink ({})", resetLogName, rotated));
-  }
+  checked::write(log.fd(), record.data(), record.size(), resetLogName);
 }
 
 void copyfile(const std::string& source, const std::string& destination, bool append,
@@ -251,7 +366,12 @@ void copyfile(const std::string& source, const std::string& destination, bool ap
   UniqueFd file = checked::open(source, O_RDONLY, 0, copyfileName);
   // Without O_APPEND: the kernel copies between files only to a given place.
   const int flags = O_WRONLY | O_CREAT | (append ? 0 : O_TRUNC);
+  struct stat before {};
+  const bool isNew = ::lstat(destination.c_str(), &before) != 0 && errno == ENOENT;
   const UniqueFd target = checked::open(destination, flags, 0660, copyfileName);
+  if (isNew) {
+    limitReaders(target, destination, statusOf(file.get(), source, copyfileName), copyfileName);
+  }
   Piece piece{source, std::move(file), firstByte, firstByte + count};
   if (seekSeparator && maxSize < 0) {
     piece.begin = tailStart(piece.fd.get(), source, size, count, copyfileName);

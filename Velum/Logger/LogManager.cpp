@@ -9,13 +9,18 @@ namespace velum {
 
 std::vector<std::string> LogManagerProtocol::saveLogs(const LogSubsystemSelector& /*selector*/,
                                                       const std::string& /*folder*/,
-                                                      const LogSavingOpts& /*opts*/) {
+                                                      const LogSavingOpts& /*opts*/,
+                                                      const Progress* /*progress*/) {
   logInfo({"saveLogs(selecting:inFolder:opts:)"}, "Do nothing");
   return {};
 }
 
 void LogManagerProtocol::resetLog() {
   logInfo({"resetLog()"}, "Do nothing");
+}
+
+bool LogManagerProtocol::holds(const std::string& /*path*/) const {
+  return false;
 }
 
 LogManager& LogManager::shared() {
@@ -35,11 +40,11 @@ std::shared_ptr<FileLogManager> LogManager::files() const {
 }
 
 std::vector<std::string> LogManager::saveLogs(const LogSubsystemSelector& selector,
-                                              const std::string& folder,
-                                              const LogSavingOpts& opts) {
+                                              const std::string& folder, const LogSavingOpts& opts,
+                                              const Progress* progress) {
   const auto files = this->files();
-  return files ? files->saveLogs(selector, folder, opts)
-               : LogManagerProtocol::saveLogs(selector, folder, opts);
+  return files ? files->saveLogs(selector, folder, opts, progress)
+               : LogManagerProtocol::saveLogs(selector, folder, opts, progress);
 }
 
 void LogManager::resetLog() {
@@ -48,6 +53,11 @@ void LogManager::resetLog() {
   } else {
     LogManagerProtocol::resetLog();
   }
+}
+
+bool LogManager::holds(const std::string& path) const {
+  const auto files = this->files();
+  return files && files->holds(path);
 }
 
 }  // namespace velum

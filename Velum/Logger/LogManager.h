@@ -8,6 +8,7 @@
 
 #include "Velum/ForkSafeLock.h"
 #include "Velum/Logger/LogSaving.h"
+#include "Velum/Progress.h"
 
 namespace velum {
 
@@ -24,9 +25,12 @@ class LogManagerProtocol {
 
   /// See FileLogManager::saveLogs.
   virtual std::vector<std::string> saveLogs(const LogSubsystemSelector& selector,
-                                            const std::string& folder, const LogSavingOpts& opts);
+                                            const std::string& folder, const LogSavingOpts& opts,
+                                            const Progress* progress);
   /// See FileLogManager::resetLog.
   virtual void resetLog();
+  /// See FileLogManager::holds.
+  virtual bool holds(const std::string& path) const;
 };
 
 /// The process's log manager: fronts the log file it is told of. Thread-safe.
@@ -38,8 +42,10 @@ class LogManager final : public LogManagerProtocol {
   void setLogPath(std::string logPath);
 
   std::vector<std::string> saveLogs(const LogSubsystemSelector& selector, const std::string& folder,
-                                    const LogSavingOpts& opts) override;
+                                    const LogSavingOpts& opts,
+                                    const Progress* progress = nullptr) override;
   void resetLog() override;
+  bool holds(const std::string& path) const override;
 
  private:
   std::shared_ptr<FileLogManager> files() const;

@@ -33,13 +33,8 @@ class LogSubsystemSelector {
   }
 
   bool isWhole() const noexcept { return kind_ == Kind::whole; }
-  /// Names are compared byte by byte. One that can't name a file, or is not plain ASCII, admits
-  /// nothing: it comes from the log's content, which any process of the group may have written.
+  /// Names are compared byte by byte.
   bool admits(std::string_view subsystem) const noexcept {
-    constexpr std::size_t longestName = 200;
-    const bool isFileName =
-        std::ranges::all_of(subsystem, [](char c) { return c >= ' ' && c <= '~' && c != '/'; });
-    if (subsystem.empty() || subsystem.size() > longestName || !isFileName) return false;
     return kind_ != Kind::some || std::ranges::find(names_, subsystem) != names_.end();
   }
 

@@ -254,11 +254,12 @@ std::int64_t LogSearch::endIn(const Suspects& suspects, const Bounds& bounds, st
 LogRange LogSearch::range(std::optional<LogDate> lower, std::optional<LogDate> upper) {
   const LogRange everything{0, reader_.size()};
   if (!lower && !upper) return everything;
-  if (lower && upper && *lower > *upper) return {};
+  const LogRange nothing{everything.end, everything.end};
+  if (lower && upper && *lower > *upper) return nothing;
   const std::optional<Record> last = lastRecord();
   if (!last) {
     logVerbose(site(), "No Date found in {}", reader_.path());
-    return {};
+    return nothing;
   }
   const Bounds bounds = LogSearch::bounds(lower, upper);
   std::optional<Suspects> suspects;
@@ -277,7 +278,7 @@ LogRange LogSearch::range(std::optional<LogDate> lower, std::optional<LogDate> u
   if (!endsInside) range.end = endIn(*suspects, bounds, range.begin);
   const bool isFound = range.begin < suspects->part.end && !range.isEmpty();
   if (!isFound) logVerbose(site(), "Not found date in {}", reader_.path());
-  return isFound ? range : LogRange{};
+  return isFound ? range : nothing;
 }
 
 }  // namespace velum

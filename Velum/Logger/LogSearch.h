@@ -70,8 +70,9 @@ class LogSearch {
       : reader_(reader), mostWhole_(mostWhole) {}
 
   /// From the first record of the range to the end of the last one, in whole seconds, both bounds
-  /// inclusive. An absent bound is the file's own, and so is the end when the file's last record is
-  /// not later than `upper`. A bound in an hour that the zone's clock passes twice is both of them.
+  /// inclusive; empty, at the end of the file, when there is none. An absent bound is the file's
+  /// own, and so is the end when the file's last record is not later than `upper`. A bound in an
+  /// hour that the zone's clock passes twice is both of them.
   LogRange range(std::optional<LogDate> lower, std::optional<LogDate> upper);
 
   /// How a record begins that was written at `date`, without its milliseconds. Keys compare like

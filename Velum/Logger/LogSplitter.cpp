@@ -1,8 +1,11 @@
 #include "Velum/Logger/LogSplitter.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <functional>
 #include <utility>
 
 #include "Velum/FileUtils.h"
@@ -18,6 +21,29 @@ constexpr std::size_t writeUnit = 65'536;  // whole units are written where the 
 constexpr std::size_t mostGathered = 4 * writeUnit;  // for one file
 constexpr std::size_t mostGatheredTogether = std::size_t{4} << 20U;
 constexpr std::size_t mostOpenFiles = 64;
+
+// The name comes from the log's content, which any process of the group may have written: what
+// can't name a file, or is not plain ASCII, is replaced, and a number made of the whole name
+// (FNV-1a) tells it from others.
+std::string fileName(std::string_view subsystem) {
+  constexpr std::size_t longestName = 200;
+  const auto isPlain = [](char c) { return c >= ' ' && c <= '~' && c != '/'; };
+  std::string name(subsystem.substr(0, longestName));
+  if (!name.empty() && name.front() != '.' && name.size() == subsystem.size() &&
+      std::ranges::all_of(name, isPlain)) {
+    return name + ".log";
+  }
+  std::ranges::replace_if(name, std::not_fn(isPlain), '_');
+  if (name.starts_with('.')) name.front() = '_';  // not hidden
+  std::uint32_t number = 2'166'136'261U;
+  for (const char c : subsystem) {
+    number = (number ^ static_cast<unsigned char>(c)) * 16'777'619U;
+  }
+  name += fmt::format("-{:08x}.log", number);
+  logWarning({"Velum/FileLogManager", "doSaveLogs(_:selecting:in:opts:)"},
+             "The records of a subsystem whose name can't name a file are saved as {}", name);
+  return name;
+}
 
 }  // namespace
 
@@ -88,7 +114,7 @@ LogSplitter::Output* LogSplitter::outputFor(std::string_view record) {
   if (found == outputs_.end()) {
     if (!selector_.admits(*subsystem)) return nullptr;
     Output output;
-    output.path = folder_ + '/' + std::string(*subsystem) + ".log";
+    output.path = folder_ + '/' + fileName(*subsystem);
     paths_.push_back(output.path);
     found = outputs_.emplace(*subsystem, std::move(output)).first;
   }

@@ -13,7 +13,8 @@
 
 namespace velum {
 
-/// Distributes records over one file per subsystem, "<subsystem>.log" in a folder. Bytes that
+/// Distributes records over one file per subsystem, "<subsystem>.log" in a folder. A name that
+/// can't name a file is changed, and a warning says so. Bytes that
 /// follow a record's start belong to it up to the next record's start, whatever they are.
 ///
 /// Memory is bounded: bytes are gathered per file and written out together. Throws SystemError.

@@ -4,10 +4,12 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 
 #include <array>
 #include <cstdlib>
 #include <filesystem>
+#include <future>
 #include <random>
 #include <thread>
 
@@ -141,6 +143,7 @@ TEST_F(FileLogManagerTest, SplitsBySubsystemAndLosesNoByte) {
               UnorderedElementsAre(
                   std::pair(std::string(app), record(noon - 1s, app, "first") + strange +
                                                   record(noon, app, "last") + "no prefix\n"),
+                  std::pair(std::string("_._.._etc_evil-d788a50e"), slash),
                   std::pair(std::string(tool), huge)));
   const auto size = static_cast<std::int64_t>((record(noon, app, "last") + "no prefix\n").size());
   EXPECT_EQ(
@@ -152,7 +155,7 @@ TEST_F(FileLogManagerTest, SplitsBySubsystemAndLosesNoByte) {
   // A date makes one file per subsystem of the whole log too.
   EXPECT_EQ(
       save({.startDate = noon, .endDate = {}, .maxSize = {}}, LogSubsystemSelector::whole()).size(),
-      2U);
+      3U);
   EXPECT_THAT(leftovers(), IsEmpty());
 }
 
@@ -352,6 +355,90 @@ TEST_F(FileLogManagerTest, ResetsToOneRecordUnderItsWriters) {
       testing::MatchesRegex("\x1E.* \\[Velum\\] I: \\(FileLogManager\\) Log has been reset\n"));
   ASSERT_EQ(::write(writer.get(), "next", 4), 4);
   EXPECT_THAT(readFile(log_), testing::EndsWith("reset\nnext"));
+}
+
+TEST_F(FileLogManagerTest, NeverReplacesAFileOfTheLog) {
+  const std::string before = record(noon, "name", "x") + record(noon, "name.1", "y");
+  live(before);
+  fs::create_directory_symlink(".", folder_ / "here");
+  fs::create_hard_link(log_, out_ + "/name.log");
+  for (const std::string& place : {folder_.path(), folder_ / "here", out_}) {
+    for (const auto& selector :
+         {LogSubsystemSelector::whole(), LogSubsystemSelector::single("name"),
+          LogSubsystemSelector::single("name.1")}) {
+      if (place == out_ && selector.admits("name.1") && !selector.admits("name")) continue;
+      try {
+        FileLogManager(log_).saveLogs(selector, place,
+                                      {.startDate = {}, .endDate = {}, .maxSize = 9});
+        ADD_FAILURE() << place;
+      } catch (const SystemError& error) {
+        EXPECT_EQ(error.code(), EEXIST);
+        EXPECT_THAT(error.message(), testing::HasSubstr("is a file of the log itself"));
+      }
+      EXPECT_EQ(readFile(log_), before);
+    }
+  }
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder_.path()), fs::directory_iterator()), 3);
+  EXPECT_THAT(leftovers(), IsEmpty());
+}
+
+// The rotated file by a link, as where logs lie on another disk.
+TEST_F(FileLogManagerTest, LetsNobodyReadWhoMayNotReadTheLog) {
+  const std::string older = record(noon - 1h, app, "older");
+  live(record(noon, app, "new"));
+  writeFile(folder_ / "disk/old", older);
+  fs::create_symlink("disk/old", folder_ / "name.1.log");
+  using fs::perms;
+  constexpr perms secret = perms::owner_read | perms::owner_write;
+  for (const std::string file : {"name.log", "disk/old"}) {
+    fs::permissions(folder_ / file, secret);
+    for (const std::int64_t size : {1'000, 100}) {
+      EXPECT_THAT(save({.startDate = noon - 2h, .endDate = {}, .maxSize = size}).at(app),
+                  StartsWith(size == 1'000 ? older : record(noon, app, "new")));
+      EXPECT_EQ(fs::status(out_ + "/" + app + ".log").permissions(), secret) << file << size;
+      whole(size);
+      EXPECT_EQ(fs::status(out_ + "/name.log").permissions(), secret) << file << size;
+    }
+    fs::permissions(folder_ / file, secret | perms::group_read | perms::others_read);
+  }
+}
+
+TEST_F(FileLogManagerTest, WaitsForTheLockUntilItIsFreeOrTheWorkCancelled) {
+  live(record(noon, app, "x"));
+  for (const bool isWhole : {true, false}) {
+    UniqueFd other(::open(log_.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
+    const auto selector = isWhole ? LogSubsystemSelector::whole() : LogSubsystemSelector::all();
+    const auto start = [&](Progress& progress) {
+      return std::async(std::launch::async, [&, selector] {
+        return FileLogManager(log_).saveLogs(selector, out_, {}, &progress);
+      });
+    };
+    Progress cancelled(1);
+    Progress patient(1);
+    auto ended = start(cancelled);
+    auto waiting = start(patient);
+    EXPECT_EQ(waiting.wait_for(200ms), std::future_status::timeout);
+    EXPECT_EQ(ended.wait_for(0s), std::future_status::timeout);
+    cancelled.cancel();
+    try {
+      ended.get();
+      ADD_FAILURE() << "not cancelled";
+    } catch (const SystemError& error) {
+      EXPECT_EQ(error.code(), ECANCELED);
+    }
+    other.reset();
+    EXPECT_EQ(waiting.get().size(), 1U);
+  }
+  EXPECT_THAT(leftovers(), IsEmpty());
+}
+
+TEST_F(FileLogManagerTest, ResetsAllOfTheLogOrNothing) {
+  live(record(noon, app, "old"));
+  fs::create_directory(folder_ / "name.1.log");
+  EXPECT_THROW(FileLogManager(log_).resetLog(), SystemError);
+  EXPECT_EQ(readFile(log_), record(noon, app, "old"));
+  EXPECT_THROW(save({}), SystemError) << "an unreadable rotated file is not a missing one";
 }
 
 TEST_F(FileLogManagerTest, IsFrontedByTheSharedManagerOnceItHasALog) {

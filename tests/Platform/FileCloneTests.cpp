@@ -89,6 +89,12 @@ TEST_F(FileCloneTest, ReportsWhatCannotBeCloned) {
   EXPECT_EQ(cloneFile(source, target), EISDIR);
   EXPECT_EQ(files(), 3U) << "nothing is left of failures";
   EXPECT_EQ(setCreationTime(-1, {}), EBADF);
+  const UniqueFd file(::open(source.c_str(), O_WRONLY | O_CLOEXEC));
+  const UniqueFd reader(::open(source.c_str(), O_RDONLY | O_CLOEXEC));
+  const CopyOutcome unread = copyFileRange(file.get(), 0, file.get(), 1, 1);
+  EXPECT_TRUE(unread.error == EBADF && unread.isOfSource);
+  const CopyOutcome unwritten = copyFileRange(reader.get(), 0, reader.get(), 1, 1);
+  EXPECT_TRUE(unwritten.error == EBADF && !unwritten.isOfSource);
 }
 
 }  // namespace

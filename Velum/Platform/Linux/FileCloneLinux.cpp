@@ -91,28 +91,29 @@ struct Span {
   }
 };
 
-// By hand, for file systems between which the kernel does not copy.
-bool copyThroughBuffer(Span span) {
+// By hand, for file systems between which the kernel does not copy, and to see which side fails.
+CopyOutcome copyThroughBuffer(Span span) {
   std::vector<char> buffer(1U << 20U);
   while (span.left > 0) {
     const auto most = std::min(static_cast<std::uint64_t>(span.left), buffer.size());
     const ssize_t got =
         retryInterrupted([&] { return ::pread(span.from, buffer.data(), most, span.fromOffset); });
-    if (got <= 0) return got == 0;
+    if (got < 0) return {.error = errno, .isOfSource = true};
+    if (got == 0) break;
     for (ssize_t done = 0; done < got;) {
       const ssize_t written = retryInterrupted([&] {
         return ::pwrite(span.to, buffer.data() + done, static_cast<std::size_t>(got - done),
                         span.toOffset + done);
       });
-      if (written < 0) return false;
+      if (written < 0) return {.error = errno};
       done += written;
     }
     span.advance(got);
   }
-  return true;
+  return {};
 }
 
-bool copySpan(Span span) {
+CopyOutcome copySpan(Span span) {
   while (span.left > 0) {
     // The kernel advances the offsets of the call, not those of the files.
     off_t from = span.fromOffset;
@@ -121,28 +122,36 @@ bool copySpan(Span span) {
       return ::copy_file_range(span.from, &from, span.to, &to, static_cast<std::size_t>(span.left),
                                0);
     });
-    if (copied > 0) {
-      span.advance(copied);
-      continue;
-    }
-    const bool isUnsupported =
-        copied < 0 && (errno == EXDEV || errno == ENOSYS || errno == EOPNOTSUPP || errno == EINVAL);
-    // Nothing copied is the end of the file, or a file system that can't and does not say so.
-    return (copied == 0 || isUnsupported) && copyThroughBuffer(span);
+    // Nothing copied is the end of the file, or a file system that can't and does not say so; an
+    // error may mean the same.
+    if (copied <= 0) return copyThroughBuffer(span);
+    span.advance(copied);
   }
-  return true;
+  return {};
 }
 
-bool copyContent(int from, int to) {
-  if (::ioctl(to, FICLONE, from) == 0) return true;
+CopyOutcome copyContent(int from, int to) {
+  if (::ioctl(to, FICLONE, from) == 0) return {};
   constexpr std::int64_t everything = std::numeric_limits<std::int64_t>::max() / 2;
   return copySpan({from, 0, to, 0, everything});
 }
 
+// Only a privileged process may give files away, and a member of a group give them to it.
+bool copyOwner(int to, const struct stat& status, mode_t& mode) {
+  constexpr auto anybody = static_cast<uid_t>(-1);
+  if (::fchown(to, status.st_uid, status.st_gid) == 0) return true;
+  if (errno != EPERM) return false;
+  struct stat own {};
+  if (::fchown(to, anybody, status.st_gid) != 0 && errno != EPERM) return false;
+  if (::fstat(to, &own) != 0) return false;
+  mode &= 0777U;
+  if (own.st_gid != status.st_gid) mode &= 0707U | (mode & 07U) << 3U;
+  return true;
+}
+
 bool copyAttributes(int to, const struct stat& status) {
-  // Only a privileged process may give files away, and only it has files of others to clone.
-  if (::fchown(to, status.st_uid, status.st_gid) != 0 && errno != EPERM) return false;
-  if (::fchmod(to, status.st_mode & 07777U) != 0) return false;
+  mode_t mode = status.st_mode & 07777U;
+  if (!copyOwner(to, status, mode) || ::fchmod(to, mode) != 0) return false;
   const std::array<timespec, 2> times{status.st_atim, status.st_mtim};
   return ::futimens(to, times.data()) == 0;
 }
@@ -158,18 +167,17 @@ int cloneFile(const std::string& source, const std::string& target) noexcept try
   if (!S_ISREG(status.st_mode)) return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
   Replacement replacement(target);
   if (replacement.fd() < 0) return errno;
-  const bool isDone = copyContent(from.get(), replacement.fd()) &&
-                      copyAttributes(replacement.fd(), status) && replacement.publish();
-  return isDone ? 0 : errno;
+  if (const int error = copyContent(from.get(), replacement.fd()).error) return error;
+  return copyAttributes(replacement.fd(), status) && replacement.publish() ? 0 : errno;
 } catch (const std::bad_alloc&) {
   return ENOMEM;
 }
 
-int copyFileRange(int source, std::int64_t sourceOffset, int target, std::int64_t targetOffset,
-                  std::int64_t size) noexcept try {
-  return copySpan({source, sourceOffset, target, targetOffset, size}) ? 0 : errno;
+CopyOutcome copyFileRange(int source, std::int64_t sourceOffset, int target,
+                          std::int64_t targetOffset, std::int64_t size) noexcept try {
+  return copySpan({source, sourceOffset, target, targetOffset, size});
 } catch (const std::bad_alloc&) {
-  return ENOMEM;
+  return {.error = ENOMEM};
 }
 
 int setCreationTime(int descriptor, timespec /*time*/) noexcept {

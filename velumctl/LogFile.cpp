@@ -7,12 +7,15 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <iostream>
 
 #include "Velum/FileUtils.h"
+#include "Velum/Logger/LogLock.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/LogSearch.h"
-#include "Velum/Platform/Posix/FileLock.h"
 #include "Velum/SystemError.h"
 #include "velumctl/Errors.h"
 
@@ -23,6 +26,26 @@ using velum::LogDate;
 
 constexpr std::string_view caller = "velumctl";
 constexpr std::size_t headSize = 64;  // date, process and thread: no two generations share them
+
+// Keeps writers out, but does not wait for ever for one that is stopped: what is there is shown all
+// the same, and from then on nothing is waited for until the lock was free again.
+class WritersLock {
+ public:
+  WritersLock(int fd, const std::string& path)
+      : lock_(fd, {.limit = std::chrono::seconds(isStuck ? 0 : 10), .onWait = [&path] {
+                     std::cerr << "velumctl: waiting for another process to release " + path + '\n';
+                   }}) {
+    const bool isHeld = lock_.outcome() == velum::LogLock::Outcome::goOn;
+    if (!isHeld && !isStuck) {
+      std::cerr << "velumctl: going on without the lock; the last record may be incomplete\n";
+    }
+    isStuck = !isHeld;
+  }
+
+ private:
+  static inline std::atomic<bool> isStuck = false;
+  velum::LogLock lock_;
+};
 
 [[noreturn]] void rejectIrregular(const std::string& path) {
   throw Failure(path + " is not a regular file; name a log file");
@@ -68,7 +91,7 @@ std::optional<LogFile> LogFile::rotatedCopy() const {
 }
 
 std::int64_t LogFile::completeSize(bool& isIntact) {
-  const velum::FileLock writers(fd_.get());
+  const WritersLock writers(fd_.get(), path_);
   isIntact = this->isIntact();
   return size();
 }
@@ -121,7 +144,7 @@ namespace {
 // Both as they are between two records. Rotation and saving take the same lock.
 LogFiles openAtOnce(const std::string& path) {
   LogFiles files{std::nullopt, LogFile::open(path)};
-  const velum::FileLock writers(files.live ? files.live->descriptor() : -1);
+  const WritersLock writers(files.live ? files.live->descriptor() : -1, path);
   files.rotated = LogFile::open(velum::rotatedFilePath(path, 1));
   for (auto* const file : {&files.rotated, &files.live}) {
     if (*file && (*file)->isIntact()) (*file)->setRange(0, (*file)->size());

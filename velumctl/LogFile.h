@@ -34,7 +34,8 @@ class LogFile {
   std::optional<LogFile> rotatedCopy() const;
 
   /// The size in bytes while nobody writes: all records before it are whole. In `isIntact` stands
-  /// what that function says at the same moment.
+  /// what that function says at the same moment. Where a process holds the log's lock for long,
+  /// standard error says so, and the size is what it is without it.
   std::int64_t completeSize(bool& isIntact);
   std::int64_t size() const;
 
@@ -65,8 +66,8 @@ struct LogFiles {
 };
 
 /// Opens the log whose live file is at `path` and restricts both files to the records from `since`
-/// to `until`, whole seconds, both inclusive. Throws like LogFile::open, and SystemError ENOENT
-/// when there is neither file unless `mayBeMissing`.
+/// to `until`, whole seconds, both inclusive. Waits for the log's lock like `completeSize`. Throws
+/// like LogFile::open, and SystemError ENOENT when there is neither file unless `mayBeMissing`.
 LogFiles openLog(const std::string& path, std::optional<velum::LogDate> since,
                  std::optional<velum::LogDate> until, bool mayBeMissing);
 

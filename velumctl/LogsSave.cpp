@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <iostream>
@@ -14,10 +15,12 @@
 #include <vector>
 
 #include "Velum/Logger/FileLogManager.h"
+#include "Velum/Progress.h"
 #include "Velum/String.h"
 #include "Velum/SystemError.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
+#include "velumctl/Interruption.h"
 #include "velumctl/LogFile.h"
 #include "velumctl/Moments.h"
 #include "velumctl/Terminal.h"
@@ -54,14 +57,25 @@ velum::LogSubsystemSelector selector(const SaveOptions& options) {
   return options.subsystems.empty() ? Selector::all() : Selector::some(options.subsystems);
 }
 
+std::vector<std::string> savedFiles(const SaveOptions& options,
+                                    const velum::LogSavingOpts& opts) try {
+  velum::Progress progress(1);
+  const Interruption interruption(progress);
+  return velum::FileLogManager(options.file)
+      .saveLogs(selector(options), options.folder, opts, &progress);
+} catch (const velum::SystemError& error) {
+  if (error.code() != ECANCELED) throw;
+  throw Failure("cancelled; nothing was saved");
+}
+
 void save(const SaveOptions& options) {
+  showWarnings();
   const velum::LogSavingOpts opts = savingOptions(options);
   sizeOfLog(options.file);
   std::error_code error;
   std::filesystem::create_directories(options.folder, error);
   if (error) throw velum::SystemError(error.value(), options.folder);
-  const auto files =
-      velum::FileLogManager(options.file).saveLogs(selector(options), options.folder, opts);
+  const auto files = savedFiles(options, opts);
   if (options.json) {
     nlohmann::json object;
     object["files"] = nlohmann::json::array();
@@ -88,6 +102,7 @@ void reset(const std::string& file, bool yes) {
                     static_cast<double>(size) / (1024 * 1024));
     if (!isConfirmed(question)) throw Failure("nothing was changed; answer y to empty the log");
   }
+  showWarnings();
   velum::FileLogManager(file).resetLog();
 }
 
@@ -121,7 +136,8 @@ void addLogsSave(CLI::App& logs) {
       ->excludes(subsystem);
   save.add_flag("--json", options->json, "Print the saved paths as {\"files\": [...]}");
   save.footer(
-      "Prints the paths of the saved files. Files of the same names are replaced.\n\n"
+      "Prints the paths of the saved files. Files of the same names are replaced, but none of the\n"
+      "log itself. Ctrl-C leaves nothing behind.\n\n"
       "Examples:\n"
       "  velumctl logs save vpn.log ~/for-support --since 2d\n"
       "  velumctl logs save vpn.log ~/for-support --whole --max-size 30M");

@@ -90,6 +90,7 @@ void archive(const ArchiveOptions& options) {
   const auto purpose = options.purpose == "report" ? velum::SupportLogsPurpose::report
                                                    : velum::SupportLogsPurpose::diagnosis;
   sizeOfLog(options.log);
+  showWarnings();
   velum::LogManager::shared().setLogPath(options.log);
   const std::exception_ptr failure = makeArchive(options, std::move(items), purpose, since);
   if (failure) report(failure);

@@ -8,10 +8,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 #include <sstream>
 #include <utility>
 
 #include "Velum/FileUtils.h"
+#include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
 #include "Velum/SystemError.h"
@@ -65,6 +67,26 @@ bool isConfirmed(const std::string& question) {
   std::string answer;
   if (!std::getline(std::cin, answer)) std::cerr << '\n';
   return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+namespace {
+
+class WarningPrinter final : public velum::LogHandlerProtocol {
+ public:
+  void logWithLevel(velum::LogLevel level, velum::LogDate /*date*/,
+                    std::string_view text) override {
+    if (level != velum::LogLevel::warning) return;  // errors are thrown, and told by main
+    constexpr std::string_view endOfTag = ") ";
+    const std::size_t end = text.find(endOfTag);
+    if (end != std::string_view::npos) text.remove_prefix(end + endOfTag.size());
+    std::cerr << fmt::format("velumctl: {}\n", text) << std::flush;
+  }
+};
+
+}  // namespace
+
+void showWarnings() {
+  velum::Logger::shared().setHandlers({std::make_shared<WarningPrinter>()});
 }
 
 void Output::write(std::string_view bytes) {

@@ -28,6 +28,10 @@ bool wantsColour();
 /// terminals.
 bool isConfirmed(const std::string& question);
 
+/// Prints the library's warnings on standard error from now on: what it waits for, what it left
+/// out.
+void showWarnings();
+
 /// Buffered output to a descriptor. Throws SystemError, with EPIPE when the reader has gone.
 class Output {
  public:

@@ -1,6 +1,10 @@
 // What support staff and developers do with the application's logs, secrets, settings and tools:
 // velumctl GROUP COMMAND.
 
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -84,6 +88,21 @@ void addCommands(CLI::App& app) {
   velumctl::addWatch(app);
 }
 
+// What was printed may be lost, on a full disk for instance: that is no success. A reader that has
+// seen enough is.
+int finishOutput(int status) {
+  errno = 0;
+  std::cout.flush();
+  const int error = errno;
+  pollfd output{STDOUT_FILENO, POLLOUT, 0};
+  if (std::cout || status != EXIT_SUCCESS) return status;
+  if (error == EPIPE || (::poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0)) {
+    return status;
+  }
+  const std::string reason = error == 0 ? "" : ": " + velum::systemErrorText(error);
+  return fail("the output could not be written completely" + reason, advice(error), EXIT_FAILURE);
+}
+
 // The command that the arguments name, as the user would type it, for pointing to its help.
 std::string commandName(const CLI::App& app) {
   const auto chosen = app.get_subcommands();
@@ -119,7 +138,7 @@ int main(int argc, char* argv[]) {
   // A reader that left, a pager for instance, is noticed by the failed write.
   std::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): can't fail
   try {
-    const int status = run(argc, argv);
+    const int status = finishOutput(run(argc, argv));
     if (status != EXIT_SUCCESS && velumctl::Interruption::isAsked()) {
       velumctl::endBySignal(velumctl::Interruption::signal());
     }

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -181,7 +182,14 @@ TEST_F(Velumctl, RejectsWrongUsageInOneLine) {
       {{"storage", "dump", folder_ / "missing", "--key-item", "a", "--service", "s"}, 1},
       {{"logs", "show", folder_ / "missing.log"}, 1},
       {{"support", "archive", folder_ / "a.zip", "--log", folder_ / "missing.log"}, 1},
-      {{"support", "archive", folder_ / "a.zip", "--log", log_, "--include", "../x=" + log_}, 1},
+      {{"support", "archive", folder_ / "a.zip", "--log", log_, "--since", "2020-01-01",
+        "--include", "../x=" + log_},
+       1},
+      {{"support", "archive", folder_ / "a.zip", "--log", log_, "--since", "2020-01-01",
+        "--include", "a.net.log=" + log_},
+       1},
+      {{"support", "archive", log_, "--log", log_}, 1},
+      {{"logs", "save", log_, folder_.path(), "--whole", "--max-size", "1"}, 1},
       {{"run", "--", folder_ / "missing"}, 1},
       {{"logs", "show", folder_.path()}, 1},
       {{"logs", "show", "/dev/null"}, 1},
@@ -220,6 +228,43 @@ TEST_F(Velumctl, SavesAndResets) {
   EXPECT_EQ(run({"logs", "reset", log_, "--yes"}).status, 0);
   EXPECT_THAT(readFile(log_), AllOf(HasSubstr("reset"), Not(HasSubstr("three"))));
   EXPECT_FALSE(std::filesystem::exists(folder_ / "app.1.log"));
+}
+
+TEST_F(Velumctl, FailsWhenItsOutputIsLost) {
+  writeSampleLog();
+  for (const Strings& arguments : {Strings{"--help"}, Strings{"logs", "show", log_},
+                                   Strings{"logs", "save", log_, folder_ / "out", "--whole"}}) {
+    Strings line{"/bin/sh", "-c", "exec \"$@\" 2>&1 >/dev/full", "sh"};
+    std::ranges::copy(commandLine(arguments), std::back_inserter(line));
+    auto program = RunningProgram::piped(line);
+    EXPECT_THAT(program.readToEnd(), HasSubstr("No space left on device; free some space"));
+    EXPECT_EQ(WEXITSTATUS(program.wait()), 1) << arguments.at(0);
+  }
+}
+
+TEST_F(Velumctl, SaysWhatItWaitsForAndCanBeInterrupted) {
+  writeSampleLog();
+  UniqueFd other(::open(log_.c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
+  const std::string out = folder_ / "out";
+  const auto started = [](const Strings& arguments) {
+    return RunningProgram::onTerminal(commandLine(arguments), {"PAGER=cat"});
+  };
+  auto show = started({"logs", "show", log_});
+  auto save = started({"logs", "save", log_, out, "--whole"});
+  auto archive = started({"support", "archive", folder_ / "a.zip", "--log", log_});
+  for (RunningProgram* const program : {&show, &save, &archive}) {
+    program->readUntil("aiting for another process to release " + log_);
+  }
+  for (RunningProgram* const program : {&save, &archive}) {
+    program->type("\x03");
+    EXPECT_THAT(program->readToEnd(), HasSubstr("cancelled"));
+    EXPECT_EQ(WEXITSTATUS(program->wait()), 1);
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(out));
+  other.reset();
+  EXPECT_THAT(show.readToEnd(), HasSubstr("five"));
+  EXPECT_EQ(show.wait(), 0);
 }
 
 TEST_F(Velumctl, AsksOnTheTerminalBeforeItResets) {

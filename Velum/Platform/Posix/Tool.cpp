@@ -41,18 +41,17 @@ class Watch {
   explicit Watch(const KeepRunning& keepRunning) : keepRunning_(keepRunning) {}
 
   milliseconds timeout() const noexcept { return keepRunning_ ? interval : noLimit; }
-  bool isStopping() const noexcept { return killTime_.has_value(); }
+  bool isStopping() const noexcept { return isStopping_; }
 
   /// The signal that the tool is due; 0 for none.
   int dueSignal(pid_t pid) {
     if (!keepRunning_) return 0;
     const auto now = Clock::now();
-    if (killTime_) return now < *killTime_ ? 0 : SIGKILL;
-    if (now < nextLook_) return 0;
-    nextLook_ = now + interval;
-    if (keepRunning_(pid)) return 0;
-    killTime_ = now + patience;
-    return SIGTERM;
+    if (now < next_) return 0;
+    if (isStopping_) return SIGKILL;
+    isStopping_ = !keepRunning_(pid);
+    next_ = now + (isStopping_ ? patience : interval);
+    return isStopping_ ? SIGTERM : 0;
   }
 
  private:
@@ -60,8 +59,8 @@ class Watch {
   static constexpr milliseconds patience{2000};
 
   const KeepRunning& keepRunning_;
-  Clock::time_point nextLook_ = Clock::now();
-  std::optional<Clock::time_point> killTime_;
+  Clock::time_point next_ = Clock::now();  // look, or kill
+  bool isStopping_ = false;
 };
 
 /// What is still in the pipe when the tool has ended, and what others add to it in a moment.

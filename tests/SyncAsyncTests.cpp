@@ -135,6 +135,7 @@ TEST(ThreadLocal, GivesValuesWhileTheThreadEnds) {
     ~Asking() { asked += names.value().size() == 100 ? id : '?'; }
     char id;
   };
+  asked.clear();
   using Holder = ThreadLocal<std::unique_ptr<Asking>>;
   std::thread([] {
     static thread_local Asking older('o');

@@ -74,7 +74,7 @@ TEST(DispatchQueue, RunsWorkOfAQueueNobodyHoldsAndNeverInsideTheCall) {
   {
     const std::lock_guard guard(held);
     DispatchQueue::serial("gone")->async([&] {
-      const std::lock_guard inner(held);  // would deadlock inside the call
+      { const std::lock_guard inner(held); }  // would deadlock inside the call
       done.raise();
     });
   }
@@ -86,17 +86,17 @@ TEST(DispatchQueue, DelaysWorkAtLeastAsLongAsAskedInTheOrderOfTheDelays) {
   const auto start = Clock::now();
   std::vector<int> order;
   Signal done;
+  queue->asyncAfter(std::chrono::nanoseconds::max(), [&] { order.push_back(3); });
+  queue->asyncAfter(-1s, [&] { order.push_back(0); });
+  queue->asyncAfter(20ms, [&] {
+    EXPECT_GE(Clock::now() - start, 20ms);
+    order.push_back(1);
+  });
   queue->asyncAfter(40ms, [&] {
     EXPECT_GE(Clock::now() - start, 40ms);
     order.push_back(2);
     done.raise();
   });
-  queue->asyncAfter(20ms, [&] {
-    EXPECT_GE(Clock::now() - start, 20ms);
-    order.push_back(1);
-  });
-  queue->asyncAfter(std::chrono::nanoseconds::max(), [&] { order.push_back(3); });
-  queue->asyncAfter(-1s, [&] { order.push_back(0); });
   ASSERT_TRUE(done.wait());
   EXPECT_EQ(order, (std::vector{0, 1, 2}));
 }

@@ -135,10 +135,7 @@ class TimerState final : public SourceState {
   }
 
  private:
-  void stopWaiting() noexcept override {
-    asio::error_code ignored;
-    timer_.cancel(ignored);
-  }
+  void stopWaiting() noexcept override { timer_.cancel(); }
 
   asio::steady_timer timer_;
   std::chrono::nanoseconds delay_;  // before the next call

@@ -236,13 +236,14 @@ struct CallGate::Shared {
 class CallGate::Supervisor {
  public:
   Supervisor(UniqueFd listener, pid_t process, const Shared& shared, const Injection& injection,
-             const CallPredicate& isSpared, GatedRun& run)
+             const CallPredicate& isSpared, const std::string& program, GatedRun& run)
       : listener_(std::move(listener)),
         process_(process),
         shared_(shared),
         injection_(injection),
         isSpared_(isSpared),
-        program_(programOf(process)),
+        program_(program.empty() ? programOf(process) : program),
+        isProcessMeant_(program.empty()),
         run_(run) {}
 
   void serve() {
@@ -270,7 +271,7 @@ class CallGate::Supervisor {
     if (::ioctl(listener_.get(), SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) return;  // was interrupted
     const int error = shared_.isArmed ? decide(call) : 0;
     if (error == Injection::kill) {
-      ::kill(process_, SIGKILL);
+      if (isProcessMeant_) ::kill(process_, SIGKILL);
       ::kill(static_cast<pid_t>(call.pid), SIGKILL);
       return;
     }
@@ -319,7 +320,9 @@ class CallGate::Supervisor {
   }
 
   /// Whether a thread belongs to the process or to a child that runs the same program.
-  bool isOurs(pid_t thread) const { return thread == process_ || programOf(thread) == program_; }
+  bool isOurs(pid_t thread) const {
+    return (isProcessMeant_ && thread == process_) || programOf(thread) == program_;
+  }
 
   const UniqueFd listener_;
   const pid_t process_;
@@ -327,6 +330,7 @@ class CallGate::Supervisor {
   const Injection& injection_;
   const CallPredicate& isSpared_;
   const std::string program_;
+  const bool isProcessMeant_;
   GatedRun& run_;
 };
 
@@ -359,14 +363,15 @@ void CallGate::arm(bool isArmed) noexcept {
 }
 
 GatedRun CallGate::run(const std::function<void()>& child, const Injection& injection,
-                       const CallPredicate& isSpared) {
+                       const CallPredicate& isSpared, const std::string& program) {
   GatedRun run;
   arm(false);
   ChildProcess process(child);
   ::close(std::exchange(transport_[1], -1));
   UniqueFd listener = receiveDescriptor(transport_[0]);
   if (listener) {
-    Supervisor(std::move(listener), process.pid(), *shared_, injection, isSpared, run).serve();
+    Supervisor(std::move(listener), process.pid(), *shared_, injection, isSpared, program, run)
+        .serve();
   }
   run.status = run.isHung ? process.kill() : process.wait();
   return run;

@@ -63,9 +63,10 @@ class CallGate {
   void arm(bool isArmed) noexcept;
 
   /// Forks `child`, which calls `enter`, and serves its calls until it ends or the time is up.
-  /// Calls that are spared pass uncounted.
+  /// Calls that are spared pass uncounted, as do those of other programs than `program`, by default
+  /// the child's own.
   GatedRun run(const std::function<void()>& child, const Injection& injection,
-               const CallPredicate& isSpared);
+               const CallPredicate& isSpared, const std::string& program);
 
   /// Whether this system has such a gate.
   static bool isSupported();

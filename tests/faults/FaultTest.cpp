@@ -79,6 +79,7 @@ class Harness {
       ADD_FAILURE() << "without any fault: " << first.problems;
       return;
     }
+    expectOrder(first.run.calls);
     knownFiles_ = first.filesAfterRun;
     knownFiles_.insert(first.filesBefore.begin(), first.filesBefore.end());
     knownFiles_.insert(first.filesAtTheEnd.begin(), first.filesAtTheEnd.end());
@@ -110,6 +111,31 @@ class Harness {
     std::string problems;
   };
 
+  void expectOrder(const std::vector<GatedCall>& calls) {
+    const auto find = [](auto from, auto to, const char* name, const std::string& subject) {
+      return std::find_if(from, to, [&](const GatedCall& call) {
+        return call.name == name && call.subject.ends_with(subject);
+      });
+    };
+    for (auto call = calls.begin(); operation_.isDurable && call != calls.end(); ++call) {
+      if (call->name != "rename") continue;
+      const std::string folder = call->subject.substr(0, call->subject.rfind('/'));
+      const auto before = std::reverse_iterator(call);
+      const auto written = find(before, calls.rend(), "write", call->subject);
+      if (find(before, written, "fsync", call->subject) == written ||
+          find(call, calls.end(), "fsync", folder) == calls.end()) {
+        reports_.push_back(call->text() + ": is not on the disk");
+      }
+    }
+    const auto locked = find(calls.begin(), calls.end(), "flock", operation_.lock);
+    const auto looked = find(calls.begin(), calls.end(), "rename", "");
+    const std::string changed = looked == calls.end() ? "" : looked->subject;
+    const std::string target = changed.substr(0, changed.rfind(".new"));
+    if (!operation_.lock.empty() && locked >= find(calls.begin(), calls.end(), "open", target)) {
+      reports_.push_back("reads before it has the lock");
+    }
+  }
+
   /// All of a short operation; of a long one the first two and the last of equal calls.
   std::vector<std::size_t> chosenCalls(const std::vector<GatedCall>& calls) const {
     std::map<std::string, std::vector<std::size_t>> groups;
@@ -126,7 +152,10 @@ class Harness {
       }
     }
     std::ranges::sort(chosen);
-    return chosen;
+    const std::size_t step = chosen.size() / operation_.mostCalls + 1;
+    std::vector<std::size_t> even;
+    for (std::size_t i = 0; i < chosen.size(); i += step) even.push_back(chosen[i]);
+    return even;
   }
 
   Played play(const Injection& injection) const {
@@ -135,9 +164,9 @@ class Harness {
     CallGate gate;
     Played played{};
     played.run = gate.run(guarded([&] { playInChild(folder.path(), gate, notes); }), injection,
-                          operation_.isSpared);
+                          operation_.isSpared, operation_.program);
     played.isSuccess = notes->isSuccess;
-    if (played.run.error == Injection::kill) {
+    if (played.run.error == Injection::kill && operation_.program.empty()) {
       ChildProcess child(guarded([&] {
         operation_.enter(folder.path());
         operation_.verify(Outcome::killed);

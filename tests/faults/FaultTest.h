@@ -35,9 +35,16 @@ struct FaultyOperation {
   std::function<bool(const std::string& name)> mayRemain = [](const std::string&) { return false; };
   /// The calls that are left alone, as another operation's.
   CallPredicate isSpared = [](const GatedCall&) { return false; };
-  /// With more calls than this each fails with one of its errors instead of all, and of equal ones
-  /// only the first and the last.
+  /// Whether a file must be on the disk, by fsync(2), before it gets its name, and the name after.
+  bool isDurable = false;
+  /// How the name ends of the file that must be locked before anything is read for a change.
+  std::string lock = {};
+  /// With more calls than this, no more of them fail, evenly chosen, of equal ones the first two
+  /// and the last, and each with one of its errors.
   std::size_t mostCalls = 60;
+  /// The path of the program whose calls are meant and which is killed; empty: the test's own, in
+  /// the process that calls `run` and its children.
+  std::string program = {};
 };
 
 /// Plays all of it. After each time: no crash and no hang, no descriptor and no file left, the

@@ -93,6 +93,8 @@ TEST(Faults, UserDefaults) {
             return isOfNoMatter(call) || call.isOneOf({"mkdir"}) ||
                    call.subject.ends_with("/com.example");
           },
+      .isDurable = true,
+      .lock = "/defaults.plist.lock",
   };
   failEveryCall(operation);
 
@@ -126,9 +128,12 @@ TEST(Faults, Vault) {
           [](const GatedCall& call) {
             return isOfNoMatter(call) || call.isOneOf({"mkdir"}) || call.subject.ends_with("/bus");
           },
+      .isDurable = true,
+      .lock = "/lock",
   };
   failEveryCall(operation);
 
+  operation.lock.clear();     // the choice is looked up without it first
   operation.prepare = [] {};  // the first secret of all, with the choice of place and the key
   operation.run = [&] { return store->add(token, secretBytes(newContent)) == errSecSuccess; };
   operation.again = [&] { return operation.run() || value() == newContent; };
@@ -220,6 +225,7 @@ TEST(Faults, GuardedSettings) {
             return isOfNoMatter(call) || call.isOneOf({"mkdir", "stat"}) ||
                    call.subject.ends_with("/com.example");
           },
+      .isDurable = true,
   });
 }
 

@@ -1,0 +1,61 @@
+// Every system call of the helper fails once, and once the helper is killed there.
+
+#include "tests/faults/FaultTest.h"
+#include "tests/support/RelaunchTest.h"
+
+namespace velum::test {
+namespace {
+
+/// One relaunch after the other, in the test's own process.
+class Relaunch final : public RelaunchTest {
+ public:
+  void TestBody() override {}
+
+  /// Whether the application ran again at the end and the helper says so.
+  bool run() {
+    const pid_t application = startApplication();
+    Pipe ready;
+    SpawnOptions options;
+    options.executable.assign(VELUM_RELAUNCHER);
+    options.arguments = {options.executable, bundle, std::to_string(application)};
+    options.environment = environment({"VELUM_READY_FD=3"});
+    options.extraDescriptor = ready.writer.get();
+    options.newSession = true;
+    const pid_t helper = spawn(options);
+    ready.writer.reset();
+    EXPECT_TRUE(isReadable(ready.reader.get())) << "it neither watches nor ends";
+    ::kill(application, SIGKILL);
+    const auto status = exitStatus(helper);
+    EXPECT_TRUE(status) << "it hangs";
+    const bool isStarted = status == 0 && next().name == "started";
+    EXPECT_TRUE(isStarted || status != 0) << "it ends with 0 for nothing";
+    for (const pid_t left : Family::children()) {
+      ::kill(left, SIGKILL);
+      ::waitpid(left, nullptr, 0);
+    }
+    while (!isQuiet()) continue;
+    return isStarted;
+  }
+};
+
+TEST(Faults, Relaunch) {
+  std::unique_ptr<Relaunch> relaunch;
+  failEveryCall({
+      .enter =
+          [&](const std::string& folder) {
+            ::setenv("TMPDIR", folder.c_str(), 1);
+            relaunch = std::make_unique<Relaunch>();
+          },
+      .run = [&] { return relaunch->run(); },
+      .verify = [](Outcome) {},
+      // What it can do without, it does without; its files stay in their folder.
+      .mayHide = [](const GatedCall&) { return true; },
+      .isTidying = [](const GatedCall&) { return true; },
+      .mayRemain = [](const std::string&) { return true; },
+      .mostCalls = 24,
+      .program = VELUM_RELAUNCHER,
+  });
+}
+
+}  // namespace
+}  // namespace velum::test

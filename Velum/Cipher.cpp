@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Velum/Fatal.h"
+#include "Velum/KeepOpenSsl.h"
 #include "Velum/Platform/AtFork.h"
 
 namespace velum::detail {

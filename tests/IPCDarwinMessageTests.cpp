@@ -16,6 +16,7 @@
 #include "tests/support/Processes.h"
 #include "tests/support/RecordingLogHandler.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/UsingProcess.h"
 #include "tests/support/Waiting.h"
 
 namespace velum {
@@ -196,6 +197,16 @@ TEST_F(IPCDarwinMessageTest, WorksInAForkedChild) {
         [] { EXPECT_TRUE(IPCDarwinMessage::sendRequest("status", "id", test::deadline)); });
     IPCDarwinMessage::sendResponse("nobody", "id");
     waiting.join();
+  });
+}
+
+TEST_F(IPCDarwinMessageTest, AProcessMayExitWhileItPosts) {
+  test::exitBesideUsers([] {
+    install();
+    return [message = std::string(300, 'm')] {  // stands in the file system as a hash
+      IPCDarwinMessage::sendResponse(message, "id");
+      return true;
+    };
   });
 }
 

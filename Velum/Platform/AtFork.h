@@ -53,7 +53,7 @@ class ForkParticipant {
   ForkParticipant* next_ = nullptr;
 };
 
-/// How often this process has begun to fork.
+/// How often this process has begun to fork or come back from it.
 unsigned forksBegun() noexcept;
 
 /// How often this process's ancestors forked it from themselves: differs between parent and child,

@@ -227,7 +227,7 @@ TEST_F(UserCertificates, SayWhyADatabaseCantBeUsed) {
   ::chmod(database().c_str(), 0700);
 }
 
-TEST_F(UserCertificates, CanBeChangedByManyThreadsAndAcrossAFork) {
+TEST_F(UserCertificates, CanBeChangedByManyThreads) {
   constexpr int count = 4;
   std::vector<SecCertificate> made;
   for (int i = 0; i < count; ++i) {
@@ -248,11 +248,8 @@ TEST_F(UserCertificates, CanBeChangedByManyThreadsAndAcrossAFork) {
       }
     });
   }
-  test::inChild([this] { EXPECT_LE(labels().size(), 4U); });  // in the middle of all that
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(labels(), (Labels{"n0", "n1", "n2", "n3"}));
-  test::inChild([this] { EXPECT_TRUE(store_.remove("n1", keychain()).isSuccess()); });
-  EXPECT_EQ(labels(), (Labels{"n0", "n2", "n3"}));
 }
 
 TEST_F(UserCertificates, LeaveAnotherDatabaseOfThisProcessAlone) {

@@ -289,17 +289,6 @@ TEST(SecretStore, RefusesTheServiceInAForkedChildInsteadOfHanging) {
   EXPECT_EQ(valueOf(store, token), "value");
 }
 
-TEST(SecretStore, ServesTheVaultInAForkedChild) {
-  const test::SecretEnvironment environment;
-  SecretStoreLinux store(patient);
-  ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess);
-  test::inChild([&] {
-    EXPECT_EQ(valueOf(store, token), "value");
-    EXPECT_EQ(store.update(token, secretBytes("child")), errSecSuccess);
-  });
-  EXPECT_EQ(valueOf(store, token), "child");
-}
-
 TEST(SecretChoice, IsTheVaultWhereNobodyOffersTheService) {
   const SecretServiceEnvironment environment(SecretServiceEnvironment::Start::later);
   SecretStoreLinux store(patient);

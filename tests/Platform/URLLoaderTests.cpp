@@ -23,6 +23,7 @@
 #include "tests/support/Environment.h"
 #include "tests/support/Exchanges.h"
 #include "tests/support/HttpServer.h"
+#include "tests/support/UsingProcess.h"
 
 namespace velum::test {
 namespace {
@@ -323,6 +324,19 @@ TEST_F(Loader, HandsNoSocketToProgramsThatAreStarted) {
   EXPECT_GE(connections, 1);
   exchange.cancel();
   exchange.end();
+}
+
+// OpenSSL would be torn down under the exchanges; here nothing but the loader has begun it.
+TEST(LoaderOfAProcess, MayBeInTheMiddleOfExchangesAtItsEnd) {
+  const HttpServer server(HttpServer::Tls::yes);
+  const ScopedVariable authority("SSL_CERT_FILE", server.certificate());
+  exitBesideUsers([&] {
+    return [url = server.tlsUrl("/echo")] {
+      URLRequest request{.url = url};
+      request.headers.add("Connection", "close");  // what is new is the hardest
+      return exchanged(std::move(request)).status() == 200;
+    };
+  });
 }
 
 TEST_F(Loader, StartsAnewInAForkedChild) {

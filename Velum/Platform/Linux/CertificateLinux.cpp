@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 
+#include "Velum/KeepOpenSsl.h"
 #include "Velum/Platform/CertificateStore.h"
 #include "Velum/String.h"
 

@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "Velum/Fatal.h"
+#include "Velum/KeepOpenSsl.h"
 #include "Velum/Platform/Directories.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
 #include "Velum/Platform/Thread.h"
@@ -137,7 +138,7 @@ std::string NotifyFolder::fileName(std::string_view name) {
   std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
   unsigned size = 0;
   if (EVP_Digest(name.data(), name.size(), digest.data(), &size, EVP_sha256(), nullptr) != 1) {
-    fatal("NotifyFolder: the system has no SHA-256");
+    throw SystemError(ENOSYS, "notify center, SHA-256 (which is gone while a process ends)");
   }
   file += hashMark;
   for (unsigned i = 0; i < size; ++i) file += fmt::format("{:02x}", digest.at(i));

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "Velum/Fatal.h"
+#include "Velum/KeepOpenSsl.h"
 #include "Velum/Platform/Thread.h"
 #include "Velum/SystemError.h"
 
@@ -184,6 +185,7 @@ int URLEngine::millisecondsToWait() const {
 }
 
 URLLoaderLinux::URLLoaderLinux() : ForkParticipant(Stage::service) {
+  detail::keepOpenSsl();
   if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) fatal("URLLoader: curl_global_init");
   registerForFork();
 }
@@ -232,7 +234,10 @@ void URLLoaderLinux::stop() noexcept {
 }
 
 URLLoader& URLLoader::shared() {
-  static URLLoader& instance = *new URLLoaderLinux;  // NOLINT(*-owning-memory): never destroyed
+  static URLLoaderLinux& instance =
+      *new URLLoaderLinux;  // NOLINT(*-owning-memory): never destroyed
+  // Called where OpenSSL is torn down all the same.
+  [[maybe_unused]] static const int isStopped = OPENSSL_atexit([] { instance.stop(); });
   return instance;
 }
 

@@ -87,7 +87,7 @@ class URLLoaderLinux final : public URLLoader, public ForkParticipant {
   void cancel(std::shared_ptr<URLExchange> exchange);
 
   std::atomic<URLEngine*> engine_{nullptr};  // made by the first exchange, never destroyed
-  URLEngine* abandoned_ = nullptr;  // a forking parent's, kept reachable for leak checkers
+  URLEngine* abandoned_ = nullptr;           // a forking parent's, kept reachable for leak checkers
 };
 
 }  // namespace velum

@@ -90,6 +90,7 @@ class ForkRegistry {
     }
   }
   void parent() noexcept {
+    forks.fetch_add(1, std::memory_order_relaxed);
     forEachBackwards([](ForkParticipant& participant) { participant.afterForkInParent(); });
     mutex_.unlock();
   }

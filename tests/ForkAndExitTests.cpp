@@ -1,0 +1,261 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Velum/AES.h"
+#include "Velum/DirectoryMonitor.h"
+#include "Velum/IPCDarwinMessage.h"
+#include "Velum/Logger/Handlers/FileLogHandler.h"
+#include "Velum/Logger/LogRecord.h"
+#include "Velum/Logger/Logger.h"
+#include "Velum/MultipartBody.h"
+#include "Velum/Platform/Linux/CertificateStoreLinux.h"
+#include "Velum/Platform/Linux/NotifyFolderLinux.h"
+#include "Velum/Platform/Linux/SecretStoreLinux.h"
+#include "Velum/SealedBox.h"
+#include "Velum/SecureDefaults.h"
+#include "Velum/SecureStorage.h"
+#include "Velum/SystemInfo.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Exchanges.h"
+#include "tests/support/HttpServer.h"
+#include "tests/support/SecretEnvironment.h"
+#include "tests/support/UsingProcess.h"
+
+namespace velum::test {
+namespace {
+
+const SecretBytes& key() {
+  static const SecretBytes bytes(SealedBox::keySize, 7);
+  return bytes;
+}
+
+class FixedKey final : public KeyChainDataProtocol {
+ public:
+  SecretResult read() override { return {.status = errSecSuccess, .data = key()}; }
+  bool store(const std::optional<SecretBytes>& /*value*/) override { return true; }
+};
+
+/// What the services need: folders of the test's own, and a server.
+class Surroundings {
+ public:
+  std::string operator/(const std::string& name) const { return secrets_.folder() + '/' + name; }
+  const HttpServer& server() {
+    if (!server_) {
+      server_ = std::make_unique<HttpServer>(HttpServer::Tls::yes);
+      ::setenv("SSL_CERT_FILE", server_->certificate().c_str(), 1);
+    }
+    return *server_;
+  }
+
+ private:
+  SecretEnvironment secrets_;
+  ScopedVariable configuration_{"XDG_CONFIG_HOME", secrets_.folder() + "/config"};
+  ScopedVariable authority_{"SSL_CERT_FILE", std::nullopt};
+  std::unique_ptr<HttpServer> server_;
+};
+
+struct Service {
+  const char* name;
+  std::function<Use(Surroundings&)> make;
+};
+
+std::string ownName() {
+  static std::atomic<int> count{0};
+  return "n" + std::to_string(::getpid()) + '.' + std::to_string(count++ % 4);
+}
+
+bool isOk(const std::shared_ptr<SecureDefaults>& defaults) {
+  const std::string name = ownName();
+  return defaults->setString("value", name) && defaults->string(name) == "value";
+}
+
+/// A body whose owner's code logs.
+class LoggingBody final : public BodySource {
+ public:
+  std::int64_t size() const noexcept override { return 100'000; }
+  std::unique_ptr<BodyStream> open() const override { return std::make_unique<Stream>(); }
+
+ private:
+  class Stream final : public BodyStream {
+   public:
+    ~Stream() override { logInfo({"body"}, "is over"); }
+    std::size_t read(char* buffer, std::size_t size) override {
+      logInfo({"body"}, "is read");
+      std::fill_n(buffer, std::min<std::size_t>(size, 30'000), 'b');
+      return std::min<std::size_t>(size, 30'000);
+    }
+  };
+};
+
+Use exchange(std::string url, bool hasBody = false) {
+  return [url = std::move(url), hasBody] {
+    URLRequest request{.url = url};
+    request.headers.add("Connection", "close");  // what is new is the hardest
+    if (hasBody) {
+      request.method = "POST";
+      request.bodyStream = std::make_shared<LoggingBody>();
+    }
+    return exchanged(std::move(request)).status() == 200;
+  };
+}
+
+// NOLINTNEXTLINE(cert-err58-cpp): a test's table
+const std::vector<Service> services{
+    {"Logger", [](Surroundings&) -> Use { return [] { return logInfo({"f"}, "text"), true; }; }},
+    {"UserDefaults",
+     [](Surroundings&) -> Use {
+       return [domain = std::shared_ptr(UserDefaults::domain("com.example"))] {
+         return domain->setObject(ownName(), PropertyList(std::string("value")));
+       };
+     }},
+    {"GuardedSettings",
+     [](Surroundings& place) -> Use {
+       auto copy = std::make_shared<SecureStorage>(std::make_shared<FixedKey>(), place / "copy", 0);
+       auto defaults = std::make_shared<SecureDefaults>("com.example.guarded", std::move(copy));
+       return [defaults] { return isOk(defaults); };
+     }},
+    {"KeyChain",
+     [](Surroundings&) -> Use {
+       auto store = std::make_shared<SecretStoreLinux>(deadline);
+       return [store] {
+         const SecretQuery query{.service = "test", .account = ownName(), .accessGroup = {}};
+         store->add(query, key());
+         return store->copyMatching(query).data == key() && store->update(query, key()) == 0;
+       };
+     }},
+    {"Certificates",
+     [](Surroundings& place) -> Use {
+       const std::string database = place / ".pki/nssdb";
+       if (std::filesystem::create_directories(database)) {
+         EXPECT_EQ(exitStatus(startShell("exec certutil -N --empty-password -d 'sql:" + database +
+                                         "' </dev/null")),
+                   0);
+       }
+       auto store = std::make_shared<CertificateStoreLinux>();
+       return [store] {
+         const auto keychains = store->searchList(SecPreferencesDomain::user).keychains;
+         return !keychains.empty() && store->list(keychains.front()).status.isSuccess();
+       };
+     }},
+    {"Messages",
+     [](Surroundings&) -> Use {
+       IPCDarwinMessageConfig::install({.prefix = "com.example"});
+       const std::string name(300, 'n');  // stands in the file system as a hash
+       return [name] {
+         IPCDarwinMessage::addListener("message", [] {});
+         return IPCDarwinMessage::sendResponse(name, "id"),
+                NotifyFolder::fileName(name).size() == 67;
+       };
+     }},
+    {"Http", [](Surroundings& place) { return exchange(place.server().url("/echo")); }},
+    {"HttpBody", [](Surroundings& place) { return exchange(place.server().url("/echo"), true); }},
+    {"Https", [](Surroundings& place) { return exchange(place.server().tlsUrl("/echo")); }},
+    {"Dispatch",
+     [](Surroundings&) -> Use {
+       return [] {
+         auto done = std::make_shared<std::promise<void>>();
+         DispatchQueue::serial("test")->async([done] { done->set_value(); });
+         return done->get_future().wait_for(deadline) == std::future_status::ready;
+       };
+     }},
+    {"DirectoryMonitor",
+     [](Surroundings& place) -> Use {
+       return [path = place / ""] { return DirectoryMonitor::create(path)->startMonitoring(); };
+     }},
+    {"SystemInfo",
+     [](Surroundings&) -> Use { return [] { return !SystemInfo::getOSVersion().empty(); }; }},
+};
+
+class ForkAndExit : public testing::TestWithParam<Service> {
+ protected:
+  Use make() {
+    Logger::shared().setHandlers({FileLogHandler::create("test", place_ / "test.log", true)});
+    return GetParam().make(place_);
+  }
+  void SetUp() override {
+    if (std::string_view(GetParam().name).starts_with("Http")) place_.server();
+  }
+
+ private:
+  Surroundings place_;
+};
+
+/// Descriptors that a child must not share: what its parent reads, or whose lock it holds. (Pairs
+/// of sockets by which a library of the parent's wakes its own threads harm nobody.)
+std::multiset<std::string> shared() {
+  std::multiset<std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    const std::string target = std::filesystem::read_symlink(entry.path(), error);
+    const std::string number = entry.path().filename();
+    sockaddr_storage own{};
+    socklen_t size = sizeof own;
+    auto* const generic = reinterpret_cast<sockaddr*>(&own);  // NOLINT: as sockets want it
+    const bool isSocket =
+        ::getsockname(std::stoi(number), generic, &size) == 0 && own.ss_family != AF_UNIX;
+    // The mark that a new file of a sealed storage is being written goes with the file.
+    const bool isLocked =
+        target.find("copy") == std::string::npos &&
+        readFile("/proc/self/fdinfo/" + number).find("\nlock:") != std::string::npos;
+    if (isSocket || isLocked || target.starts_with("anon_inode:inotify")) found.insert(target);
+  }
+  return found;
+}
+
+TEST_P(ForkAndExit, AChildForkedInTheMiddleUsesTheServiceAnewWithoutTheParentsDescriptors) {
+  const auto before = shared();
+  besideUsers([this] { return make(); },
+              [&before](const Use& use) {
+                for (int round = 0; round < 12; ++round) {
+                  pauseAtRandom();
+                  inChild([&] {
+                    EXPECT_EQ(shared(), before);
+                    EXPECT_TRUE(use());
+                  });
+                }
+                ::_exit(HasFailure() ? 1 : 0);
+              });
+}
+
+TEST_P(ForkAndExit, AProcessMayExitInTheMiddle) {
+  exitBesideUsers([this] { return make(); });
+}
+
+TEST(Fork, GivesParentAndChildDifferentRandomBytesAndIds) {
+  AES aes(ByteView(key()).first(16));
+  SealedBox box{ByteView(key())};
+  const auto unique = [&] {
+    std::vector<std::uint8_t> blob(AES::encryptedSize(1));
+    aes.encrypt(byteView("x"), blob);
+    std::string record;
+    appendRecordPrefix(record, {}, "test");
+    return std::vector<std::string>{std::string(blob.begin(), blob.end()), box.seal(byteView("x")),
+                                    makeMultipartBoundary(), record};
+  };
+  unique();  // so that there is something to inherit
+  const TemporaryFolder folder;
+  inChild([&] {
+    int number = 0;
+    for (const auto& text : unique()) writeFile(folder / std::to_string(number++), text);
+  });
+  int number = 0;
+  for (const auto& text : unique()) EXPECT_NE(readFile(folder / std::to_string(number++)), text);
+  EXPECT_EQ(number, 4);
+}
+
+INSTANTIATE_TEST_SUITE_P(Services, ForkAndExit, testing::ValuesIn(services),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+}  // namespace
+}  // namespace velum::test

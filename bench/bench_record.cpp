@@ -7,6 +7,7 @@
 #include <spdlog/logger.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <sys/file.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/log/attributes/clock.hpp>
@@ -38,6 +39,7 @@ namespace {
 
 constexpr int rounds = 21;
 constexpr int recordsPerRun = 20'000;
+constexpr int contendingProcesses = 8;
 constexpr std::size_t messageSize = 100;
 const std::string subsystem = "com.quillon.mac.vpn";
 
@@ -260,9 +262,34 @@ void compare(const bench::TemporaryFolder& folder, int threads) {
                 lockedBoost[1], {1}, recordsPerRun);
 }
 
+// Eight processes of four threads each at one file.
+template <class Contender>
+double contended(const std::string& path) {
+  return bench::timed([&] {
+    std::vector<pid_t> children;
+    for (int i = 0; i < contendingProcesses; ++i) {
+      children.push_back(::fork());
+      if (children.back() != 0) continue;
+      Contender(path).run(4);
+      ::_exit(0);
+    }
+    for (const pid_t child : children) ::waitpid(child, nullptr, 0);
+  });
+}
+
+void compareContended(const bench::TemporaryFolder& folder) {
+  const auto times =
+      bench::interleaved(11, {[&] { return contended<HandlerWriter>(folder.file("handler.log")); },
+                              [&] { return contended<BareWriter>(folder.file("bare.log")); }});
+  bench::report("file record, 8 processes of 4 threads: handler", times[0],
+                "mutex, flock, write, flock", times[1], {1.25},
+                contendingProcesses * recordsPerRun);
+}
+
 }  // namespace
 
 int main() {
   const bench::TemporaryFolder folder;
   for (const int threads : {1, 4}) compare(folder, threads);
+  compareContended(folder);
 }

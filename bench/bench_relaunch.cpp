@@ -1,6 +1,9 @@
 // How long the user is without the application: from its end to the first instruction of the new
 // instance, with the helper, with the plainest program that could do it, and with what shell
 // scripts do.
+//
+//   bench_relaunch [--session]    in a session of tests/support/user_session.sh, beside a service
+//                                 manager of the user's
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -14,8 +17,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -31,6 +36,7 @@ using std::chrono::milliseconds;
 
 constexpr int rounds = 40;
 constexpr int shellRounds = 15;
+constexpr int crowd = 1000;
 
 // "$1" is the executable, "$2" the process id.
 constexpr auto tailScript = R"(tail --pid="$2" -f /dev/null; exec "$1")";
@@ -107,29 +113,71 @@ std::unique_ptr<bench::Process> ready(const std::string& program, const std::str
   return bench::startReady({program, what, process});
 }
 
+// Other processes of the user, which do nothing. Each of them is a fork of this one: it is their
+// number that counts.
+class Crowd {
+ public:
+  explicit Crowd(int count) {
+    for (int i = 0; i < count; ++i) {
+      const pid_t process = ::fork();
+      if (process == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        for (;;) ::pause();
+      }
+      if (process < 0) throw velum::lastSystemError("fork");
+      processes_.push_back(process);
+    }
+  }
+  Crowd(const Crowd&) = delete;
+  Crowd& operator=(const Crowd&) = delete;
+  ~Crowd() {
+    for (const pid_t process : processes_) endInstance(process);
+  }
+
+ private:
+  std::vector<pid_t> processes_;
+};
+
 std::unique_ptr<bench::Process> shell(const char* script, const std::string& process) {
   return std::make_unique<bench::Process>(
       std::vector<std::string>{"sh", "-c", script, "sh", BENCH_APPLICATION, process});
 }
 
+void reportCrowded(const std::string& what, const bench::Run& helper, const bench::Run& bare,
+                   const bench::Times& alone) {
+  const Crowd others(crowd);
+  const auto times = bench::interleaved(rounds, {helper, bare});
+  bench::report(what, times[0], "bare pidfd, poll, posix_spawn", times[1], {2.5});
+  const double each =
+      (bench::quantile(times[0], 0.5) - bench::quantile(alone, 0.5)) / (crowd * 1000.0);
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), "%.2f us", each);
+  bench::report("the same, for each of them", text.data(), "-", "<= 2.5 us", each <= 2.5);
+}
+
 }  // namespace
 
-int main() {
+int main(int count, char** arguments) {
+  const bool isInSession = count > 1 && std::string_view(arguments[1]) == "--session";
   const bench::TemporaryFolder folder;
+  const char* const runtime = std::getenv("XDG_RUNTIME_DIR");
+  const std::string session = runtime != nullptr ? runtime : "";
   bench::isolateEnvironment(folder.path());
+  if (isInSession) ::setenv("XDG_RUNTIME_DIR", session.c_str(), 1);
   Events events(folder.file("events"));
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
 
   // Long enough for everybody to fall asleep, and not in step with any of the polls.
+  constexpr milliseconds pause(100);
   std::minstd_rand random(1);
   std::uniform_int_distribution<int> spread(500, 1500);
   const auto helper = [&] {
-    return gapAfterEnd(events, milliseconds(20), [](const std::string& process) {
+    return gapAfterEnd(events, pause, [](const std::string& process) {
       return ready(BENCH_HELPER, BENCH_BUNDLE, process);
     });
   };
   const auto bare = [&] {
-    return gapAfterEnd(events, milliseconds(20), [](const std::string& process) {
+    return gapAfterEnd(events, pause, [](const std::string& process) {
       return ready(BENCH_BARE, BENCH_APPLICATION, process);
     });
   };
@@ -139,8 +187,15 @@ int main() {
   };
 
   const auto close = bench::interleaved(rounds, {helper, bare});
+  if (isInSession) {
+    bench::report("the same beside a service manager", close[0], "bare pidfd, poll, posix_spawn",
+                  close[1]);
+    reportCrowded("the same, 1,000 other processes", helper, bare, close[0]);
+    return EXIT_SUCCESS;
+  }
   bench::report("application gone to new one running", close[0], "bare pidfd, poll, posix_spawn",
-                close[1], {1.5});
+                close[1], {1.15});
+  reportCrowded("the same, 1,000 other processes", helper, bare, close[0]);
   const auto far = bench::interleaved(shellRounds, {helper, [&] { return scripted(tailScript); },
                                                     [&] { return scripted(loopScript); }});
   bench::report("the same", far[0], "tail --pid; open", far[1], {1.0 / 20});

@@ -8,6 +8,7 @@
 
 #include "Velum/Platform/Linux/ProcessLinux.h"
 #include "Velum/Platform/Linux/ProcessTableLinux.h"
+#include "Velum/Platform/Linux/UserManagerLinux.h"
 #include "tests/support/RelaunchTest.h"
 
 namespace velum::test {
@@ -78,10 +79,19 @@ TEST_F(DISABLED_InSession, KnowsAServiceByTheProcessThatTheManagerStarted) {
                R"(sleep 1000 & echo $$ > "$3/lines"; echo $! > "$3/lines"; wait)");
   const pid_t first = std::stoi(lines.next().value_or(std::to_string(noProcess)));
   const pid_t child = std::stoi(lines.next().value_or(std::to_string(noProcess)));
+  const pid_t leader = startShell("exec sleep 1000");
+  const TransientScope scope{applicationScopeName("org.example.Scope", leader), "", leader};
+  ASSERT_EQ(startScope(scope, deadline), std::nullopt);
   ProcessSources sources;
-  ProcessTable table({}, sources);
-  EXPECT_EQ(table.bundleIdentifier(first), "org.example.Demo");
-  EXPECT_EQ(table.bundleIdentifier(child), std::nullopt);
+  EXPECT_FALSE(sources.desktop.candidates()) << "each process is asked";
+  for (int round = 0; round < 2; ++round) {
+    ProcessTable table({}, sources);
+    EXPECT_EQ(table.bundleIdentifier(first), "org.example.Demo") << round;
+    EXPECT_EQ(table.bundleIdentifier(child), std::nullopt) << round;
+    EXPECT_EQ(table.bundleIdentifier(leader), "org.example.Scope") << round;
+    sources.desktop.learn(table.ids());
+    EXPECT_TRUE(sources.desktop.candidates()) << "the slices are listed";
+  }
 }
 
 class Session : public RelaunchTest, public ::testing::WithParamInterface<const char*> {};

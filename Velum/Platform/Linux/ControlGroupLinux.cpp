@@ -130,17 +130,30 @@ bool appendCandidates(const std::string& slice, std::vector<pid_t>& candidates) 
   return true;
 }
 
-/// The folder of the group in which the manager `process` keeps the user's, or nothing where none
-/// of the places that are usual holds that very process.
-std::optional<std::string> folderOfManager(pid_t process, std::string_view group) {
+constexpr std::string_view managerScope = "/init.scope";
+
+/// The folder of the control group `group`, when the manager that it is said to belong to is found
+/// there; else nothing.
+std::optional<std::string> folderOfManager(const std::string& group) {
   for (const char* mount : {"/sys/fs/cgroup", "/sys/fs/cgroup/systemd", "/sys/fs/cgroup/unified"}) {
-    const std::string path = fmt::format("{}{}", mount, group);
+    const std::string folder = mount + group;
     std::vector<pid_t> members;
-    if (!appendMembers(path, members)) continue;
-    if (std::find(members.begin(), members.end(), process) == members.end()) continue;
-    return path.substr(0, path.rfind('/'));
+    if (!appendMembers(folder + std::string(managerScope), members)) continue;
+    const bool isThere = std::any_of(members.begin(), members.end(), [&](pid_t member) {
+      return controlGroupOf(member) == group + std::string(managerScope);
+    });
+    if (isThere) return folder;
   }
   return std::nullopt;
+}
+
+/// The group of the user's manager, when the group of one of its processes is `group`.
+std::optional<std::string> groupOfManager(const std::optional<std::string>& group,
+                                          const std::string& service) {
+  if (!group) return std::nullopt;
+  const std::size_t at = group->find(service + '/');
+  if (at == std::string::npos) return std::nullopt;
+  return group->substr(0, at + service.size());
 }
 
 }  // namespace
@@ -159,12 +172,17 @@ std::optional<std::string> applicationOfService(std::string_view group) {
 
 void DesktopGroups::learn(const std::vector<pid_t>& processes) {
   folder_.clear();
-  if (!hasServiceManager()) return;
-  const std::string manager = fmt::format("/user@{}.service/init.scope", ::geteuid());
+  if (!hasServiceManager() || !hasUserManager()) return;
+  const uid_t user = ::geteuid();
+  const std::string service = fmt::format("/user@{}.service", user);
+  const auto isFound = [this](const std::optional<std::string>& group) {
+    if (group) folder_ = folderOfManager(*group).value_or("");
+    return !folder_.empty();
+  };
+  if (isFound(groupOfManager(controlGroupOf(::getpid()), service))) return;
+  if (isFound(fmt::format("/user.slice/user-{}.slice{}", user, service))) return;
   for (const pid_t process : processes) {
-    const std::optional<std::string> group = controlGroupOf(process);
-    if (!group || !group->ends_with(manager)) continue;
-    if (const auto folder = folderOfManager(process, *group)) folder_ = *folder;
+    if (isFound(groupOfManager(controlGroupOf(process), service))) return;
   }
 }
 

@@ -28,8 +28,8 @@ std::string applicationScopeName(std::string_view identifier, pid_t leader);
 /// The processes that a desktop may have given a control group of their own. One thread.
 class DesktopGroups {
  public:
-  /// Looks for the groups of the user's service manager among those of these processes. Costs
-  /// about 7 us a process, and saves that each time the candidates are asked for.
+  /// Looks for the groups of the user's service manager where they usually are, and else among
+  /// those of these processes, which costs about 7 us a process.
   void learn(const std::vector<pid_t>& processes);
 
   /// The processes whose control group may make them applications, in no order: those that scopes

@@ -127,14 +127,14 @@ void WorkspaceLinux::prepareToOpen(const std::string& path) {
 /// several times as long as later. So that happens while there is nothing to do yet, and not when
 /// the application has ended and every moment counts.
 void WorkspaceLinux::rehearse() {
-  if (std::ranges::all_of(watches_, [](const Watch& watch) { return watch.hasEnded; })) return;
+  if (std::ranges::all_of(watches_, hasEnded)) return;
   if (const int error = sources_.processes.open(); error != 0) {
     logWarning(site("prepareToOpen(_:)"),
                "Can't list the processes, so none is found to be running already: /proc: {}",
                systemErrorText(error));
   }
   sources_.desktop.learn(sources_.processes.ids());
-  processes_.reset();
+  if (std::ranges::all_of(watches_, hasEnded)) return;  // the work has begun
   ProcessTable& table = processes();
   for (const pid_t id : table.ids()) static_cast<void>(table.bundleIdentifier(id));
   if (pathToOpen_.empty()) return;

@@ -61,7 +61,7 @@ LogDate later(LogDate date, std::chrono::seconds by) noexcept;
 /// while nothing else in the file is out of order and what was written around is not of the range.
 class LogSearch {
  public:
-  static constexpr std::int64_t wholeSize = 4 * 1'048'576;
+  static constexpr std::int64_t wholeSize = 4'194'304;
   static constexpr std::int64_t probeSpacing = 32'768;
   static constexpr std::chrono::seconds jitter{60};
 

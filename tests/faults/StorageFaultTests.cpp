@@ -73,6 +73,7 @@ TEST(Faults, AtomicFile) {
           [](const GatedCall& call) {
             return call.isOneOf({"flock", "stat"});
           },
+      .isDurable = true,
   });
 }
 
@@ -188,6 +189,7 @@ TEST(Faults, SealedStorage) {
           [](const GatedCall& call) {
             return call.isOneOf({"flock", "stat"});
           },
+      .isDurable = true,
   });
 }
 

@@ -39,4 +39,4 @@ build() {
 clang_tools_release=14
 
 # of_release <tool>: whether it is of that version.
-of_release() { "$1" --version | grep -q "version $clang_tools_release\."; }
+of_release() { [[ $("$1" --version) == *"version $clang_tools_release."* ]]; }

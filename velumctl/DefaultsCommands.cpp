@@ -46,17 +46,19 @@ struct ReadOptions {
   bool json = false;
 };
 
-void read(const ReadOptions& options) {
-  PropertyList value(storedIn(options.domain));
-  if (options.key) {
-    auto& entries = std::get<PropertyList::Dictionary>(value.value);
-    const auto entry = entries.find(*options.key);
-    if (entry == entries.end()) {
-      throw Failure(fmt::format("{} has no \"{}\"; leave the key out to see all", options.domain,
-                                *options.key));
-    }
-    value = PropertyList(std::move(entry->second));
+PropertyList chosen(const ReadOptions& options) {
+  PropertyList::Dictionary entries = storedIn(options.domain);
+  if (!options.key) return PropertyList(std::move(entries));
+  const auto entry = entries.find(*options.key);
+  if (entry == entries.end()) {
+    throw Failure(fmt::format("{} has no \"{}\"; leave the key out to see all", options.domain,
+                              *options.key));
   }
+  return std::move(entry->second);
+}
+
+void read(const ReadOptions& options) {
+  const PropertyList value = chosen(options);
   writeSecret((options.json ? jsonText(value) : plainText(value)) + "\n");
 }
 

@@ -104,8 +104,8 @@ std::optional<Bundle> ProcessTable::bundleOf(pid_t pid) const {
   const auto program = programs_.find(pid);
   if (program == programs_.end()) return std::nullopt;
   std::optional<Bundle> bundle = Bundle::ofExecutable(program->second);
-  if (!bundle || hasRightsOfOther(pid, user_) || isChildOfApplication(pid, program->second))
-    return {};
+  const bool isTheirs = bundle && hasRightsOfOther(pid, user_);
+  if (!bundle || isTheirs || isChildOfApplication(pid, program->second)) return std::nullopt;
   return bundle;
 }
 

@@ -335,8 +335,9 @@ void FileLogHandler::copyLateRecordsLk(const std::string& copy) const {
     const UniqueFd from = checked::open(filepath_, O_RDONLY | O_NONBLOCK, 0, caller);
     const UniqueFd to = checked::open(copy, O_WRONLY | O_NONBLOCK, 0, caller);
     const std::int64_t late = status.st_size - copied;
-    if (const int error = copyFileRange(from.get(), copied, to.get(), copied, late)) {
-      throw SystemError(error, descriptorText("rotateFileLk(), copy ("));
+    const CopyOutcome outcome = copyFileRange(from.get(), copied, to.get(), copied, late);
+    if (outcome.error != 0) {
+      throw SystemError(outcome.error, descriptorText("rotateFileLk(), copy ("));
     }
     copied = status.st_size;
   }

@@ -178,7 +178,7 @@ std::chrono::sys_seconds dateOf(std::string_view start) {
 class LogSearch::Probes {
  public:
   Probes(const Bounds& bounds, const Bounds& wideBounds, std::int64_t size)
-      : bounds_(bounds), wideBounds_(wideBounds), size_(size) {}
+      : bounds_(bounds), wideBounds_(wideBounds), end_(size) {}
 
   /// False when the record is earlier than one before it.
   bool add(std::int64_t position, std::string_view start) {
@@ -187,22 +187,21 @@ class LogSearch::Probes {
     const Outcome outcome = compared(start, wideBounds_);
     areAllEarlier_ = areAllEarlier_ && outcome == Outcome::foundEarlierDate;
     if (areAllEarlier_) begin_ = position;
-    if (outcome == Outcome::foundLaterDate && !end_) end_ = position;
+    if (outcome == Outcome::foundLaterDate) end_ = std::min(end_, position);
     if (compared(start, bounds_) == Outcome::found) inside_ = position;
     const std::chrono::sys_seconds date = dateOf(start);
     latest_ = std::max(latest_, date);
     return date + jitter >= latest_;
   }
 
-  Suspects suspects() const { return {{begin_, end_.value_or(size_)}, inside_}; }
+  Suspects suspects() const { return {{begin_, end_}, inside_}; }
 
  private:
   const Bounds& bounds_;
   const Bounds& wideBounds_;
-  std::int64_t size_;
   bool areAllEarlier_ = true;
-  std::int64_t begin_ = 0;           // the last of those
-  std::optional<std::int64_t> end_;  // the first later one
+  std::int64_t begin_ = 0;  // the last of those
+  std::int64_t end_;        // the first later one
   std::int64_t inside_ = 0;
   std::chrono::sys_seconds latest_ = std::chrono::sys_seconds::min();
 };

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "Velum/Platform/Posix/UniqueFd.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum {

@@ -34,7 +34,8 @@ class OneLog final : public LogManagerProtocol {
  public:
   std::vector<std::string> saveLogs(const LogSubsystemSelector& /*selector*/,
                                     const std::string& folder,
-                                    const LogSavingOpts& /*opts*/) override {
+                                    const LogSavingOpts& /*opts*/,
+                                    const Progress* /*progress*/) override {
     writeFile(folder + "/any.log", "records");
     return {folder + "/any.log"};
   }

@@ -99,7 +99,9 @@ std::optional<int> parseReadyDescriptor(std::string_view text) {
   const auto [end, error] = std::from_chars(text.data(), textEnd, descriptor);
   if (error != std::errc{} || end != textEnd || descriptor <= STDERR_FILENO) return std::nullopt;
   struct stat status {};
-  if (::fstat(descriptor, &status) != 0) return std::nullopt;
+  // One that is there and can't be looked at is taken: somebody may wait for it.
+  if (::fstat(descriptor, &status) != 0)
+    return errno == EBADF ? std::nullopt : std::optional(descriptor);
   if (!S_ISFIFO(status.st_mode) && !S_ISSOCK(status.st_mode)) return std::nullopt;
   return descriptor;
 }

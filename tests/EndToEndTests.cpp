@@ -1,6 +1,7 @@
 // The real helper beside a real application that quits in every way we know of.
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/sched.h>
@@ -308,7 +309,7 @@ TEST_F(EndToEnd, NeedsFewSystemCalls) {
     EXPECT_EQ(started.name, "started");
     EXPECT_EQ(exitStatus(helper), 0);
     EXPECT_GT(calls.looks, 0);
-    EXPECT_LE(calls.others.size(), 35U) << ::testing::PrintToString(calls.others);
+    EXPECT_LE(calls.others.size(), 35U) << fmt::format("{}", fmt::join(calls.others, "; "));
     ::kill(started.pid, SIGKILL);
     EXPECT_TRUE(exitStatus(started.pid));
   }

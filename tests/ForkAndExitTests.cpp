@@ -36,7 +36,8 @@ namespace velum::test {
 namespace {
 
 const SecretBytes& key() {
-  static const SecretBytes bytes(SealedBox::keySize, 7);
+  static const SecretBytes& bytes =
+      *new SecretBytes(SealedBox::keySize, 7);  // NOLINT: threads use it while the process exits
   return bytes;
 }
 

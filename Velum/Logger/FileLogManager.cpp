@@ -31,6 +31,7 @@ constexpr std::string_view duplicateName = "duplicateLogFiles(to:)";
 constexpr std::string_view doSaveLogsName = "doSaveLogs(_:selecting:in:opts:)";
 constexpr std::string_view copyfileName = "copyfile(_:to:append:maxSize:seekSeparator:)";
 constexpr std::string_view resetLogName = "resetLog()";
+constexpr std::string_view holdsName = "holds(_:)";
 
 constexpr std::int64_t noLimit = std::numeric_limits<std::int64_t>::max();
 
@@ -125,21 +126,30 @@ bool isSameFile(const struct stat& a, const struct stat& b) noexcept {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+/// What stands at a path; nothing when nothing does.
+std::optional<struct stat> statusAt(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) == 0) return status;
+  if (errno != ENOENT && errno != ENOTDIR) {
+    throw lastSystemError(fmt::format("{}: stat ({})", holdsName, path));
+  }
+  return std::nullopt;
+}
+
+bool leadToTheSame(const std::string& a, const std::string& b) {
+  const auto first = statusAt(a);
+  const auto second = statusAt(b);
+  return first && second && isSameFile(*first, *second);
+}
+
 /// Whether two paths name the same entry of a folder, or lead to the same file.
 bool isSamePlace(const std::string& a, const std::string& b) {
-  struct stat first {};
-  struct stat second {};
-  if (::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 &&
-      isSameFile(first, second)) {
-    return true;
-  }
   const auto folderOf = [](const std::string& path) {
     const fs::path folder = fs::path(path).parent_path();
     return folder.empty() ? std::string(".") : folder.string();
   };
-  return fs::path(a).filename() == fs::path(b).filename() &&
-         ::stat(folderOf(a).c_str(), &first) == 0 && ::stat(folderOf(b).c_str(), &second) == 0 &&
-         isSameFile(first, second);
+  return leadToTheSame(a, b) || (fs::path(a).filename() == fs::path(b).filename() &&
+                                 leadToTheSame(folderOf(a), folderOf(b)));
 }
 
 /// Where the last `wanted` bytes of a file begin, moved on to a record's start when that is not

@@ -45,7 +45,8 @@ class FileLogManager {
   /// record says so. Processes that have the log open go on writing into it.
   void resetLog();
 
-  /// True for a path at which a file of the log stands, or would stand, by whatever name.
+  /// True for a path at which a file of the log stands, or would stand, by whatever name. Throws
+  /// SystemError where that can't be told.
   bool holds(const std::string& path) const;
 
  private:

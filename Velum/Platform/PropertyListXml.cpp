@@ -6,6 +6,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <random>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -154,12 +155,20 @@ std::optional<PropertyList> leafValue(Element element, std::string&& content) {
   return std::nullopt;
 }
 
+/// Against documents made to collide in the parser's tables. The parser alone would ask the system
+/// for one with every document, also while an application waits to be opened.
+unsigned long hashSalt() {
+  static const unsigned long salt = std::random_device()() | 1U;  // 0 stands for none
+  return salt;
+}
+
 /// Builds the value while the parser reads, so that what is checked and what is understood are the
 /// same. Depth, number and size are bounded before anything is kept.
 class Reader {
  public:
   Reader() : parser_(::XML_ParserCreate("UTF-8"), &::XML_ParserFree) {
     if (!parser_) throw std::bad_alloc();
+    ::XML_SetHashSalt(parser_.get(), hashSalt());
     ::XML_SetUserData(parser_.get(), this);
     ::XML_SetElementHandler(
         parser_.get(),

@@ -52,7 +52,13 @@ TEST(Faults, Relaunch) {
       .mayHide = [](const GatedCall&) { return true; },
       .isTidying = [](const GatedCall&) { return true; },
       .mayRemain = [](const std::string&) { return true; },
-      .mostCalls = 24,
+      // A leak checker looks at the threads when the helper ends.
+      .isSpared =
+          [](const GatedCall& call) {
+            return call.subject.find("/task/") != std::string::npos &&
+                   call.subject.ends_with("/status");
+          },
+      .mostCalls = 16,
       .program = VELUM_RELAUNCHER,
   });
 }

@@ -33,8 +33,7 @@ void warmUp() {
 class OneLog final : public LogManagerProtocol {
  public:
   std::vector<std::string> saveLogs(const LogSubsystemSelector& /*selector*/,
-                                    const std::string& folder,
-                                    const LogSavingOpts& /*opts*/,
+                                    const std::string& folder, const LogSavingOpts& /*opts*/,
                                     const Progress* /*progress*/) override {
     writeFile(folder + "/any.log", "records");
     return {folder + "/any.log"};
@@ -80,11 +79,14 @@ TEST(Faults, SupportArchive) {
           },
       .mayHide =
           [](const GatedCall& call) {
-            return call.isOneOf({"clone_file", "copy_file_range", "stat", "dup", "sendfile"});
+            // Without its locale, the tool does not mark names that are not plain ASCII.
+            return call.isOneOf({"clone_file", "copy_file_range", "stat", "dup", "sendfile"}) ||
+                   call.subject.find("/tmp/locale") != std::string::npos;
           },
       .isTidying =
           [](const GatedCall& call) {
-            static const std::regex folder(".*/archive\\.zip\\.[^/]*(/archive)?/?");
+            static const std::regex folder(
+                ".*/(archive\\.zip\\.[^/]*(/archive)?|locale\\.[^/]*)/?");
             return call.isOneOf({"getdents", "unlink"}) ||
                    (call.isOneOf({"open", "stat"}) && std::regex_match(call.subject, folder));
           },

@@ -134,17 +134,14 @@ std::string withoutDeletedMark(std::string path) {
 
 std::optional<Bundle> Bundle::at(const std::string& path) {
   struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
-  if (S_ISREG(status.st_mode)) {
-    if (path.ends_with(desktopSuffix)) return desktopBundle(path);
-    Bundle bundle;
-    bundle.path = path;
-    bundle.executable = absolute(path);
-    return bundle;
-  }
   const std::string contents = path + "/Contents";
-  if (::stat(contents.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
-  return folderBundle(path);
+  if (::stat(contents.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return folderBundle(path);
+  if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  if (path.ends_with(desktopSuffix)) return desktopBundle(path);
+  Bundle bundle;
+  bundle.path = path;
+  bundle.executable = absolute(path);
+  return bundle;
 }
 
 bool isInProgramFolder(std::string_view executable) noexcept {

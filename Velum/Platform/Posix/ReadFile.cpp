@@ -29,8 +29,10 @@ std::optional<std::string> readRegularFile(int file, std::size_t maximumSize) {
     return std::nullopt;
   }
 
-  // One byte more than the size tells the end from a file that grew meanwhile.
-  std::string content(static_cast<std::size_t>(status.st_size) + 1, '\0');
+  // One byte more than the size tells the end from a file that grew meanwhile, without a read that
+  // finds nothing. Files of the kernel's own claim to be empty.
+  const auto size = static_cast<std::size_t>(status.st_size);
+  std::string content(size + 1, '\0');
   std::size_t length = 0;
   for (;;) {
     const ssize_t count = retryInterrupted(
@@ -38,6 +40,7 @@ std::optional<std::string> readRegularFile(int file, std::size_t maximumSize) {
     if (count < 0) return std::nullopt;
     if (count == 0) break;
     length += static_cast<std::size_t>(count);
+    if (size > 0 && length == size) break;
     if (length > maximumSize) {
       errno = EFBIG;
       return std::nullopt;

@@ -21,6 +21,7 @@
 #include "Velum/SealedBox.h"
 #include "Velum/SecureStorage.h"
 #include "Velum/StorageError.h"
+#include "tests/support/MemoryKey.h"
 #include "tests/support/SecretEnvironment.h"
 
 namespace {
@@ -155,22 +156,8 @@ TEST_F(SecretMemory, IsWipedByTheKeychain) {
   EXPECT_EQ(KeyChain::remove("key", "service", {}, store), 0);
 }
 
-/// A key in memory that can be out of reach.
-class Key final : public KeyChainDataProtocol {
- public:
-  SecretResult read() override { return {.status = status, .data = value}; }
-  bool store(const std::optional<SecretBytes>& newValue) override {
-    value = *newValue;
-    status = errSecSuccess;
-    return true;
-  }
-
-  SecretStatus status = errSecItemNotFound;
-  SecretBytes value;
-};
-
 TEST_F(SecretMemory, IsWipedByStorages) {
-  const auto key = std::make_shared<Key>();
+  const auto key = std::make_shared<test::MemoryKey>();
   const std::string path = environment.folder() + "/sealed";
   {
     SecureStorage storage(key, path, 0);

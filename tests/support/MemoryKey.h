@@ -1,0 +1,37 @@
+#pragma once
+
+#include <mutex>
+#include <optional>
+
+#include "Velum/KeyChainData.h"
+#include "Velum/SealedBox.h"
+
+namespace velum::test {
+
+/// The key of a storage, in memory, that can be out of reach.
+class MemoryKey final : public KeyChainDataProtocol {
+ public:
+  explicit MemoryKey(std::optional<SecretBytes> key = std::nullopt) : value(std::move(key)) {}
+
+  SecretResult read() override {
+    const std::lock_guard guard(mutex_);
+    if (status != errSecSuccess) return {.status = status, .data = {}};
+    if (!value) return {.status = errSecItemNotFound, .data = {}};
+    return {.status = errSecSuccess, .data = *value};
+  }
+  bool store(const std::optional<SecretBytes>& newValue) override {
+    const std::lock_guard guard(mutex_);
+    if (refusesToStore) return false;
+    value = newValue;
+    return true;
+  }
+
+  std::optional<SecretBytes> value;
+  SecretStatus status = errSecSuccess;
+  bool refusesToStore = false;
+
+ private:
+  std::mutex mutex_;
+};
+
+}  // namespace velum::test

@@ -1,25 +1,21 @@
 #include "Velum/Platform/Directories.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 
 #include "tests/support/Environment.h"
+#include "tests/support/Inspection.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum {
 namespace {
 
 namespace fs = std::filesystem;
+using test::modeOf;
 using test::ScopedVariable;
 using test::TemporaryFolder;
-
-mode_t modeOf(const std::string& path) {
-  struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0 ? status.st_mode : 0;
-}
 
 TEST(Directories, GroupContainerFollowsTheEnvironment) {
   const ScopedVariable home("HOME", "/home/somebody");
@@ -53,7 +49,7 @@ TEST(Directories, RuntimeFolderIsPrivateAndInTheSession) {
   const ScopedVariable session("XDG_RUNTIME_DIR", folder.path());
   const auto runtime = Directories::shared().runtime();
   EXPECT_EQ(runtime, folder / "velum");
-  EXPECT_EQ(modeOf(*runtime), S_IFDIR | 0700U);
+  EXPECT_EQ(modeOf(*runtime), 0700);
   EXPECT_EQ(Directories::shared().runtime(), runtime);
 }
 
@@ -66,7 +62,7 @@ TEST(Directories, RuntimeFolderFallsBackToTheTemporaryFolder) {
        {std::string(), std::string("run"), folder / "missing", folder / "link"}) {
     const ScopedVariable session("XDG_RUNTIME_DIR", useless);
     EXPECT_EQ(Directories::shared().runtime(), expected) << useless;
-    EXPECT_EQ(modeOf(expected), S_IFDIR | 0700U);
+    EXPECT_EQ(modeOf(expected), 0700);
   }
 }
 

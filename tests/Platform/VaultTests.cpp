@@ -1,19 +1,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <array>
-#include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
 #include "Velum/Platform/Linux/VaultFormat.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Inspection.h"
 #include "tests/support/SecretEnvironment.h"
 
 namespace velum {
@@ -39,12 +36,6 @@ class Vault : public testing::Test {
   /// A vault with the item `token`.
   void fill() { ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess); }
 
-  static unsigned mode(const std::string& path) {
-    struct stat status {};
-    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
-    return status.st_mode & 07777U;
-  }
-
   test::SecretEnvironment environment;
   SecretStoreLinux store{patient};
 };
@@ -53,9 +44,9 @@ TEST_F(Vault, ClosesItsFilesToOthersAndShowsNothing) {
   const mode_t before = ::umask(0);
   fill();
   ::umask(before);
-  EXPECT_EQ(mode(environment.storeFolder()), 0700U);
+  EXPECT_EQ(test::modeOf(environment.storeFolder()), 0700);
   for (const char* name : {"vault", "vault-key", "secret-store", "lock"}) {
-    EXPECT_EQ(mode(path(name)), 0600U) << name;
+    EXPECT_EQ(test::modeOf(path(name)), 0600) << name;
   }
   for (const char* shown : {"token", "value", "com.example"}) {
     EXPECT_EQ(content().find(shown), std::string::npos) << shown;
@@ -65,24 +56,16 @@ TEST_F(Vault, ClosesItsFilesToOthersAndShowsNothing) {
   EXPECT_NE(content(), first) << "the same nonce twice";
 }
 
-TEST_F(Vault, RefusesEveryChangeAndLeavesTheFileAlone) {
+TEST_F(Vault, LeavesADamagedFileAlone) {
   fill();
   const std::string whole = content();
-  const auto expectRefused = [&](const std::string& damaged, const std::string& what) {
+  for (const std::string& damaged :
+       {whole + '\0', whole.substr(0, 1), whole.substr(0, whole.size() - 1), std::string()}) {
     test::writeFile(path("vault"), damaged);
-    EXPECT_EQ(readStatus(), errSecDecode) << what;
-    EXPECT_EQ(store.update(token, secretBytes("new")), errSecDecode) << what;
-    EXPECT_EQ(content(), damaged) << what;
-  };
-  for (std::size_t place = 0; place < whole.size(); ++place) {
-    std::string changed = whole;
-    changed[place] = static_cast<char>(changed[place] ^ (1 << place % 8));
-    expectRefused(changed, "byte " + std::to_string(place));
-    expectRefused(whole.substr(0, place), "cut to " + std::to_string(place));
+    EXPECT_EQ(readStatus(), errSecDecode) << damaged.size();
+    EXPECT_EQ(store.update(token, secretBytes("new")), errSecDecode) << damaged.size();
+    EXPECT_EQ(content(), damaged);
   }
-  expectRefused(whole + '\0', "a byte more");
-  test::writeFile(path("vault"), whole);
-  EXPECT_EQ(value(), "value");
 }
 
 TEST_F(Vault, NeverMakesANewKeyForOldContent) {
@@ -121,7 +104,6 @@ TEST_F(Vault, TakesItsKeyFromTheServiceManager) {
 
 TEST_F(Vault, RefusesWhatOthersCouldHavePlanted) {
   fill();
-  const std::string whole = content();
   for (const char* name : {"vault", "vault-key", "secret-store"}) {
     const std::string kept = environment.folder() + "/kept";
     std::filesystem::permissions(path(name), perms::owner_read | perms::group_read);
@@ -137,6 +119,11 @@ TEST_F(Vault, RefusesWhatOthersCouldHavePlanted) {
     std::filesystem::remove(path(name));
     std::filesystem::rename(kept, path(name));
   }
+  if (::geteuid() == 0) {  // only root can give files away
+    ASSERT_EQ(::chown(path("vault").c_str(), 12345, 12345), 0);
+    EXPECT_EQ(readStatus(), errSecErrnoBase + EPERM);
+    ASSERT_EQ(::chown(path("vault").c_str(), 0, 0), 0);
+  }
   // Where a write would go.
   const std::string victim = environment.folder() + "/victim";
   test::writeFile(victim, "precious");
@@ -149,13 +136,6 @@ TEST_F(Vault, RefusesWhatOthersCouldHavePlanted) {
   std::filesystem::rename(environment.storeFolder(), environment.folder() + "/moved");
   std::filesystem::create_symlink(environment.folder() + "/moved", environment.storeFolder());
   EXPECT_EQ(readStatus(), errSecErrnoBase + ENOTDIR);
-}
-
-TEST_F(Vault, RefusesFilesOfOtherUsers) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root can give files away";
-  fill();
-  ASSERT_EQ(::chown(path("vault").c_str(), 12345, 12345), 0);
-  EXPECT_EQ(readStatus(), errSecErrnoBase + EPERM);
 }
 
 TEST_F(Vault, LosesNothingOfProcessesAndThreadsThatWriteAtOnce) {
@@ -205,13 +185,6 @@ TEST(VaultFormat, ReadsBackWhatItWrites) {
     for (std::size_t size = 0; size < encoded.size(); ++size) {
       EXPECT_EQ(decodeVaultTable(std::span(encoded).first(size)), std::nullopt) << size;
     }
-  }
-}
-
-TEST(VaultFormat, RefusesLengthsBeyondTheEnd) {
-  for (const std::string_view text :
-       {std::string_view("\xFF\xFF\xFF\xFF"), std::string_view("\x01\0\0\0\xFF\xFF\xFF\xFF", 8)}) {
-    EXPECT_EQ(decodeVaultTable(secretBytes(text)), std::nullopt);
   }
 }
 

@@ -1,19 +1,14 @@
 #include "Velum/Platform/Dispatch.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
-#include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <latch>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <semaphore>
 #include <string>
@@ -21,10 +16,10 @@
 #include <vector>
 
 #include "Velum/Platform/Application.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/Thread.h"
 #include "Velum/SystemError.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Processes.h"
 #include "tests/support/Waiting.h"
 
 namespace velum {
@@ -43,12 +38,6 @@ class Signal {
   std::counting_semaphore<> count_{0};
 };
 
-std::array<UniqueFd, 2> makePipe() {
-  std::array<int, 2> ends{};
-  EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-  return {UniqueFd(ends[0]), UniqueFd(ends[1])};
-}
-
 TEST(DispatchQueue, RunsSerialWorkOneByOneInOrder) {
   constexpr int items = 2000;
   const auto queue = DispatchQueue::serial("order");
@@ -66,19 +55,6 @@ TEST(DispatchQueue, RunsSerialWorkOneByOneInOrder) {
   ASSERT_TRUE(group.wait(test::deadline));
   ASSERT_EQ(order.size(), static_cast<std::size_t>(items));
   EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
-}
-
-TEST(DispatchQueue, RunsWorkOfAQueueNobodyHoldsAndNeverInsideTheCall) {
-  Signal done;
-  std::mutex held;
-  {
-    const std::lock_guard guard(held);
-    DispatchQueue::serial("gone")->async([&] {
-      { const std::lock_guard inner(held); }  // would deadlock inside the call
-      done.raise();
-    });
-  }
-  EXPECT_TRUE(done.wait());
 }
 
 TEST(DispatchQueue, DelaysWorkAtLeastAsLongAsAskedInTheOrderOfTheDelays) {
@@ -137,6 +113,9 @@ class NoThreads {
     }
     const rlimit none{0, before_.rlim_max};
     isInForce_ = ::setrlimit(RLIMIT_NPROC, &none) == 0 && startThread("none", [] {}) != 0;
+    sigset_t blocked{};
+    ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    EXPECT_EQ(::sigismember(&blocked, SIGTERM), 0) << "what a thread is started with stayed";
   }
   NoThreads(const NoThreads&) = delete;
   NoThreads& operator=(const NoThreads&) = delete;
@@ -148,27 +127,6 @@ class NoThreads {
   rlimit before_{};
   bool isInForce_ = false;
 };
-
-#ifndef VELUM_SANITIZED  // the sanitizers need memory themselves
-TEST(Thread, ThatCannotBeStartedLeavesTheCallersSignalsAlone) {
-  test::inChild([] {
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_AS, &before), 0);
-    const rlimit none{0, before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_AS, &none), 0);
-    for (std::size_t size = 1U << 20U; size >= 16; size -= size / 8) {
-      while (std::malloc(size) != nullptr) {  // NOLINT: takes all there is
-      }
-    }
-    const int error = startThread("none", [] {});
-    sigset_t blocked{};
-    ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-    ASSERT_EQ(::setrlimit(RLIMIT_AS, &before), 0);
-    EXPECT_EQ(error, ENOMEM);
-    EXPECT_EQ(::sigismember(&blocked, SIGTERM), 0);
-  });
-}
-#endif
 
 TEST(DispatchQueue, GoesOnWithFewThreadsWhenNoMoreCanBeMade) {
   test::inChild([] {
@@ -207,22 +165,6 @@ TEST(DispatchQueue, AsksAgainForItsFirstThread) {
   });
 }
 
-TEST(DispatchQueue, RunsMainWorkOnTheThreadOfTheApplication) {
-  test::inChild([] {
-    static const auto mainThread = std::this_thread::get_id();
-    EXPECT_TRUE(DispatchQueue::isMain());
-    DispatchQueue::global().async([] {
-      EXPECT_FALSE(DispatchQueue::isMain());
-      DispatchQueue::main().asyncAfter(1ms, [] {
-        EXPECT_EQ(std::this_thread::get_id(), mainThread);
-        EXPECT_TRUE(DispatchQueue::isMain());
-        ::_exit(::testing::Test::HasFailure() ? 1 : 0);
-      });
-    });
-    Application::shared().run();
-  });
-}
-
 /// What an item hands in comes before what another thread hands in later.
 void checkOrder(DispatchQueue& queue, const Work& next) {
   queue.async([&queue, next, order = std::make_shared<std::string>()] {
@@ -237,39 +179,18 @@ void checkOrder(DispatchQueue& queue, const Work& next) {
 
 TEST(DispatchQueue, KeepsTheOrderOfItsOwnThreadAndOthers) {
   test::inChild([] {
+    static const auto mainThread = std::this_thread::get_id();
     const auto serial = DispatchQueue::serial("order");
     checkOrder(*serial, [] {
-      checkOrder(DispatchQueue::main(), [] { ::_exit(::testing::Test::HasFailure() ? 1 : 0); });
+      EXPECT_FALSE(DispatchQueue::isMain());
+      checkOrder(DispatchQueue::main(), [] {
+        EXPECT_TRUE(DispatchQueue::isMain());
+        EXPECT_EQ(std::this_thread::get_id(), mainThread);
+        ::_exit(::testing::Test::HasFailure() ? 1 : 0);
+      });
     });
     Application::shared().run();
   });
-}
-
-TEST(DispatchQueue, WorksInAForkedChildAndNoMoreWorkOfTheParentRunsThere) {
-  const auto queue = DispatchQueue::serial("shared");
-  Signal begun;
-  Signal go;
-  const int parent = ::getpid();
-  std::atomic<int> ran{0};
-  queue->async([&] {
-    begun.raise();
-    EXPECT_TRUE(go.wait());
-  });
-  queue->async([&] {
-    EXPECT_EQ(::getpid(), parent);
-    ++ran;
-  });
-  ASSERT_TRUE(begun.wait());
-  test::inChild([&] {
-    Signal done;
-    queue->async([&] { done.raise(); });
-    EXPECT_TRUE(done.wait());
-    DispatchQueue::global().asyncAfter(1ms, [&] { done.raise(); });
-    EXPECT_TRUE(done.wait());
-    EXPECT_EQ(ran, 0);
-  });
-  go.raise();
-  EXPECT_TRUE(test::eventually([&] { return ran == 1; }));
 }
 
 /// A work item forks, and parent and child return from it. The parent still gets all its events and
@@ -278,15 +199,15 @@ void forkInsideAnItem(DispatchQueue& queue) {
   static int parent = 0;
   parent = ::getpid();
   const auto isParent = [] { return ::getpid() == parent; };
-  const auto events = makePipe();
-  const auto ending = makePipe();  // the child learns from it that the parent is through
+  const test::Pipe events;
+  const test::Pipe ending;  // the child learns from it that the parent is through
   constexpr int expected = 100;
   std::atomic<int> received{0};
   Signal all;
-  const auto source = DispatchSource::readable(events[0].get(), queue, [&] {
+  const auto source = DispatchSource::readable(events.reader.get(), queue, [&] {
     char byte = 0;
     if (!isParent()) ::_exit(2);
-    if (::read(events[0].get(), &byte, 1) == 1 && ++received == expected) all.raise();
+    if (::read(events.reader.get(), &byte, 1) == 1 && ++received == expected) all.raise();
   });
   std::atomic<pid_t> child{0};
   std::unique_ptr<DispatchSource> childsOwn;
@@ -297,8 +218,9 @@ void forkInsideAnItem(DispatchQueue& queue) {
       return;
     }
     ::alarm(60);
-    queue.async(
-        [&] { childsOwn = DispatchSource::readable(ending[0].get(), queue, [] { ::_exit(0); }); });
+    queue.asyncAfter(1ms, [&] {
+      childsOwn = DispatchSource::readable(ending.reader.get(), queue, [] { ::_exit(0); });
+    });
   });
   queue.async([&] {
     if (!isParent()) ::_exit(3);
@@ -310,11 +232,11 @@ void forkInsideAnItem(DispatchQueue& queue) {
   });
   ASSERT_TRUE(test::eventually([&] { return child > 0; }));
   for (int i = 0; i < expected; ++i) {
-    ASSERT_EQ(::write(events[1].get(), "x", 1), 1);
+    ASSERT_EQ(::write(events.writer.get(), "x", 1), 1);
     ASSERT_TRUE(test::eventually([&] { return received > i; })) << "the child took event " << i;
   }
   for (int i = 0; i < 3; ++i) ASSERT_TRUE(all.wait());
-  ASSERT_EQ(::write(ending[1].get(), "x", 1), 1);
+  ASSERT_EQ(::write(ending.writer.get(), "x", 1), 1);
   int status = -1;
   EXPECT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0) << "of the child, which runs its own queues from then on";
@@ -370,31 +292,12 @@ TEST(DispatchGroup, StartsEmptyInAForkedChild) {
   EXPECT_TRUE(group.wait(0ns));
 }
 
-TEST(DispatchSource, TellsOnceForEachTimeADescriptorIsReadable) {
-  const auto [reader, writer] = makePipe();
-  const auto queue = DispatchQueue::serial("source");
-  Signal told;
-  std::string received;
-  const auto source = DispatchSource::readable(reader.get(), *queue, [&, fd = reader.get()] {
-    char byte = 0;
-    if (::read(fd, &byte, 1) == 1) received += byte;
-    told.raise();
-  });
-  ASSERT_EQ(::write(writer.get(), "ab", 2), 2);
-  ASSERT_TRUE(told.wait());
-  ASSERT_TRUE(told.wait()) << "the second byte was readable when the handler returned";
-  EXPECT_EQ(received, "ab");
-  ASSERT_EQ(::write(writer.get(), "c", 1), 1);
-  ASSERT_TRUE(told.wait());
-  EXPECT_EQ(received, "abc");
-}
-
 // Each kind of source, made so that it has an event at once and keeps having one.
 class EndingSource : public ::testing::TestWithParam<bool> {
  protected:
   std::unique_ptr<DispatchSource> make(Work handler) {
     if (GetParam()) return DispatchSource::timer(0ns, *queue_, std::move(handler), 1ns);
-    return DispatchSource::readable(pipe_[0].get(), *queue_, std::move(handler));
+    return DispatchSource::readable(pipe_.reader.get(), *queue_, std::move(handler));
   }
   /// Returns when all that was on its way to the queue has come to it.
   void settle() {
@@ -403,9 +306,9 @@ class EndingSource : public ::testing::TestWithParam<bool> {
       ASSERT_TRUE(settled_.wait());
     }
   }
-  void SetUp() override { ASSERT_EQ(::write(pipe_[1].get(), "ab", 2), 2); }
+  void SetUp() override { ASSERT_EQ(::write(pipe_.writer.get(), "ab", 2), 2); }
 
-  const std::array<UniqueFd, 2> pipe_ = makePipe();
+  const test::Pipe pipe_;
   const std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::serial("source");
   Signal settled_;
 };
@@ -452,33 +355,6 @@ TEST(DispatchSource, RefusesWhatCannotBeWatched) {
   const int pid = child.pid();
   child.wait();
   EXPECT_THROW(DispatchSource::childExit(pid, DispatchQueue::global(), [](int) {}), SystemError);
-}
-
-int statusOf(const std::function<void()>& body, int signal) {
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    body();
-    ::_exit(7);
-  }
-  Signal ended;
-  int result = -1;
-  const auto source = DispatchSource::childExit(pid, DispatchQueue::global(), [&](int status) {
-    result = status;
-    EXPECT_EQ(::waitpid(pid, nullptr, WNOHANG), -1) << "must be reaped by now";
-    ended.raise();
-  });
-  if (signal != 0) ::kill(pid, signal);
-  EXPECT_TRUE(ended.wait());
-  return result;
-}
-
-TEST(DispatchSource, TellsHowAChildEndedAndReapsIt) {
-  const int exited = statusOf([] {}, 0);
-  EXPECT_TRUE(WIFEXITED(exited));
-  EXPECT_EQ(WEXITSTATUS(exited), 7);
-  const int killed = statusOf([] { ::pause(); }, SIGKILL);
-  EXPECT_TRUE(WIFSIGNALED(killed));
-  EXPECT_EQ(WTERMSIG(killed), SIGKILL);
 }
 
 }  // namespace

@@ -8,9 +8,7 @@
 #include <atomic>
 #include <filesystem>
 
-#include "Velum/SystemError.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/PrivateMounts.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Waiting.h"
 
@@ -78,20 +76,6 @@ TEST_F(FileEventsTest, TellsOfAReplacedFileThatItIsDeleted) {
   Seen seen{0};
   const auto watched = watch(path, FileEvent::deleted, seen);
   fs::rename(folder / "new", path);
-  EXPECT_TRUE(happens(seen, FileEvent::deleted));
-}
-
-TEST_F(FileEventsTest, TellsOfEntriesOfAFolderAndOfItsEnd) {
-  const std::string watchedFolder = folder / "folder";
-  fs::create_directory(watchedFolder);
-  Seen seen{0};
-  const auto watched = watch(watchedFolder, all, seen);
-  test::writeFile(watchedFolder + "/entry", "");
-  EXPECT_TRUE(happens(seen, FileEvent::written));
-  seen = 0;
-  fs::remove(watchedFolder + "/entry");
-  EXPECT_TRUE(happens(seen, FileEvent::written));
-  fs::remove(watchedFolder);
   EXPECT_TRUE(happens(seen, FileEvent::deleted));
 }
 
@@ -166,38 +150,6 @@ TEST_F(FileEventsTest, TellsEverybodyToLookAgainWhenEventsWereLost) {
   }
   ::kill(watching.pid(), SIGCONT);
   EXPECT_EQ(watching.wait(), 0);
-}
-
-TEST_F(FileEventsTest, RefusesAMissingFileAndTellsWhich) {
-  Seen seen{0};
-  try {
-    watch(folder / "missing", all, seen);
-    FAIL();
-  } catch (const SystemError& error) {
-    EXPECT_EQ(error.code(), ENOENT);
-    EXPECT_NE(std::string(error.what()).find(folder / "missing"), std::string::npos);
-  }
-}
-
-TEST_F(FileEventsTest, UsesOneDescriptorForAllWatchesBesidesTheirFiles) {
-  const auto inotifyDescriptors = [] {
-    int count = 0;
-    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-      std::error_code error;
-      if (fs::read_symlink(entry.path(), error) == "anon_inode:inotify") ++count;
-    }
-    return count;
-  };
-  std::vector<std::unique_ptr<FileEvents::Watch>> watches;
-  Seen seen{0};
-  test::writeFile(path, "");
-  watches.push_back(watch(path, all, seen));
-  const int before = inotifyDescriptors();
-  for (int i = 0; i < 20; ++i) {
-    test::writeFile(path + std::to_string(i), "");
-    watches.push_back(watch(path + std::to_string(i), all, seen));
-  }
-  EXPECT_EQ(inotifyDescriptors(), before);
 }
 
 TEST_F(FileEventsTest, WatchesAnewInAForkedChildWhileTheParentKeepsItsEvents) {

@@ -16,7 +16,6 @@
 #include "tests/support/Processes.h"
 #include "tests/support/RecordingLogHandler.h"
 #include "tests/support/TemporaryFolder.h"
-#include "tests/support/UsingProcess.h"
 #include "tests/support/Waiting.h"
 
 namespace velum {
@@ -131,13 +130,6 @@ TEST_F(IPCDarwinMessageTest, AnyResponseWakesEveryWaiter) {
   });
 }
 
-TEST_F(IPCDarwinMessageTest, AResponseNobodyWaitsForIsLost) {
-  inProcess([] {
-    IPCDarwinMessage::sendResponse("status", "id");
-    EXPECT_FALSE(IPCDarwinMessage::sendRequest("status", "id", 50ms));
-  });
-}
-
 TEST_F(IPCDarwinMessageTest, AListenerIsReplacedAndRemoved) {
   inProcess([] {
     std::atomic<int> first{0};
@@ -180,33 +172,6 @@ TEST_F(IPCDarwinMessageTest, HandlersRunOneByOneAndMayAskThemselves) {
     IPCDarwinMessage::sendRequest("b", "x", 0ms);
     EXPECT_TRUE(test::eventually([&] { return done == 2; }));
     EXPECT_TRUE(IPCDarwinMessageQueue::shared().wait(test::deadline));
-  });
-}
-
-TEST_F(IPCDarwinMessageTest, WorksInAForkedChild) {
-  const auto answering = responder("status", "id");
-  inProcess([] {
-    ASSERT_TRUE(IPCDarwinMessage::sendRequest("status", "id", test::deadline));
-    std::atomic<bool> isAsking{false};
-    std::thread waiting([&] {
-      isAsking = true;
-      IPCDarwinMessage::sendRequest("nobody", "id", 2s);
-    });
-    EXPECT_TRUE(test::eventually([&] { return isAsking.load(); }));
-    test::inChild(
-        [] { EXPECT_TRUE(IPCDarwinMessage::sendRequest("status", "id", test::deadline)); });
-    IPCDarwinMessage::sendResponse("nobody", "id");
-    waiting.join();
-  });
-}
-
-TEST_F(IPCDarwinMessageTest, AProcessMayExitWhileItPosts) {
-  test::exitBesideUsers([] {
-    install();
-    return [message = std::string(300, 'm')] {  // stands in the file system as a hash
-      IPCDarwinMessage::sendResponse(message, "id");
-      return true;
-    };
   });
 }
 

@@ -18,6 +18,7 @@
 #include "Velum/SystemError.h"
 #include "tests/Platform/NotifyCenterTest.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Inspection.h"
 #include "tests/support/RecordingLogHandler.h"
 #include "tests/support/Waiting.h"
 namespace velum {
@@ -149,13 +150,9 @@ TEST_F(NotifyCenterTest, LetsAllUsersPostInTheScopeOfTheSystem) {
   shared->post("name");
   ::umask(before);
   EXPECT_TRUE(reaches(count, 1));
-  struct stat status {};
-  for (const fs::path& made : {fs::path(path), fs::path(fileOf("name")).parent_path()}) {
-    ASSERT_EQ(::stat(made.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 01777U);
-  }
-  ASSERT_EQ(::stat(fileOf("name").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777U, 0666U);
+  EXPECT_EQ(test::modeOf(path), 01777);
+  EXPECT_EQ(test::modeOf(fs::path(fileOf("name")).parent_path()), 01777);
+  EXPECT_EQ(test::modeOf(fileOf("name")), 0666);
   if (::geteuid() != 0) return;
   fs::permissions(folder.path(), fs::perms::others_exec, fs::perm_options::add);
   test::inChild([&] {

@@ -10,6 +10,7 @@
 #include "Velum/Platform/Linux/CodeRefusedLinux.h"
 #include "tests/Platform/CodeIdentityTest.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Inspection.h"
 
 namespace velum::test {
 namespace {
@@ -213,19 +214,6 @@ TEST_F(CodeIdentityTest, NoticesWhatChangesWhileItLooks) {
   expectReason(reason(shell), "another program");
 }
 
-TEST_F(CodeIdentityTest, NeverTakesAnEndingProcessForAnother) {
-  signBeside(signatureBy(maker()));
-  for (int round = 0; round < 20; ++round) {
-    const Running process(program_);
-    std::thread killer([&] { process.kill(); });
-    for (std::string now = verdict(process.pid()); now == "valid"; now = verdict(process.pid())) {
-    }
-    killer.join();
-    ASSERT_TRUE(hasEnded(process.pid()));
-    expectReason(verdict(process.pid()), "has ended");
-  }
-}
-
 TEST_F(CodeIdentityTest, SaysWhenAProcessIsSomebodyElses) {
   if (::geteuid() != 0) {
     expectReason(verdict(1), "not permitted");
@@ -262,11 +250,8 @@ TEST_F(CodeIdentityTest, ServesManyThreadsAndForkedChildren) {
   const Running process(program_);
   signBeside(signatureBy(maker()));
   ASSERT_TRUE(areRootsKept());
-  const auto descriptors = [] {
-    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-  };
   EXPECT_EQ(verdict(process.pid()), "valid");
-  const auto before = descriptors();
+  const auto before = openDescriptors();
   ERR_clear_error();
   std::atomic<int> valid{0};
   std::vector<std::thread> threads;
@@ -280,7 +265,7 @@ TEST_F(CodeIdentityTest, ServesManyThreadsAndForkedChildren) {
   }
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(valid, threadCount * checks);
-  EXPECT_EQ(descriptors(), before);
+  EXPECT_EQ(openDescriptors(), before);
   inChild([&] { EXPECT_EQ(verdict(process.pid()), "valid"); });
   EXPECT_EQ(ERR_peek_error(), 0U);
 }

@@ -90,16 +90,6 @@ class WorkspaceTest : public ::testing::Test {
   Family family_;
 };
 
-TEST_F(WorkspaceTest, ListsTheLivingAlone) {
-  const pid_t living = startShell("exec sleep 1000");
-  const pid_t zombie = startShell("exit 0");
-  ASSERT_TRUE(hasEnded(zombie));
-  const std::vector<pid_t> ids = onMain(listedIds);
-  EXPECT_THAT(ids, Contains(living));
-  EXPECT_THAT(ids, Contains(::getpid()));
-  EXPECT_THAT(ids, Not(Contains(zombie)));
-}
-
 TEST_F(WorkspaceTest, TellsOfTheEndOfAProcessItsParentNeverReaps) {
   const pid_t process = startShell("exec sleep 1000");
   Observer observer([&] { EXPECT_THAT(listedIds(), Not(Contains(process))); });
@@ -266,14 +256,6 @@ TEST_F(WorkspaceTest, SaysWhyAnApplicationDidNotOpen) {
   std::filesystem::permissions(program(), std::filesystem::perms::owner_all);
   EXPECT_EQ(errorOf(bundle_), program() + ": No such file or directory");
   EXPECT_THAT(Family::children(), ::testing::IsEmpty());
-}
-
-TEST_F(WorkspaceTest, IsOrphanedByTheFirstProcessAlone) {
-  // The parent of a test is neither the first process nor a service manager.
-  if (::getppid() != 1 && !isUserManager(::getppid())) {
-    EXPECT_FALSE(workspace().isOrphaned(::getppid()));
-    EXPECT_FALSE(workspace().isOrphaned(1));
-  }
 }
 
 }  // namespace

@@ -18,7 +18,7 @@
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/LogSearch.h"
 #include "Velum/Logger/LogSplitter.h"
-#include "Velum/SystemError.h"
+#include "tests/support/Errors.h"
 #include "tests/support/RecordingSystemLog.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -113,22 +113,13 @@ TEST_F(FileLogManagerTest, CutsTheWholeLogAtARecord) {
 }
 
 TEST_F(FileLogManagerTest, ReportsALogThatIsNotThereAndLeavesNothing) {
-  try {
-    whole();
-    FAIL();
-  } catch (const SystemError& error) {
-    EXPECT_EQ(error.code(), ENOENT);
-    EXPECT_THAT(error.message(), StartsWith("saveWholeLog(in:maxSize:): open (" + log_));
-  }
+  const SystemError noLog = errorOf([&] { whole(); });
+  EXPECT_EQ(noLog.code(), ENOENT);
+  EXPECT_THAT(noLog.message(), StartsWith("saveWholeLog(in:maxSize:): open (" + log_));
   EXPECT_THROW(save({}), SystemError);
   EXPECT_THAT(leftovers(), IsEmpty());
-  try {
-    FileLogManager(log_).saveWholeLog(folder_ / "missing");
-    FAIL();
-  } catch (const SystemError& error) {
-    EXPECT_THAT(error.message(),
-                StartsWith("saveWholeLog(in:maxSize:): Failed to create temporary folder '"));
-  }
+  EXPECT_THAT(errorOf([&] { FileLogManager(log_).saveWholeLog(folder_ / "missing"); }).message(),
+              StartsWith("saveWholeLog(in:maxSize:): Failed to create temporary folder '"));
 }
 
 TEST_F(FileLogManagerTest, SplitsBySubsystemAndLosesNoByte) {
@@ -367,14 +358,10 @@ TEST_F(FileLogManagerTest, NeverReplacesAFileOfTheLog) {
          {LogSubsystemSelector::whole(), LogSubsystemSelector::single("name"),
           LogSubsystemSelector::single("name.1")}) {
       if (place == out_ && selector.admits("name.1") && !selector.admits("name")) continue;
-      try {
-        FileLogManager(log_).saveLogs(selector, place,
-                                      {.startDate = {}, .endDate = {}, .maxSize = 9});
-        ADD_FAILURE() << place;
-      } catch (const SystemError& error) {
-        EXPECT_EQ(error.code(), EEXIST);
-        EXPECT_THAT(error.message(), testing::HasSubstr("is a file of the log itself"));
-      }
+      const LogSavingOpts opts{.startDate = {}, .endDate = {}, .maxSize = 9};
+      const auto error = errorOf([&] { FileLogManager(log_).saveLogs(selector, place, opts); });
+      EXPECT_EQ(error.code(), EEXIST) << place;
+      EXPECT_THAT(error.message(), testing::HasSubstr("is a file of the log itself"));
       EXPECT_EQ(readFile(log_), before);
     }
   }
@@ -421,12 +408,7 @@ TEST_F(FileLogManagerTest, WaitsForTheLockUntilItIsFreeOrTheWorkCancelled) {
     EXPECT_EQ(waiting.wait_for(200ms), std::future_status::timeout);
     EXPECT_EQ(ended.wait_for(0s), std::future_status::timeout);
     cancelled.cancel();
-    try {
-      ended.get();
-      ADD_FAILURE() << "not cancelled";
-    } catch (const SystemError& error) {
-      EXPECT_EQ(error.code(), ECANCELED);
-    }
+    EXPECT_EQ(errorOf([&] { ended.get(); }).code(), ECANCELED);
     other.reset();
     EXPECT_EQ(waiting.get().size(), 1U);
   }

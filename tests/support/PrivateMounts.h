@@ -44,23 +44,4 @@ inline void mountMemory(const std::string& path, const std::string& options) {
   }
 }
 
-/// Changes such a file system: "ro", "rw" or another size.
-inline void remount(const std::string& path, const std::string& options) {
-  const unsigned long flags =
-      MS_REMOUNT | (options == "ro" ? static_cast<unsigned long>(MS_RDONLY) : 0UL);
-  const bool isFlag = options == "ro" || options == "rw";
-  if (::mount("none", path.c_str(), nullptr, flags, isFlag ? nullptr : options.c_str()) != 0) {
-    throw std::system_error(errno, std::generic_category(), "remount " + path);
-  }
-}
-
-/// Fills the file system below `folder` to the last byte with a file that is then to be deleted.
-inline std::string fillDisk(const std::string& folder) {
-  std::string filler = folder + "/filler";
-  const UniqueFd fd(::open(filler.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-  const std::string block(4096, 'x');
-  while (::write(fd.get(), block.data(), block.size()) > 0) continue;
-  return filler;
-}
-
 }  // namespace velum::test

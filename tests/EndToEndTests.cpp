@@ -2,9 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/sched.h>
 #include <sys/file.h>
 #include <sys/ptrace.h>
 #include <sys/uio.h>
@@ -13,17 +11,11 @@
 #include <filesystem>
 #include <set>
 
-#include "Velum/Platform/Linux/ProcessLinux.h"
 #include "Velum/Relauncher.h"
-#include "tests/support/ChildProcess.h"
-#include "tests/support/HungJournal.h"
-#include "tests/support/PrivateMounts.h"
 #include "tests/support/RelaunchTest.h"
 
 namespace velum::test {
 namespace {
-
-using ::testing::HasSubstr;
 
 class EndToEnd : public RelaunchTest {};
 
@@ -49,28 +41,6 @@ TEST_F(EndToEnd, OpensTheApplicationAgainAfterItQuit) {
   }
 }
 
-TEST_F(EndToEnd, NoticesAKilledApplicationThatItsParentNeverReaps) {
-  const pid_t application = startApplication();
-  const pid_t helper = startHelper(bundle, application);
-  ::kill(application, SIGKILL);
-  EXPECT_EQ(next().name, "started");
-  EXPECT_EQ(exitStatus(helper), 0);
-  EXPECT_EQ(ProcessStatus::of(application)->state, 'Z');
-}
-
-TEST_F(EndToEnd, GoesOnWhileTheJournalHangs) {
-  inChild([this] {
-    if (!enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
-    mountMemory("/run", "size=1m");
-    const UniqueFd journal = hungJournal();
-    const pid_t application = startApplication();
-    const pid_t helper = startHelper(bundle, application);
-    ::kill(application, SIGKILL);
-    EXPECT_EQ(next().name, "started");
-    EXPECT_EQ(exitStatus(helper), 0);
-  });
-}
-
 TEST_F(EndToEnd, OpensAnApplicationThatWasGoneBefore) {
   const pid_t application = startApplication();
   ::kill(application, SIGKILL);
@@ -90,55 +60,6 @@ TEST_F(EndToEnd, IsNotDeceivedByAForkedCopy) {
   const pid_t application = startApplication({"SAMPLE_APP_COPY=1"});
   const pid_t helper = startHelper(bundle, application);
   ::kill(application, SIGKILL);
-  EXPECT_EQ(next().name, "started");
-  EXPECT_EQ(exitStatus(helper), 0);
-}
-
-TEST_F(EndToEnd, LeavesAnApplicationAloneThatRunsAgainAlready) {
-  const pid_t other = startShell("exec sleep 1000");
-  const pid_t helper = startHelper(bundle, other);
-  startApplication();
-  ::kill(other, SIGKILL);
-  EXPECT_EQ(exitStatus(helper), 0);
-  EXPECT_TRUE(isLogged("App is already running, no need to relaunch"));
-  EXPECT_TRUE(isQuiet());
-}
-
-TEST_F(EndToEnd, IsNotDeceivedByAReusedNumber) {
-  const pid_t application = startApplication();
-  // A process keeps its age when it becomes another program: this one is the helper, waiting.
-  LineReader lines(folder / "lines");
-  const pid_t helper =
-      start("/bin/sh",
-            {"-c", R"(echo >"$1"; kill -STOP $$; shift; exec "$@")", "sh", folder / "lines",
-             VELUM_RELAUNCHER, bundle, std::to_string(application)},
-            {});
-  ASSERT_TRUE(lines.next());
-  ::kill(application, SIGKILL);
-  ASSERT_TRUE(exitStatus(application));
-  const std::uint64_t helperStart = ProcessStatus::of(helper)->startTime;
-  std::uint64_t impostorStart = 0;
-  do {  // start times are counted in hundredths of a second
-    pid_t number = application;
-    clone_args arguments{};
-    arguments.exit_signal = SIGCHLD;
-    arguments.set_tid = reinterpret_cast<std::uintptr_t>(&number);
-    arguments.set_tid_size = 1;
-    const long impostor = ::syscall(SYS_clone3, &arguments, sizeof arguments);
-    if (impostor == 0) {
-      ::pause();
-      ::_exit(0);
-    }
-    if (impostor < 0) GTEST_SKIP() << "choosing a process's number is not permitted here";
-    impostorStart = ProcessStatus::of(application)->startTime;
-    if (impostorStart <= helperStart) {
-      ::kill(application, SIGKILL);
-      ASSERT_TRUE(exitStatus(application));
-    }
-  } while (impostorStart <= helperStart);
-  siginfo_t stopped{};
-  ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(helper), &stopped, WSTOPPED | WNOWAIT), 0);
-  ::kill(helper, SIGCONT);
   EXPECT_EQ(next().name, "started");
   EXPECT_EQ(exitStatus(helper), 0);
 }
@@ -190,32 +111,6 @@ TEST_F(EndToEnd, OpensTheApplicationWhileSomebodyHoldsTheLog) {
   ASSERT_EQ(::flock(file.get(), LOCK_UN), 0);
   EXPECT_EQ(exitStatus(helper), 0);
   EXPECT_TRUE(isLogged("Process " + std::to_string(application) + " has ended"));
-}
-
-TEST_F(EndToEnd, EndsInOrderWithTooFewDescriptors) {
-#ifdef VELUM_SANITIZED
-  GTEST_SKIP() << "sanitizers need descriptors themselves";
-#endif
-  constexpr int mostNeeded = 32;
-  for (int limit = 4; limit <= mostNeeded; ++limit) {
-    const std::string text = folder / std::to_string(limit);
-    const pid_t helper = start("/bin/sh",
-                               {"-c", "exec 2>\"$1\"; ulimit -n $2; shift 2; exec \"$@\"", "sh",
-                                text, std::to_string(limit), VELUM_RELAUNCHER, bundle, "-1"},
-                               {});
-    const std::optional<int> status = exitStatus(helper);
-    if (status == 0) {
-      EXPECT_EQ(next().name, "started");
-      return;
-    }
-    EXPECT_EQ(status, 1) << limit << ": " << readFile(text);
-    EXPECT_TRUE(isQuiet()) << limit;
-    // Where there is a journal, the file may lack what stands there.
-    if (!std::filesystem::exists("/run/systemd/journal/socket")) {
-      EXPECT_THAT(readFile(text), HasSubstr("Too many open files")) << limit;
-    }
-  }
-  FAIL() << "it needs more than " << mostNeeded;
 }
 
 /// Counts a process's system calls from the end of the application that it waits for to the new
@@ -328,22 +223,6 @@ TEST_F(EndToEnd, StopsAtOnceAtWhatIsNoProcessId) {
   }
   EXPECT_TRUE(isQuiet());
   EXPECT_FALSE(isLogged("Looking for")) << log();
-}
-
-// An application that can't be started at all: one that ends at once counts as relaunched where a
-// busy machine takes longer than a quarter of a second for it.
-TEST_F(EndToEnd, GivesUpAfterElevenAttempts) {
-  std::filesystem::permissions(program(), std::filesystem::perms::owner_read);
-  EXPECT_EQ(exitStatus(start(VELUM_RELAUNCHER, {bundle, "-1"}, {})), 1);
-  EXPECT_TRUE(isQuiet());
-  const std::string text = log();
-  std::size_t at = 0;
-  for (int left = 9; left >= 0; --left) {
-    at = text.find("Restart failed. Attempts left: " + std::to_string(left) + '\n', at);
-    ASSERT_NE(at, std::string::npos) << left << " is missing in\n" << text;
-  }
-  EXPECT_THAT(text.substr(at),
-              HasSubstr("Restart failed with error: " + program() + ": Permission denied\n"));
 }
 
 TEST_F(EndToEnd, TwoHelpersOpenTheApplicationOnce) {

@@ -1,79 +1,35 @@
 #include "Velum/String.h"
 
 #include <gtest/gtest.h>
-#include <re2/re2.h>
 
-#include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace velum {
 namespace {
 
-// The same by a library of regular expressions, byte by byte so that it takes any text.
-std::string strippedByExpression(std::string text) {
-  static const RE2 expression("((set-)?cookie|authorization): ([^\\n]+)", [] {
-    RE2::Options options;
-    options.set_case_sensitive(false);
-    options.set_encoding(RE2::Options::EncodingLatin1);
-    return options;
-  }());
-  RE2::GlobalReplace(&text, expression, "\\1: stripped");
-  return text;
-}
-
 TEST(StrippedHeaders, KeepsNamesAndTakesValuesToTheEndOfTheLine) {
-  EXPECT_EQ(strippedHeaders("Cookie: abc\nAuthorization: Bearer x"),
-            "Cookie: stripped\nAuthorization: stripped");
-  EXPECT_EQ(strippedHeaders("xSET-cookie: a: b\r\nend"), "xSET-cookie: stripped\nend");
-  EXPECT_EQ(strippedHeaders("\xFF cookie: \xFE secret"), "\xFF cookie: stripped");
-  EXPECT_EQ(strippedHeaders("cookie:x, cookie : x, cookie: \ncookie:"),
-            "cookie:x, cookie : x, cookie: \ncookie:");
-  EXPECT_EQ(strippedHeaders(""), "");
-}
-
-TEST(StrippedHeaders, AgreesWithTheExpressionOnGeneratedTexts) {
-  const std::vector<std::string> pieces{"cookie",
-                                        "Set-",
-                                        "set-cookie",
-                                        "AUTHORIZATION",
-                                        "authorization: ",
-                                        ": ",
-                                        ":",
-                                        " ",
-                                        "\n",
-                                        "\r",
-                                        "x",
-                                        "cookie: ",
-                                        "\xC3\xBC",
-                                        "\xFF",
-                                        "coo",
-                                        "kie: ",
-                                        "set\rcookie: ",
-                                        "SET-COOKIE: ",
-                                        "-",
-                                        "cookie:",
-                                        "s\xC5\xBF\x65t-",
-                                        "\xE2\x84\xAA",
-                                        std::string(1, '\0'),
-                                        "Cookie: a"};
-  std::mt19937 random(11);  // NOLINT(cert-msc*): the same texts in every run
-  std::uniform_int_distribution<std::size_t> piece(0, pieces.size() - 1);
-  for (int i = 0; i < 50'000; ++i) {
-    std::string text;
-    for (std::size_t length = random() % 12; length > 0; --length) text += pieces[piece(random)];
-    ASSERT_EQ(strippedHeaders(text), strippedByExpression(text)) << ::testing::PrintToString(text);
-  }
-}
-
-TEST(StrippedHeaders, AgreesWithTheExpressionOnRandomBytesAroundNames) {
-  std::mt19937 random(12);  // NOLINT(cert-msc*)
-  for (int i = 0; i < 50'000; ++i) {
-    std::string text = i % 2 == 0 ? "a\nset-cookie: b\nc" : "Authorization: b";
-    for (int change = 0; change < 2; ++change) {
-      text[random() % text.size()] = static_cast<char>(random() % 256);
-    }
-    ASSERT_EQ(strippedHeaders(text), strippedByExpression(text)) << ::testing::PrintToString(text);
+  const std::vector<std::pair<std::string, std::string>> cases{
+      {"Cookie: abc\nAuthorization: Bearer x", "Cookie: stripped\nAuthorization: stripped"},
+      {"xSET-cookie: a: b\r\nend", "xSET-cookie: stripped\nend"},
+      {"\xFF cookie: \xFE secret", "\xFF cookie: stripped"},
+      {"cookie: cookie: x\nCOOKIE: authorization: y", "cookie: stripped\nCOOKIE: stripped"},
+      {"set-authorization: a\ncookie:  ", "set-authorization: stripped\ncookie: stripped"},
+      {"set\rcookie: \r\nx", "set\rcookie: stripped\nx"},
+      {std::string("cookie: \0a\nb: \0c", 16), std::string("cookie: stripped\nb: \0c", 22)},
+      {"cookiecookie: a, authcookie: b", "cookiecookie: stripped"},
+      {"authorizatioauthorization: a", "authorizatioauthorization: stripped"},
+      {"cookie:: a\ncookie:\n: a", "cookie:: a\ncookie:\n: a"},
+      {"coo\nkie: a, coo kie: b, s\xC5\xBF\x65t-: c",
+       "coo\nkie: a, coo kie: b, s\xC5\xBF\x65t-: c"},
+      {"coo\xE2\x84\xAAie: a, cook: b, uthorization: c",
+       "coo\xE2\x84\xAAie: a, cook: b, uthorization: c"},
+      {"cookie:x, cookie : x, cookie: \ncookie:", "cookie:x, cookie : x, cookie: \ncookie:"},
+      {"", ""},
+  };
+  for (const auto& [text, stripped] : cases) {
+    EXPECT_EQ(strippedHeaders(text), stripped) << ::testing::PrintToString(text);
   }
 }
 

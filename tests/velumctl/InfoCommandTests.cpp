@@ -6,32 +6,21 @@
 
 #include "Velum/SystemInfo.h"
 #include "Velum/Telemetry.h"
-#include "tests/velumctl/RunningProgram.h"
+#include "tests/velumctl/VelumctlTest.h"
 
 namespace velum::test {
 namespace {
 
 using testing::HasSubstr;
 
-struct Result {
-  int status;
-  std::string output;
-};
+class VelumctlInfo : public VelumctlTest {};
 
-Result velumctl(Strings arguments) {
-  arguments.insert(arguments.begin(), VELUM_VELUMCTL);
-  RunningProgram program = RunningProgram::piped(arguments);
-  const std::string output = program.readToEnd();
-  const int status = program.wait();
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
-
-TEST(VelumctlSysinfo, PrintsWhatTheLibraryKnowsOfTheMachine) {
-  const Result text = velumctl({"sysinfo"});
+TEST_F(VelumctlInfo, PrintsWhatTheLibraryKnowsOfTheMachine) {
+  const Result text = run({"sysinfo"});
   EXPECT_EQ(text.status, 0);
   EXPECT_THAT(text.output, HasSubstr("System version:    " + SystemInfo::getOSVersion() + "\n"));
   EXPECT_THAT(text.output, HasSubstr("System extensions: none active\n"));
-  const Result result = velumctl({"sysinfo", "--json"});
+  const Result result = run({"sysinfo", "--json"});
   EXPECT_EQ(result.status, 0);
   const auto info = nlohmann::json::parse(result.output);
   EXPECT_EQ(info.at("serial_number"), SystemInfo::serialNumber());
@@ -41,14 +30,14 @@ TEST(VelumctlSysinfo, PrintsWhatTheLibraryKnowsOfTheMachine) {
   EXPECT_TRUE(info.at("system_extensions").is_array());
 }
 
-TEST(VelumctlTelemetry, PrintsTheBodyOfAnEvent) {
+TEST_F(VelumctlInfo, PrintsTheBodyOfAnEvent) {
   const Strings common{"telemetry",      "body",        "--name",        "a/b",
                        "--app-type",     "PLOVER_DESK", "--app-version", "1.0",
                        "--synthetic-id", "x",           "--ref-name",    "r"};
-  const auto body = [&common](const Strings& more) {
+  const auto body = [&](const Strings& more) {
     Strings arguments = common;
     arguments.insert(arguments.end(), more.begin(), more.end());
-    return velumctl(arguments);
+    return run(arguments);
   };
   const Telemetry telemetry("x", Telemetry::AppType::ploverDesk, "1.0");
   Telemetry::Props props;
@@ -76,10 +65,10 @@ TEST(VelumctlTelemetry, PrintsTheBodyOfAnEvent) {
   EXPECT_EQ(unencodable.output, "");
 }
 
-TEST(VelumctlTelemetry, PrintsSyntheticIdentifiers) {
-  EXPECT_EQ(velumctl({"telemetry", "synthetic-id", "1f"}).output, "bcaaaaaa\n");
-  EXPECT_EQ(velumctl({"telemetry", "synthetic-id", "--", "-1f"}).output, "bcaaaaaa\n");
-  const Result unusable = velumctl({"telemetry", "synthetic-id", "no such number"});
+TEST_F(VelumctlInfo, PrintsSyntheticIdentifiers) {
+  EXPECT_EQ(run({"telemetry", "synthetic-id", "1f"}).output, "bcaaaaaa\n");
+  EXPECT_EQ(run({"telemetry", "synthetic-id", "--", "-1f"}).output, "bcaaaaaa\n");
+  const Result unusable = run({"telemetry", "synthetic-id", "no such number"});
   EXPECT_EQ(unusable.output, "aaaaaaaa\n");
   EXPECT_EQ(unusable.status, 1);
 }

@@ -10,7 +10,8 @@
 #include "Velum/ByteView.h"
 #include "Velum/Platform/PropertyList.h"
 #include "Velum/SealedBox.h"
-#include "tests/support/SecretService.h"
+#include "tests/support/Environment.h"
+#include "tests/support/SecretEnvironment.h"
 #include "tests/velumctl/VelumctlTest.h"
 
 namespace velum::test {
@@ -38,50 +39,39 @@ class VelumctlKeychain : public VelumctlTest {
     arguments.insert(arguments.end(), options.begin(), options.end());
     return run(arguments, input);
   }
-  void expectFailure(const Result& result, const std::string& number) const {
+  void expectMissing(const Result& result) const {
     EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.errors, AllOf(StartsWith("velumctl: "), HasSubstr("(" + number + ");")));
+    EXPECT_THAT(result.errors, AllOf(StartsWith("velumctl: "), HasSubstr("(-25300);")));
     EXPECT_EQ(std::ranges::count(result.errors, '\n'), 1);
     EXPECT_THAT(result.output, IsEmpty());
   }
-  /// Everything that can be done, wherever the secrets are.
-  void expectItemsComeAndGo() const {
-    const Strings item{"token", "--service", service};
-    Strings ofGroup = item;
-    ofGroup.insert(ofGroup.end(), {"--group", "team"});
-    expectFailure(keychain("get", item), "-25300");
-    EXPECT_EQ(keychain("set", {"token", "--service", service, "--stdin"}, secretText()).status, 0);
-    Strings setOfGroup = ofGroup;
-    setOfGroup.emplace_back("--stdin");
-    EXPECT_EQ(keychain("set", setOfGroup, "other").status, 0);
-    EXPECT_EQ(keychain("get", item).output, secretText());
-    EXPECT_EQ(keychain("get", ofGroup).output, "other");
-
-    const Result listed = keychain("list", {"--service", service, "--json"});
-    auto items = nlohmann::json::parse(listed.output).get<std::vector<nlohmann::json>>();
-    std::ranges::sort(items);
-    ASSERT_EQ(items.size(), 2U);
-    EXPECT_EQ(items[0].at("group"), nullptr);
-    EXPECT_EQ(items[1].at("group"), "team");
-    EXPECT_THAT(keychain("list", {}).output, HasSubstr(service + "\ttoken\tteam\n"));
-    EXPECT_THAT(keychain("list", {"--service", "other"}).output, IsEmpty());
-
-    EXPECT_EQ(keychain("delete", {"token", "--service", service, "--yes"}).status, 0);
-    expectFailure(keychain("get", item), "-25300");
-    EXPECT_EQ(keychain("get", ofGroup).output, "other");
-  }
 };
 
-TEST_F(VelumctlKeychain, KeepsSecretsInTheSessionsService) {
-  const SecretServiceEnvironment environment;
-  expectItemsComeAndGo();
-  environment.lock();
-  expectFailure(keychain("get", {"token", "--service", service, "--group", "team"}), "-25308");
-}
-
-TEST_F(VelumctlKeychain, KeepsSecretsInTheVaultOfAHeadlessMachine) {
+TEST_F(VelumctlKeychain, SetsListsGetsAndDeletes) {
   const SecretEnvironment environment;
-  expectItemsComeAndGo();
+  const Strings item{"token", "--service", service};
+  Strings ofGroup = item;
+  ofGroup.insert(ofGroup.end(), {"--group", "team"});
+  expectMissing(keychain("get", item));
+  EXPECT_EQ(keychain("set", {"token", "--service", service, "--stdin"}, secretText()).status, 0);
+  Strings setOfGroup = ofGroup;
+  setOfGroup.emplace_back("--stdin");
+  EXPECT_EQ(keychain("set", setOfGroup, "other").status, 0);
+  EXPECT_EQ(keychain("get", item).output, secretText());
+  EXPECT_EQ(keychain("get", ofGroup).output, "other");
+
+  const Result listed = keychain("list", {"--service", service, "--json"});
+  auto items = nlohmann::json::parse(listed.output).get<std::vector<nlohmann::json>>();
+  std::ranges::sort(items);
+  ASSERT_EQ(items.size(), 2U);
+  EXPECT_EQ(items[0].at("group"), nullptr);
+  EXPECT_EQ(items[1].at("group"), "team");
+  EXPECT_THAT(keychain("list", {}).output, HasSubstr(service + "\ttoken\tteam\n"));
+  EXPECT_THAT(keychain("list", {"--service", "other"}).output, IsEmpty());
+
+  EXPECT_EQ(keychain("delete", {"token", "--service", service, "--yes"}).status, 0);
+  expectMissing(keychain("get", item));
+  EXPECT_EQ(keychain("get", ofGroup).output, "other");
 }
 
 TEST_F(VelumctlKeychain, AsksBeforeItShowsOrDeletes) {
@@ -99,7 +89,7 @@ TEST_F(VelumctlKeychain, AsksBeforeItShowsOrDeletes) {
       EXPECT_EQ(WEXITSTATUS(program.wait()), answer == "y\n" ? 0 : 1);
     }
   }
-  expectFailure(keychain("get", item), "-25300");
+  expectMissing(keychain("get", item));
   // Bytes that are no text are not sent to a terminal, whatever the answer.
   EXPECT_EQ(keychain("set", {"token", "--service", service, "--stdin"}, "\x1B[2J gem").status, 0);
   auto program = onTerminal({"keychain", "get", "token", "--service", service, "--yes"});
@@ -122,7 +112,7 @@ TEST_F(VelumctlKeychain, DoesNotShowWhatIsTyped) {
   EXPECT_EQ(type("hidden gem\n", "hidden gems\n"), 1);
   EXPECT_EQ(type("hidden gem\x03", ""), 1);
   EXPECT_EQ(type("\x04", ""), 1);
-  expectFailure(keychain("get", {"token", "--service", service}), "-25300");
+  expectMissing(keychain("get", {"token", "--service", service}));
   EXPECT_EQ(type("hidden gem\n", "hidden gem\n"), 0);
   EXPECT_EQ(keychain("get", {"token", "--service", service}).output, "hidden gem");
 }
@@ -259,14 +249,10 @@ TEST_F(VelumctlDefaults, DumpsStoragesAfterItAsked) {
   arguments.insert(arguments.end(), {"--yes", "--json"});
   EXPECT_THAT(onTerminal(arguments).readToEnd(), HasSubstr(R"({"token":"hidden gem"})"));
 
-  const std::string sealed = readFile(sealedFile_);
-  for (const std::string& damaged : {sealed.substr(1), std::string("x"), std::string()}) {
-    writeFile(sealedFile_, damaged);
-    const Result result = withSealedFile(dump);
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.errors, HasSubstr("check --key-item"));
-    EXPECT_EQ(readFile(sealedFile_), damaged);  // kept for inspection
-  }
+  const std::string damaged = readFile(sealedFile_).substr(1);
+  writeFile(sealedFile_, damaged);
+  EXPECT_THAT(withSealedFile(dump).errors, HasSubstr("check --key-item"));
+  EXPECT_EQ(readFile(sealedFile_), damaged) << "kept for inspection";
 }
 
 class VelumctlEncryption : public VelumctlTest {
@@ -277,34 +263,16 @@ class VelumctlEncryption : public VelumctlTest {
 };
 
 TEST_F(VelumctlEncryption, RoundTripsFilesAndStreams) {
-  for (const std::size_t keySize : {16U, 24U, 32U}) {
-    writeFile(keyFile_, std::string(keySize, '\xA5'));
-    for (const std::string& text : {std::string(), secretText(), std::string(300'000, 'x')}) {
-      writeFile(plain_, text);
-      ASSERT_EQ(run({"encrypt", plain_, "--key-file", keyFile_, "--output", blob_}).status, 0);
-      EXPECT_EQ(std::filesystem::file_size(blob_), 16 + (text.size() / 16 + 1) * 16);
-      EXPECT_EQ(std::filesystem::status(blob_).permissions(), std::filesystem::perms(0600));
-      EXPECT_EQ(run({"decrypt", blob_, "--key-file", keyFile_}).output, text);
-      const std::string streamed = run({"encrypt", "--key-file", keyFile_}, text).output;
-      EXPECT_NE(streamed, readFile(blob_));
-      EXPECT_EQ(run({"decrypt", "-", "--key-file", keyFile_}, streamed).output, text);
-      EXPECT_EQ(run({"decrypt", blob_, "--key-fd", "0"}, readFile(keyFile_)).output, text);
-    }
+  writeFile(keyFile_, std::string(32, '\xA5'));
+  for (const std::string& text : {std::string(), secretText(), std::string(300'000, 'x')}) {
+    writeFile(plain_, text);
+    ASSERT_EQ(run({"encrypt", plain_, "--key-file", keyFile_, "--output", blob_}).status, 0);
+    EXPECT_EQ(std::filesystem::status(blob_).permissions(), std::filesystem::perms(0600));
+    EXPECT_EQ(run({"decrypt", blob_, "--key-file", keyFile_}).output, text);
+    const std::string streamed = run({"encrypt", "--key-file", keyFile_}, text).output;
+    EXPECT_EQ(run({"decrypt", "-", "--key-file", keyFile_}, streamed).output, text);
+    EXPECT_EQ(run({"decrypt", blob_, "--key-fd", "0"}, readFile(keyFile_)).output, text);
   }
-}
-
-TEST_F(VelumctlEncryption, AsksBeforeItShowsWhatItDecrypts) {
-  writeFile(keyFile_, std::string(32, 'k'));
-  writeFile(plain_, "hidden gem");
-  ASSERT_EQ(run({"encrypt", plain_, "--key-file", keyFile_, "--output", blob_}).status, 0);
-  Strings arguments{"decrypt", blob_, "--key-file", keyFile_};
-  auto program = onTerminal(arguments);
-  EXPECT_THAT(program.readUntil("[y/N] "), Not(HasSubstr("gem")));
-  program.type("n\n");
-  EXPECT_THAT(program.readToEnd(), Not(HasSubstr("gem")));
-  EXPECT_EQ(WEXITSTATUS(program.wait()), 1);
-  arguments.emplace_back("--yes");
-  EXPECT_THAT(onTerminal(arguments).readToEnd(), HasSubstr("hidden gem"));
 }
 
 TEST_F(VelumctlEncryption, FailsWithoutOutput) {
@@ -312,13 +280,11 @@ TEST_F(VelumctlEncryption, FailsWithoutOutput) {
   writeFile(plain_, "text");
   ASSERT_EQ(run({"encrypt", plain_, "--key-file", keyFile_, "--output", blob_}).status, 0);
   const std::string blob = readFile(blob_);
-  for (const std::size_t size : {0U, 15U, 16U, 17U, 31U}) {
-    writeFile(blob_, blob.substr(0, size));
-    const Result result = run({"decrypt", blob_, "--key-file", keyFile_, "--output", plain_});
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.errors, AllOf(HasSubstr("damaged"), Not(HasSubstr("text"))));
-    EXPECT_EQ(readFile(plain_), "text");
-  }
+  writeFile(blob_, blob.substr(0, 31));
+  const Result result = run({"decrypt", blob_, "--key-file", keyFile_, "--output", plain_});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.errors, AllOf(HasSubstr("damaged"), Not(HasSubstr("text"))));
+  EXPECT_EQ(readFile(plain_), "text");
   for (const std::size_t size : {0U, 15U, 33U, 5000U}) {
     writeFile(keyFile_, std::string(size, 'k'));
     EXPECT_EQ(run({"encrypt", plain_, "--key-file", keyFile_}).status, 1);
@@ -327,6 +293,11 @@ TEST_F(VelumctlEncryption, FailsWithoutOutput) {
   auto program = onTerminal({"encrypt", plain_, "--key-file", keyFile_});
   EXPECT_THAT(program.readToEnd(), HasSubstr("--output"));
   EXPECT_EQ(WEXITSTATUS(program.wait()), 2);
+  writeFile(blob_, blob);
+  auto refused = onTerminal({"decrypt", blob_, "--key-file", keyFile_});
+  refused.readUntil("[y/N] ");
+  refused.type("n\n");
+  EXPECT_THAT(refused.readToEnd(), Not(HasSubstr("text")));
 }
 
 }  // namespace

@@ -20,6 +20,11 @@ class VelumctlTest : public testing::Test {
   };
 
   Result run(const Strings& arguments, const std::string& input = {}) const {
+    return execute(commandLine(arguments), input);
+  }
+
+  /// Runs any program to its end.
+  Result execute(const Strings& arguments, const std::string& input = {}) const {
     writeFile(folder_ / "input", input);
     const auto opened = [this](const char* name, int flags) {
       return UniqueFd(::open((folder_ / name).c_str(), flags | O_CLOEXEC, 0600));
@@ -28,8 +33,8 @@ class VelumctlTest : public testing::Test {
     const UniqueFd out = opened("output", O_WRONLY | O_CREAT | O_TRUNC);
     const UniqueFd error = opened("errors", O_WRONLY | O_CREAT | O_TRUNC);
     SpawnOptions options;
-    options.executable = VELUM_VELUMCTL;
-    options.arguments = commandLine(arguments);
+    options.executable = arguments.at(0);
+    options.arguments = arguments;
     options.standardStreams = {in.get(), out.get(), error.get()};
     int status = 0;
     const pid_t pid = spawn(options);
@@ -46,6 +51,18 @@ class VelumctlTest : public testing::Test {
                                    const std::string& colour = "NO_COLOR") {
     return RunningProgram::onTerminal(commandLine(arguments),
                                       {"TERM=xterm", "LESS", colour, pager});
+  }
+
+  RunningProgram start(const Strings& arguments) const {
+    return RunningProgram::piped(commandLine(arguments));
+  }
+  /// Acts until the program has printed `text`: nothing tells when it has begun to look or listen.
+  template <class Action>
+  static bool prints(RunningProgram& program, std::string_view text, Action action) {
+    return eventually([&] {
+      action();
+      return program.hasPrinted(text, std::chrono::milliseconds(50));
+    });
   }
 
   TemporaryFolder folder_;

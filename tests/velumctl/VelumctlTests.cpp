@@ -250,18 +250,25 @@ TEST_F(Velumctl, SaysWhatItWaitsForAndCanBeInterrupted) {
   const auto started = [](const Strings& arguments) {
     return RunningProgram::onTerminal(commandLine(arguments), {"PAGER=cat"});
   };
+  const auto isWaiting = [this](RunningProgram& program) {
+    program.readUntil("aiting for another process to release " + log_);
+  };
   auto show = started({"logs", "show", log_});
   auto save = started({"logs", "save", log_, out, "--whole"});
-  auto archive = started({"support", "archive", folder_ / "a.zip", "--log", log_});
-  for (RunningProgram* const program : {&show, &save, &archive}) {
-    program->readUntil("aiting for another process to release " + log_);
-  }
-  for (RunningProgram* const program : {&save, &archive}) {
-    program->type("\x03");
-    EXPECT_THAT(program->readToEnd(), HasSubstr("cancelled"));
-    EXPECT_EQ(WTERMSIG(program->wait()), SIGINT);
-  }
+  isWaiting(show);
+  isWaiting(save);
+  save.type("\x03");
+  EXPECT_THAT(save.readToEnd(), HasSubstr("cancelled"));
+  EXPECT_EQ(WTERMSIG(save.wait()), SIGINT);
   EXPECT_TRUE(std::filesystem::is_empty(out));
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+    auto archive = started({"support", "archive", folder_ / "a.zip", "--log", log_});
+    isWaiting(archive);
+    archive.signal(number);
+    EXPECT_THAT(archive.readToEnd(), HasSubstr("cancelled"));
+    EXPECT_EQ(WTERMSIG(archive.wait()), number);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "a.zip"));
+  }
   other.reset();
   EXPECT_THAT(show.readToEnd(), HasSubstr("five"));
   EXPECT_EQ(show.wait(), 0);
@@ -377,30 +384,6 @@ TEST_F(Velumctl, MakesArchivesWithAProgressBarOnATerminal) {
   auto program = onTerminal(arguments);
   EXPECT_THAT(program.readToEnd(), AllOf(HasSubstr(" %"), HasSubstr("for support.zip")));
   EXPECT_EQ(program.wait(), 0);
-}
-
-TEST_F(Velumctl, SignalsLeaveNothingOfAnArchive) {
-  namespace fs = std::filesystem;
-  const std::string temporary = folder_ / "temporary";
-  fs::create_directory(temporary);
-  writeFile(log_, record("09:00:00", "a", "I: x"));
-  std::mt19937_64 random(7);  // NOLINT(cert-msc32-c,cert-msc51-cpp)
-  std::string content;
-  content.resize(40'000'000);  // packing it takes a while
-  std::ranges::generate(content, [&random] { return static_cast<char>(random()); });
-  writeFile(folder_ / "big", content);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
-    auto program =
-        RunningProgram::onTerminal(commandLine({"support", "archive", folder_ / "a.zip", "--log",
-                                                log_, "--include", "big=" + (folder_ / "big")}),
-                                   {"TMPDIR=" + temporary});
-    program.readUntil("\r[#########################");  // the packing has begun
-    program.signal(number);
-    EXPECT_THAT(program.readToEnd(), HasSubstr("cancelled"));
-    EXPECT_EQ(WTERMSIG(program.wait()), number);
-    EXPECT_TRUE(fs::is_empty(temporary));
-    EXPECT_FALSE(fs::exists(folder_ / "a.zip"));
-  }
 }
 
 TEST_F(Velumctl, RunsToolsThroughTheRunner) {

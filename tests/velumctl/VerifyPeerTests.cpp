@@ -35,16 +35,9 @@ class VelumctlVerifyPeer : public VelumctlTest {
     writePrivate(name + ".key", identity.keyPem());
   }
 
-  struct Signing {
-    int status;
-    std::string output;
-  };
-  Signing sign(const std::string& key, const std::string& certificate,
-               const Strings& more = {}) const {
-    Strings arguments{"/bin/sh",
-                      "-c",
-                      "exec \"$0\" \"$@\" 2>&1",
-                      VELUM_SOURCE_DIR "/scripts/sign-code",
+  Result sign(const std::string& key, const std::string& certificate,
+              const Strings& more = {}) const {
+    Strings arguments{VELUM_SOURCE_DIR "/scripts/sign-code",
                       "--key",
                       folder_ / key,
                       "--certificate",
@@ -53,10 +46,7 @@ class VelumctlVerifyPeer : public VelumctlTest {
                       folder_ / "step.pem"};
     arguments.insert(arguments.end(), more.begin(), more.end());
     arguments.push_back(program_);
-    RunningProgram script = RunningProgram::piped(arguments);
-    const std::string output = script.readToEnd();
-    const int status = script.wait();
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+    return execute(arguments);
   }
 
   Result verify(int pid, Strings more = {}) const {
@@ -86,7 +76,7 @@ TEST_F(VelumctlVerifyPeer, TellsMakersWhetherTheirProgramCounts) {
   EXPECT_TRUE(
       contains(verify(process.pid(), {"--verbose"}).errors, "R8K2ZP5WQN: it is not signed"));
 
-  const Signing signing = sign("team.key", "team.pem");
+  const Result signing = sign("team.key", "team.pem");
   EXPECT_EQ(signing.status, 0);
   EXPECT_EQ(signing.output, program_ + ": signed by R8K2ZP5WQN\n");
   const Result signedOne = verify(process.pid(), {"--team", team, "--strict"});
@@ -119,8 +109,8 @@ TEST_F(VelumctlVerifyPeer, SigningAgainReplacesTheOtherKindOfSignature) {
   EXPECT_EQ(sign("team.key", "team.pem").status, 0);
   EXPECT_EQ(verify(process.pid()).status, 0);
   fs::remove(program_ + ".p7s");
-  const Signing signing = sign("team.key", "team.pem", {"--attribute"});
-  EXPECT_EQ(signing.status, 0) << signing.output;
+  const Result signing = sign("team.key", "team.pem", {"--attribute"});
+  EXPECT_EQ(signing.status, 0) << signing.errors;
   EXPECT_FALSE(fs::exists(program_ + ".p7s"));
   EXPECT_EQ(verify(process.pid()).status, 0);
 }
@@ -142,9 +132,9 @@ TEST_F(VelumctlVerifyPeer, CertificatesThatWouldNeverCountSignNothing) {
                           Case{"team.key", "team.key", "can't be read as a certificate"},
                           Case{"missing.key", "team.pem", "was not signed"},
                           Case{"two.key", "team.pem", "was not signed"}}) {
-    const Signing signing = sign(one.key, one.certificate);
+    const Result signing = sign(one.key, one.certificate);
     EXPECT_EQ(signing.status, 1);
-    EXPECT_TRUE(contains(signing.output, one.expected)) << signing.output;
+    EXPECT_TRUE(contains(signing.errors, one.expected)) << signing.errors;
     for (const auto& entry : fs::directory_iterator(folder_.path())) {
       EXPECT_FALSE(entry.path().string().starts_with(program_ + ".")) << entry.path();
     }

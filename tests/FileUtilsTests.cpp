@@ -10,9 +10,9 @@
 #include <functional>
 #include <regex>
 
-#include "Velum/Logger/Logger.h"
-#include "Velum/SystemError.h"
+#include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Errors.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -24,17 +24,8 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
-class KeepingHandler final : public LogHandlerProtocol {
- public:
-  void logWithLevel(LogLevel, LogDate, std::string_view text) override { lines.emplace_back(text); }
-  std::vector<std::string> lines;
-};
-
 class FileUtilsTest : public ::testing::Test {
  protected:
-  void SetUp() override { Logger::shared().setHandlers({log}); }
-  void TearDown() override { Logger::shared().setHandlers({}); }
-
   std::string make(const std::string& name, std::time_t modified = 1000) const {
     test::writeFile(folder / name, name);
     const std::array<timespec, 2> times{timespec{modified, 0}, timespec{modified, 0}};
@@ -42,18 +33,14 @@ class FileUtilsTest : public ::testing::Test {
     return folder / name;
   }
   static std::string errorOf(const std::function<void()>& call, int code) {
-    try {
-      call();
-    } catch (const SystemError& error) {
-      EXPECT_EQ(error.code(), code);
-      EXPECT_EQ(error.what(), error.message() + ": " + systemErrorText(code));
-      return error.message();
-    }
-    return "(no error)";
+    const SystemError error = test::errorOf(call);
+    EXPECT_EQ(error.code(), code);
+    EXPECT_EQ(error.what(), error.message() + ": " + systemErrorText(code));
+    return error.message();
   }
 
   test::TemporaryFolder folder;
-  std::shared_ptr<KeepingHandler> log = std::make_shared<KeepingHandler>();
+  test::CapturedLog log;
 };
 
 TEST_F(FileUtilsTest, FindsFilesBySuffixButNoFoldersAndNoHiddenOnes) {
@@ -65,7 +52,7 @@ TEST_F(FileUtilsTest, FindsFilesBySuffixButNoFoldersAndNoHiddenOnes) {
   fs::create_directory(folder / "folder.log");
   EXPECT_THAT(FileUtils::findFile(".log", folder.path(), false), UnorderedElementsAre(a, b));
   EXPECT_THAT(FileUtils::findFile("log", folder.path() + "/./", true), UnorderedElementsAre(a, b));
-  EXPECT_THAT(log->lines, IsEmpty());
+  EXPECT_THAT(log.texts(), IsEmpty());
 }
 
 TEST_F(FileUtilsTest, SortsByModificationNewestFirstAndUnknownLast) {
@@ -79,7 +66,7 @@ TEST_F(FileUtilsTest, SortsByModificationNewestFirstAndUnknownLast) {
 
 TEST_F(FileUtilsTest, LogsOneErrorForAMissingFolder) {
   EXPECT_THAT(FileUtils::findFile(".log", folder / "missing", true), IsEmpty());
-  EXPECT_THAT(log->lines,
+  EXPECT_THAT(log.texts(),
               ElementsAre("E: (FileUtils: findFile(suffix:in:sorted:)) Can't get all files with "
                           ".log in directory: " +
                           folder / "missing" + " with error: No such file or directory"));
@@ -91,14 +78,14 @@ TEST_F(FileUtilsTest, MovesAFileButReplacesNone) {
   FileUtils::moveFile(file + "/", folder / "to/");
   EXPECT_FALSE(fs::exists(file));
   EXPECT_EQ(test::readFile(folder / "to/a"), "a");
-  EXPECT_THAT(log->lines, IsEmpty());
+  EXPECT_THAT(log.texts(), IsEmpty());
 
   test::writeFile(file, "second");
   FileUtils::moveFile(file, folder / "to");
   EXPECT_EQ(test::readFile(file), "second");
   EXPECT_EQ(test::readFile(folder / "to/a"), "a");
   FileUtils::moveFile(folder / "missing", folder / "to");
-  EXPECT_THAT(log->lines,
+  EXPECT_THAT(log.texts(),
               ElementsAre("E: (FileUtils: moveFile(name:to:)) filed to move file " + file +
                               " to directory: " + folder / "to" + " with error: File exists",
                           "E: (FileUtils: moveFile(name:to:)) filed to move file " +
@@ -131,9 +118,9 @@ TEST_F(FileUtilsTest, MovesAcrossVolumesWithTimesOrNotAtAll) {
     FileUtils::moveFile(big, folder / "volume");
     EXPECT_EQ(fs::file_size(big), 100'000U);
     EXPECT_FALSE(fs::exists(folder / "volume/big")) << "a part of the file";
-    ASSERT_EQ(log->lines.size(), 2U);
-    EXPECT_TRUE(log->lines[0].ends_with(" with error: File exists")) << log->lines[0];
-    EXPECT_TRUE(log->lines[1].ends_with(" with error: No space left on device")) << log->lines[1];
+    ASSERT_EQ(log.texts().size(), 2U);
+    EXPECT_TRUE(log.texts()[0].ends_with(" with error: File exists")) << log.texts()[0];
+    EXPECT_TRUE(log.texts()[1].ends_with(" with error: No space left on device")) << log.texts()[1];
   });
 }
 
@@ -141,10 +128,10 @@ TEST_F(FileUtilsTest, DeletesFilesAndFoldersAndLogsWhatItCannot) {
   make("sub/deep/file");
   FileUtils::deleteFile(folder / "sub");
   EXPECT_FALSE(fs::exists(folder / "sub"));
-  EXPECT_THAT(log->lines, IsEmpty());
+  EXPECT_THAT(log.texts(), IsEmpty());
   FileUtils::deleteFile(folder / "sub");
-  EXPECT_THAT(log->lines, ElementsAre("E: (FileUtils: deleteFile(_:)) Error deleting " +
-                                      folder / "sub" + " with error: No such file or directory"));
+  EXPECT_THAT(log.texts(), ElementsAre("E: (FileUtils: deleteFile(_:)) Error deleting " +
+                                       folder / "sub" + " with error: No such file or directory"));
 }
 
 TEST_F(FileUtilsTest, ClonesOverAnExistingFileAndSaysWhatFailed) {

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <thread>
 
-#include "Velum/SystemError.h"
+#include "tests/support/Errors.h"
 #include "tests/support/Processes.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -28,12 +28,7 @@ class StartRelauncher : public ::testing::Test {
 
   static SystemError failure(const std::string& path,
                              std::chrono::milliseconds timeout = deadline) {
-    try {
-      startRelauncher(path, "/An App.app", timeout);
-    } catch (const SystemError& error) {
-      return error;
-    }
-    return {0, "no error"};
+    return errorOf([&] { startRelauncher(path, "/An App.app", timeout); });
   }
 
   TemporaryFolder folder_;

@@ -8,11 +8,10 @@
 #include <thread>
 
 #include "Velum/LineSplitter.h"
-#include "Velum/Logger/Logger.h"
+#include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"
 #include "tests/support/Processes.h"
-#include "tests/support/RecordingLogHandler.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/ZipWriter.h"
 
@@ -27,20 +26,17 @@ using ::testing::StartsWith;
 
 class Tools : public ::testing::Test {
  protected:
-  Tools() { Logger::shared().setHandlers({log_}); }
-  void TearDown() override { Logger::shared().setHandlers({}); }
-
   static CliResult shell(const std::string& script) {
     return SystemUtil::cliUtil("/bin/sh", {"-c", script}, std::nullopt, true);
   }
   std::string lastRecord() const {
-    const auto texts = log_->texts();
+    const auto texts = log_.texts();
     return texts.empty() ? "" : texts.back();
   }
 
   Family family_;
   TemporaryFolder folder_;
-  std::shared_ptr<RecordingLogHandler> log_ = std::make_shared<RecordingLogHandler>();
+  CapturedLog log_;
 };
 
 using CliUtil = Tools;

@@ -16,10 +16,9 @@
 #include <utility>
 #include <vector>
 
-#include "Velum/Logger/Logger.h"
+#include "tests/support/CapturedLog.h"
 #include "tests/support/Exchanges.h"
 #include "tests/support/HttpServer.h"
-#include "tests/support/RecordingLogHandler.h"
 
 namespace velum::test {
 namespace {
@@ -62,17 +61,6 @@ class ScriptedLoader final : public URLLoader {
 
 class Retrying : public testing::Test {
  protected:
-  Retrying() {
-    Logger::shared().setHandlers({log_});
-    Logger::shared().setLogLevel(LogLevel::verbose);
-  }
-  ~Retrying() override {
-    Logger::shared().setHandlers({});
-    Logger::shared().setLogLevel(LogLevel::info);
-  }
-  Retrying(const Retrying&) = delete;
-  Retrying& operator=(const Retrying&) = delete;
-
   // How many requests were sent, and how it ended.
   static std::pair<std::size_t, Outcome> sent(const std::vector<URLError>& errors,
                                               unsigned retries) {
@@ -83,7 +71,7 @@ class Retrying : public testing::Test {
     return {loader.requests(), std::move(outcome)};
   }
 
-  std::shared_ptr<RecordingLogHandler> log_ = std::make_shared<RecordingLogHandler>();
+  CapturedLog log_;
 };
 
 const URLError timedOut = URLError::url(URLError::timedOut, "no answer");
@@ -100,12 +88,12 @@ TEST_F(Retrying, CountsTheFirstAttemptAmongTheRetries) {
 
 TEST_F(Retrying, SaysWhatItDoesAtTheMostVerboseLevel) {
   sent({timedOut}, 0);
-  EXPECT_THAT(log_->texts(), ElementsAre("V: (URLSession: execute(_:)) Request retries count: 2",
-                                         "V: (URLSession: execute(_:)) Request - exceeded limit"));
-  const std::size_t before = log_->texts().size();
+  EXPECT_THAT(log_.texts(), ElementsAre("V: (URLSession: execute(_:)) Request retries count: 2",
+                                        "V: (URLSession: execute(_:)) Request - exceeded limit"));
+  const std::size_t before = log_.texts().size();
   const auto [requests, outcome] = sent({timedOut}, 2);
   EXPECT_EQ(outcome.data, "data");
-  auto texts = log_->texts();
+  auto texts = log_.texts();
   texts.erase(texts.begin(), texts.begin() + static_cast<std::ptrdiff_t>(before));
   EXPECT_THAT(texts, ElementsAre("V: (URLSession: execute(_:)) Request retries count: 2",
                                  "V: (URLSession: execute(_:)) New attemp to send request"));
@@ -126,7 +114,7 @@ TEST_F(Retrying, TriesAgainAfterTransientErrorsOnly) {
     EXPECT_EQ(requests, 1U) << error.domain << error.code;
     EXPECT_EQ(outcome.failure(), error.domain + ' ' + std::to_string(error.code));
   }
-  EXPECT_THAT(log_->texts(),
+  EXPECT_THAT(log_.texts(),
               testing::Contains("E: (URLSession: execute(_:)) Request failed with error: offline"));
 }
 
@@ -136,7 +124,7 @@ TEST_F(Retrying, SendsTheSameBodyAgainUntilTheServerAnswers) {
       exchanged({.url = server.url("/flaky"), .method = "POST", .body = "b"}, 3);
   EXPECT_EQ(outcome.status(), 200) << outcome.failure();
   EXPECT_THAT(outcome.data, HasSubstr(R"("body": "b")"));
-  EXPECT_THAT(log_->texts(), testing::Contains(HasSubstr("New attemp")).Times(2));
+  EXPECT_THAT(log_.texts(), testing::Contains(HasSubstr("New attemp")).Times(2));
 }
 
 TEST_F(Retrying, ShowsNoSecretInAnyRecordOrError) {
@@ -157,8 +145,8 @@ TEST_F(Retrying, ShowsNoSecretInAnyRecordOrError) {
     ASSERT_TRUE(outcome.error && other.error);
     EXPECT_THAT(outcome.error->text + other.error->text, Not(HasSubstr("hidden")));
   }
-  EXPECT_THAT(log_->texts(), testing::Each(Not(HasSubstr("hidden"))));
-  EXPECT_THAT(log_->texts(), Not(IsEmpty()));
+  EXPECT_THAT(log_.texts(), testing::Each(Not(HasSubstr("hidden"))));
+  EXPECT_THAT(log_.texts(), Not(IsEmpty()));
 }
 
 TEST_F(Retrying, EndsOnceWhenCancelledAtAnyMoment) {
@@ -182,14 +170,6 @@ TEST_F(Retrying, EndsOnceWhenCancelledAtAnyMoment) {
     EXPECT_TRUE(isCancelled || outcome.status() == 200) << outcome.failure();
     exchange->cancel();  // too late, and harmless
   }
-}
-
-TEST_F(Retrying, StopsTryingWhenCancelled) {
-  const ClosedPort closed;
-  PendingExchange exchange({.url = closed.url()}, 1'000'000'000);
-  ASSERT_TRUE(eventually([this] { return log_->texts().size() > 20; }));
-  exchange.cancel();
-  EXPECT_EQ(exchange.end().failure(), "NSURLErrorDomain -999");
 }
 
 }  // namespace

@@ -295,19 +295,6 @@ TEST_F(Loader, HandsNoSocketToProgramsThatAreStarted) {
   exchange.end();
 }
 
-// OpenSSL would be torn down under the exchanges; here nothing but the loader has begun it.
-TEST(LoaderOfAProcess, MayBeInTheMiddleOfExchangesAtItsEnd) {
-  const HttpServer server(HttpServer::Tls::yes);
-  const ScopedVariable authority("SSL_CERT_FILE", server.certificate());
-  exitBesideUsers([&] {
-    return [url = server.tlsUrl("/echo")] {
-      URLRequest request{.url = url};
-      request.headers.add("Connection", "close");  // what is new is the hardest
-      return exchanged(std::move(request)).status() == 200;
-    };
-  });
-}
-
 TEST_F(Loader, StartsAnewInAForkedChild) {
   PendingExchange pending({.url = server_.url("/never"), .method = "POST", .body = "b"});
   ASSERT_TRUE(eventually([&] { return pending.task().countOfBytesSent() == 1; }));

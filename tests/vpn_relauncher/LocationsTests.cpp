@@ -12,8 +12,8 @@
 #include "Velum/Logger/Handlers/FileLogHandler.h"
 #include "Velum/Logger/Handlers/OSLogHandler.h"
 #include "Velum/Logger/Logger.h"
+#include "tests/support/CapturedLog.h"
 #include "tests/support/Environment.h"
-#include "tests/support/RecordingLogHandler.h"
 #include "tests/support/TemporaryFolder.h"
 #include "vpn_relauncher/LastErrorLogHandler.h"
 #include "vpn_relauncher/LogConfig.h"
@@ -42,13 +42,7 @@ class FakeDirectories final : public Directories {
 
 class LocationsTest : public testing::Test {
  protected:
-  void SetUp() override { Logger::shared().setHandlers({log}); }
-  void TearDown() override { Logger::shared().setHandlers(before); }
-
-  std::vector<std::string> records() const { return log->texts(); }
-
-  std::shared_ptr<test::RecordingLogHandler> log = std::make_shared<test::RecordingLogHandler>();
-  Logger::Handlers before = Logger::shared().handlers();
+  test::CapturedLog log;
   test::TemporaryFolder folder;
   FakeDirectories directories;
   Locations locations{directories};
@@ -64,7 +58,7 @@ TEST_F(LocationsTest, CreatesTheFoldersOfBothLogs) {
   EXPECT_EQ(locations.appGroupDirectory(), directories.group);
   EXPECT_TRUE(fs::is_directory(*locations.groupLogsDirectory()));
   EXPECT_EQ(fs::status(*locations.sharedLogsDirectory()).permissions(), fs::perms(0755));
-  EXPECT_THAT(records(), IsEmpty());
+  EXPECT_THAT(log.texts(), IsEmpty());
 }
 
 TEST_F(LocationsTest, GivesTheSharedFolderItsPermissionsOnlyWhenItIsNew) {
@@ -83,20 +77,20 @@ TEST_F(LocationsTest, SaysOnceWhatIsMissing) {
   EXPECT_EQ(locations.groupLogFilePath(), "");
   EXPECT_EQ(locations.groupLogsDirectory(), std::nullopt);
   EXPECT_EQ(locations.sharedLogFilePath(), "");  // without a message
-  EXPECT_THAT(records(), ElementsAre("E: (Locations: appGroupDirectory) "
-                                     "Failed to get app group directory",
-                                     "E: (Locations: groupLogsDirectory) "
-                                     "Failed to get group logs directory"));
+  EXPECT_THAT(log.texts(), ElementsAre("E: (Locations: appGroupDirectory) "
+                                       "Failed to get app group directory",
+                                       "E: (Locations: groupLogsDirectory) "
+                                       "Failed to get group logs directory"));
 }
 
 TEST_F(LocationsTest, SaysWhyAFolderCannotBeCreated) {
   test::writeFile(folder / "file", "");
   directories.library = folder / "file";
   EXPECT_EQ(locations.sharedLogFilePath(), "");
-  EXPECT_THAT(records(), ElementsAre("E: (Locations: create(url:title:attr:)) "
-                                     "Cannot create Shared Logs directory (" +
-                                     (folder / "file/Logs/com.quillon.mac.vpn") +
-                                     ") with error: Not a directory"));
+  EXPECT_THAT(log.texts(), ElementsAre("E: (Locations: create(url:title:attr:)) "
+                                       "Cannot create Shared Logs directory (" +
+                                       (folder / "file/Logs/com.quillon.mac.vpn") +
+                                       ") with error: Not a directory"));
 }
 
 TEST_F(LocationsTest, LooksEachFolderUpOnce) {

@@ -6,8 +6,7 @@
 #include <cmath>
 #include <utility>
 
-#include "Velum/Logger/Logger.h"
-#include "tests/support/RecordingLogHandler.h"
+#include "tests/support/CapturedLog.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum::test {
@@ -80,10 +79,7 @@ class TerminationListenerTest : public testing::Test {
                   "<key>CFBundleIdentifier</key><string>" + identifier +
                   "</string></dict></plist>");
     bundle_ = folder_ / "Sample.app";
-    Logger::shared().setLogLevel(LogLevel::debug);
-    Logger::shared().setHandlers({log_});
   }
-  void TearDown() override { Logger::shared().setHandlers({}); }
 
   TerminationListener listener() {
     return {bundle_, quitting, workspace_, queue_,
@@ -95,7 +91,7 @@ class TerminationListenerTest : public testing::Test {
   FakeWorkspace workspace_;
   FakeQueue queue_;
   std::vector<int> exits_;
-  std::shared_ptr<RecordingLogHandler> log_ = std::make_shared<RecordingLogHandler>();
+  CapturedLog log_;
 };
 
 TEST_F(TerminationListenerTest, WaitsUntilTheInstanceIsGoneThenOpensItOnce) {
@@ -116,7 +112,7 @@ TEST_F(TerminationListenerTest, WaitsUntilTheInstanceIsGoneThenOpensItOnce) {
     subject.observeValue("runningApplications");
     EXPECT_THAT(workspace_.opened, ElementsAre(bundle_));
     EXPECT_THAT(exits_, ElementsAre(0));
-    EXPECT_THAT(log_->texts(), ElementsAre("I: (main) App was relaunched successfully"));
+    EXPECT_THAT(log_.texts(), ElementsAre("I: (main) App was relaunched successfully"));
   }
   EXPECT_EQ(workspace_.observer, nullptr);
 }
@@ -138,7 +134,7 @@ TEST_F(TerminationListenerTest, LeavesAnotherRunningInstanceAlone) {
   subject.observeValue("runningApplications");
   EXPECT_THAT(workspace_.opened, IsEmpty());
   EXPECT_THAT(exits_, ElementsAre(0));
-  EXPECT_THAT(log_->texts(), ElementsAre("I: (main) App is already running, no need to relaunch"));
+  EXPECT_THAT(log_.texts(), ElementsAre("I: (main) App is already running, no need to relaunch"));
 }
 
 TEST_F(TerminationListenerTest, OpensWhatHasNoIdentifierWhateverRuns) {
@@ -162,14 +158,14 @@ TEST_F(TerminationListenerTest, GivesUpAfterElevenAttemptsWithGrowingPauses) {
   for (int k = 0; k < 10; ++k) {
     const double delay = queue_.delays[static_cast<std::size_t>(k)];
     EXPECT_NEAR(delay, 0.1 * std::pow(1.475, k + 1), 1e-6);
-    EXPECT_EQ(log_->texts()[static_cast<std::size_t>(k)],
+    EXPECT_EQ(log_.texts()[static_cast<std::size_t>(k)],
               "W: (main) Restart failed. Attempts left: " + std::to_string(9 - k));
     sum += delay;
   }
   EXPECT_NEAR(sum, 14.83, 0.005);
-  EXPECT_EQ(log_->texts().back(),
+  EXPECT_EQ(log_.texts().back(),
             "E: (main: relaunchWithRetries()) Restart failed with error: no such {} file");
-  EXPECT_EQ(log_->texts().size(), 11U);
+  EXPECT_EQ(log_.texts().size(), 11U);
 }
 
 TEST_F(TerminationListenerTest, SucceedsOnALaterAttemptAndSeesAnInstanceStartedMeanwhile) {
@@ -180,7 +176,7 @@ TEST_F(TerminationListenerTest, SucceedsOnALaterAttemptAndSeesAnInstanceStartedM
   queue_.drain();
   EXPECT_EQ(workspace_.opened.size(), 1U);
   EXPECT_THAT(exits_, ElementsAre(0));
-  EXPECT_EQ(log_->texts().back(), "I: (main) App is already running, no need to relaunch");
+  EXPECT_EQ(log_.texts().back(), "I: (main) App is already running, no need to relaunch");
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ class VelumctlKeychain : public VelumctlTest {
     arguments.insert(arguments.end(), options.begin(), options.end());
     return run(arguments, input);
   }
-  void expectMissing(const Result& result) const {
+  static void expectMissing(const Result& result) {
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.errors, AllOf(StartsWith("velumctl: "), HasSubstr("(-25300);")));
     EXPECT_EQ(std::ranges::count(result.errors, '\n'), 1);

@@ -53,7 +53,7 @@ class VelumctlTest : public testing::Test {
                                       {"TERM=xterm", "LESS", colour, pager});
   }
 
-  RunningProgram start(const Strings& arguments) const {
+  static RunningProgram start(const Strings& arguments) {
     return RunningProgram::piped(commandLine(arguments));
   }
   /// Acts until the program has printed `text`: nothing tells when it has begun to look or listen.

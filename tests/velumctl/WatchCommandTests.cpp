@@ -14,7 +14,7 @@ class VelumctlWatch : public VelumctlTest {
  protected:
   VelumctlWatch() { std::filesystem::create_directory(path_); }
 
-  RunningProgram watching(Strings arguments) const {
+  static RunningProgram watching(Strings arguments) {
     arguments.insert(arguments.begin(), "watch");
     return start(arguments);
   }

@@ -23,7 +23,6 @@
 #include "tests/support/Exchanges.h"
 #include "tests/support/HttpServer.h"
 #include "tests/support/Inspection.h"
-#include "tests/support/UsingProcess.h"
 
 namespace velum::test {
 namespace {

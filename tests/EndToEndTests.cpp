@@ -85,6 +85,9 @@ TEST_F(EndToEnd, AnApplicationMayDieOnceItsHelperIsArmed) {
 }
 
 TEST_F(EndToEnd, MakesItsOwnWhatItWasStartedWith) {
+#ifdef VELUM_THREAD_SANITIZER
+  GTEST_SKIP() << "this sanitizer writes a file of its own before the helper begins";
+#endif
   // What the starter closed, ignored and limited.
   helperCommand = {"/bin/sh", "-c", "trap '' CHLD; ulimit -f 0; exec \"$@\" 0<&- 1>&- 2>&-", "sh",
                    VELUM_RELAUNCHER};

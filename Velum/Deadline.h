@@ -13,7 +13,7 @@ template <class Rep, class Period>
 constexpr std::chrono::nanoseconds bounded(std::chrono::duration<Rep, Period> duration) noexcept {
   constexpr std::chrono::hours longest(24 * 365 * 100);
   const std::chrono::duration<double> seconds(duration);
-  if (!(seconds > seconds.zero())) return std::chrono::nanoseconds::zero();
+  if (!(seconds.count() > 0)) return std::chrono::nanoseconds::zero();
   if (seconds >= longest) return longest;
   return std::chrono::duration_cast<std::chrono::nanoseconds>(duration);
 }

@@ -100,8 +100,9 @@ std::optional<int> parseReadyDescriptor(std::string_view text) {
   if (error != std::errc{} || end != textEnd || descriptor <= STDERR_FILENO) return std::nullopt;
   struct stat status {};
   // One that is there and can't be looked at is taken: somebody may wait for it.
-  if (::fstat(descriptor, &status) != 0)
+  if (::fstat(descriptor, &status) != 0) {
     return errno == EBADF ? std::nullopt : std::optional(descriptor);
+  }
   if (!S_ISFIFO(status.st_mode) && !S_ISSOCK(status.st_mode)) return std::nullopt;
   return descriptor;
 }

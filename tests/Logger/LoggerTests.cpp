@@ -210,7 +210,7 @@ TEST(LogRecord, KeepsTheZoneOfTheFirstDateWithItsSummers) {
       std::tm local{};
       ::localtime_r(&time, &local);
       std::array<char, 32> text{};
-      std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S.000", &local);
+      EXPECT_NE(std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S.000", &local), 0U);
       expected.emplace_back(date, text.data());
     }
     makeRecordPrefix(now, "first");

@@ -72,8 +72,8 @@ TEST_F(HttpCommand, TellsStatusesAndFailuresByItsOwnStatus) {
   EXPECT_THAT(send({closed.url("/?hidden"), "--retries", "2"}).errors, HasSubstr("-1004"));
   EXPECT_EQ(send({server_.url("/never"), "--timeout", "0.2"}).status, 1);
   EXPECT_EQ(send({server_.url("/"), "--data-file", folder_ / "missing"}).status, 1);
-  const Strings wrong[]{{"--header", "hidden"}, {"--form", "hidden"}, {"--file", "a=hidden"}};
-  for (const Strings& option : wrong) {
+  for (const Strings& option :
+       {Strings{"--header", "hidden"}, {"--form", "hidden"}, {"--file", "a=hidden"}}) {
     const Result result = send({server_.url("/"), option[0], option[1]});
     EXPECT_EQ(result.status, 2) << option[0];
     EXPECT_THAT(result.errors, Not(HasSubstr("hidden")));

@@ -124,7 +124,7 @@ class TimerState final : public SourceState {
  public:
   TimerState(std::chrono::nanoseconds delay, std::chrono::nanoseconds interval, QueueBase& queue,
              Work handler)
-      : SourceState(queue, interval > interval.zero(), std::move(handler)),
+      : SourceState(queue, interval.count() > 0, std::move(handler)),
         timer_(executor()),
         delay_(delay),
         interval_(interval) {}
@@ -135,6 +135,7 @@ class TimerState final : public SourceState {
   }
 
  private:
+  // NOLINTNEXTLINE(bugprone-exception-escape): that of cancelling never comes
   void stopWaiting() noexcept override { timer_.cancel(); }
 
   asio::steady_timer timer_;

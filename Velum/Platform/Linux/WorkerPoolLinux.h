@@ -70,6 +70,7 @@ class WorkerPool {
 /// stops the process. A child that was forked inside the item and returns from it must not go back
 /// to where the parent's work comes from: it goes on with `inChild`, which does not return.
 template <class InChild>
+// NOLINTNEXTLINE(bugprone-exception-escape): on purpose
 void performWork(const Work& work, InChild inChild) noexcept {
   const unsigned generation = forkGeneration();
   work();

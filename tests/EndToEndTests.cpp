@@ -152,7 +152,9 @@ class CallCounter {
     isWaiting_ = call == SYS_epoll_wait && static_cast<int>(info.entry.args[3]) == -1;
     if (isWaiting_ && !hasEnded_) ::kill(application_, SIGKILL);
     const bool hasPath = call == SYS_openat || call == SYS_newfstatat;
-    const std::string path = hasPath ? text(info.entry.args[1]) : "";
+    const std::string path = call == SYS_access ? text(info.entry.args[0])
+                             : hasPath          ? text(info.entry.args[1])
+                                                : "";
     const bool isForeign = isOfOthers(path) || foreign_.contains(info.entry.args[0]);
     isForeignOpen_ = isForeign && call == SYS_openat;
     if (call == SYS_close) foreign_.erase(info.entry.args[0]);
@@ -173,6 +175,7 @@ class CallCounter {
   bool isOfOthers(const std::string& path) const {
     constexpr std::string_view processes = "/proc/";
     if (path.starts_with(processes)) return path.find_first_of("0123456789") == processes.size();
+    if (path.ends_with(" (deleted)")) return true;  // the program of a process is looked for again
     const bool isInBundle = path.ends_with(".app") || path.find("/Contents") != std::string::npos;
     return isInBundle && !path.starts_with(bundle_);
   }

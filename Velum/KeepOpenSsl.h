@@ -8,8 +8,9 @@ namespace velum::detail {
 /// work: a process that ended during an exchange, or while it wrote a sealed file, crashed. With
 /// this as the first use of the library in the process it stays as it is until the process is gone.
 ///
-/// An application that used it before its first line of ours decides otherwise: a thread of ours
-/// that uses it then is stopped by OPENSSL_atexit, which runs before anything is freed.
+/// An application that used it before us has its handler already. Exchanges are then stopped
+/// through OPENSSL_atexit, which runs before anything is freed; another thread of ours that uses it
+/// in the moment of the exit is not, and can still crash.
 inline void keepOpenSsl() noexcept {
   static_cast<void>(OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr));
 }

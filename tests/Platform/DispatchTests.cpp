@@ -347,6 +347,30 @@ TEST_P(EndingSource, TellsNothingThatAlreadyWaitsInTheQueue) {
   EXPECT_EQ(calls, 0);
 }
 
+// The reactor gives a closed descriptor's record to the next one, with the event that it has just
+// fetched for it.
+TEST(DispatchSource, TellsNothingOfTheDescriptorThatWasClosedBeforeItsOwn) {
+  const test::Pipe loud;
+  const test::Pipe quiet;
+  const auto queue = DispatchQueue::serial("source");
+  const std::jthread events([&](const std::stop_token& end) {
+    while (!end.stop_requested()) {
+      char byte = 0;
+      ASSERT_EQ(::write(loud.writer.get(), &byte, 1), 1);
+      ASSERT_EQ(::read(loud.reader.get(), &byte, 1), 1);
+    }
+  });
+  for (int round = 0; round < 2'000; ++round) {
+    auto closed = DispatchSource::readable(loud.reader.get(), *queue, [] {});
+    closed.reset();
+    const auto own = DispatchSource::readable(quiet.reader.get(), *queue,
+                                              [] { ADD_FAILURE() << "there is nothing to read"; });
+    Signal settled;
+    queue->async([&] { settled.raise(); });
+    ASSERT_TRUE(settled.wait());
+  }
+}
+
 TEST(DispatchSource, RefusesWhatCannotBeWatched) {
   EXPECT_THROW(DispatchSource::readable(-1, DispatchQueue::global(), [] {}), SystemError);
   EXPECT_THROW(DispatchSource::childExit(1, DispatchQueue::global(), [](int) {}), SystemError)

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -73,13 +74,19 @@ class SourceState : public std::enable_shared_from_this<SourceState> {
 
   virtual void stopWaiting() noexcept = 0;
 
+  /// Whether what is waited for is there. A wait may come back without it: the reactor uses its
+  /// records of descriptors again, and an event that it has fetched but not yet handed out goes to
+  /// whoever got the record of a closed descriptor.
+  virtual bool hasHappened() const noexcept = 0;
+
  private:
   bool isCancelled() const noexcept { return cancelled_.load(std::memory_order_acquire); }
 
   void deliver() {
-    if (isCancelled()) return;
-    handler_();
-    if (repeats_ && !isCancelled()) wait();
+    const bool happened = hasHappened();
+    if (isCancelled()) return;  // asked last: only a cancelled source gives its descriptor back
+    if (happened) handler_();
+    if ((repeats_ || !happened) && !isCancelled()) wait();
   }
 
   Executor executor_;
@@ -95,7 +102,9 @@ class ReadableState final : public SourceState {
  public:
   // A duplicate, because the reactor knows a descriptor only once and wants to close its own.
   ReadableState(UniqueFd duplicate, QueueBase& queue, bool repeats, Work handler)
-      : SourceState(queue, repeats, std::move(handler)), stream_(executor()) {
+      : SourceState(queue, repeats, std::move(handler)),
+        descriptor_(duplicate.get()),
+        stream_(executor()) {
     asio::error_code error;
     stream_.assign(duplicate.get(), error);
     if (error) throw SystemError(error.value(), "DispatchSource::readable");
@@ -117,6 +126,12 @@ class ReadableState final : public SourceState {
     stream_.close(ignored);
   }
 
+  bool hasHappened() const noexcept override {
+    pollfd state{descriptor_, POLLIN, 0};
+    return ::poll(&state, 1, 0) != 0;
+  }
+
+  int descriptor_;  // stream_'s
   asio::posix::stream_descriptor stream_;
 };
 
@@ -137,6 +152,8 @@ class TimerState final : public SourceState {
  private:
   // NOLINTNEXTLINE(bugprone-exception-escape): that of cancelling never comes
   void stopWaiting() noexcept override { timer_.cancel(); }
+
+  bool hasHappened() const noexcept override { return true; }
 
   asio::steady_timer timer_;
   std::chrono::nanoseconds delay_;  // before the next call

@@ -23,7 +23,6 @@
 #include <map>
 #include <stdexcept>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "tests/support/ChildProcess.h"
 
 namespace velum::test {
@@ -345,21 +344,22 @@ class CallGate::Supervisor {
 CallGate::CallGate()
     : shared_(new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
                           MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared) {
-  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, transport_) != 0) {
+  std::array<int, 2> ends{};
+  if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
     throw std::runtime_error("socketpair");
   }
+  ours_.reset(ends[0]);
+  childs_.reset(ends[1]);
 }
 
 CallGate::~CallGate() {
-  for (const int end : transport_) {
-    if (end >= 0) ::close(end);
-  }
   ::munmap(shared_, sizeof *shared_);
 }
 
 void CallGate::enter() {
-  ::dup3(transport_[1], transportNumber, O_CLOEXEC);
-  for (int& end : transport_) ::close(std::exchange(end, -1));
+  ::dup3(childs_.get(), transportNumber, O_CLOEXEC);
+  childs_.reset();
+  ours_.reset();
   UniqueFd listener = installFilter();
   if (!listener) ::_exit(79);
   sendDescriptor(listener.get());
@@ -375,8 +375,8 @@ GatedRun CallGate::run(const std::function<void()>& child, const Injection& inje
   GatedRun run;
   arm(false);
   ChildProcess process(child);
-  ::close(std::exchange(transport_[1], -1));
-  UniqueFd listener = receiveDescriptor(transport_[0]);
+  childs_.reset();
+  UniqueFd listener = receiveDescriptor(ours_.get());
   if (listener) {
     Supervisor(std::move(listener), process.pid(), *shared_, injection, isSpared, program, run)
         .serve();

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "Velum/Platform/Posix/UniqueFd.h"
+
 namespace velum::test {
 
 /// A system call that a gated process is about to make.
@@ -76,7 +78,8 @@ class CallGate {
   class Supervisor;
 
   Shared* shared_;  // mapped into the child as well
-  int transport_[2] = {-1, -1};
+  UniqueFd ours_;   // of the socket that brings the gate's descriptor here
+  UniqueFd childs_;
 };
 
 }  // namespace velum::test

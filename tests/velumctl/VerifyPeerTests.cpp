@@ -37,7 +37,8 @@ class VelumctlVerifyPeer : public VelumctlTest {
 
   Result sign(const std::string& key, const std::string& certificate,
               const Strings& more = {}) const {
-    Strings arguments{VELUM_SOURCE_DIR "/scripts/sign-code",
+    const std::string script = VELUM_SOURCE_DIR "/scripts/sign-code";
+    Strings arguments{script,
                       "--key",
                       folder_ / key,
                       "--certificate",

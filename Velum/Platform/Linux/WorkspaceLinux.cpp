@@ -64,7 +64,7 @@ constexpr std::size_t descriptorsForOpening = 8;
 void requireDescriptors() {
   std::array<UniqueFd, descriptorsForOpening> spare;
   for (UniqueFd& descriptor : spare) {
-    descriptor.reset(::open("/", O_PATH | O_CLOEXEC));
+    descriptor.reset(retryInterrupted([] { return ::open("/", O_PATH | O_CLOEXEC); }));
     if (!descriptor) throw lastSystemError("prepareToOpen, open (/)");
   }
 }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -156,6 +157,7 @@ TEST_F(NotifyCenterTest, LetsAllUsersPostInTheScopeOfTheSystem) {
   if (::geteuid() != 0) return;
   fs::permissions(folder.path(), fs::perms::others_exec, fs::perm_options::add);
   test::inChild([&] {
+    ASSERT_EQ(::setgroups(0, nullptr), 0);
     ASSERT_EQ(::setgid(65534), 0);
     ASSERT_EQ(::setuid(65534), 0);
     shared->post("name");

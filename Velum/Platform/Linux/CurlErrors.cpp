@@ -96,6 +96,7 @@ CURLcode checkedUrl(const std::string& url) {
   if (!parsed) return CURLE_OUT_OF_MEMORY;
   // A text with a NUL would be cut there.
   if (url.find('\0') != std::string::npos) return CURLE_URL_MALFORMAT;
+  if (url.empty()) return CURLE_UNSUPPORTED_PROTOCOL;  // malformed to some releases of libcurl
   switch (curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0)) {
     case CURLUE_OK:
       break;

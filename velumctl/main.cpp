@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -14,6 +13,7 @@
 #include <string_view>
 
 #include "Velum/Logger/Logger.h"
+#include "Velum/Platform/Application.h"
 #include "Velum/SystemError.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
@@ -135,8 +135,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  // A reader that left, a pager for instance, is noticed by the failed write.
-  std::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): can't fail
+  velum::prepareProcess();
   try {
     const int status = finishOutput(run(argc, argv));
     if (status != EXIT_SUCCESS && velumctl::Interruption::isAsked()) {

@@ -242,6 +242,21 @@ TEST_F(Velumctl, FailsWhenItsOutputIsLost) {
   }
 }
 
+TEST_F(Velumctl, BearsWhatItInherits) {
+  writeFile(log_, std::string(30'000, 'x'));
+  const std::string out = folder_ / "out";
+  Result result = execute({"/bin/sh", "-c", "ulimit -f 20; exec " VELUM_VELUMCTL " \"$@\"", "sh",
+                           "logs", "save", log_, out, "--whole"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.errors, HasSubstr("File too large"));
+  EXPECT_TRUE(std::filesystem::is_empty(out));
+  result = execute({"/bin/sh", "-c",
+                    "trap '' CHLD; exec " VELUM_VELUMCTL
+                    " run -- sh -c 'readlink /proc/$PPID/fd/2; exit 0' 2>&-"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_THAT(result.output, HasSubstr(") /dev/null\n")) << "the next file would be number 2";
+}
+
 TEST_F(Velumctl, SaysWhatItWaitsForAndCanBeInterrupted) {
   writeSampleLog();
   UniqueFd other(::open(log_.c_str(), O_RDONLY | O_CLOEXEC));

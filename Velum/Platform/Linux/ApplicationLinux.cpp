@@ -24,18 +24,22 @@ void reserveStandardStreams() noexcept {
 class ApplicationLinux final : public Application {
  public:
   ApplicationLinux() noexcept {
-    reserveStandardStreams();
-    std::signal(SIGHUP, SIG_IGN);   // NOLINT(cert-err33-c): can't fail for a valid signal
-    std::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c)
-    std::signal(SIGXFSZ, SIG_IGN);  // NOLINT(cert-err33-c)
-    // Ignored by whoever started us, it would have the system forget how our children ended.
-    std::signal(SIGCHLD, SIG_DFL);  // NOLINT(cert-err33-c)
+    prepareProcess();
+    std::signal(SIGHUP, SIG_IGN);  // NOLINT(cert-err33-c): can't fail for a valid signal
   }
 
   [[noreturn]] void run() override { runMainLoop(); }
 };
 
 }  // namespace
+
+void prepareProcess() noexcept {
+  reserveStandardStreams();
+  std::signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): can't fail for a valid signal
+  std::signal(SIGXFSZ, SIG_IGN);  // NOLINT(cert-err33-c)
+  // Ignored by whoever started us, it would have the system forget how our children ended.
+  std::signal(SIGCHLD, SIG_DFL);  // NOLINT(cert-err33-c)
+}
 
 Application& Application::shared() {
   static Application& instance = *new ApplicationLinux;  // NOLINT(*-owning-memory): never destroyed

@@ -66,7 +66,8 @@ class PrintedLog final : public velum::LogHandlerProtocol {
   static bool isWritable() {
     constexpr int step = 100;  // milliseconds
     pollfd output{STDOUT_FILENO, POLLOUT, 0};
-    while (::poll(&output, 1, step) <= 0) {
+    // When the end is asked for, up to a pipe full of lines may still be on their way here.
+    while (::poll(&output, 1, Interruption::isAsked() ? 0 : step) <= 0) {
       if (Interruption::isAsked()) return false;
     }
     return true;

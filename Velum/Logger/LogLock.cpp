@@ -1,28 +1,27 @@
 #include "Velum/Logger/LogLock.h"
 
-#include <sys/file.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <thread>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Deadline.h"
 
 namespace velum {
 
-LogLock::LogLock(int fd, const LogLockWait& wait) : fd_(fd) {
+LogLock::LogLock(int fd, const LogLockWait& wait) {
   using Clock = std::chrono::steady_clock;
-  constexpr std::chrono::milliseconds longestPause(50);
-  constexpr std::chrono::seconds patience(1);
-  std::chrono::milliseconds pause(1);
+  using std::chrono::nanoseconds;
+  constexpr nanoseconds step = std::chrono::milliseconds(50);
+  constexpr nanoseconds patience = std::chrono::seconds(1);
+  const nanoseconds limit = bounded(wait.limit);
   const Clock::time_point start = Clock::now();
-  for (bool isTold = !wait.onWait; !take(); pause = std::min(2 * pause, longestPause)) {
+  nanoseconds waited{0};
+  for (bool isTold = !wait.onWait;
+       !lock_.emplace(FileLock::tryFor(fd, std::min(step, limit - waited)));) {
     if (wait.progress != nullptr && wait.progress->isCancelled()) {
       outcome_ = Outcome::cancelled;
       return;
     }
-    const auto waited = Clock::now() - start;
-    if (waited >= wait.limit) {
+    waited = Clock::now() - start;
+    if (waited >= limit) {
       outcome_ = Outcome::timedOut;
       return;
     }
@@ -30,19 +29,7 @@ LogLock::LogLock(int fd, const LogLockWait& wait) : fd_(fd) {
       isTold = true;
       wait.onWait();
     }
-    std::this_thread::sleep_for(pause);
   }
-}
-
-LogLock::~LogLock() {
-  if (isHeld_) ::flock(fd_, LOCK_UN);
-}
-
-// False while somebody else holds it.
-bool LogLock::take() noexcept {
-  if (fd_ < 0) return true;
-  isHeld_ = retryInterrupted([this] { return ::flock(fd_, LOCK_EX | LOCK_NB); }) == 0;
-  return isHeld_ || errno != EWOULDBLOCK;
 }
 
 }  // namespace velum

@@ -3,7 +3,9 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 
+#include "Velum/Platform/Posix/FileLock.h"
 #include "Velum/Progress.h"
 
 namespace velum {
@@ -23,18 +25,12 @@ class LogLock {
  public:
   enum class Outcome : std::uint8_t { goOn, cancelled, timedOut };
 
+  /// The descriptor must stay open as long as the lock.
   LogLock(int fd, const LogLockWait& wait);
-  LogLock(const LogLock&) = delete;
-  LogLock& operator=(const LogLock&) = delete;
-  ~LogLock();
-
   Outcome outcome() const noexcept { return outcome_; }
 
  private:
-  bool take() noexcept;
-
-  int fd_;
-  bool isHeld_ = false;
+  std::optional<FileLock> lock_;
   Outcome outcome_ = Outcome::goOn;
 };
 

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -74,11 +75,12 @@ class WorkspaceTest : public ::testing::Test {
 
   /// The answer to openApplication: nothing, or the error.
   static std::future<std::optional<std::string>> open(const std::string& path,
-                                                      OpenConfiguration configuration = {}) {
+                                                      OpenConfiguration configuration = {},
+                                                      Workspace& opener = workspace()) {
     auto answer = std::make_shared<std::promise<std::optional<std::string>>>();
     onMain([&] {
-      workspace().openApplication(path, configuration,
-                                  [answer](const auto& error) { answer->set_value(error); });
+      opener.openApplication(path, configuration,
+                             [answer](const auto& error) { answer->set_value(error); });
     });
     return answer->get_future();
   }
@@ -213,7 +215,15 @@ TEST_F(WorkspaceTest, OpensOneInstanceForManyAskers) {
   EXPECT_EQ(fourth.get(), std::nullopt);
   EXPECT_TRUE(events_.next());
   EXPECT_EQ(events_.next(std::chrono::milliseconds(0)), std::nullopt) << "opened twice";
-  EXPECT_EQ(open(bundle_, {.createsNewApplicationInstance = true}).get(), std::nullopt);
+  // An opener that hangs, which keeps the lock, is waited for only so long.
+  static WorkspaceLinux& impatient =
+      *new WorkspaceLinux(UINT64_MAX, std::chrono::nanoseconds(1));  // NOLINT: as the real one
+  const std::filesystem::directory_iterator lockFile(folder_ / "velum");
+  const UniqueFd lock(::open(lockFile->path().c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
+  EXPECT_EQ(open(bundle_, {}, impatient).get(), std::nullopt);
+  EXPECT_EQ(events_.next(std::chrono::milliseconds(0)), std::nullopt) << "opened twice";
+  EXPECT_EQ(open(bundle_, {.createsNewApplicationInstance = true}, impatient).get(), std::nullopt);
   EXPECT_TRUE(events_.next());
 }
 

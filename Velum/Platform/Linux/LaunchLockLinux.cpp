@@ -2,10 +2,10 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/file.h>
 
 #include <array>
 #include <charconv>
+#include <chrono>
 #include <string_view>
 
 #include "Velum/Platform/AtFork.h"
@@ -124,18 +124,18 @@ LaunchLock::LaunchLock(LaunchFolder& folder, const std::optional<std::string>& i
     : file_(folder.lockFile(identifier.value_or(canonicalPath), problem_)) {}
 
 bool LaunchLock::tryAcquire() noexcept {
-  if (!file_) return true;
-  const int result = retryInterrupted([this] { return ::flock(file_.get(), LOCK_EX | LOCK_NB); });
-  return result == 0 || errno != EWOULDBLOCK;
+  constexpr std::chrono::nanoseconds once{0};
+  lock_.reset();
+  return static_cast<bool>(lock_.emplace(FileLock::tryFor(file_.get(), once)));
 }
 
-void LaunchLock::acquire() noexcept {
-  if (file_) retryInterrupted([this] { return ::flock(file_.get(), LOCK_EX); });
+void LaunchLock::giveUp() {
+  problem_ = "Another process keeps the lock of the launch";
 }
 
 void LaunchLock::release() noexcept {
   // Not by closing alone: a process forked meanwhile may share the open file for a moment.
-  if (file_) ::flock(file_.get(), LOCK_UN);
+  lock_.reset();
   file_.reset();
 }
 

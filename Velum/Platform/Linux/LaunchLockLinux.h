@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Velum/Platform/Posix/FileLock.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
@@ -55,7 +56,7 @@ class LaunchFolder {
 /// Serialises the openers of one application, across the processes of a user: copies of a bundle
 /// that bear one identifier are one application. The lock file stays where it is and holds the
 /// record of the last launch. Without a runtime folder there is no lock: everything succeeds and
-/// nothing is recorded.
+/// nothing is recorded. Whoever holds it may be stopped or hung, so nobody waits for ever.
 class LaunchLock {
  public:
   /// Opens the lock file; does not lock. An application without an identifier is its bundle.
@@ -67,11 +68,11 @@ class LaunchLock {
 
   /// False when somebody else holds the lock.
   bool tryAcquire() noexcept;
-  /// Waits for it, on any thread.
-  void acquire() noexcept;
+  /// Goes on without the lock, which somebody else keeps: that is then the problem.
+  void giveUp();
   void release() noexcept;
 
-  /// The last launch. Call with the lock held, like `setRecord`.
+  /// The last launch. Call with the lock held or given up, like `setRecord`.
   std::optional<LaunchRecord> record() const;
   /// A failed write leaves no record.
   void setRecord(const LaunchRecord& record);
@@ -82,6 +83,7 @@ class LaunchLock {
  private:
   std::string problem_;
   UniqueFd file_;
+  std::optional<FileLock> lock_;  // released before the file is closed
 };
 
 }  // namespace velum

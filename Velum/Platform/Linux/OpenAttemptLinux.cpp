@@ -16,6 +16,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "Velum/Deadline.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/ControlGroupLinux.h"
 #include "Velum/Platform/Linux/ProcessLinux.h"
@@ -109,28 +110,41 @@ UniqueFd SystemLogStream::take(const Bundle& bundle) {
 
 OpenAttempt::OpenAttempt(Bundle bundle, const OpenConfiguration& configuration,
                          FindInstance findInstance, Workspace::OpenCompletion completion,
-                         LaunchFolder& launches, SystemLogStream& log)
+                         LaunchFolder& launches, SystemLogStream& log,
+                         std::chrono::nanoseconds patience)
     : bundle_(std::move(bundle)),
       configuration_(configuration),
       findInstance_(std::move(findInstance)),
       completion_(std::move(completion)),
       canonicalPath_(canonical(bundle_.path)),
       lock_(launches, bundle_.identifier, canonicalPath_),
-      log_(log) {}
+      log_(log),
+      patienceEnd_(deadlineAfter(patience)) {}
 
 void OpenAttempt::start() {
   if (lock_.tryAcquire()) {
-    proceedLocked();
+    proceed();
     return;
   }
-  DispatchQueue::global().async([self = shared_from_this()] {
-    self->lock_.acquire();
-    DispatchQueue::main().async([self] { self->proceedLocked(); });
-  });
+  waitForOthers();
   logDebug(site(openName), "Waiting for another opener of {}", bundle_.path);
 }
 
-void OpenAttempt::proceedLocked() {
+/// The system offers no wait for a lock that ends, so it is asked for again and again.
+void OpenAttempt::waitForOthers() {
+  constexpr std::chrono::milliseconds pause(5);
+  DispatchQueue::main().asyncAfter(pause, [self = shared_from_this()] {
+    const bool isHeld = self->lock_.tryAcquire();
+    if (!isHeld && std::chrono::steady_clock::now() < self->patienceEnd_) {
+      self->waitForOthers();
+      return;
+    }
+    if (!isHeld) self->lock_.giveUp();
+    self->proceed();
+  });
+}
+
+void OpenAttempt::proceed() {
   if (const std::optional<pid_t> running = runningInstance()) {
     conclude(std::nullopt);
     logDebug(site(openName), "Process {} is an instance already", *running);

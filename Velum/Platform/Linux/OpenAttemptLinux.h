@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -40,17 +41,23 @@ class OpenAttempt : public std::enable_shared_from_this<OpenAttempt> {
   using FindInstance = std::function<std::optional<pid_t>(
       const Bundle&, const std::string& path, const std::optional<LaunchRecord>& lastLaunch)>;
 
+  /// How long other openers of the application are waited for. One that works needs no two seconds;
+  /// one that is stopped shall not keep the user from his application.
+  static constexpr std::chrono::seconds usualPatience{5};
+
   /// The bundle's path is absolute. `launches` and `log` are used on the main queue and must live
   /// as long as it.
   OpenAttempt(Bundle bundle, const OpenConfiguration& configuration, FindInstance findInstance,
-              Workspace::OpenCompletion completion, LaunchFolder& launches, SystemLogStream& log);
+              Workspace::OpenCompletion completion, LaunchFolder& launches, SystemLogStream& log,
+              std::chrono::nanoseconds patience);
 
   void start();
 
   static void logFailure(const std::string& error);
 
  private:
-  void proceedLocked();
+  void waitForOthers();
+  void proceed();
   std::optional<pid_t> runningInstance() const;
   void launch();
   pid_t spawnProcess() const;
@@ -72,6 +79,7 @@ class OpenAttempt : public std::enable_shared_from_this<OpenAttempt> {
   std::string canonicalPath_;
   LaunchLock lock_;
   SystemLogStream& log_;
+  std::chrono::steady_clock::time_point patienceEnd_;
   pid_t process_ = -1;
   std::unique_ptr<DispatchSource> processEnd_;
   bool hasProvenItself_ = false;

@@ -169,7 +169,7 @@ void WorkspaceLinux::openApplication(const std::string& path,
     return instanceOf(wanted, canonicalPath, lastLaunch);
   };
   std::make_shared<OpenAttempt>(std::move(*bundle), configuration, findInstance,
-                                std::move(completion), sources_.launches, log_)
+                                std::move(completion), sources_.launches, log_, patience_)
       ->start();
 }
 

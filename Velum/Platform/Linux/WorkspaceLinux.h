@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -22,8 +23,10 @@ class WorkspaceLinux final : public Workspace {
  public:
   /// A process of interest that started later than `newestStart` (see ProcessStatus::startTime)
   /// is not the one that is meant but a later one with its number: whoever asks knew the number
-  /// before this program started.
-  explicit WorkspaceLinux(std::uint64_t newestStart) : newestStart_(newestStart) {}
+  /// before this program started. Other openers of an application are waited for for `patience`.
+  explicit WorkspaceLinux(std::uint64_t newestStart,
+                          std::chrono::nanoseconds patience = OpenAttempt::usualPatience)
+      : newestStart_(newestStart), patience_(patience) {}
 
   std::vector<RunningApplication> runningApplications() override;
   void addObserver(WorkspaceObserver& observer, std::string_view keyPath,
@@ -59,6 +62,7 @@ class WorkspaceLinux final : public Workspace {
   std::vector<pid_t> processesOfInterest() const;
 
   std::uint64_t newestStart_;
+  std::chrono::nanoseconds patience_;
   std::uint64_t lastWatch_ = 0;
   std::list<Watch> watches_;
   ProcessSources sources_;

@@ -23,8 +23,6 @@ FileLock::State take(int fd, int operation) noexcept {
 
 }  // namespace
 
-FileLock::FileLock(int fd) noexcept : FileLock(fd, take(fd, LOCK_EX)) {}
-
 FileLock FileLock::tryFor(int fd, nanoseconds limit) noexcept {
   constexpr int yields = 3;  // most locks are held for a few microseconds
   constexpr nanoseconds shortest = std::chrono::microseconds(20);

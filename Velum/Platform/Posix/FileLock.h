@@ -17,8 +17,6 @@ class FileLock {
     elsewhere,  ///< Another open file description holds it.
   };
 
-  /// Waits for the lock without end.
-  explicit FileLock(int fd) noexcept;
   /// Waits for the lock, at most `limit`; with 0 it tries once. A lock that is free costs one
   /// system call. One that is not is asked for again and again, because the system offers no wait
   /// that ends: its release is noticed after an eighth of the wait so far, at most 1 ms.

@@ -1,4 +1,5 @@
-// The handler of the system log with a real journal, which runs in mounts of its own.
+// The system log, for records and as an application's output, with a real journal, which runs in
+// mounts of its own.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "Velum/Logger/Handlers/OSLogHandler.h"
+#include "Velum/Platform/Linux/OpenAttemptLinux.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/HungJournal.h"
 #include "tests/support/PrivateMounts.h"
@@ -90,6 +92,16 @@ TEST(SystemLog, WritesRecordsToTheJournalWithPriorityIdentifierAndCategory) {
     EXPECT_EQ(lines("VELUM_CATEGORY"), (Lines{"main", "main", "other"}));
     EXPECT_EQ(lines("CODE_FILE"), Lines()) << "not the caller's place";
 
+    Bundle bundle;
+    bundle.identifier = "com.example.output\nx";
+    const UniqueFd stream = SystemLogStream().take(bundle);
+    ASSERT_EQ(::write(stream.get(), "<1>line\n", 8), 8);
+    const auto streamed = [&](const char* field) {
+      return journalLines("com.example.output", field, output);
+    };
+    ASSERT_TRUE(test::eventually([&] { return streamed("MESSAGE") == Lines{"<1>line"}; }));
+    EXPECT_EQ(streamed("PRIORITY"), Lines{"6"});
+
     // The next journal gets the next record, even one that no datagram has room for.
     daemon->kill();
     fs::remove(socketPath);
@@ -127,6 +139,18 @@ TEST(SystemLog, WritesWarningsAndErrorsToStandardErrorWhereNoJournalTakesThem) {
     });
     if (::testing::Test::IsSkipped() || ::testing::Test::HasFailure()) return;
   }
+}
+
+TEST(SystemLog, HoldsNoApplicationUpThatIsToWriteIntoIt) {
+  test::inChild([] {
+    if (!test::enterPrivateMounts()) GTEST_SKIP() << "no private mounts here";
+    test::mountMemory("/run", "size=1m");
+    SystemLogStream log;
+    const UniqueFd journal = test::journalWithRoomForOneStream();
+    const UniqueFd stream = log.take({});
+    EXPECT_EQ(::fcntl(stream.get(), F_GETFL) & O_NONBLOCK, 0) << "programs don't expect that";
+    EXPECT_FALSE(log.take({}));
+  });
 }
 
 }  // namespace

@@ -49,7 +49,8 @@ class DispatchQueue {
   virtual void async(Work work) = 0;
 
   /// Runs `work` no earlier than `delay` from now, measured on a clock that never jumps. Can't be
-  /// taken back; DispatchSource::timer can.
+  /// taken back; DispatchSource::timer can. Throws SystemError where the process has no descriptors
+  /// left for its first timer, and so does that.
   virtual void asyncAfter(std::chrono::nanoseconds delay, Work work) = 0;
 };
 

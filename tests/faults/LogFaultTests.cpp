@@ -114,15 +114,20 @@ TEST(Faults, LogRotation) {
       .prepare =
           [&] {
             writeFile(log.path, old);
-            std::binary_semaphore done{0};  // the pool's descriptors and thread are not meant here
-            DispatchQueue::global().asyncAfter(1ns, [&] { done.release(); });
-            EXPECT_TRUE(done.try_acquire_for(deadline));
+            DispatchQueue::main().asyncAfter(1h, [] {});  // its descriptors are not meant here
           },
       .run =
           [&] {
             log.open();
             const auto has = [&](std::string_view text) { return log.hasSaid(text); };
-            EXPECT_TRUE(eventually([&] { return has("has been rotated") || has("Failed"); }));
+            EXPECT_TRUE(eventually([&] {
+              DispatchQueue::global().async([] {});  // asks for a thread again where there is none
+              return has("has been rotated") || has("Failed");
+            }));
+            if (has("Failed to start")) {
+              log.write("next");  // starts it
+              EXPECT_TRUE(eventually([&] { return has("has been rotated"); }));
+            }
             return !has("Failed");
           },
       .verify =
@@ -144,6 +149,11 @@ TEST(Faults, LogRotation) {
                 {"flock", "clone_file", "copy_file_range", "stat", "write", "clone"});
           },
       .mayRemain = [](const std::string& name) { return name.starts_with("name.1.log."); },
+      // The reactor has other ways, which take another number of descriptors.
+      .isSpared =
+          [](const GatedCall& call) {
+            return call.isOneOf({"eventfd", "timerfd_create"});
+          },
   });
 }
 

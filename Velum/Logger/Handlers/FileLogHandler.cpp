@@ -128,7 +128,7 @@ std::shared_ptr<FileLogHandler> FileLogHandler::create(std::string subsystem, st
   handler->registerForFork();
   Turn turn(*handler);
   handler->openAndWatchLk(turn);
-  handler->startRotationChecksLk();
+  handler->startRotationChecksLk(turn);
   return handler;
 }
 
@@ -235,7 +235,9 @@ void FileLogHandler::logWithLevel(LogLevel /*level*/, LogDate date, bool addPref
   record.text += '\n';
 
   Turn turn(*this);
-  if (isForked_) reopenAfterForkLk(turn);
+  const bool isNew = isForked_;
+  if (isNew) openAndWatchLk(turn);
+  if (isNew || isUnchecked_) startRotationChecksLk(turn);
   if (!fd_) return;
   turn.lockFile();  // without it the record is whole as well, being one write at the file's end
   writeRecord(fd_.get(), record.text);
@@ -254,13 +256,18 @@ void FileLogHandler::loggerLogLk(Turn& turn, std::string_view message, LogLevel 
   turn.report(level == LogLevel::error ? SystemLog::Type::error : SystemLog::Type::normal, message);
 }
 
-void FileLogHandler::startRotationChecksLk() {
+void FileLogHandler::startRotationChecksLk(Turn& turn) try {
   const auto check = [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->checkRotation();
   };
   auto timer = DispatchSource::timer(policy_.firstCheck, *queue_, check, policy_.checkInterval);
   const std::lock_guard changing(changing_);
   timer_.swap(timer);
+  isUnchecked_ = false;
+} catch (const SystemError& error) {
+  // No descriptor is left for the first timer of the process. The next record tries again.
+  if (std::exchange(isUnchecked_, true)) return;
+  loggerLogLk(turn, "Failed to start checking " + filepath_ + ": " + error.what(), LogLevel::error);
 }
 
 void FileLogHandler::checkRotation() {
@@ -268,6 +275,10 @@ void FileLogHandler::checkRotation() {
   if (isForked_) return;
   if (!fd_) openAndWatchLk(turn);
   if (fd_ && !isOpenFileAtPathLk()) reopenLk(turn);  // its event is on its way, or was lost
+  if (fd_ && !fdSource_) {
+    const std::lock_guard changing(changing_);
+    startRemovalWatchLk(turn);
+  }
   rotateIfNeededLk(turn);
 }
 
@@ -362,11 +373,6 @@ void FileLogHandler::afterForkInChild() noexcept {
   isForked_ = true;
   lock_.resetAfterFork();
   changing_.resetAfterFork();
-}
-
-void FileLogHandler::reopenAfterForkLk(Turn& turn) {
-  openAndWatchLk(turn);
-  startRotationChecksLk();
 }
 
 }  // namespace velum

@@ -84,11 +84,10 @@ class FileLogHandler final : public LogHandlerProtocol,
   void startRemovalWatchLk(Turn& turn);
   bool isOpenFileAtPathLk() const;
   void openAndWatchLk(Turn& turn);
-  void reopenAfterForkLk(Turn& turn);
   void reopenOnRemoval();
   void reopenLk(Turn& turn);
 
-  void startRotationChecksLk();
+  void startRotationChecksLk(Turn& turn);
   void checkRotation();
   void rotateIfNeededLk(Turn& turn);
   bool shouldRotateLk(Turn& turn);
@@ -108,7 +107,8 @@ class FileLogHandler final : public LogHandlerProtocol,
   std::unique_ptr<DispatchSource> timer_;
   std::shared_ptr<DispatchQueue> queue_;
   bool addPrefix_;
-  bool isForked_ = false;  // the file, the watch and the timer are still the parent's
+  bool isUnchecked_ = false;  // there could be no timer, which has been told
+  bool isForked_ = false;     // the file, the watch and the timer are still the parent's
   std::string subsystem_;
   std::string filepath_;
   RotationPolicy policy_;

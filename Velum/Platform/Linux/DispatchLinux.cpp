@@ -5,6 +5,7 @@
 #include <asio/strand.hpp>
 #include <atomic>
 #include <cstdint>
+#include <system_error>
 
 #include "Velum/Deadline.h"
 #include "Velum/Platform/Dispatch.h"
@@ -13,6 +14,7 @@
 #include "Velum/Platform/Linux/PerProcess.h"
 #include "Velum/Platform/Linux/WorkerPoolLinux.h"
 #include "Velum/Platform/Thread.h"
+#include "Velum/SystemError.h"
 
 namespace velum {
 
@@ -20,11 +22,13 @@ void QueueBase::async(Work work) {
   asio::post(executor(), wrapped(std::move(work)));
 }
 
-void QueueBase::asyncAfter(std::chrono::nanoseconds delay, Work work) {
+void QueueBase::asyncAfter(std::chrono::nanoseconds delay, Work work) try {
   const auto timer = std::make_shared<asio::steady_timer>(executor(), deadlineAfter(delay));
   timer->async_wait([timer, item = wrapped(std::move(work))](const asio::error_code& error) {
     if (!error) item();
   });
+} catch (const std::system_error& error) {  // the reactor, made with its first timer
+  throw SystemError(error.code().value(), "DispatchQueue::asyncAfter");
 }
 
 namespace {

@@ -9,6 +9,7 @@
 #include <asio/steady_timer.hpp>
 #include <atomic>
 #include <new>
+#include <system_error>
 #include <utility>
 
 #include "Velum/Deadline.h"
@@ -181,6 +182,14 @@ class Source final : public DispatchSource {
   unsigned generation_;
 };
 
+// The first source of a process makes the reactor, with its descriptors, which may fail.
+template <class State, class... Arguments>
+std::unique_ptr<DispatchSource> makeSource(const char* caller, Arguments&&... arguments) try {
+  return std::make_unique<Source>(std::make_shared<State>(std::forward<Arguments>(arguments)...));
+} catch (const std::system_error& error) {
+  throw SystemError(error.code().value(), caller);
+}
+
 UniqueFd duplicate(int descriptor) {
   UniqueFd copy(::fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
   if (!copy) {
@@ -201,23 +210,23 @@ UniqueFd openChild(int pid) {
 
 std::unique_ptr<DispatchSource> DispatchSource::readable(int descriptor, DispatchQueue& queue,
                                                          Work handler) {
-  return std::make_unique<Source>(std::make_shared<ReadableState>(
-      duplicate(descriptor), base(queue), true, std::move(handler)));
+  return makeSource<ReadableState>("DispatchSource::readable", duplicate(descriptor), base(queue),
+                                   true, std::move(handler));
 }
 
 std::unique_ptr<DispatchSource> DispatchSource::childExit(int pid, DispatchQueue& queue,
                                                           std::function<void(int)> handler) {
   // The id stays the child's until it is reaped, which happens nowhere but here.
   auto reap = [pid, handler = std::move(handler)] { handler(reapChild(pid)); };
-  return std::make_unique<Source>(
-      std::make_shared<ReadableState>(openChild(pid), base(queue), false, std::move(reap)));
+  return makeSource<ReadableState>("DispatchSource::childExit", openChild(pid), base(queue), false,
+                                   std::move(reap));
 }
 
 std::unique_ptr<DispatchSource> DispatchSource::timer(std::chrono::nanoseconds delay,
                                                       DispatchQueue& queue, Work handler,
                                                       std::chrono::nanoseconds interval) {
-  return std::make_unique<Source>(
-      std::make_shared<TimerState>(delay, interval, base(queue), std::move(handler)));
+  return makeSource<TimerState>("DispatchSource::timer", delay, interval, base(queue),
+                                std::move(handler));
 }
 
 }  // namespace velum

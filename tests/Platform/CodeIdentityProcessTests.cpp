@@ -11,6 +11,7 @@
 #include "tests/Platform/CodeIdentityTest.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Inspection.h"
+#include "tests/support/PrivateMounts.h"
 
 namespace velum::test {
 namespace {
@@ -131,6 +132,24 @@ TEST_F(CodeIdentityTest, RefusesProcessesWithoutAProgramOfTheirOwn) {
   if (::geteuid() == 0 && fs::exists("/proc/2/comm") && readFile("/proc/2/cmdline").empty()) {
     expectReason(verdict(2), "runs no program");
   }
+}
+
+// The same number stands for two processes: a signed one where /proc is from, and one that is not.
+TEST_F(CodeIdentityTest, TakesNoProcessForThatOfAnotherNamespaceWithItsNumber) {
+  signBeside(signatureBy(maker()));
+  const Running process(program_);
+  inChild([&] {
+    if (!enterPrivateMounts() || ::unshare(CLONE_NEWPID) != 0) GTEST_SKIP() << "not permitted";
+    inChild([&] {
+      if (!detail::writeProc("/proc/sys/kernel/ns_last_pid", std::to_string(process.pid() - 1))) {
+        GTEST_SKIP() << "the next process id can't be chosen";
+      }
+      const Running twin(sleeper);
+      ASSERT_EQ(twin.pid(), process.pid());
+      expectReason(verdict(twin.pid()), "not signed");
+      EXPECT_EQ(verdict(Running(program_).pid()), "valid");
+    });
+  });
 }
 
 TEST_F(CodeIdentityTest, RefusesDeletedAndReplacedPrograms) {

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <memory>
 #include <new>
@@ -46,13 +47,29 @@ std::string pathOfDescriptor(int fd) {
   return {path.data(), static_cast<std::size_t>(size)};
 }
 
-std::string linkToProgram(int pid) {
-  return fmt::format("/proc/{}/exe", pid);
+/// The number by which /proc knows a pinned process. That folder may belong to another namespace
+/// of processes than this one's, in which the number that pinned it is another process's. 0 when
+/// it is not there at all, -1 when it has ended.
+int numberInProc(int process) {
+  constexpr std::size_t largest = 4096;
+  constexpr std::string_view name = "\nPid:\t";
+  const auto text = readRegularFile(fmt::format("/proc/self/fdinfo/{}", process), largest);
+  if (!text) refuse("the process can't be looked up in /proc: ", errno);
+  const std::size_t begin = text->find(name);
+  int number = 0;
+  if (begin != std::string::npos) {
+    std::from_chars(text->data() + begin + name.size(), text->data() + text->size(), number);
+  }
+  return number;
+}
+
+std::string linkToProgram(int number) {
+  return fmt::format("/proc/{}/exe", number);
 }
 
 }  // namespace
 
-PinnedProgram::PinnedProgram(int pid) : pid_(pid) {
+PinnedProgram::PinnedProgram(int pid) {
   // Not through <sys/pidfd.h>: that header of glibc 2.36 is not usable from C++.
   process_.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
   if (!process_ && (errno == ESRCH || errno == EINVAL || errno == ENOENT)) {
@@ -60,7 +77,11 @@ PinnedProgram::PinnedProgram(int pid) : pid_(pid) {
   }
   if (!process_) refuse("the process can't be pinned: ", errno);
 
-  file_.reset(::open(linkToProgram(pid).c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+  number_ = numberInProc(process_.get());
+  if (number_ == 0) {
+    throw CodeRefused("/proc is another container's, and does not show the process");
+  }
+  file_.reset(::open(linkToProgram(number_).c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   const int error = errno;
   // As long as the pinned process was not reaped, the number above was its own.
   if (hasEnded()) throw CodeRefused("the process has ended");
@@ -161,7 +182,7 @@ void PinnedProgram::requireUnchanged() const {
     throw CodeRefused(touched);
   }
   struct stat running {};
-  const bool isKnown = ::stat(linkToProgram(pid_).c_str(), &running) == 0;
+  const bool isKnown = ::stat(linkToProgram(number_).c_str(), &running) == 0;
   if (hasEnded()) throw CodeRefused("the process ended while it was looked at");
   if (!isKnown || !isSameFile(running, status_)) {
     throw CodeRefused("the process started another program while it was looked at");

@@ -24,7 +24,8 @@ class PinnedProgram {
   static constexpr const char* signatureSuffix = ".p7s";
 
   /// Refuses what runs no program: no such process, one that has ended (reaped or not), a kernel
-  /// thread; a process this user may not look at; and a program that has been deleted.
+  /// thread; a process this user may not look at, or that /proc does not show; and a program that
+  /// has been deleted.
   explicit PinnedProgram(int pid);
 
   /// The bytes of its signature: the extended attribute where there is one, which goes with the
@@ -43,7 +44,7 @@ class PinnedProgram {
   std::optional<std::string> attribute() const;
   UniqueFd folder() const;
 
-  int pid_;
+  int number_ = 0;  // as /proc knows it
   UniqueFd process_;
   UniqueFd file_;
   struct stat status_ {};

@@ -68,6 +68,11 @@ void addVerifyPeer(CLI::App& app) {
       ->type_name("FOLDER");
   command.add_flag("--strict", options->check.strictValidity,
                    "Also look at the dates of the certificates");
+  command
+      .add_option("--max-size", options->check.maximumSize,
+                  "The largest program that is read: 500M, 2G; 512M without")
+      ->type_name("SIZE")
+      ->transform(CLI::AsSizeValue(false));
   command.add_flag("--verbose", options->verbose, "Say why a program does not count");
   command.add_flag("--json", options->json, "Print one object for programs");
   command.footer(

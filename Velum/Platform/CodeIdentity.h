@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -19,6 +20,9 @@ struct CodeCheckOptions {
   /// default: a program does not become foreign while it runs, nor on a machine whose clock is
   /// wrong.
   bool strictValidity = false;
+  /// The largest program that is read, in bytes: who puts a signature of the team's beside a huge
+  /// file makes every check take as long as reading it does, some 5 s for each GiB.
+  std::uint64_t maximumSize = std::uint64_t{512} << 20U;
 };
 
 /// Tells who signed the program that a process runs. What the process loaded beside its executable

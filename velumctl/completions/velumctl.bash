@@ -15,7 +15,7 @@ _velumctl_options() {
       "--operating-mode --experiment-1 --experiment-2 --experiment-3 --help" ;;
     "telemetry synthetic-id") echo "--help" ;;
     "telemetry ") echo "body synthetic-id --help" ;;
-    "verify-peer ") echo "--team --roots --strict --verbose --json --help" ;;
+    "verify-peer ") echo "--team --roots --strict --max-size --verbose --json --help" ;;
     "certs add") echo "--name --domain --root --help" ;;
     "certs remove" | "certs trust") echo "--domain --root --help" ;;
     "certs list" | "certs check") echo "--domain --root --json --help" ;;

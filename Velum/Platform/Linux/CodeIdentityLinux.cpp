@@ -42,7 +42,7 @@ CodeVerdict CodeIdentityLinux::check(int pid, const std::string& teamIdentifier,
                                      const CodeCheckOptions& options) try {
   if (teamIdentifier.empty()) return {.valid = false, .reason = "no team identifier was given"};
   const OwnErrors errors;
-  const PinnedProgram program(pid);
+  const PinnedProgram program(pid, options.maximumSize);
   const CodeSignature signature(program.signature());
   signature.requireTrusted(roots_.load().get(), options);
   signature.requireTeam(teamIdentifier);

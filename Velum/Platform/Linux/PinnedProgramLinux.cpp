@@ -69,7 +69,7 @@ std::string linkToProgram(int number) {
 
 }  // namespace
 
-PinnedProgram::PinnedProgram(int pid) {
+PinnedProgram::PinnedProgram(int pid, std::uint64_t maximumSize) {
   // Not through <sys/pidfd.h>: that header of glibc 2.36 is not usable from C++.
   process_.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
   if (!process_ && (errno == ESRCH || errno == EINVAL || errno == ENOENT)) {
@@ -93,7 +93,11 @@ PinnedProgram::PinnedProgram(int pid) {
   }
   if (!file_ || ::fstat(file_.get(), &status_) != 0) refuse(unreadable, file_ ? errno : error);
   if (!S_ISREG(status_.st_mode)) throw CodeRefused("its program is no regular file");
-  if (status_.st_size > maximumSize) throw CodeRefused("its program is larger than 4 GiB");
+  if (static_cast<std::uint64_t>(status_.st_size) > maximumSize) {
+    throw CodeRefused(
+        fmt::format("its program has {} bytes, more than the {} that are read at most",
+                    status_.st_size, maximumSize));
+  }
 
   // A file may bear that name, and a deleted one may live on under another.
   path_ = pathOfDescriptor(file_.get());

@@ -17,16 +17,14 @@ namespace velum {
 /// Every call throws CodeRefused when it can't do its work. Not thread-safe.
 class PinnedProgram {
  public:
-  /// Larger programs are refused, so that a check ends within seconds.
-  static constexpr std::int64_t maximumSize = std::int64_t{4} << 30U;  // bytes
   static constexpr std::size_t maximumSignatureSize = std::size_t{1} << 20U;
   static constexpr const char* signatureAttribute = "user.velum.signature";
   static constexpr const char* signatureSuffix = ".p7s";
 
   /// Refuses what runs no program: no such process, one that has ended (reaped or not), a kernel
   /// thread; a process this user may not look at, or that /proc does not show; and a program that
-  /// has been deleted.
-  explicit PinnedProgram(int pid);
+  /// has been deleted or has more than `maximumSize` bytes.
+  PinnedProgram(int pid, std::uint64_t maximumSize);
 
   /// The bytes of its signature: the extended attribute where there is one, which goes with the
   /// file wherever it is moved; else the file NAME.p7s in the folder where the program is now.

@@ -44,6 +44,13 @@ const char* addCertificates(X509_STORE* store, const std::string& text) {
 
 }  // namespace
 
+// With a slash or "/." behind its name, a link to a folder would be followed.
+SigningRoots::SigningRoots(std::string folder) : folder_(std::move(folder)) {
+  while (folder_.size() > 1 && (folder_.ends_with('/') || folder_.ends_with("/."))) {
+    folder_.pop_back();
+  }
+}
+
 bool SigningRoots::Entry::operator==(const Entry& other) const noexcept {
   return number == other.number && device == other.device && size == other.size &&
          changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec &&

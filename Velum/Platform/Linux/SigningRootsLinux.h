@@ -24,7 +24,7 @@ class SigningRoots final {
   static constexpr std::size_t maximumFileSize = std::size_t{1} << 20U;
   static constexpr std::size_t maximumFiles = 1000;
 
-  explicit SigningRoots(std::string folder) : folder_(std::move(folder)) {}
+  explicit SigningRoots(std::string folder);
 
   /// The certificates as the folder holds them now; read again only when it or one of its files
   /// has changed. Throws CodeRefused. Any thread.
@@ -58,7 +58,7 @@ class SigningRoots final {
   static Entry entry(const std::string& name, const struct stat& status);
   static bool isSettled(const Listing& listing);
 
-  const std::string folder_;
+  std::string folder_;
   ForkSafeLock lock_{ForkSafeLock::Stage::leaf};
   std::shared_ptr<const Loaded> loaded_;  // guarded by the lock
 };

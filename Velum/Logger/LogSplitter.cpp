@@ -11,6 +11,7 @@
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/Logger.h"
+#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {
@@ -20,7 +21,6 @@ constexpr std::int64_t readSize = 262'144;
 constexpr std::size_t writeUnit = 65'536;  // whole units are written where the system likes them
 constexpr std::size_t mostGathered = 4 * writeUnit;  // for one file
 constexpr std::size_t mostGatheredTogether = std::size_t{4} << 20U;
-constexpr std::size_t mostOpenFiles = 64;
 
 // The name comes from the log's content, which any process of the group may have written: what
 // can't name a file, or is not plain ASCII, is replaced, and a number made of the whole name
@@ -135,15 +135,25 @@ void LogSplitter::reportSkipped() {
 // Writes the first `size` gathered bytes. A log that names thousands of subsystems must not use up
 // the descriptors: files beyond the first few are opened anew for each write.
 void LogSplitter::write(Output& output, std::size_t size) {
-  UniqueFd passing;
-  UniqueFd& file = output.file || openFiles_ < mostOpenFiles ? output.file : passing;
-  if (!file) {
-    file = checked::open(output.path, O_WRONLY | O_CREAT | O_APPEND, 0660, caller_);
-    if (output.file) ++openFiles_;
-  }
+  const bool wasOpen = static_cast<bool>(output.file);
+  UniqueFd file = wasOpen ? std::move(output.file) : opened(output.path);
   checked::write(file.get(), output.gathered.data(), size, caller_);
+  if (wasOpen || openFiles_ < mostOpenFiles_) {
+    output.file = std::move(file);
+    if (!wasOpen) ++openFiles_;
+  }
   output.gathered.erase(0, size);
   gathered_ -= size;
+}
+
+UniqueFd LogSplitter::opened(const std::string& path) try {
+  return checked::open(path, O_WRONLY | O_CREAT | O_APPEND, 0660, caller_);
+} catch (const SystemError& error) {
+  if (openFiles_ == 0 || (error.code() != EMFILE && error.code() != ENFILE)) throw;
+  for (auto& [subsystem, output] : outputs_) output.file.reset();
+  openFiles_ = 0;
+  mostOpenFiles_ = 0;
+  return opened(path);
 }
 
 void LogSplitter::flush() {

@@ -48,6 +48,7 @@ class LogSplitter {
   Output* outputFor(std::string_view record);
   void reportSkipped();
   void write(Output& output, std::size_t size);
+  UniqueFd opened(const std::string& path);
   void flush();
 
   std::string folder_;
@@ -55,6 +56,7 @@ class LogSplitter {
   std::string caller_;
   std::unordered_map<std::string, Output, NameHash, std::equal_to<>> outputs_;
   std::size_t openFiles_ = 0;
+  std::size_t mostOpenFiles_ = 64;  // 0 when so many could not be had
   std::vector<std::string> paths_;
   Output* current_ = nullptr;  // where the bytes before the next record go; null: nowhere
   std::size_t gathered_ = 0;

@@ -243,16 +243,26 @@ TEST_F(Velumctl, FailsWhenItsOutputIsLost) {
 }
 
 TEST_F(Velumctl, BearsWhatItInherits) {
-  writeFile(log_, std::string(30'000, 'x'));
   const std::string out = folder_ / "out";
-  Result result = execute({"/bin/sh", "-c", "ulimit -f 20; exec " VELUM_VELUMCTL " \"$@\"", "sh",
-                           "logs", "save", log_, out, "--whole"});
+  const auto runAfter = [this](const std::string& prelude, const Strings& arguments) {
+    Strings line{"/bin/sh", "-c", prelude + "; exec " VELUM_VELUMCTL " \"$@\"", "sh"};
+    std::ranges::copy(arguments, std::back_inserter(line));
+    return execute(line);
+  };
+  writeFile(log_, std::string(30'000, 'x'));
+  Result result = runAfter("ulimit -f 20", {"logs", "save", log_, out, "--whole"});
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.errors, HasSubstr("File too large"));
   EXPECT_TRUE(std::filesystem::is_empty(out));
-  result = execute({"/bin/sh", "-c",
-                    "trap '' CHLD; exec " VELUM_VELUMCTL
-                    " run -- sh -c 'readlink /proc/$PPID/fd/2; exit 0' 2>&-"});
+
+  std::string records;
+  for (int i = 0; i < 40; ++i) records += record("10:00:00", fmt::format("s{}", i), "text");
+  writeFile(log_, records);
+  EXPECT_EQ(runAfter("ulimit -n 20", {"logs", "save", log_, out}).errors, "");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(out), {}), 40);
+
+  result = runAfter("trap '' CHLD; exec 2>&-",
+                    {"run", "--", "sh", "-c", "readlink /proc/$PPID/fd/2; exit 0"});
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(result.output, HasSubstr(") /dev/null\n")) << "the next file would be number 2";
 }

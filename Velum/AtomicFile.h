@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -14,6 +15,13 @@ namespace velum {
 /// ".new", mode 0600 until it is complete, which no link that somebody planted can stand for.
 class AtomicFile {
  public:
+  /// What becomes of the file that is replaced.
+  enum class Old : std::uint8_t {
+    replaced,
+    setAside,  ///< It is kept with `asideSuffix` behind its name, in place of an earlier one.
+  };
+  static constexpr const char* asideSuffix = ".damaged";
+
   /// The file gets the permissions `mode`, whatever this process's umask is.
   explicit AtomicFile(std::string path, mode_t mode = 0600);
 
@@ -22,13 +30,15 @@ class AtomicFile {
   /// The content is on the disk when this returns. Throws SystemError, with messages that begin
   /// with `caller`: the old file then stands, and nothing is left beside it. (Only when the last
   /// step fails, making the new name durable, the new file stands already.) The folder must
-  /// exist. A symbolic link at the path is replaced, not followed.
-  void replace(std::string_view content, std::string_view caller) const;
+  /// exist. A symbolic link at the path is replaced, not followed. Begins with `removeLeftovers`.
+  void replace(std::string_view content, std::string_view caller, Old old = Old::replaced) const;
 
-  /// Removes what writers left that were killed while they wrote. Failures don't matter.
+  /// Removes what writers of this file left that were killed while they wrote. Failures don't
+  /// matter.
   void removeLeftovers() const noexcept;
 
  private:
+  void removeLeftovers(int folder) const noexcept;
   bool isTemporaryName(std::string_view name) const;
 
   std::string path_;

@@ -33,6 +33,8 @@ class PropertyList {
       : value(std::in_place_type<T>, std::move(content)) {}
 
   bool operator==(const PropertyList&) const = default;
+  /// Equal bit by bit: 0.0 is not -0.0, and a number that is none equals itself.
+  bool isIdentical(const PropertyList& other) const;
 
   /// The value as `T`, or null when it has another type.
   template <class T>

@@ -12,12 +12,15 @@ namespace velum {
 
 /// The user's persistent settings of one domain. Linux: $XDG_CONFIG_HOME/<domain>/defaults.plist
 /// (default ~/.config), replaced atomically, read-modify-write under a file lock, so that several
-/// processes never lose each other's keys. A file that is no property list counts as empty and is
-/// kept as defaults.plist.damaged when the next change replaces it. Thread-safe.
+/// processes never lose each other's keys; a lock that somebody keeps for 5 seconds fails the
+/// change. A file that is no property list counts as empty and is kept as defaults.plist.damaged,
+/// with a record, when the next change replaces it. Thread-safe.
 class UserDefaults {
  public:
   /// Changes the entries; returns whether there is anything to write.
   using Edit = std::function<bool(PropertyList::Dictionary&)>;
+  /// Hears whether what was edited is stored.
+  using Afterwards = std::function<void(bool isStored)>;
 
   UserDefaults() = default;
   UserDefaults(const UserDefaults&) = delete;
@@ -48,9 +51,12 @@ class UserDefaults {
   virtual std::optional<PropertyList::Dictionary> persistentDomain() = 0;
   /// Replaces all that is stored.
   bool setPersistentDomain(PropertyList::Dictionary entries);
-  /// Lets `edit` change what is stored while no other thread or process can. False when it could
-  /// not be read or written. `edit` must not use any object of the same domain.
-  virtual bool change(const Edit& edit) = 0;
+  /// Lets `edit` change what is stored while no other thread or process can, which lasts until
+  /// `afterwards` has run. False when it could not be read or written: without a call of either
+  /// where nobody could be excluded or nothing be read. Neither may use any object of the same
+  /// domain.
+  virtual bool change(const Edit& edit, const Afterwards& afterwards) = 0;
+  bool change(const Edit& edit) { return change(edit, {}); }
 };
 
 }  // namespace velum

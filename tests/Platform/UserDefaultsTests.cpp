@@ -1,14 +1,19 @@
 #include "Velum/Platform/UserDefaults.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <thread>
 #include <vector>
 
+#include "tests/support/CapturedLog.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"
 #include "tests/support/Processes.h"
 #include "tests/support/TemporaryFolder.h"
@@ -107,6 +112,29 @@ TEST_F(UserDefaultsTest, ChangesOfOneDomainNeverInterleave) {
   }
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(defaults->object("count"), PropertyList(std::int64_t{60}));
+}
+
+TEST_F(UserDefaultsTest, WaitsForALockForAWhileAndNeverForAnInheritedOne) {
+  test::Pipe living;
+  test::ChildProcess killed([&] {
+    defaults->change([&](auto&) {
+      if (::fork() == 0) {
+        living.writer.reset();  // the test's is open as long as this child shall live
+        test::isReadable(living.reader.get());
+        ::_exit(0);
+      }
+      return ::raise(SIGKILL) == 0;
+    });
+  });
+  killed.wait();
+  EXPECT_TRUE(defaults->setObject("key", text("value")));
+
+  const UniqueFd lock(::open((file + ".lock").c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
+  const test::CapturedLog log;
+  EXPECT_FALSE(defaults->setObject("key", text("too late")));
+  EXPECT_TRUE(log.has("defaults.plist.lock is kept locked by another process"));
+  EXPECT_EQ(defaults->object("key"), text("value")) << "readers need no lock";
 }
 
 TEST_F(UserDefaultsTest, RegisteredDefaultsStandBackBehindStoredOnes) {

@@ -4,9 +4,13 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <utility>
 
+#include "Velum/AtomicFile.h"
+#include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
 #include "Velum/Platform/Posix/LockedFile.h"
@@ -14,6 +18,7 @@
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/PropertyListText.h"
 #include "Velum/Platform/UserDefaults.h"
+#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {
@@ -22,28 +27,8 @@ constexpr std::size_t maximumFileSize = std::size_t{16} << 20U;
 constexpr mode_t ownerOnlyFile = 0600;
 constexpr mode_t ownerOnlyFolder = 0700;
 
-/// Writes a new file with its content on the disk; false when any step fails.
-bool writeNewFile(const std::string& path, std::string_view content) {
-  ::unlink(path.c_str());  // left by a process that was killed
-  const UniqueFd file(retryInterrupted([&] {
-    return ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, ownerOnlyFile);
-  }));
-  if (!file) return false;
-  while (!content.empty()) {
-    const ssize_t count =
-        retryInterrupted([&] { return ::write(file.get(), content.data(), content.size()); });
-    if (count <= 0) return false;
-    content.remove_prefix(static_cast<std::size_t>(count));
-  }
-  return retryInterrupted([&] { return ::fsync(file.get()); }) == 0;
-}
-
-/// Makes a rename in `folder` last. A file system that cannot is no failure: the rename is done.
-void syncFolder(const std::string& folder) {
-  const UniqueFd directory(
-      retryInterrupted([&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-  if (directory) retryInterrupted([&] { return ::fsync(directory.get()); });
-}
+/// A change takes milliseconds; who keeps the lock for longer is stopped, or means ill.
+constexpr std::chrono::seconds longestWait(5);
 
 /// Makes the folder and those above it, closed to other users whatever the process's umask is.
 /// What fails shows when something is opened in it.
@@ -52,14 +37,6 @@ void makeFolders(const std::string& path) {
     slash = path.find('/', slash + 1);
     ::mkdir(path.substr(0, slash).c_str(), ownerOnlyFolder);
   }
-}
-
-/// Renames what is at `path`, a folder too, and replaces what is at `aside`.
-bool setAside(const std::string& path, const std::string& aside) {
-  if (::rename(path.c_str(), aside.c_str()) == 0) return true;
-  std::error_code error;
-  std::filesystem::remove_all(aside, error);  // a folder where a file comes, or the other way round
-  return ::rename(path.c_str(), aside.c_str()) == 0;
 }
 
 std::optional<PropertyList> found(const PropertyList::Dictionary& entries, std::string_view key) {
@@ -121,7 +98,7 @@ class UserDefaultsLinux final : public UserDefaults {
   bool setObject(std::string_view key, PropertyList value) override {
     return change([&](PropertyList::Dictionary& entries) {
       const auto entry = entries.find(key);
-      if (entry != entries.end() && entry->second == value) return false;
+      if (entry != entries.end() && entry->second.isIdentical(value)) return false;
       entries.insert_or_assign(std::string(key), std::move(value));
       return true;
     });
@@ -150,7 +127,8 @@ class UserDefaultsLinux final : public UserDefaults {
     return read(*folder + fileName).entries;
   }
 
-  bool change(const Edit& edit) override;
+  using UserDefaults::change;
+  bool change(const Edit& edit, const Afterwards& afterwards) override;
 
  private:
   static constexpr const char* fileName = "/defaults.plist";
@@ -180,44 +158,66 @@ class UserDefaultsLinux final : public UserDefaults {
     return {.entries = std::move(*entries)};
   }
 
-  static bool replace(const std::string& folder, const std::string& path,
-                      const PropertyList& content, bool keepsOldFile) {
-    const auto bytes = content.readableBinary();
-    if (!bytes) return false;
-    const std::string temporary = path + ".new";
-    const bool isReplaced = writeNewFile(temporary, *bytes) &&
-                            (!keepsOldFile || setAside(path, path + ".damaged")) &&
-                            ::rename(temporary.c_str(), path.c_str()) == 0;
-    if (!isReplaced) {
-      ::unlink(temporary.c_str());
-      return false;
-    }
-    syncFolder(folder);
-    return true;
-  }
+  /// Under the lock; nothing is logged there.
+  enum class Outcome : std::uint8_t { done, damageReplaced, failed, locked };
+  static Outcome changeUnderLock(const std::string& path, const Edit& edit,
+                                 const Afterwards& afterwards);
+  static Outcome edited(const std::string& path, const Edit& edit, Content content);
 
   std::string domain_;
   RegisteredDefaults registered_;
 };
 
-bool UserDefaultsLinux::change(const Edit& edit) {
+UserDefaultsLinux::Outcome UserDefaultsLinux::changeUnderLock(const std::string& path,
+                                                              const Edit& edit,
+                                                              const Afterwards& afterwards) {
+  const LockedFile lock(
+      [name = path + ".lock"] {
+        return UniqueFd(retryInterrupted([&] {
+          return ::open(name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, ownerOnlyFile);
+        }));
+      },
+      longestWait);
+  if (lock.get() < 0) return Outcome::failed;
+  if (lock.isElsewhere()) return Outcome::locked;
+
+  Content content = read(path);
+  if (content.isUnreadable) return Outcome::failed;
+  const Outcome outcome = edited(path, edit, std::move(content));
+  if (afterwards) afterwards(outcome != Outcome::failed);
+  return outcome;
+}
+
+UserDefaultsLinux::Outcome UserDefaultsLinux::edited(const std::string& path, const Edit& edit,
+                                                     Content content) {
+  const bool isDamaged = !content.entries;
+  if (isDamaged) content.entries.emplace();
+  if (!edit(*content.entries)) return Outcome::done;
+  const auto bytes = PropertyList(std::move(*content.entries)).readableBinary();
+  if (!bytes) return Outcome::failed;
+  const auto old = isDamaged ? AtomicFile::Old::setAside : AtomicFile::Old::replaced;
+  try {
+    AtomicFile(path).replace(*bytes, "change", old);
+  } catch (const SystemError&) {
+    return Outcome::failed;
+  }
+  return isDamaged ? Outcome::damageReplaced : Outcome::done;
+}
+
+bool UserDefaultsLinux::change(const Edit& edit, const Afterwards& afterwards) {
   const auto folder = this->folder();
   if (!folder) return false;
   makeFolders(*folder);
   const std::string path = *folder + fileName;
-  const LockedFile lock([name = path + ".lock"] {
-    return UniqueFd(retryInterrupted([&] {
-      return ::open(name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, ownerOnlyFile);
-    }));
-  });
-  if (lock.get() < 0) return false;
-
-  Content content = read(path);
-  if (content.isUnreadable) return false;
-  const bool isDamaged = !content.entries;
-  if (isDamaged) content.entries.emplace();
-  if (!edit(*content.entries)) return true;
-  return replace(*folder, path, PropertyList(std::move(*content.entries)), isDamaged);
+  const Outcome outcome = changeUnderLock(path, edit, afterwards);
+  constexpr LogSite site{"UserDefaults", "change()"};
+  if (outcome == Outcome::locked) {
+    logError(site, "{} is kept locked by another process; nothing was changed", path + ".lock");
+  } else if (outcome == Outcome::damageReplaced) {
+    logError(site, "{} was no property list; it is kept as {}{}", path, path,
+             AtomicFile::asideSuffix);
+  }
+  return outcome == Outcome::done || outcome == Outcome::damageReplaced;
 }
 
 /// A number, which may begin with a dash, or anything that does not.
@@ -270,8 +270,8 @@ const PropertyList::Dictionary& UserDefaults::argumentDomain() {
 
 bool UserDefaults::setPersistentDomain(PropertyList::Dictionary entries) {
   return change([&](PropertyList::Dictionary& stored) {
-    std::swap(stored, entries);
-    return stored != entries;
+    const PropertyList before(std::exchange(stored, std::move(entries)));
+    return !before.isIdentical(PropertyList(stored));
   });
 }
 

@@ -33,6 +33,8 @@ class FileLock {
   ~FileLock();
 
   State state() const noexcept { return state_; }
+  /// In a forked child, which shares the parent's lock: leaves it to the parent.
+  void forget() noexcept { state_ = State::unneeded; }
   /// Whether nobody else is at the file; where it has no locks, as far as can be known.
   explicit operator bool() const noexcept { return state_ != State::elsewhere; }
 

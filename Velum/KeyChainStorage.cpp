@@ -31,12 +31,21 @@ std::optional<SecretBytes> KeyChainStorage::loadData() {
 void KeyChainStorage::storeData(std::string_view bytes) {
   constexpr std::string_view function = "storeData(_:)";
   logDebug({sourceFile, function}, "Store to {}", key_);
-  const SecretStatus status = KeyChain::save(key_, secretBytes(bytes), {}, {}, store_);
+  SecretStatus status = isDamaged() ? keepDamaged() : errSecSuccess;
+  if (status == errSecSuccess) status = KeyChain::save(key_, secretBytes(bytes), {}, {}, store_);
   if (status == errSecSuccess) return;
   const std::string text =
       fmt::format("Failed to store {}: {}", key_, KeyChain::statusText(status));
   logError({sourceFile, function}, "{}", text);
-  throw StorageError(text);
+  throw StorageErrorLogged(text);
+}
+
+/// Copies the item that is about to be replaced.
+SecretStatus KeyChainStorage::keepDamaged() {
+  const SecretResult found = KeyChain::loadResult(key_, {}, {}, store_);
+  if (found.status == errSecItemNotFound) return errSecSuccess;
+  if (found.status != errSecSuccess) return found.status;
+  return KeyChain::save(key_ + ".damaged", found.data, {}, {}, store_);
 }
 
 void KeyChainStorage::deleteData() {

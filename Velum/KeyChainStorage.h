@@ -8,7 +8,8 @@
 namespace velum {
 
 /// A key storage in one keychain item, of this program's service and without an access group.
-/// Every change is written before it returns.
+/// Every change is written before it returns. Content that is damaged is kept in an item with
+/// ".damaged" behind its key when it is replaced.
 class KeyChainStorage final : public KeyStorageBase {
  public:
   /// `store` must outlive the object.
@@ -25,6 +26,8 @@ class KeyChainStorage final : public KeyStorageBase {
   void storeData(std::string_view bytes) override;
 
  private:
+  SecretStatus keepDamaged();
+
   const std::string key_;
   SecretStore& store_;
 };

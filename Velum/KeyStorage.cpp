@@ -90,16 +90,27 @@ class Cache {
   std::unordered_map<std::string_view, PropertyList*> index_;  // into the nodes of root_
 };
 
-/// The dictionary in `bytes`; nothing, and a log record, when there is another value.
-std::optional<PropertyList::Dictionary> decoded(const SecretBytes& bytes,
-                                                std::string_view function) {
+/// The dictionary in `bytes`. Throws StorageError when there is none.
+PropertyList::Dictionary decoded(const SecretBytes& bytes, std::string_view function) {
+  constexpr const char* isOther = "The decoded object is not a dictionary";
   auto list = PropertyList::read(textView(bytes));
   if (!list) throw StorageError("The data is no property list, or exceeds its limits");
   if (auto* dictionary = std::get_if<PropertyList::Dictionary>(&list->value)) {
     return std::move(*dictionary);
   }
-  logError({sourceFile, function}, "The decoded object is not a dictionary");
-  return std::nullopt;
+  logError({sourceFile, function}, "{}", isOther);
+  throw StorageErrorLogged(isOther);
+}
+
+StorageState stateAfter(const std::exception& error) {
+  const bool isSeen = dynamic_cast<const StorageError*>(&error) != nullptr &&
+                      dynamic_cast<const StorageUnavailable*>(&error) == nullptr;
+  return isSeen ? StorageState::damaged : StorageState::unavailable;
+}
+
+void log(const std::exception& error, std::string_view function, std::string_view what) {
+  if (dynamic_cast<const StorageErrorLogged*>(&error) != nullptr) return;
+  logError({sourceFile, function}, "{}: {}", what, error.what());
 }
 
 }  // namespace
@@ -138,6 +149,7 @@ struct KeyStorageBase::State final : ForkParticipant {
   // There is stored content that `load` could not get at. What was removed since stays removed.
   bool isUnread = false;
   std::set<std::string, std::less<>> removedUnread;
+  bool isDamaged = false;  // what is stored, and not replaced yet
 
   ForkSafeTurn writing;               // held while the back end works
   KeyStorageBase* storage = nullptr;  // guarded by `writing`; null once `finish` has run
@@ -191,16 +203,26 @@ std::optional<PropertyList> KeyStorageBase::object(std::string_view key) const {
   return *value;
 }
 
-void KeyStorageBase::setObject(std::optional<PropertyList> value, std::string_view key) {
+bool KeyStorageBase::setObject(std::optional<PropertyList> value, std::string_view key) {
+  Changes changes;
+  const auto change = changes.emplace(key, std::move(value)).first;
+  if (value) wipe(*value);  // NOLINT(bugprone-use-after-move): the same
+  return setObjects(std::move(changes));
+}
+
+bool KeyStorageBase::setObjects(Changes changes) {
   std::uint64_t period = 0;
   bool schedules = false;
   {
     const std::lock_guard guard(state_->lock);
-    if (value) {
-      state_->cache.set(key, *std::move(value));
-    } else {
-      state_->cache.remove(key);
-      if (state_->isUnread) state_->removedUnread.emplace(key);
+    for (auto& [key, value] : changes) {
+      if (value) {
+        state_->cache.set(key, std::move(*value));
+        wipe(*value);  // NOLINT(bugprone-use-after-move): what moving leaves of a short text
+      } else {
+        state_->cache.remove(key);
+        if (state_->isUnread) state_->removedUnread.emplace(key);
+      }
     }
     state_->dirty = true;
     if (state_->writeDelay.count() != 0 && !state_->isScheduled) {
@@ -208,12 +230,10 @@ void KeyStorageBase::setObject(std::optional<PropertyList> value, std::string_vi
       period = ++state_->period;
     }
   }
-  if (state_->writeDelay.count() == 0) {
-    // Jobs of the queue do nothing but this, so the queue's thread need not be the one.
-    store();
-  } else if (schedules) {
-    state_->queue->asyncAfter(state_->writeDelay, writeJob(period));
-  }
+  // Jobs of the queue do nothing but this, so the queue's thread need not be the one.
+  if (state_->writeDelay.count() == 0) return store();
+  if (schedules) state_->queue->asyncAfter(state_->writeDelay, writeJob(period));
+  return true;
 }
 
 PropertyList::Dictionary KeyStorageBase::dictionaryRepresentation() const {
@@ -221,7 +241,7 @@ PropertyList::Dictionary KeyStorageBase::dictionaryRepresentation() const {
   return state_->cache.entries();
 }
 
-void KeyStorageBase::reset(std::optional<PropertyList::Dictionary> content) {
+bool KeyStorageBase::reset(std::optional<PropertyList::Dictionary> content) {
   {
     const std::lock_guard guard(state_->lock);
     state_->cache.replace(std::move(content).value_or(PropertyList::Dictionary{}));
@@ -230,39 +250,41 @@ void KeyStorageBase::reset(std::optional<PropertyList::Dictionary> content) {
     state_->isUnread = false;
     state_->removedUnread.clear();
   }
-  store();
+  return store();
 }
 
-void KeyStorageBase::load() {
+StorageState KeyStorageBase::load() {
   constexpr std::string_view function = "load()";
   const Turn turn(*state_);
   try {
     const auto bytes = loadData();
-    auto content = bytes ? decoded(*bytes, function) : std::nullopt;
+    auto content = bytes ? std::optional(decoded(*bytes, function)) : std::nullopt;
     const std::lock_guard guard(state_->lock);
     state_->isComplete = true;
     state_->isUnread = false;
-    if (!content) return;
+    state_->isDamaged = false;
+    if (!content) return StorageState::missing;
     state_->cache.replace(*std::move(content));
     state_->dirty = false;
     state_->isScheduled = false;
+    return StorageState::loaded;
   } catch (const std::exception& error) {
-    const bool isThere = dynamic_cast<const StorageUnavailable*>(&error) != nullptr;
+    const StorageState state = stateAfter(error);
     {
       const std::lock_guard guard(state_->lock);
-      state_->isUnread = isThere && !state_->isComplete;
+      state_->isDamaged = state == StorageState::damaged;
+      state_->isUnread = !state_->isDamaged && !state_->isComplete;
     }
-    logError({sourceFile, function}, "Failed to load stored cache: {}", error.what());
+    log(error, function, "Failed to load stored cache");
+    return state;
   }
 }
 
-void KeyStorageBase::store() {
+bool KeyStorageBase::store() {
   const Turn turn(*state_);
-  if (turn.isNested()) {
-    state_->queue->async(writeJob(std::nullopt));  // the write that called this one comes first
-  } else {
-    writeLk();
-  }
+  if (!turn.isNested()) return writeLk();
+  state_->queue->async(writeJob(std::nullopt));  // the write that called this one comes first
+  return true;
 }
 
 /// Writes the changes of `period` if they are not written yet; any changes when there is none.
@@ -281,29 +303,35 @@ Work KeyStorageBase::writeJob(std::optional<std::uint64_t> period) const {
   };
 }
 
-void KeyStorageBase::writeLk() {
+/// Whether nothing is left to be written.
+bool KeyStorageBase::writeLk() {
   constexpr std::string_view function = "store()";
   const unsigned generation = forkGeneration();
   std::optional<std::string> bytes;
+  bool isWritten = false;
   try {
     readUnreadLk();
     {
       const std::lock_guard guard(state_->lock);
-      if (!state_->dirty) return;
+      if (!state_->dirty) return true;
       bytes = state_->cache.root().readableBinary();
       state_->dirty = false;
       state_->isScheduled = false;
     }
     if (!bytes) throw StorageError("The values are too deep or too large to be read again");
     storeData(*bytes);
+    isWritten = true;
+    const std::lock_guard guard(state_->lock);
+    state_->isDamaged = false;
   } catch (const std::exception& error) {
     if (generation == forkGeneration()) {  // else it was the parent's write
       const std::lock_guard guard(state_->lock);
       state_->dirty = true;
     }
-    logError({sourceFile, function}, "Failed to store cache: {}", error.what());
+    log(error, function, "Failed to store cache");
   }
   if (bytes) wipe(*bytes);
+  return isWritten;
 }
 
 /// Adds the stored content that could not be read before to what was changed since.
@@ -313,12 +341,13 @@ void KeyStorageBase::readUnreadLk() {
     if (!state_->isUnread || !state_->dirty) return;
   }
   std::optional<PropertyList::Dictionary> content;
+  bool isDamaged = false;
   try {
     if (const auto bytes = loadData()) content = decoded(*bytes, "store()");
-  } catch (const StorageUnavailable&) {
-    throw;
-  } catch (const std::exception& error) {  // damaged: nothing is lost by replacing it
-    logError({sourceFile, "store()"}, "Failed to load stored cache: {}", error.what());
+  } catch (const std::exception& error) {
+    if (stateAfter(error) == StorageState::unavailable) throw;
+    isDamaged = true;
+    log(error, "store()", "Failed to load stored cache");
   }
   const std::lock_guard guard(state_->lock);
   if (content) {
@@ -326,12 +355,18 @@ void KeyStorageBase::readUnreadLk() {
       if (state_->cache.find(key) == nullptr && !state_->removedUnread.contains(key)) {
         state_->cache.set(key, std::move(value));
       }
-      wipe(value);  // what is not wanted, and what moving leaves of a short text
+      wipe(value);  // what is not wanted, and what moving leaves
     }
   }
   state_->isComplete = true;
   state_->isUnread = false;
+  state_->isDamaged = isDamaged;
   state_->removedUnread.clear();
+}
+
+bool KeyStorageBase::isDamaged() const {
+  const std::lock_guard guard(state_->lock);
+  return state_->isDamaged;
 }
 
 std::optional<SecretBytes> KeyStorageBase::loadData() {

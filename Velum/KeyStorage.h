@@ -17,7 +17,8 @@ namespace velum {
 /// destructor. Thread-safe; two writes never overlap, and the last one holds the latest content.
 ///
 /// Content that could not be read when `load()` asked for it (StorageUnavailable) is not lost to
-/// the next write: the write reads it first and adds what was changed meanwhile.
+/// the next write: the write reads it first and adds what was changed meanwhile. Content that is
+/// damaged (any StorageError) is replaced by the next write, which keeps it elsewhere.
 class KeyStorageBase : public KeyStorageProtocol {
  public:
   /// `queueLabel` names the queue of the delayed writes. A change is written `writeDelay` seconds
@@ -29,22 +30,28 @@ class KeyStorageBase : public KeyStorageProtocol {
 
   bool isEmpty() const override;
   std::optional<PropertyList> object(std::string_view key) const override;
-  /// A change made inside `storeData` is written after that write.
-  void setObject(std::optional<PropertyList> value, std::string_view key) override;
+  /// A change made inside `storeData` is written after that write. With a delay, true says only
+  /// that it is going to be written.
+  bool setObject(std::optional<PropertyList> value, std::string_view key) override;
+  bool setObjects(Changes changes) override;
   PropertyList::Dictionary dictionaryRepresentation() const override;
-  void reset(std::optional<PropertyList::Dictionary> content) override;
+  bool reset(std::optional<PropertyList::Dictionary> content) override;
   /// Changes that are not written yet are dropped when there is something to read.
-  void load() override;
+  StorageState load() override;
   /// Content that could not be read again (nested too deep, too large) is not written.
-  void store() override;
+  bool store() override;
 
  protected:
-  /// The stored bytes, nothing when there are none. May throw; see StorageUnavailable.
+  /// The stored bytes, nothing when there are none. Throws StorageError when they are damaged;
+  /// anything else thrown means that they can't be had now.
   virtual std::optional<SecretBytes> loadData();
   /// Stores the bytes, which are wiped afterwards. Throws when it can't: they stay unwritten
   /// changes then. Called with no lock that the operations above need.
   virtual void storeData(std::string_view bytes);
   virtual void deleteData();
+
+  /// Inside of `storeData`: what is replaced was found damaged, and is to be kept elsewhere.
+  bool isDamaged() const;
 
   /// Writes what is still unwritten and ends the delayed writes, waiting for one in flight. The
   /// first thing in the destructor of the class that overrides the operations above (which should
@@ -55,7 +62,7 @@ class KeyStorageBase : public KeyStorageProtocol {
   struct State;
 
   Work writeJob(std::optional<std::uint64_t> period) const;
-  void writeLk();
+  bool writeLk();
   void readUnreadLk();
 
   // Shared with the delayed writes, which find there whether the storage still lives.

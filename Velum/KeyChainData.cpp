@@ -22,6 +22,10 @@ SecretResult KeyChainData::read() {
     const std::lock_guard guard(lock_);
     if (data_) return {.status = errSecSuccess, .data = *data_};
   }
+  return readAgain();
+}
+
+SecretResult KeyChainData::readAgain() {
   if (key_.empty()) return {.status = errSecItemNotFound, .data = {}};
   SecretResult found = KeyChain::loadResult(key_, {}, {}, store_);
   if (found.status == errSecSuccess) keep(found.data);

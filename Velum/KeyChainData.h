@@ -20,6 +20,8 @@ class KeyChainDataProtocol {
   /// The value and how the search for it ended. Only errSecItemNotFound means that there is none;
   /// any other failure that it can't be read now, so that nobody may conclude that it is lost.
   virtual SecretResult read() = 0;
+  /// The same, whatever is kept in memory: what somebody else may have stored meanwhile.
+  virtual SecretResult readAgain() { return read(); }
   /// The value; nothing when it is missing or can't be read.
   std::optional<SecretBytes> data() {
     SecretResult found = read();
@@ -41,6 +43,7 @@ class KeyChainData final : public KeyChainDataProtocol {
   const std::string& key() const noexcept { return key_; }
 
   SecretResult read() override;
+  SecretResult readAgain() override;
   bool store(const std::optional<SecretBytes>& value) override;
 
  private:

@@ -1,14 +1,19 @@
 #include "Velum/SecureStorage.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 
 #include "Velum/ByteView.h"
+#include "Velum/FileUtils.h"
 #include "Velum/KeyChain.h"
+#include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
+#include "Velum/Platform/Posix/LockedFile.h"
 #include "Velum/Platform/Posix/ReadFile.h"
 #include "Velum/Platform/PropertyListFormats.h"
 #include "Velum/SealedBox.h"
@@ -27,15 +32,45 @@ constexpr std::size_t maximumFileSize = detail::PropertyListLimits::size + Seale
 
 }  // namespace
 
+/// Excludes all others, in any process, who make the key or throw the file away for want of it.
+class SecureStorage::KeyTurn {
+ public:
+  explicit KeyTurn(const std::string& path)
+      : lock_([&] { return open(path + ".lock"); }, std::chrono::seconds(5)) {
+    if (lock_.isElsewhere()) {
+      throw StorageUnavailable(path + ".lock is kept locked by another process");
+    }
+  }
+
+ private:
+  static UniqueFd open(const std::string& path) {
+    constexpr mode_t ownerOnly = 0600;
+    return checked::open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, ownerOnly,
+                         "SecureStorage");
+  }
+
+  LockedFile lock_;
+};
+
 SecureStorage::SecureStorage(std::shared_ptr<KeyChainDataProtocol> storageKey, std::string path,
                              double writeDelay)
     : KeyStorageBase("SecureStorage:" + path, writeDelay),
       storageKey_(std::move(storageKey)),
       file_(std::move(path)) {
-  file_.removeLeftovers();
+  constexpr LogSite site{sourceFile, "init(storageKey:url:writeDelay:)"};
   if (storageKey_->read().status != errSecItemNotFound) return;
-  logDebug({sourceFile, "init(storageKey:url:writeDelay:)"}, "Storage Key doesn't exist.");
-  ::unlink(file_.path().c_str());
+  logDebug(site, "Storage Key doesn't exist.");
+  if (::access(this->path().c_str(), F_OK) != 0 && errno == ENOENT) return;
+  std::string failure;
+  try {
+    const DeferredLog log;
+    const KeyTurn turn(this->path());
+    // Another process may have made both since.
+    if (storageKey_->readAgain().status == errSecItemNotFound) ::unlink(this->path().c_str());
+  } catch (const std::exception& error) {  // the next one does it
+    failure = error.what();
+  }
+  if (!failure.empty()) logError(site, "The file without a key stays: {}", failure);
 }
 
 SecureStorage::~SecureStorage() {
@@ -70,22 +105,36 @@ void SecureStorage::storeData(std::string_view bytes) {
   constexpr std::string_view function = "storeData(_:)";
   logDebug({sourceFile, function}, "Write to {}", path());
   const SecretBytes key = keyForWriting();
-  file_.replace(SealedBox(key).seal(byteView(bytes)), function);
+  file_.replace(SealedBox(key).seal(byteView(bytes)), function,
+                isDamaged() ? AtomicFile::Old::setAside : AtomicFile::Old::replaced);
 }
 
 /// A new key is made only when there is none: one that is merely out of reach still opens the file.
 SecretBytes SecureStorage::keyForWriting() {
   SecretResult key = storageKey_->read();
-  if (key.status == errSecSuccess) return std::move(key.data);
-  if (key.status != errSecItemNotFound) throwKeyUnavailable(key.status);
-  SecretBytes fresh = SealedBox::newKey();
-  if (!storageKey_->store(fresh)) {
-    const std::string text =
-        "Failed to store the key for " + std::filesystem::path(path()).stem().string();
-    logError({sourceFile, "storeData(_:)"}, "{}", text);
-    throw StorageError(text);
+  if (key.status == errSecItemNotFound) key = makeKey();
+  if (key.status != errSecSuccess) throwKeyUnavailable(key.status);
+  return std::move(key.data);
+}
+
+/// What counts is the key that is kept in the end: somebody who knows nothing of the turn may have
+/// been first, or last.
+SecretResult SecureStorage::makeKey() {
+  bool isStored = false;
+  SecretResult kept;
+  {
+    const DeferredLog log;
+    const KeyTurn turn(path());
+    kept = storageKey_->readAgain();
+    if (kept.status != errSecItemNotFound) return kept;
+    isStored = storageKey_->store(SealedBox::newKey());
+    kept = storageKey_->readAgain();
   }
-  return fresh;
+  if (isStored || kept.status == errSecSuccess) return kept;
+  const std::string text =
+      "Failed to store the key for " + std::filesystem::path(path()).stem().string();
+  logError({sourceFile, "storeData(_:)"}, "{}", text);
+  throw StorageError(text);
 }
 
 void SecureStorage::deleteData() {

@@ -14,11 +14,12 @@ namespace velum {
 /// disk when a write returns; mode 0600. Its folder must exist.
 ///
 /// A file without its key is worthless, so it is deleted when the storage is made and the key is
-/// known to be missing; the next write makes a new key. A key that can't be read now is another
-/// matter: reading and writing then fail, and nothing is lost.
+/// known to be missing; the next write makes a new key. Both happen under the lock of path +
+/// ".lock", so that storages made at once, in any processes, get one key and lose no file. A key
+/// that can't be read now is another matter: reading and writing then fail, and nothing is lost.
 ///
-/// A file that was changed by anybody else is refused: the storage begins empty, and the file stays
-/// until the next write.
+/// A file that was changed by anybody else is refused as damaged: the storage begins empty, and the
+/// file stays until the next write, which keeps it as path + ".damaged".
 class SecureStorage final : public KeyStorageBase {
  public:
   SecureStorage(std::shared_ptr<KeyChainDataProtocol> storageKey, std::string path,
@@ -38,7 +39,10 @@ class SecureStorage final : public KeyStorageBase {
   void storeData(std::string_view bytes) override;
 
  private:
+  class KeyTurn;
+
   SecretBytes keyForWriting();
+  SecretResult makeKey();
 
   const std::shared_ptr<KeyChainDataProtocol> storageKey_;
   const AtomicFile file_;

@@ -4,14 +4,19 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <csignal>
 #include <filesystem>
+#include <thread>
 
+#include "Velum/AtomicFile.h"
 #include "Velum/ByteView.h"
 #include "Velum/SealedBox.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/MemoryKey.h"
+#include "tests/support/Processes.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/Waiting.h"
 
 namespace velum {
 namespace {
@@ -22,7 +27,7 @@ using test::readFile;
 using test::TemporaryFolder;
 using test::writeFile;
 using testing::ElementsAre;
-using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 using Dictionary = PropertyList::Dictionary;
 
 PropertyList text(std::string value) {
@@ -68,7 +73,7 @@ TEST_F(SecureStorageTest, MakesKeyAndFileWithTheFirstWrite) {
   ASSERT_TRUE(key->value);
   EXPECT_EQ(key->value->size(), 32U);
   EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
-  EXPECT_THAT(names(), ElementsAre("settings.sealed"));
+  EXPECT_THAT(names(), UnorderedElementsAre("settings.sealed", "settings.sealed.lock"));
   EXPECT_EQ(stored(), content);
 
   // The file is the nonce, the ciphertext and the tag of the property list, and nothing else.
@@ -87,7 +92,7 @@ TEST_F(SecureStorageTest, MakesKeyAndFileWithTheFirstWrite) {
   EXPECT_TRUE(log.has("Write to " + path));
   EXPECT_FALSE(log.has("hidden"));
   make()->deleteData();
-  EXPECT_THAT(names(), IsEmpty());
+  EXPECT_FALSE(fs::exists(path));
 }
 
 TEST_F(SecureStorageTest, ThrowsAwayAFileWhoseKeyIsMissing) {
@@ -145,7 +150,7 @@ TEST_F(SecureStorageTest, WritesNothingWithoutAKeyThatIsKept) {
   storage->setObject(text("value"), "name");
   EXPECT_EQ(log.count("Failed to store the key for settings"), 2U);  // and as what store() says
   EXPECT_TRUE(log.has("Failed to store cache: Failed to store the key for settings"));
-  EXPECT_THAT(names(), IsEmpty());
+  EXPECT_FALSE(fs::exists(path));
   key->refusesToStore = false;
   storage->store();
   EXPECT_EQ(stored(), (Dictionary{{"name", text("value")}}));
@@ -169,8 +174,52 @@ TEST_F(SecureStorageTest, RefusesDamagedContentUntilTheNextWriteAndShowsNoneOfIt
   // What another key sealed is no content either, and the next write replaces it.
   key->value = SealedBox::newKey();
   isRefused(whole, "authenticationFailure");
-  make()->setObject(text("new"), "name");
+  const auto storage = make();
+  EXPECT_EQ(storage->load(), StorageState::damaged);
+  EXPECT_TRUE(storage->setObject(text("new"), "name"));
   EXPECT_EQ(stored(), (Dictionary{{"name", text("new")}}));
+  EXPECT_EQ(readFile(path + ".damaged"), whole);
+}
+
+TEST_F(SecureStorageTest, TakesKeyAndFileOfAnotherThatWasFasterByAMoment) {
+  const SecretBytes winner = SealedBox::newKey();
+  const std::string sealed =
+      SealedBox(winner).seal(byteView(PropertyList(Dictionary{{"theirs", text("1")}}).binary()));
+  const auto another = [&] {
+    key->value = winner;
+    writeFile(path, sealed);
+  };
+  writeFile(path, "of a key that is gone");
+  key->afterRead = another;
+  const auto storage = make();
+  EXPECT_EQ(readFile(path), sealed) << "threw away what the other one had just made";
+
+  key->value.reset();
+  fs::remove(path);
+  key->afterRead = another;
+  EXPECT_TRUE(storage->setObject(text("2"), "ours"));
+  EXPECT_EQ(key->value, winner);
+  EXPECT_EQ(stored(), (Dictionary{{"ours", text("2")}}));
+}
+
+TEST_F(SecureStorageTest, AKilledWritersFilesGoWhileAChildOfItLives) {
+  key->value = SealedBox::newKey();
+  const std::string large(std::size_t{32} << 20U, 'x');
+  test::Pipe living;
+  test::ChildProcess writer([&] {
+    std::thread([&] { AtomicFile(path).replace(large, "test"); }).detach();
+    ASSERT_TRUE(test::eventually([&] { return !names().empty(); }));
+    if (::fork() == 0) {
+      living.writer.reset();  // the test's is open as long as this child shall live
+      char byte = 0;
+      static_cast<void>(retryInterrupted([&] { return ::read(living.reader.get(), &byte, 1); }));
+      ::_exit(0);
+    }
+    ::raise(SIGKILL);
+  });
+  writer.wait();
+  make()->setObject(text("value"), "name");
+  EXPECT_THAT(names(), ElementsAre("settings.sealed"));
 }
 
 TEST_F(SecureStorageTest, RefusesWhatIsNotAFileOfItsOwn) {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <optional>
+#include <utility>
 
 #include "Velum/KeyChainData.h"
 #include "Velum/SealedBox.h"
@@ -14,10 +16,9 @@ class MemoryKey final : public KeyChainDataProtocol {
   explicit MemoryKey(std::optional<SecretBytes> key = std::nullopt) : value(std::move(key)) {}
 
   SecretResult read() override {
-    const std::lock_guard guard(mutex_);
-    if (status != errSecSuccess) return {.status = status, .data = {}};
-    if (!value) return {.status = errSecItemNotFound, .data = {}};
-    return {.status = errSecSuccess, .data = *value};
+    const SecretResult found = stored();
+    if (const auto hook = std::exchange(afterRead, {})) hook();
+    return found;
   }
   bool store(const std::optional<SecretBytes>& newValue) override {
     const std::lock_guard guard(mutex_);
@@ -29,8 +30,16 @@ class MemoryKey final : public KeyChainDataProtocol {
   std::optional<SecretBytes> value;
   SecretStatus status = errSecSuccess;
   bool refusesToStore = false;
+  std::function<void()> afterRead;  // runs once: what happens before the result is used
 
  private:
+  SecretResult stored() {
+    const std::lock_guard guard(mutex_);
+    if (status != errSecSuccess) return {.status = status, .data = {}};
+    if (!value) return {.status = errSecItemNotFound, .data = {}};
+    return {.status = errSecSuccess, .data = *value};
+  }
+
   std::mutex mutex_;
 };
 

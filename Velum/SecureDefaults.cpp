@@ -22,11 +22,62 @@ Stored found(const Entries& entries, std::string_view key) {
   return entry->second;
 }
 
-/// Equal in type and content. A number that is none is equal to itself, or else a domain that holds
-/// one would have to be repaired for ever.
 bool isSame(const Stored& left, const Stored& right) {
-  if (left == right) return true;
-  return left && right && left->binary() == right->binary();
+  return left ? right && left->isIdentical(*right) : !right;
+}
+
+/// While a write is under way the copy holds, under `pendingKey`, the values that the domain may
+/// still have: by key, an array of the one value, or of none where there was none. So what a killed
+/// process or a failed write leaves is told from a change by somebody else, who can't write this.
+Entries pendingIn(const KeyStorageProtocol& copy) {
+  auto pending = copy.object(SecureDefaults::pendingKey);
+  auto* const entries = pending ? std::get_if<Entries>(&pending->value) : nullptr;
+  return entries == nullptr ? Entries{} : std::move(*entries);
+}
+
+void addPending(Entries& pending, std::string_view key, const Stored& value) {
+  PropertyList::Array values;
+  if (value) values.push_back(*value);
+  pending.insert_or_assign(std::string(key), PropertyList(std::move(values)));
+}
+
+std::optional<PropertyList> pendingValue(Entries pending) {
+  if (pending.empty()) return std::nullopt;
+  return PropertyList(std::move(pending));
+}
+
+void put(Entries& entries, std::string_view key, const Stored& value) {
+  if (value) {
+    entries.insert_or_assign(std::string(key), *value);
+  } else if (const auto entry = entries.find(key); entry != entries.end()) {
+    entries.erase(entry);
+  }
+}
+
+/// Gives the keys of unfinished writes their values of the copy. Whether there was any.
+bool finishPending(Entries& entries, const KeyStorageProtocol& copy) {
+  bool isAny = false;
+  for (const auto& [key, before] : pendingIn(copy)) {
+    const auto* const values = before.get<PropertyList::Array>();
+    if (values == nullptr) continue;
+    const Stored old = values->empty() ? Stored() : Stored(values->front());
+    if (!isSame(found(entries, key), old)) continue;
+    put(entries, key, copy.object(key));
+    isAny = true;
+  }
+  return isAny;
+}
+
+Entries contentOf(const KeyStorageProtocol& copy) {
+  Entries entries = copy.dictionaryRepresentation();
+  put(entries, SecureDefaults::pendingKey, std::nullopt);
+  return entries;
+}
+
+/// What others have stored since, in any process. Changes that can't be written are not given up
+/// for it: then nobody can tell what is stored.
+StorageState reload(KeyStorageProtocol& copy) {
+  return copy.store() ? copy.load() : StorageState::unavailable;
 }
 
 /// The entry as it will be when it was written and read again: numbers in the type that the format
@@ -45,6 +96,24 @@ bool isSilent() {
   return value && boolFrom(*value);
 }
 
+/// Around a comparison or a write and the records that come of it. A log handler that reads
+/// settings gets them from the copy as it is in memory, or else, while something fails, each read
+/// would make the record of the next one.
+class Inside {
+ public:
+  Inside() noexcept : isNested_(std::exchange(isThread, true)) {}
+  Inside(const Inside&) = delete;
+  Inside& operator=(const Inside&) = delete;
+  ~Inside() { isThread = isNested_; }
+
+  bool isNested() const noexcept { return isNested_; }
+
+ private:
+  static thread_local bool isThread;
+  bool isNested_;
+};
+thread_local bool Inside::isThread = false;
+
 std::unique_ptr<UserDefaults> domainNamed(const std::string& name) {
   auto domain = UserDefaults::domain(name);
   if (!domain) fatal("SecureDefaults: the domain's name can't be a folder's");
@@ -57,13 +126,10 @@ struct SecureDefaults::State {
   ForkSafeTurn turn;  // makes one step of comparing, repairing and writing domain and copy
   ForkSafeLock lock{ForkSafeLock::Stage::service};  // guards what follows
   CorruptionHandler handler;
-  /// The domain as it was when it could not be repaired; reads of it go to the copy.
+  /// The domain as it was when it was reported and could not be repaired.
   std::optional<std::optional<Entries>> unrepaired;
+  bool isLossReported = false;
 
-  bool isUnrepaired() {
-    const std::lock_guard guard(lock);
-    return unrepaired.has_value();
-  }
   void setRepaired() {
     const std::lock_guard guard(lock);
     unrepaired.reset();
@@ -74,6 +140,14 @@ struct SecureDefaults::State {
     if (unrepaired && *unrepaired == domain) return false;
     unrepaired.emplace(std::move(domain));
     return true;
+  }
+  /// Whether the copy can be compared with. What is wrong with it is a finding, once.
+  bool isUsable(StorageState copy, Finding& finding) {
+    const std::lock_guard guard(lock);
+    const bool isLost = copy == StorageState::damaged;
+    if (isLost && !isLossReported) finding = DefaultsCorruptionReason::protectedCopyLost;
+    if (copy != StorageState::unavailable) isLossReported = isLost;
+    return copy == StorageState::loaded || copy == StorageState::missing;
   }
 };
 
@@ -113,52 +187,77 @@ void SecureDefaults::handleCorruption(DefaultsCorruptionReason reason) {
   if (handler) handler(reason);
 }
 
-void SecureDefaults::repairIfChanged(std::string_view key) {
-  cache();  // made without a lock
+/// The value that was compared with its copy, or the copy's.
+std::optional<PropertyList> SecureDefaults::compared(std::string_view key) {
+  KeyStorageProtocol& copy = cache();  // made without a lock
+  Finding finding;
   {
-    const DeferredLog log;  // handlers may read settings
+    const Inside inside;
+    if (inside.isNested()) return copy.object(key);
+    const DeferredLog log;
     const std::lock_guard guard(state_->turn);
-    if (!findChangeLk(key)) return;
+    finding = compareLk(key);
   }
-  if (!isSilent()) logError(site, "Default {} was changed in defaults.plist", key);
-  handleCorruption(DefaultsCorruptionReason::changedOutside);
+  if (finding) report(*finding, key);
+  return copy.object(key);
 }
 
-/// Repairs the domain when the value of `key` was changed in it. Returns whether there is a change
-/// to be reported.
-bool SecureDefaults::findChangeLk(std::string_view key) {
+void SecureDefaults::report(DefaultsCorruptionReason reason, std::string_view key) {
+  if (reason == DefaultsCorruptionReason::protectedCopyLost) {
+    logError(site,
+             "The protected copy of {} is damaged; its settings can't be changed until the "
+             "application sets the copy anew",
+             domainName_);
+  } else if (!isSilent()) {
+    logError(site, "Default {} was changed in defaults.plist", key);
+  }
+  handleCorruption(reason);
+}
+
+/// Compares the value of `key` with its copy, and repairs the domain where they differ. Nobody is
+/// accused but of what was seen while all others were excluded, with a copy that was just read.
+SecureDefaults::Finding SecureDefaults::compareLk(std::string_view key) {
   state_->turn.assertHeld();
+  const auto isEqual = [&](const Entries& entries) {
+    return isSame(found(entries, key), cache_->object(key));
+  };
+  if (isEqual(persistentDomain())) return {};
+  Finding finding;
+  // Before anybody is excluded: a keychain that hangs holds up nobody else.
+  if (!state_->isUsable(reload(*cache_), finding)) return finding;
   auto domain = defs_->persistentDomain();
-  if (isSame(found(domain.value_or(Entries{}), key), cache_->object(key))) return false;
+  if (isEqual(domain.value_or(Entries{}))) return {};
 
-  bool isChanged = true;
-  const bool isRepaired = defs_->change([&](Entries& entries) {
-    // Somebody who shares the copy may have written both. None of them does so just now.
-    cache_->store();
-    cache_->load();
-    isChanged = !isSame(found(entries, key), cache_->object(key));
-    if (isChanged) entries = cache_->dictionaryRepresentation();
-    return isChanged;
+  bool isChanged = false;
+  const auto edit = [&](Entries& entries) {
+    if (!state_->isUsable(reload(*cache_), finding)) return false;
+    const bool isFinished = finishPending(entries, *cache_);
+    isChanged = !isEqual(entries);
+    if (isChanged) entries = contentOf(*cache_);
+    return isFinished || isChanged;
+  };
+  const bool isDone = defs_->change(edit, [&](bool isStored) {
+    if (isStored) clearPendingLk();
   });
-  if (isRepaired) {
+  if (isDone) {
     state_->setRepaired();
-    return isChanged;
+    return isChanged ? DefaultsCorruptionReason::changedOutside : finding;
   }
-  if (!state_->setUnrepaired(std::move(domain))) return false;
+  if (!isChanged || !state_->setUnrepaired(std::move(domain))) return finding;
   logError(site, "Failed to restore defaults.plist of {}", domainName_);
-  return true;
+  return DefaultsCorruptionReason::changedOutside;
 }
 
-/// The value as a look-up finds it.
-std::optional<PropertyList> SecureDefaults::current(std::string_view key) {
-  if (skipValidating || !state_->isUnrepaired()) return defs_->object(key);
-  if (auto value = found(argumentDomain(), key)) return value;
-  if (auto value = cache().object(key)) return value;
-  return defs_->registeredObject(key);
+void SecureDefaults::clearPendingLk() {
+  state_->turn.assertHeld();
+  if (cache_->object(pendingKey)) cache_->setObject(std::nullopt, pendingKey);
 }
 
 std::optional<PropertyList> SecureDefaults::object(std::string_view key) {
-  return validate(key, [&] { return current(key); });
+  if (skipValidating) return defs_->object(key);
+  Stored stored = compared(key);
+  if (auto value = found(argumentDomain(), key)) return value;
+  return stored ? std::move(stored) : defs_->registeredObject(key);
 }
 
 /// The value if it is of that very type.
@@ -218,26 +317,56 @@ bool SecureDefaults::setObject(std::optional<PropertyList> value, std::string_vi
 }
 
 bool SecureDefaults::write(const std::optional<PropertyList>& value, std::string_view key) {
-  KeyStorageProtocol& copy = cache();
-  const DeferredLog log;
-  const std::lock_guard guard(state_->turn);
-  Stored before;
-  bool isCopyChanged = false;
-  const bool isWritten = defs_->change([&](Entries& entries) {
-    if (entries != copy.dictionaryRepresentation()) {  // perhaps by somebody who shares the copy
-      copy.store();
-      copy.load();
-    }
-    before = copy.object(key);
-    isCopyChanged = !isSame(before, value);
-    if (isCopyChanged) copy.setObject(value, key);
-    if (isSame(found(entries, key), value)) return false;
-    entries.erase(std::string(key));
-    if (value) entries.emplace(key, *value);
-    return true;
-  });
-  if (!isWritten && isCopyChanged) copy.setObject(std::move(before), key);
+  cache();
+  Finding finding;
+  bool isWritten = false;
+  {
+    const Inside inside;
+    const DeferredLog log;
+    const std::lock_guard guard(state_->turn);
+    isWritten = writeLk(value, key, finding);
+  }
+  if (finding) report(*finding, key);
   return isWritten;
+}
+
+bool SecureDefaults::writeLk(const Stored& value, std::string_view key, Finding& finding) {
+  state_->turn.assertHeld();
+  if (key == pendingKey || !state_->isUsable(reload(*cache_), finding)) return false;
+  Stored before;
+  bool isCopied = false;
+  const auto setCopy = [&](const Stored& content, Entries pending) {
+    KeyStorageProtocol::Changes changes;
+    changes.emplace(key, content);
+    changes.emplace(pendingKey, pendingValue(std::move(pending)));
+    return cache_->setObjects(std::move(changes));
+  };
+  const auto edit = [&](Entries& entries) {
+    if (!state_->isUsable(reload(*cache_), finding)) return false;
+    const Entries unfinished = pendingIn(*cache_);
+    const bool isFinished = finishPending(entries, *cache_);
+    before = cache_->object(key);
+    Entries pending = unfinished;
+    addPending(pending, key, before);
+    isCopied = isSame(before, value) || setCopy(value, std::move(pending));
+    if (!isCopied) {
+      setCopy(before, unfinished);
+      return false;
+    }
+    if (isSame(found(entries, key), value)) return isFinished;
+    put(entries, key, value);
+    return true;
+  };
+  const bool isDone = defs_->change(edit, [&](bool isStored) {
+    if (isStored) {
+      if (isCopied) clearPendingLk();
+    } else if (!isSame(before, value)) {  // the domain may hold it all the same
+      Entries pending = pendingIn(*cache_);
+      addPending(pending, key, value);
+      setCopy(before, std::move(pending));
+    }
+  });
+  return isDone && isCopied;
 }
 
 bool SecureDefaults::removeObject(std::string_view key) {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "Velum/KeyStorageProtocol.h"
 #include "Velum/Platform/PropertyList.h"
@@ -15,28 +16,37 @@
 
 namespace velum {
 
-/// What was found wrong with guarded defaults. Reads report `changedOutside` and nothing else; the
-/// others are for owners who look at start, through `SecureDefaults::handleCorruption`.
+/// What was found wrong with guarded defaults. `domainUnreadable` is for owners who look at start,
+/// through `SecureDefaults::handleCorruption`.
 enum class DefaultsCorruptionReason : std::uint8_t {
   domainUnreadable = 0,   ///< The domain's file is there and can't be read.
-  protectedCopyLost = 1,  ///< The protected copy is missing or damaged while the domain is not.
+  protectedCopyLost = 1,  ///< The protected copy is damaged.
   changedOutside = 2,     ///< Somebody else changed, added or removed a value.
 };
 
 /// User defaults with a protected copy of every value. Before a value is read it is compared with
 /// its copy; when the two differ, also in type only, the whole domain is put back from the copy
-/// and the owner is told. Nothing throws; every operation may be called from any thread, and the
-/// handler and the blocks may call all of them.
+/// and the owner is told. What is handed out is the value that was compared. Nothing throws; every
+/// operation may be called from any thread, and the handler and the blocks may call all of them.
 ///
 /// Processes may share a domain and its protected copy, if that writes without delay: what differs
-/// is compared again with the copy as it is stored before it counts as changed.
+/// is compared again with the copy as it is stored, under the domain's lock, before it counts as
+/// changed.
 ///
-/// A write goes to the copy first. If the process is killed between the two, the domain alone is
-/// old, and the next read puts the new value there. (A copy that writes with a delay is the old
-/// one then, and wins: the change is undone and reported.)
+/// A write goes to the copy first, with a note of the value that the domain still has (under
+/// `pendingKey`, gone when the write is over). What a killed process left in between is finished by
+/// the next one that looks, and accuses nobody.
+///
+/// A copy that can't be read now accuses nobody either: the domain stays as it is, writers return
+/// false, and readers give what the copy held when it was last read, else what is registered. It is
+/// the same with a copy that is damaged, which is reported (`protectedCopyLost`) once. Its owner
+/// decides what to trust and calls `cache->reset(values)`, with `persistentDomain()` for example.
 class SecureDefaults {
  public:
   using CorruptionHandler = std::function<void(DefaultsCorruptionReason)>;
+
+  /// The copy's own key, which no setting can have.
+  static constexpr std::string_view pendingKey = "SecureDefaults:pending";
 
   /// Guards the domain `domainName`, which must be usable as a folder's name, with `cache`, which
   /// its owner has loaded. An empty copy means that nothing may be stored: whoever begins to guard
@@ -57,11 +67,16 @@ class SecureDefaults {
   void handleCorruption(DefaultsCorruptionReason reason);
 
   /// Compares the value of `key` with its copy, repairs the domain if need be, and returns what
-  /// `block` makes of the value in the domain.
+  /// `block` makes of the value: of the one that it is given, an optional property list as `object`
+  /// returns it, or, without a parameter, of what it finds in the domain by then.
   template <class Block>
   auto validate(std::string_view key, Block block) {
-    if (!skipValidating) repairIfChanged(key);
-    return block();
+    if constexpr (std::is_invocable_v<Block, std::optional<PropertyList>>) {
+      return block(object(key));
+    } else {
+      if (!skipValidating) compared(key);
+      return block();
+    }
   }
 
   // Readers. A value of another type is converted as DefaultsConversions.h says; what is absent or
@@ -79,9 +94,8 @@ class SecureDefaults {
   /// A text with a scheme.
   std::optional<std::string> url(std::string_view key);
 
-  // Writers. False when the value could not be stored, both places then keep the old one; a value
-  // nested deeper than property lists may be is refused so. Whether the copy could write itself
-  // shows in the log.
+  // Writers. False when the value could not be stored in both places, which then keep the old one;
+  // a value nested deeper than property lists may be is refused so.
   bool setBool(bool value, std::string_view key);
   bool setInteger(std::int64_t value, std::string_view key);
   bool setDouble(double value, std::string_view key);
@@ -117,11 +131,15 @@ class SecureDefaults {
  private:
   struct State;
 
+  using Finding = std::optional<DefaultsCorruptionReason>;
+
   KeyStorageProtocol& cache();
-  void repairIfChanged(std::string_view key);
-  bool findChangeLk(std::string_view key);
+  std::optional<PropertyList> compared(std::string_view key);
+  void report(DefaultsCorruptionReason reason, std::string_view key);
+  Finding compareLk(std::string_view key);
+  void clearPendingLk();
   bool write(const std::optional<PropertyList>& value, std::string_view key);
-  std::optional<PropertyList> current(std::string_view key);
+  bool writeLk(const std::optional<PropertyList>& value, std::string_view key, Finding& finding);
   template <class Content>
   std::optional<Content> validated(std::string_view key);
 

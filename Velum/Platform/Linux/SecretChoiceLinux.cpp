@@ -2,9 +2,7 @@
 
 #include <string_view>
 
-#include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/VaultLinux.h"
-#include "Velum/Platform/Posix/LockedFile.h"
 
 namespace velum {
 namespace {
@@ -18,25 +16,23 @@ std::optional<SecretPlaceKind> recorded(const PrivateFolder& folder) {
   if (!content) return std::nullopt;
   if (textView(*content) == serviceText) return SecretPlaceKind::service;
   if (textView(*content) == vaultText) return SecretPlaceKind::vault;
-  logError({"SecretStore", "recorded()"}, "{} says neither service nor vault",
-           folder.pathOf(secretChoiceFileName));
-  throw SecretFailure(errSecDecode);
+  throw SecretFailure(errSecDecode,
+                      folder.pathOf(secretChoiceFileName) + " says neither service nor vault");
 }
 
 }  // namespace
 
-SecretPlaceKind chooseSecretPlace(const PrivateFolder& folder,
-                                  const std::function<SecretPlaceKind()>& probe) {
-  if (const auto known = recorded(folder)) return *known;
-  const LockedFile lock([&] { return folder.openLock(VaultLinux::lockFileName); });
-  if (const auto known = recorded(folder)) return *known;
-  const bool hasVault = folder.has(VaultLinux::fileName);
-  const SecretPlaceKind choice = hasVault ? SecretPlaceKind::vault : probe();
+SecretChoice chooseSecretPlace(const PrivateFolder& folder, const SecretCall& call,
+                               const std::function<SecretPlaceKind()>& probe) {
+  if (const auto known = recorded(folder)) return {*known, false};
+  const auto hasVault = [&] { return folder.has(VaultLinux::fileName); };
+  SecretPlaceKind choice = hasVault() ? SecretPlaceKind::vault : probe();
+  const VaultLinux::Lock lock(folder, call);
+  if (const auto known = recorded(folder)) return {*known, false};
+  if (hasVault()) choice = SecretPlaceKind::vault;
   const std::string_view text = choice == SecretPlaceKind::service ? serviceText : vaultText;
   folder.replace(secretChoiceFileName, secretBytes(text));
-  logDebug({"SecretStore", "chooseSecretPlace()"}, "Secrets are kept in the {}",
-           choice == SecretPlaceKind::service ? "Secret Service" : "vault");
-  return choice;
+  return {choice, true};
 }
 
 }  // namespace velum

@@ -2,6 +2,7 @@
 
 #include <functional>
 
+#include "Velum/Platform/Linux/SecretPlaceLinux.h"
 #include "Velum/Platform/Posix/PrivateFolder.h"
 
 namespace velum {
@@ -12,12 +13,18 @@ enum class SecretPlaceKind : std::uint8_t { service, vault };
 /// The file in the folder that says so: "service" or "vault" on one line.
 inline constexpr const char* secretChoiceFileName = "secret-store";
 
-/// What the folder's record says. Without a record the choice is made and recorded, under the
-/// folder's lock, so that processes that ask at once agree: an existing vault goes on being used,
-/// else `probe` decides. What it throws is passed on, and nothing is recorded.
+struct SecretChoice {
+  SecretPlaceKind kind;
+  bool isNew;  ///< Made and recorded just now.
+};
+
+/// What the folder's record says. Without a record the choice is made and recorded, so that
+/// processes that ask at once agree: an existing vault goes on being used, else `probe` decides,
+/// which is called without a lock. What it throws is passed on, and nothing is recorded.
 ///
-/// A record of anything else is damaged: errSecDecode, thrown as SecretFailure. Throws SystemError.
-SecretPlaceKind chooseSecretPlace(const PrivateFolder& folder,
-                                  const std::function<SecretPlaceKind()>& probe);
+/// Throws SecretFailure, for a record of anything else (errSecDecode) and when the folder's lock
+/// can't be had in time (errSecTimedOut), and SystemError.
+SecretChoice chooseSecretPlace(const PrivateFolder& folder, const SecretCall& call,
+                               const std::function<SecretPlaceKind()>& probe);
 
 }  // namespace velum

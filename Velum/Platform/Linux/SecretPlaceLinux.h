@@ -2,8 +2,8 @@
 
 #include <chrono>
 #include <compare>
-#include <exception>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -20,12 +20,13 @@ struct SecretName {
   auto operator<=>(const SecretName&) const = default;  // NOLINT(modernize-use-nullptr): false
 };
 
-/// Ends an operation with this status.
-class SecretFailure : public std::exception {
+/// Ends an operation with this status. What `report` says goes to the log, once no lock is held.
+class SecretFailure : public std::runtime_error {
  public:
-  explicit SecretFailure(SecretStatus status) noexcept : status_(status) {}
+  explicit SecretFailure(SecretStatus status, const std::string& report = {})
+      : std::runtime_error(report), status_(status) {}
   SecretStatus status() const noexcept { return status_; }
-  const char* what() const noexcept override { return "secret store"; }
+  const char* report() const noexcept { return what(); }
 
  private:
   SecretStatus status_;
@@ -37,6 +38,8 @@ struct SecretCall {
 
   /// Nobody waits for the result after this.
   Clock::time_point deadline;
+  /// The longest that a lock is waited for: less than that, so that its caller hears of it.
+  std::chrono::nanoseconds lockLimit{0};
   /// Where vault, key and record are. Nothing when the user has no home.
   std::optional<std::string> folder;
   /// What the service manager hands over to this process.

@@ -47,12 +47,15 @@ class PromptTurn {
   PromptTurn& operator=(const PromptTurn&) = delete;
   ~PromptTurn() { isTaken = false; }
 
- private:
   static std::atomic<bool> isTaken;
 };
 std::atomic<bool> PromptTurn::isTaken{false};
 
 }  // namespace
+
+bool SecretServiceLinux::isPrompting() noexcept {
+  return PromptTurn::isTaken;
+}
 
 std::optional<std::string> SecretServiceLinux::sessionBusAddress() {
   if (const char* const address = std::getenv("DBUS_SESSION_BUS_ADDRESS");

@@ -25,6 +25,9 @@ class SecretServiceLinux final : public SecretPlace {
   /// socket "bus" in XDG_RUNTIME_DIR. Nothing when neither is there. Any thread.
   static std::optional<std::string> sessionBusAddress();
 
+  /// Whether a prompt waits for the user's answer, in any thread. Any thread.
+  static bool isPrompting() noexcept;
+
   /// The call that the next operation is for; a copy is kept.
   void begin(const SecretCall& call) { call_ = call; }
 

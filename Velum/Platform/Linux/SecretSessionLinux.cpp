@@ -18,7 +18,6 @@ namespace {
 constexpr const char* busName = "org.freedesktop.secrets";
 constexpr const char* itemInterface = "org.freedesktop.Secret.Item";
 constexpr const char* collectionInterface = "org.freedesktop.Secret.Collection";
-constexpr const char* contentType = "application/octet-stream";
 constexpr const char* schemaAttribute = "xdg:schema";
 
 struct GDeleter {
@@ -181,10 +180,13 @@ GVariant* variantOf(const SecretSession::Attributes& attributes) {
   return g_variant_builder_end(&builder);
 }
 
+/// Password managers show what is said to be text.
 GPointer<SecretValue> valueOf(const SecretBytes& bytes) {
+  const char* const start = reinterpret_cast<const char*>(bytes.data());  // NOLINT: bytes are bytes
+  const bool isText = g_utf8_validate_len(start, bytes.size(), nullptr) != FALSE;
   return GPointer<SecretValue>(
-      secret_value_new(reinterpret_cast<const char*>(bytes.data()),  // NOLINT: bytes are bytes
-                       static_cast<gssize>(bytes.size()), contentType));
+      secret_value_new(start, static_cast<gssize>(bytes.size()),
+                       isText ? "text/plain" : "application/octet-stream"));
 }
 
 /// The outcome of a call that prompts. libsecret's own waiting for it leaks each prompt.

@@ -14,7 +14,7 @@ namespace velum {
 /// that was just found. Nothing was changed; once more from the beginning may do.
 class StaleSession : public SecretFailure {
  public:
-  StaleSession() noexcept : SecretFailure(errSecNotAvailable) {}
+  StaleSession() : SecretFailure(errSecNotAvailable) {}
 };
 
 /// Object paths of the items that a search found.

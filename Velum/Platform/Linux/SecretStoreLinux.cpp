@@ -28,6 +28,7 @@ SecretCall callNow(std::chrono::milliseconds timeout) {
   };
   SecretCall call;
   call.deadline = deadlineAfter(timeout);
+  call.lockLimit = bounded(timeout) / 2;
   call.folder = userFolder("XDG_DATA_HOME", ".local/share");
   if (call.folder) call.folder->append("/velum");
   call.credentialsFolder = absoluteVariable("CREDENTIALS_DIRECTORY");
@@ -40,38 +41,57 @@ SecretStatus statusOfErrno(int code) noexcept {
   return code == ETIMEDOUT ? errSecTimedOut : errSecErrnoBase + code;
 }
 
-void onChosenPlace(const SecretCall& call, SecretServiceLinux& service,
+/// What the calling thread learns and logs: the worker's may hold up other calls.
+struct Outcome {
+  SecretStatus status = errSecSuccess;
+  std::string report;
+  std::optional<SecretPlaceKind> chosen;  // just now
+};
+
+void onChosenPlace(const SecretCall& call, SecretServiceLinux& service, Outcome& outcome,
                    const std::function<void(SecretPlace&)>& operation) {
   if (!call.folder) throw SecretFailure(errSecNotAvailable);
   const PrivateFolder folder(*call.folder);
   service.begin(call);
-  const SecretPlaceKind kind = chooseSecretPlace(folder, [&] {
+  const SecretChoice choice = chooseSecretPlace(folder, call, [&] {
     const bool isPresent = service.probe() == SecretServiceLinux::Presence::present;
     return isPresent ? SecretPlaceKind::service : SecretPlaceKind::vault;
   });
-  if (kind == SecretPlaceKind::service) return operation(service);
+  if (choice.isNew) outcome.chosen = choice.kind;
+  if (choice.kind == SecretPlaceKind::service) return operation(service);
   VaultLinux vault(folder, call);
   operation(vault);
 }
 
-/// Nothing leaves the thread but a status.
-SecretStatus guarded(const std::function<void()>& work) noexcept {
+/// No exception leaves the thread.
+void guarded(Outcome& outcome, const std::function<void()>& work) noexcept {
   try {
     work();
-    return errSecSuccess;
   } catch (const SecretFailure& failure) {
-    return failure.status();
+    outcome.status = failure.status();
+    outcome.report = failure.report();
   } catch (const SystemError& error) {
-    logError({"SecretStore", "guarded()"}, "{}", error.what());
-    return statusOfErrno(error.code());
+    outcome.status = statusOfErrno(error.code());
+    outcome.report = error.what();
   } catch (const std::bad_alloc&) {
-    return statusOfErrno(ENOMEM);
+    outcome.status = statusOfErrno(ENOMEM);
   }
+}
+
+void log(const Outcome& outcome) {
+  constexpr LogSite site{"SecretStore", "run()"};
+  if (outcome.chosen) {
+    logDebug(site, "Secrets are kept in the {}",
+             *outcome.chosen == SecretPlaceKind::service ? "Secret Service" : "vault");
+  }
+  if (!outcome.report.empty()) logError(site, "{}", outcome.report);
 }
 
 }  // namespace
 
 struct SecretStoreLinux::Threads {
+  explicit Threads(std::chrono::milliseconds pause) : workers(bounded(pause)) {}
+
   unsigned generation = forkGeneration();
   SecretWorkers workers;
 };
@@ -85,7 +105,7 @@ SecretStoreLinux::Threads& SecretStoreLinux::threads() {
   Threads* seen = threads_.load(std::memory_order_acquire);
   if (seen != nullptr && seen->generation == forkGeneration()) return *seen;
   // In a forked child the parent's is left as it is: who held its lock does not live here.
-  auto fresh = std::make_unique<Threads>();
+  auto fresh = std::make_unique<Threads>(pauseFactor * timeout_);
   if (threads_.compare_exchange_strong(seen, fresh.get(), std::memory_order_acq_rel)) {
     return *fresh.release();
   }
@@ -94,15 +114,24 @@ SecretStoreLinux::Threads& SecretStoreLinux::threads() {
 
 SecretStatus SecretStoreLinux::run(std::function<void(SecretPlace&)> operation) {
   const SecretCall call = callNow(timeout_);
-  const auto status = std::make_shared<SecretStatus>(errSecSuccess);
-  auto work = [call, status, operation = std::move(operation)](SecretServiceLinux& service) {
-    *status = guarded([&] { onChosenPlace(call, service, operation); });
+  const auto outcome = std::make_shared<Outcome>();
+  auto work = [call, outcome, operation = std::move(operation)](SecretServiceLinux& service) {
+    guarded(*outcome, [&] { onChosenPlace(call, service, *outcome, operation); });
   };
   try {
-    return threads().workers.run(std::move(work), call.deadline) ? *status : errSecTimedOut;
+    switch (threads().workers.run(std::move(work), call.deadline)) {
+      case SecretWorkers::End::done:
+        break;
+      case SecretWorkers::End::late:
+        return errSecTimedOut;
+      case SecretWorkers::End::refused:
+        return errSecNotAvailable;
+    }
   } catch (const std::system_error& error) {
     return statusOfErrno(error.code().value());  // no more threads
   }
+  log(*outcome);
+  return outcome->status;
 }
 
 SecretStatus SecretStoreLinux::runNamed(

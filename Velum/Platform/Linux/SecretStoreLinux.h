@@ -21,6 +21,10 @@ class SecretStoreLinux final : public SecretStore {
  public:
   static constexpr std::size_t maximumValueSize = std::size_t{16} << 20U;  // bytes
 
+  /// After a call that took too long, others fail at once (errSecNotAvailable) for so many times
+  /// as long, unless it comes to an end before; not while a prompt waits for its answer.
+  static constexpr int pauseFactor = 3;
+
   /// `timeout`: the longest that a call may take.
   explicit SecretStoreLinux(std::chrono::milliseconds timeout) noexcept : timeout_(timeout) {}
   SecretStoreLinux(const SecretStoreLinux&) = delete;

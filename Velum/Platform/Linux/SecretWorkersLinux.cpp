@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Velum/Deadline.h"
 #include "Velum/Platform/Linux/SecretServiceLinux.h"
 #include "Velum/Platform/Thread.h"
 
@@ -23,12 +24,16 @@ struct SecretWorkers::Job {
 
 /// Shared with the threads, which may outlive the object.
 struct SecretWorkers::State : std::enable_shared_from_this<State> {
+  explicit State(std::chrono::nanoseconds pause_) : pause(pause_) {}
+
+  const std::chrono::nanoseconds pause;
   std::mutex mutex;
   std::condition_variable wake;
   std::deque<std::shared_ptr<Job>> queue;
   bool hasServer = false;  // a thread takes jobs from the queue
   int abandoned = 0;       // threads that are in a job nobody waits for
   bool isEnding = false;
+  SecretCall::Clock::time_point pausedUntil{};
 
   void ensureServerLk() {
     if (hasServer || abandoned >= maximumAbandoned) return;
@@ -39,13 +44,15 @@ struct SecretWorkers::State : std::enable_shared_from_this<State> {
 
   /// After a job: whether the thread that did it goes on serving.
   bool goesOnLk(const Job& job) {
+    pausedUntil = {};  // it answers
     if (!job.isAbandoned) return true;
     --abandoned;
     return !std::exchange(hasServer, true);
   }
 };
 
-SecretWorkers::SecretWorkers() : state_(std::make_shared<State>()) {}
+SecretWorkers::SecretWorkers(std::chrono::nanoseconds pause)
+    : state_(std::make_shared<State>(pause)) {}
 
 SecretWorkers::~SecretWorkers() {
   const std::lock_guard guard(state_->mutex);
@@ -72,24 +79,26 @@ void SecretWorkers::serve(const std::shared_ptr<State>& state) {
   }
 }
 
-bool SecretWorkers::run(Work work, SecretCall::Clock::time_point deadline) {
+SecretWorkers::End SecretWorkers::run(Work work, SecretCall::Clock::time_point deadline) {
   const auto job = std::make_shared<Job>();
   job->work = std::move(work);
   std::unique_lock lock(state_->mutex);
+  if (SecretCall::Clock::now() < state_->pausedUntil) return End::refused;
   state_->ensureServerLk();
   state_->queue.push_back(job);
   state_->wake.notify_one();
   const auto isDone = [&] { return job->stage == Job::Stage::done; };
-  if (job->finished.wait_until(lock, deadline, isDone)) return true;
+  if (job->finished.wait_until(lock, deadline, isDone)) return End::done;
+  if (!SecretServiceLinux::isPrompting()) state_->pausedUntil = deadlineAfter(state_->pause);
   if (job->stage == Job::Stage::queued) {
     std::erase(state_->queue, job);
-    return false;
+    return End::late;
   }
   job->isAbandoned = true;
   ++state_->abandoned;
   state_->hasServer = false;
   if (!state_->queue.empty()) state_->ensureServerLk();
-  return false;
+  return End::late;
 }
 
 }  // namespace velum

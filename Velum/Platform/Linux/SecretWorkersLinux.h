@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 
@@ -22,16 +24,21 @@ class SecretWorkers {
   /// The most threads left to themselves. With so many, calls wait for one to come back.
   static constexpr int maximumAbandoned = 4;
 
-  SecretWorkers();
+  enum class End : std::uint8_t {
+    done,
+    late,     ///< Not before the deadline: it never begins, or goes on unobserved.
+    refused,  ///< Not begun: another was late within the last `pause`, and hangs still.
+  };
+
+  explicit SecretWorkers(std::chrono::nanoseconds pause);
   SecretWorkers(const SecretWorkers&) = delete;
   SecretWorkers& operator=(const SecretWorkers&) = delete;
   /// Does not wait for the threads.
   ~SecretWorkers();
 
-  /// Runs the work after what others have asked for. False when it was not done before the
-  /// deadline: then it never begins, or goes on unobserved. Throws std::system_error when no
-  /// thread can be started.
-  bool run(Work work, SecretCall::Clock::time_point deadline);
+  /// Runs the work after what others have asked for. Throws std::system_error when no thread can
+  /// be started.
+  End run(Work work, SecretCall::Clock::time_point deadline);
 
  private:
   struct Job;

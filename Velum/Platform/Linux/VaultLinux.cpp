@@ -1,11 +1,10 @@
 #include "Velum/Platform/Linux/VaultLinux.h"
 
+#include <fmt/format.h>
 #include <openssl/rand.h>
 
 #include <cerrno>
 
-#include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Posix/LockedFile.h"
 #include "Velum/SystemError.h"
 
 namespace velum {
@@ -18,8 +17,7 @@ constexpr std::size_t maximumContentSize = maximumFileSize - 64;  // what the se
 constexpr const char* credentialName = "/velum-vault-key";
 
 [[noreturn]] void failDamaged(const std::string& path, std::string_view why) {
-  logError({"SecretStore", "load()"}, "{} {}", path, why);
-  throw SecretFailure(errSecDecode);
+  throw SecretFailure(errSecDecode, fmt::format("{} {}", path, why));
 }
 
 SecretBytes checkedKey(SecretBytes key, const std::string& path) {
@@ -42,6 +40,13 @@ VaultTable::iterator existing(VaultTable& table, const SecretName& name) {
 }
 
 }  // namespace
+
+VaultLinux::Lock::Lock(const PrivateFolder& folder, const SecretCall& call)
+    : file_([&] { return folder.openLock(lockFileName); }, call.lockLimit) {
+  if (!file_.isElsewhere()) return;
+  throw SecretFailure(errSecTimedOut,
+                      folder.pathOf(lockFileName) + " is kept locked by another process");
+}
 
 std::optional<SecretBytes> VaultLinux::key() const {
   constexpr std::size_t enough = 4096;  // to see that a file is too long to be a key
@@ -72,7 +77,7 @@ VaultLinux::Content VaultLinux::load() const {
 }
 
 void VaultLinux::change(const std::function<void(VaultTable&)>& edit) {
-  const LockedFile lock([&] { return folder_.openLock(lockFileName); });
+  const Lock lock(folder_, call_);
   call_.requireTime();  // the lock may have been long in coming
   Content content = load();
   edit(content.table);

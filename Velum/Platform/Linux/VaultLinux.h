@@ -6,6 +6,7 @@
 
 #include "Velum/Platform/Linux/SecretPlaceLinux.h"
 #include "Velum/Platform/Linux/VaultFormat.h"
+#include "Velum/Platform/Posix/LockedFile.h"
 #include "Velum/Platform/Posix/PrivateFolder.h"
 
 namespace velum {
@@ -17,12 +18,22 @@ namespace velum {
 /// The key is the credential "velum-vault-key" where the service manager hands one over, else the
 /// file "vault-key" beside the vault, which the first change makes. A vault that can't be opened,
 /// for example because its key is missing, is damaged: errSecDecode, and nothing is touched. The
-/// log says which file it was.
+/// failure says which file it was.
 class VaultLinux final : public SecretPlace {
  public:
   static constexpr const char* fileName = "vault";
   static constexpr const char* keyFileName = "vault-key";
   static constexpr const char* lockFileName = "lock";
+
+  /// The right to change the folder's files, for one thread of one process. Throws SecretFailure
+  /// (errSecTimedOut) when others keep it.
+  class Lock {
+   public:
+    Lock(const PrivateFolder& folder, const SecretCall& call);
+
+   private:
+    LockedFile file_;
+  };
 
   /// Both must outlive the object.
   VaultLinux(const PrivateFolder& folder, const SecretCall& call) noexcept

@@ -19,11 +19,14 @@ using velum::SecretText;
 
 // A fraction of a second is shown only where there is one.
 std::string dateText(PropertyList::Date date, const char* separator, const char* zone) {
+  // The calendar's years are 16 bits wide; it is the same every 400 years.
+  constexpr std::chrono::days era(146'097);
   const auto day = std::chrono::floor<std::chrono::days>(date);
-  const std::chrono::year_month_day calendar(day);
+  const auto eras = day.time_since_epoch() / era;
+  const std::chrono::year_month_day calendar(day - eras * era);
   const std::chrono::hh_mm_ss time(date - day);
   std::string text =
-      fmt::format("{:04}-{:02}-{:02}{}{:02}:{:02}:{:02}", int{calendar.year()},
+      fmt::format("{:04}-{:02}-{:02}{}{:02}:{:02}:{:02}", int{calendar.year()} + 400 * eras,
                   unsigned{calendar.month()}, unsigned{calendar.day()}, separator,
                   time.hours().count(), time.minutes().count(), time.seconds().count());
   if (time.subseconds().count() != 0) text += fmt::format(".{:06}", time.subseconds().count());

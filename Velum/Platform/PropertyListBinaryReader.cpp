@@ -60,15 +60,20 @@ std::string utf8FromUtf16(std::string_view units) {
   return text;
 }
 
-/// Whole seconds and the rest apart: a date that was read is the same when it is written and read
-/// again, however far away it is.
 PropertyList::Date dateFromSecondsSince2001(double seconds) {
-  constexpr double mostSeconds = 9.2e12;
-  require(std::abs(seconds) < mostSeconds);  // also refuses what is not a number
-  const double whole = std::floor(seconds);
-  const auto microseconds = static_cast<std::int64_t>(std::round((seconds - whole) * 1e6));
-  return start2001 + std::chrono::seconds(static_cast<std::int64_t>(whole)) +
-         std::chrono::microseconds(microseconds);
+  require(seconds >= earliestSeconds &&
+          seconds <= latestSeconds);  // also refuses what is no number
+  if (seconds == earliestSeconds) return PropertyList::Date::min();
+  if (seconds == latestSeconds) return PropertyList::Date::max();
+  constexpr std::int64_t million = 1'000'000;
+  const double floored = std::floor(seconds);
+  auto rest = static_cast<std::int64_t>(std::round((seconds - floored) * 1e6));
+  std::int64_t whole = static_cast<std::int64_t>(floored) + start2001.time_since_epoch().count();
+  if (whole < 0) {  // towards the middle, so that the product does not overflow at the end
+    ++whole;
+    rest -= million;
+  }
+  return PropertyList::Date(std::chrono::microseconds(whole * million + rest));
 }
 
 class Reader {

@@ -62,11 +62,8 @@ void append(std::string& out, double value) {
 }
 
 void append(std::string& out, PropertyList::Date value) {
-  const auto whole = std::chrono::floor<std::chrono::seconds>(value);
-  const double seconds = static_cast<double>((whole - start2001).count()) +
-                         static_cast<double>((value - whole).count()) / 1e6;
   appendMarker(out, BinaryMarker::date, 3);
-  appendBigEndian(out, std::bit_cast<std::uint64_t>(seconds), 8);
+  appendBigEndian(out, std::bit_cast<std::uint64_t>(secondsSince2001(value)), 8);
 }
 
 void append(std::string& out, const PropertyList::Data& value) {

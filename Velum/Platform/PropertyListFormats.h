@@ -1,6 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -58,5 +60,22 @@ enum class BinaryMarker : unsigned char {
 /// Dates count seconds from this moment.
 constexpr std::chrono::sys_seconds start2001 =
     std::chrono::sys_days{std::chrono::year{2001} / 1 / 1};
+
+/// A date as the binary format has it. Whole seconds and the rest apart: a date that was read is
+/// the same when it is written and read again, however far away it is.
+constexpr double secondsSince2001(PropertyList::Date date) {
+  constexpr std::int64_t million = 1'000'000;
+  const std::int64_t count = date.time_since_epoch().count();
+  const bool isBefore = count % million < 0;  // as std::chrono::floor, which overflows at the end
+  const std::int64_t whole = count / million - (isBefore ? 1 : 0);
+  const std::int64_t rest = count % million + (isBefore ? million : 0);
+  return static_cast<double>(whole - start2001.time_since_epoch().count()) +
+         static_cast<double>(rest) / 1e6;
+}
+
+/// What a written date can be. The numbers next to the ends stand for the ends, which have none of
+/// their own.
+constexpr double earliestSeconds = secondsSince2001(PropertyList::Date::min());
+constexpr double latestSeconds = secondsSince2001(PropertyList::Date::max());
 
 }  // namespace velum::detail

@@ -120,10 +120,16 @@ TEST(PropertyList, RoundTripsEveryType) {
   const auto moment = list(start2001 + 800'000'000s + 123'457us);
   EXPECT_EQ(PropertyList::read(moment.binary()), moment);
   // Far dates have no place for them; what was read is exact all the same.
-  for (std::int64_t date = 1; date < 3'000'000'000'000'000'000; date = date * 3 + 1) {
-    const auto once = PropertyList::read(list(PropertyList::Date(-date * 1us)).binary());
-    ASSERT_TRUE(once);
-    EXPECT_EQ(PropertyList::read(once->binary()), once) << date;
+  // The ends of what a date can be, and a double's step or less from them.
+  constexpr std::int64_t last = std::numeric_limits<std::int64_t>::max();
+  std::vector<std::int64_t> dates{last, last - 1'000, last - 2'000, last - 5'000};
+  for (std::int64_t date = 1; date < last / 3; date = date * 3 + 1) dates.push_back(date);
+  for (const std::int64_t date : dates) {
+    for (const std::int64_t each : {date, -1 - date}) {
+      const auto once = PropertyList::read(list(PropertyList::Date(each * 1us)).binary());
+      ASSERT_TRUE(once) << each;
+      EXPECT_EQ(PropertyList::read(once->binary()), once) << each;
+    }
   }
   const auto beforeEpoch = list(PropertyList::Date(-500'001us));
   EXPECT_EQ(PropertyList::read(beforeEpoch.binary()), beforeEpoch);

@@ -205,7 +205,7 @@ std::optional<PropertyList> KeyStorageBase::object(std::string_view key) const {
 
 bool KeyStorageBase::setObject(std::optional<PropertyList> value, std::string_view key) {
   Changes changes;
-  const auto change = changes.emplace(key, std::move(value)).first;
+  changes.emplace(key, std::move(value));
   if (value) wipe(*value);  // NOLINT(bugprone-use-after-move): the same
   return setObjects(std::move(changes));
 }

@@ -13,6 +13,8 @@
 #include "Velum/DefaultsConversions.h"
 #include "Velum/Platform/PropertyListText.h"
 #include "Velum/Platform/UserDefaults.h"
+#include "Velum/SecureDefaults.h"
+#include "Velum/String.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
 #include "velumctl/PropertyListPrinter.h"
@@ -114,8 +116,8 @@ void write(const WriteOptions& options) {
   auto value = valueFrom(std::move(text), options.type);
   if (!domainNamed(options.domain)->setObject(options.key, std::move(value))) {
     throw Failure(
-        fmt::format("{} can't be written; see that its folder may be and the disk has "
-                    "room, and that the value is not nested too deep",
+        fmt::format("{} can't be written; see that its folder may be and the disk has room, that "
+                    "no process keeps it locked, and that the value is not nested too deep",
                     options.domain));
   }
 }
@@ -127,24 +129,22 @@ struct VerifyOptions {
   bool json = false;
 };
 
-// Equal in type too; a number that is none equals itself.
-bool isSame(const PropertyList& left, const PropertyList& right) {
-  return left == right || left.binary() == right.binary();
-}
-
 void verify(const VerifyOptions& options) {
   const auto stored = storedIn(options.domain);
-  const auto copy = readSealedFile(options.storage, options.key);
+  auto copy = readSealedFile(options.storage, options.key);
+  copy.erase(std::string(velum::SecureDefaults::pendingKey));  // of a write that is under way
   auto findings = nlohmann::ordered_json::array();
   const auto report = [&](const char* what, const std::string& key) {
-    if (!options.json) std::cout << what << '\t' << key << '\n';
+    if (!options.json) {
+      std::cout << what << '\t' << visibleText(velum::repairedUtf8(key), Tabs::shown) << '\n';
+    }
     findings.push_back({{"key", key}, {"finding", what}});
   };
   for (const auto& [key, value] : copy) {
     const auto entry = stored.find(key);
     if (entry == stored.end()) {
       report("removed", key);
-    } else if (!isSame(entry->second, value)) {
+    } else if (!entry->second.isIdentical(value)) {
       report("changed", key);
     }
   }

@@ -1,6 +1,8 @@
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -10,6 +12,7 @@
 #include "Velum/AES.h"
 #include "Velum/AtomicFile.h"
 #include "Velum/ByteView.h"
+#include "Velum/FileUtils.h"
 #include "Velum/SecretBytes.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
@@ -48,11 +51,29 @@ SecretBytes readKey(const CipherOptions& options) {
   return key;
 }
 
+// Replaces a file, also where a link leads to one; whatever else has the name (a device, a FIFO)
+// stays and gets the bytes.
+void writeOutput(const std::string& path, std::string_view result) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  const fs::file_type kind = fs::status(path, error).type();
+  if (kind == fs::file_type::regular) {
+    velum::AtomicFile(fs::canonical(path).string()).replace(result, "velumctl");
+  } else if (kind == fs::file_type::not_found && !fs::is_symlink(path, error)) {
+    velum::AtomicFile(path).replace(result, "velumctl");
+  } else {
+    constexpr mode_t ownerOnly = 0600;
+    const velum::UniqueFd file =
+        velum::checked::open(path, O_WRONLY | O_CREAT | O_NOCTTY, ownerOnly, "velumctl");
+    velum::checked::write(file.get(), result.data(), result.size(), "velumctl");
+  }
+}
+
 void writeResult(const CipherOptions& options, std::string_view result) {
   if (options.output.empty()) {
     writeSecret(result);
   } else {
-    velum::AtomicFile(options.output).replace(result, "velumctl");
+    writeOutput(options.output, result);
   }
 }
 

@@ -80,11 +80,12 @@ void list(const std::string& service, bool asJson) {
   for (const SecretQuery& item : listed.items) {
     const std::string account = velum::repairedUtf8(item.account);
     const std::string name = velum::repairedUtf8(item.service);
-    nlohmann::ordered_json object{{"service", name}, {"account", account}};
-    object["group"] = nullptr;
-    if (item.accessGroup) object["group"] = velum::repairedUtf8(*item.accessGroup);
+    const std::string group = velum::repairedUtf8(item.accessGroup.value_or(""));
+    nlohmann::ordered_json object{{"service", name}, {"account", account}, {"group", nullptr}};
+    if (item.accessGroup) object["group"] = group;
     if (!asJson) {
-      std::cout << name << '\t' << account << '\t' << item.accessGroup.value_or("") << '\n';
+      std::cout << visibleText(name, Tabs::shown) << '\t' << visibleText(account, Tabs::shown)
+                << '\t' << visibleText(group, Tabs::shown) << '\n';
     }
     objects.push_back(std::move(object));
   }
@@ -145,7 +146,8 @@ void addList(CLI::App& keychain) {
   command.add_flag("--json", options->json,
                    R"(Print [{"service": ..., "account": ..., "group": ...}, ...])");
   command.footer(
-      "Prints service, account and access group of each item, with tabs between them.\n\n"
+      "Prints service, account and access group of each item, with tabs between them; control\n"
+      "characters in them are shown as ^I or the like.\n\n"
       "Examples:\n"
       "  velumctl keychain list --service com.example.vpn");
   command.callback([options] { list(options->service, options->json); });

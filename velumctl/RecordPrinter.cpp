@@ -36,25 +36,6 @@ void inPieces(std::string_view text, Use use) {
   }
 }
 
-// What a terminal would obey, as it is usually written: ^[ for escape, <9B> for U+009B.
-std::string visible(std::string_view line) {
-  std::string out;
-  for (std::size_t i = 0; i < line.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(line[i]);
-    const auto next = static_cast<unsigned char>(i + 1 < line.size() ? line[i + 1] : 0);
-    if (byte == 0xC2 && next >= 0x80 && next < 0xA0) {
-      out += fmt::format("<{:02X}>", next);
-      ++i;
-    } else if ((byte < 0x20 && byte != '\t') || byte == 0x7F) {
-      out += '^';
-      out += static_cast<char>(byte ^ 0x40U);
-    } else {
-      out += line[i];
-    }
-  }
-  return out;
-}
-
 // Without the quotes.
 std::string escaped(std::string_view utf8) {
   const std::string quoted = nlohmann::json(utf8).dump();
@@ -101,7 +82,7 @@ void TextPrinter::printLines(std::string_view text) {
       if (!colour_.empty() && !isInColour_) output_.write(colour_);
       isInColour_ = !colour_.empty();
       endsWithNewline_ = false;
-      output_.write(visible(line));
+      output_.write(visibleText(line));
     }
     text.remove_prefix(line.size());
     if (text.empty()) return;

@@ -62,6 +62,24 @@ bool wantsColour() {
   return environmentValue("NO_COLOR").empty() && environmentValue("TERM") != "dumb";
 }
 
+std::string visibleText(std::string_view line, Tabs tabs) {
+  std::string out;
+  for (std::size_t i = 0; i < line.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(line[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < line.size() ? line[i + 1] : 0);
+    if (byte == 0xC2 && next >= 0x80 && next < 0xA0) {
+      out += fmt::format("<{:02X}>", next);
+      ++i;
+    } else if ((byte < 0x20 && (byte != '\t' || tabs == Tabs::shown)) || byte == 0x7F) {
+      out += '^';
+      out += static_cast<char>(byte ^ 0x40U);
+    } else {
+      out += line[i];
+    }
+  }
+  return out;
+}
+
 bool isConfirmed(const std::string& question) {
   std::cerr << question << " [y/N] " << std::flush;
   std::string answer;

@@ -24,6 +24,11 @@ bool isTerminal(int fd);
 /// a dumb one.
 bool wantsColour();
 
+/// A line without what a terminal would obey, which is written as usual: ^[ for escape, <9B> for
+/// U+009B. Tabs stay unless the line's fields are separated by them.
+enum class Tabs : bool { stay, shown };
+std::string visibleText(std::string_view line, Tabs tabs = Tabs::stay);
+
 /// Asks a question on standard error that "y" or "yes" on standard input agrees to. Both must be
 /// terminals.
 bool isConfirmed(const std::string& question);

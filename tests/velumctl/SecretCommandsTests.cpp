@@ -51,7 +51,7 @@ TEST_F(VelumctlKeychain, SetsListsGetsAndDeletes) {
   const SecretEnvironment environment;
   const Strings item{"token", "--service", service};
   Strings ofGroup = item;
-  ofGroup.insert(ofGroup.end(), {"--group", "team"});
+  ofGroup.insert(ofGroup.end(), {"--group", "te\x1B\tam"});
   expectMissing(keychain("get", item));
   EXPECT_EQ(keychain("set", {"token", "--service", service, "--stdin"}, secretText()).status, 0);
   Strings setOfGroup = ofGroup;
@@ -65,8 +65,8 @@ TEST_F(VelumctlKeychain, SetsListsGetsAndDeletes) {
   std::ranges::sort(items);
   ASSERT_EQ(items.size(), 2U);
   EXPECT_EQ(items[0].at("group"), nullptr);
-  EXPECT_EQ(items[1].at("group"), "team");
-  EXPECT_THAT(keychain("list", {}).output, HasSubstr(service + "\ttoken\tteam\n"));
+  EXPECT_EQ(items[1].at("group"), "te\x1B\tam");
+  EXPECT_THAT(keychain("list", {}).output, HasSubstr(service + "\ttoken\tte^[^Iam\n"));
   EXPECT_THAT(keychain("list", {"--service", "other"}).output, IsEmpty());
 
   EXPECT_EQ(keychain("delete", {"token", "--service", service, "--yes"}).status, 0);
@@ -269,7 +269,9 @@ TEST_F(VelumctlEncryption, RoundTripsFilesAndStreams) {
     ASSERT_EQ(run({"encrypt", plain_, "--key-file", keyFile_, "--output", blob_}).status, 0);
     EXPECT_EQ(std::filesystem::status(blob_).permissions(), std::filesystem::perms(0600));
     EXPECT_EQ(run({"decrypt", blob_, "--key-file", keyFile_}).output, text);
-    const std::string streamed = run({"encrypt", "--key-file", keyFile_}, text).output;
+    // Standard output is a pipe here, and stays one.
+    const std::string streamed =
+        run({"encrypt", "--key-file", keyFile_, "--output", "/dev/stdout"}, text).output;
     EXPECT_EQ(run({"decrypt", "-", "--key-file", keyFile_}, streamed).output, text);
     EXPECT_EQ(run({"decrypt", blob_, "--key-fd", "0"}, readFile(keyFile_)).output, text);
   }

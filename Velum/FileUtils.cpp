@@ -127,7 +127,7 @@ void clonefile(const std::string& source, const std::string& destination) {
 namespace {
 
 // mkdtemp(3) of some systems insists on six placeholders; this name has five.
-bool makeUniqueFolder(std::string& path, std::string_view placeholder) {
+bool makeUniqueFolder(std::string& path, std::string_view placeholder, mode_t mode) {
   constexpr std::string_view alphabet =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
   std::random_device random;
@@ -135,7 +135,7 @@ bool makeUniqueFolder(std::string& path, std::string_view placeholder) {
   for (int attempt = 0; attempt < 1000; ++attempt) {
     std::generate(path.end() - static_cast<std::ptrdiff_t>(placeholder.size()), path.end(),
                   [&] { return alphabet[index(random)]; });
-    if (::mkdir(path.c_str(), 0700) == 0) return true;
+    if (::mkdir(path.c_str(), mode) == 0) return true;
     if (errno != EEXIST) return false;
   }
   return false;
@@ -144,7 +144,7 @@ bool makeUniqueFolder(std::string& path, std::string_view placeholder) {
 }  // namespace
 
 std::string makeTemporaryFolder(std::string_view name, std::string_view parent,
-                                std::string_view caller) {
+                                std::string_view caller, mode_t mode) {
   constexpr std::string_view placeholder = "XXXXX";
   const std::string pattern = fmt::format("{}/{}.{}", parent, name, placeholder);
   if (pattern.find('\0') != std::string::npos) {
@@ -153,7 +153,7 @@ std::string makeTemporaryFolder(std::string_view name, std::string_view parent,
         fmt::format("{}: Failed to generate template for temporary folder '{}'", caller, pattern));
   }
   std::string path = pattern;
-  if (!makeUniqueFolder(path, placeholder)) {
+  if (!makeUniqueFolder(path, placeholder, mode)) {
     throw lastSystemError(
         fmt::format("{}: Failed to create temporary folder '{}'", caller, pattern));
   }

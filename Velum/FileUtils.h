@@ -33,10 +33,10 @@ class FileUtils {
 /// there. Throws SystemError "clonefile(_:to:), copyfile (source, destination)".
 void clonefile(const std::string& source, const std::string& destination);
 
-/// Creates the folder `parent`/`name`.xxxxx with five random characters and mode 0700 and returns
-/// its path. Throws SystemError; messages begin with `caller`.
+/// Creates the folder `parent`/`name`.xxxxx with five random characters and mode 0700, or another,
+/// and returns its path. Throws SystemError; messages begin with `caller`.
 std::string makeTemporaryFolder(std::string_view name, std::string_view parent,
-                                std::string_view caller);
+                                std::string_view caller, mode_t mode = 0700);
 
 /// System calls that throw SystemError with the message "caller: call (arguments)". Interrupted
 /// calls are repeated. `caller` is the calling routine's full name.

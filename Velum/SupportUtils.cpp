@@ -17,6 +17,7 @@
 #include "Velum/SyncAsync.h"
 #include "Velum/SystemError.h"
 #include "Velum/SystemUtils.h"
+#include "Velum/TemporaryFolder.h"
 
 namespace velum {
 namespace {
@@ -166,29 +167,20 @@ void SupportUtils::saveItem(const SupportItem& value, const std::string& relativ
 
 namespace {
 
-std::string createArchiveFolderUrl(const std::string& name) {
-  return makeTemporaryFolder(name, fs::temp_directory_path().string(), createFolderName);
-}
-
 /// Where an archive is put together. Private to this user, as what lies in it is; removed with all
 /// of it in the end.
 class ArchiveFolder {
  public:
   explicit ArchiveFolder(const fs::path& destination)
-      : root_(createArchiveFolderUrl(fileName(destination))), content_(root_ / destination.stem()) {
-    std::error_code error;
-    if (fs::create_directory(content_, error)) return;
-    std::error_code ignored;
-    fs::remove(root_, ignored);
-    throw fs::filesystem_error("create_directory", content_, error);
+      : root_(fileName(destination), fs::temp_directory_path().string(), createFolderName),
+        content_(fs::path(root_.path()) / destination.stem()) {
+    fs::create_directory(content_);
   }
   ArchiveFolder(const ArchiveFolder&) = delete;
   ArchiveFolder& operator=(const ArchiveFolder&) = delete;
   ~ArchiveFolder() {
-    std::error_code error;
-    fs::remove_all(root_, error);
-    if (error) {
-      logError(site(createArchiveName), "Can't remove {}: {}", root_.string(), error.message());
+    if (const std::error_code error = root_.remove()) {
+      logError(site(createArchiveName), "Can't remove {}: {}", root_.path(), error.message());
     }
   }
 
@@ -204,7 +196,7 @@ class ArchiveFolder {
     return name;
   }
 
-  fs::path root_;
+  TemporaryFolder root_;
   fs::path content_;
 };
 

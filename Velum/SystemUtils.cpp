@@ -8,13 +8,13 @@
 #include <filesystem>
 #include <utility>
 
-#include "Velum/FileUtils.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
 #include "Velum/Platform/Utf8Locale.h"
 #include "Velum/Process.h"
 #include "Velum/SystemError.h"
+#include "Velum/TemporaryFolder.h"
 
 namespace velum {
 namespace {
@@ -191,15 +191,9 @@ std::string asPattern(const std::string& path) {
 class Staging {
  public:
   explicit Staging(const std::string& target)
-      : target_(target), folder_(makeTemporaryFolder(".unzip", target, uncompressName)) {}
-  Staging(const Staging&) = delete;
-  Staging& operator=(const Staging&) = delete;
-  ~Staging() {
-    std::error_code ignored;
-    fs::remove_all(folder_, ignored);
-  }
+      : target_(target), scratch_(".unzip", target, uncompressName), folder_(scratch_.path()) {}
 
-  std::string path() const { return folder_.string(); }
+  const std::string& path() const { return scratch_.path(); }
 
   /// Whatever the archive says of its folders, they must be readable and removable here.
   void openFolders() const {
@@ -250,6 +244,7 @@ class Staging {
   }
 
   fs::path target_;
+  TemporaryFolder scratch_;
   fs::path folder_;
 };
 

@@ -10,6 +10,7 @@
 #include <functional>
 #include <regex>
 
+#include "Velum/TemporaryFolder.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Errors.h"
@@ -144,13 +145,15 @@ TEST_F(FileUtilsTest, ClonesOverAnExistingFileAndSaysWhatFailed) {
 }
 
 TEST_F(FileUtilsTest, MakesUniqueTemporaryFolders) {
-  const std::string first = makeTemporaryFolder("log", folder.path(), "caller(_:)");
-  const std::string second = makeTemporaryFolder("log", folder.path(), "caller(_:)");
-  EXPECT_NE(first, second);
-  EXPECT_TRUE(std::regex_match(first, std::regex(folder.path() + "/log\\.[A-Za-z0-9]{5}")));
+  std::filesystem::create_directory(folder / "log.April");  // somebody's
+  std::filesystem::permissions(folder / "log.April", std::filesystem::perms::owner_all);
+  const TemporaryFolder first("log", folder.path(), "caller(_:)");
+  const TemporaryFolder second("log", folder.path(), "caller(_:)");
+  EXPECT_TRUE(std::filesystem::exists(folder / "log.April"));
+  EXPECT_NE(first.path(), second.path());
+  EXPECT_TRUE(std::regex_match(first.path(), std::regex(folder.path() + "/log\\.[A-Za-z0-9]{5}")));
   struct stat status {};
-  ASSERT_EQ(::stat(first.c_str(), &status), 0);
-  EXPECT_TRUE(S_ISDIR(status.st_mode));
+  ASSERT_EQ(::stat(first.path().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777U, 0700U);
 
   const std::string missing = folder / "missing";

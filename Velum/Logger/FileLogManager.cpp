@@ -19,6 +19,7 @@
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/FileClone.h"
 #include "Velum/SystemError.h"
+#include "Velum/TemporaryFolder.h"
 
 namespace velum {
 namespace {
@@ -38,24 +39,6 @@ constexpr std::int64_t noLimit = std::numeric_limits<std::int64_t>::max();
 std::string inFolder(const std::string& folder, const std::string& path) {
   return (fs::path(folder) / fs::path(path).filename()).string();
 }
-
-/// A temporary folder that goes with all it holds.
-class ScratchFolder {
- public:
-  ScratchFolder(const std::string& parent, std::string_view caller)
-      : path_(makeTemporaryFolder("log", parent, caller)) {}
-  ScratchFolder(const ScratchFolder&) = delete;
-  ScratchFolder& operator=(const ScratchFolder&) = delete;
-  ~ScratchFolder() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-
-  const std::string& path() const noexcept { return path_; }
-
- private:
-  std::string path_;
-};
 
 void stopIfCancelled(const Progress* progress, std::string_view caller) {
   if (progress == nullptr || !progress->isCancelled()) return;
@@ -225,7 +208,7 @@ std::vector<std::string> FileLogManager::saveLogs(const LogSubsystemSelector& se
     return {saveWholeLog(folder, opts.maxSize, progress)};
   }
   const std::int64_t limit = opts.maxSize.value_or(noLimit);
-  const ScratchFolder scratch(folder, saveLogsName);
+  const TemporaryFolder scratch("log", folder, saveLogsName);
   const std::string subsystems = scratch.path() + "/subsystems";
   if (::mkdir(subsystems.c_str(), 0700) != 0) {
     throw lastSystemError(fmt::format("{}: mkdir ({})", saveLogsName, subsystems));
@@ -260,7 +243,7 @@ std::string FileLogManager::saveWholeLog(const std::string& folder,
   const std::int64_t limit = maxSize.value_or(noLimit);
   std::string destination = inFolder(folder, logPath_);
   refuseReplacing(*this, destination, saveWholeLogName);
-  const ScratchFolder scratch(folder, saveWholeLogName);
+  const TemporaryFolder scratch("log", folder, saveWholeLogName);
   const std::string unfinished = inFolder(scratch.path(), logPath_);
   const UniqueFd target =
       checked::open(unfinished, O_WRONLY | O_CREAT | O_EXCL, 0644, saveWholeLogName);

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "Velum/TemporaryFolder.h"
 
 namespace velum {
 
@@ -10,15 +13,12 @@ namespace velum {
 class Utf8Locale {
  public:
   Utf8Locale();
-  Utf8Locale(const Utf8Locale&) = delete;
-  Utf8Locale& operator=(const Utf8Locale&) = delete;
-  ~Utf8Locale();
 
   /// What the tool's environment needs, NAME=value each; nothing where it can't be had.
   const std::vector<std::string>& variables() const noexcept { return variables_; }
 
  private:
-  std::string folder_;
+  std::optional<TemporaryFolder> folder_;
   std::vector<std::string> variables_;
 };
 

@@ -199,8 +199,12 @@ void failSaving(const std::function<void(FileLogManager& manager, const std::str
           [](const GatedCall& call) {
             return call.isOneOf({"flock", "clone_file", "copy_file_range", "link"});
           },
-      .isTidying = [](const GatedCall& call) { return isScratch(call.subject); },
-      .mayRemain = isScratch,
+      .isTidying =
+          [](const GatedCall& call) {
+            return isScratch(call.subject) || call.subject.ends_with("/out") ||
+                   call.subject.ends_with("/out/");
+          },
+      .mostCalls = 80,
   });
 }
 

@@ -1,7 +1,6 @@
 #include <exception>
 #include <filesystem>
 
-#include "Velum/FileUtils.h"
 #include "Velum/Platform/Utf8Locale.h"
 
 namespace velum {
@@ -15,19 +14,15 @@ Utf8Locale::Utf8Locale() {
   std::error_code error;
   if (!fs::exists(existing, error)) return;
   try {
-    folder_ = makeTemporaryFolder("locale", fs::temp_directory_path().string(), "Utf8Locale");
+    const std::string& folder =
+        folder_.emplace("locale", fs::temp_directory_path().string(), "Utf8Locale").path();
     for (const fs::path name : {"en_US.UTF-8", "C.UTF-8"}) {
-      fs::create_directory_symlink(existing, folder_ / name);
+      fs::create_directory_symlink(existing, folder / name);
     }
-    variables_ = {"LC_ALL=C.UTF-8", "LOCPATH=" + folder_};
+    variables_ = {"LC_ALL=C.UTF-8", "LOCPATH=" + folder};
   } catch (const std::exception&) {  // names are then marked where the machine has the locale
     variables_.clear();
   }
-}
-
-Utf8Locale::~Utf8Locale() {
-  std::error_code ignored;
-  if (!folder_.empty()) fs::remove_all(folder_, ignored);
 }
 
 }  // namespace velum

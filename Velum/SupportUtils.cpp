@@ -284,9 +284,9 @@ class ArchiveJob {
                                             createArchiveName, destination_.string()));
     }
     fs::path folder = destination_.parent_path();
-    std::error_code error;
-    while (!fs::exists(folder, error) && folder.has_relative_path()) folder = folder.parent_path();
-    const bool isFolder = fs::is_directory(folder, error);
+    // Throws where it can't look, which does not mean that nothing is there.
+    while (!fs::exists(folder) && folder.has_relative_path()) folder = folder.parent_path();
+    const bool isFolder = fs::is_directory(folder);
     if (!isFolder) errno = ENOTDIR;
     if (isFolder && ::faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0) return;
     throw lastSystemError(fmt::format("{}: {}", createArchiveName, folder.string()));

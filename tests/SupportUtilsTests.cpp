@@ -257,6 +257,9 @@ TEST_F(SupportArchive, FailsWithTheLogsAndWithoutAWritableDestination) {
   writeFile(folder_ / "sent", "a file where the folder should be");
   logManager_.saving = [] { FAIL() << "all the work was done before the failure"; };
   EXPECT_EQ(create({}), "Not a directory");
+  fs::remove(folder_ / "sent");
+  fs::create_symlink("sent", folder_ / "sent");  // nobody can say what is in it
+  EXPECT_EQ(create({}), "Too many levels of symbolic links");
   destination_ = folder_ / "live.log";
   EXPECT_EQ(create({}), "File exists");
 }

@@ -37,7 +37,7 @@ class SecureStorage::KeyTurn {
  public:
   explicit KeyTurn(const std::string& path)
       : lock_([&] { return open(path + ".lock"); }, std::chrono::seconds(5)) {
-    if (lock_.isElsewhere()) {
+    if (!lock_) {
       throw StorageUnavailable(path + ".lock is kept locked by another process");
     }
   }

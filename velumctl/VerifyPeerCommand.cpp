@@ -72,7 +72,10 @@ void addVerifyPeer(CLI::App& app) {
       .add_option("--max-size", options->check.maximumSize,
                   "The largest program that is read: 500M, 2G; 512M without")
       ->type_name("SIZE")
-      ->transform(CLI::AsSizeValue(false));
+      ->transform(CLI::AsSizeValue(false))
+      ->check([](const std::string& size) {
+        return size.starts_with('-') ? "a size can't be negative" : std::string();
+      });
   command.add_flag("--verbose", options->verbose, "Say why a program does not count");
   command.add_flag("--json", options->json, "Print one object for programs");
   command.footer(

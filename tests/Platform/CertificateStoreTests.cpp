@@ -1,8 +1,10 @@
 #include "Velum/Platform/CertificateStore.h"
 
 #include <cert.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <nss.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -13,6 +15,7 @@
 #include <vector>
 
 #include "Velum/Platform/Linux/CertificateStoreLinux.h"
+#include "Velum/Platform/Posix/ChildIo.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"
@@ -275,10 +278,10 @@ class MachineCertificatesTest : public testing::Test {
     }
     return names;
   }
-  std::string tool(const std::string& script) const {
-    test::writeFile(root_ / "tool", "#!/bin/sh\n" + script);
-    ::chmod((root_ / "tool").c_str(), 0755);
-    return root_ / "tool";
+  std::string tool(const std::string& name, const std::string& script) const {
+    test::writeFile(root_ / name, "#!/bin/sh\n" + script);
+    ::chmod((root_ / name).c_str(), 0755);
+    return root_ / name;
   }
 
   TemporaryFolder root_;
@@ -337,6 +340,8 @@ TEST_F(MachineCertificatesTest, OfOneLabelGoTogetherWhoeverAddedThem) {
   test::writeFile(folder() + "/100%.crt", third.pem());
   test::writeFile(folder() + "/no certificate.crt", "text\n");
   test::writeFile(folder() + "/readme.txt", third.pem());
+  std::filesystem::create_directory_symlink("..", folder() + "/corp/loop");
+  std::filesystem::create_symlink("itself", folder() + "/itself");
   EXPECT_EQ(labels(), (Labels{"both", "both", "corp/by hand", "corp/by hand", "100%"}));
   EXPECT_TRUE(store_.remove("both", keychain()).isSuccess());
   EXPECT_EQ(labels(), (Labels{"corp/by hand", "corp/by hand", "100%"}));
@@ -356,37 +361,100 @@ TEST_F(MachineCertificatesTest, OfOneLabelGoTogetherWhoeverAddedThem) {
 TEST_F(MachineCertificatesTest, StayAsTheyWereWhenTheToolFails) {
   const test::Family family;  // ends what the tool leaves behind
   const auto root = certificates_.authority("root", "/CN=root");
+  const auto other = certificates_.authority("other", "/CN=other");
   ASSERT_TRUE(store_.add(root, "there", keychain()).isSuccess());
   const auto files = filesInFolder();
-  const auto other = certificates_.authority("other", "/CN=other");
-  const auto expectUnchanged = [&](const std::string& updater, SecretStatus number,
-                                   const std::string& text) {
-    CertificateStoreLinux failing(root_.path(), updater);
-    const CertificateStatus added = failing.add(other, "new", keychain());
-    EXPECT_EQ(added.number, number);
-    EXPECT_NE(added.text().find(text), std::string::npos) << added.text();
-    EXPECT_EQ(filesInFolder(), files);
-    return failing.remove("there", keychain());
+  const std::string real = std::string(CertificateStoreLinux::standardUpdater) + " \"$@\"";
+  const std::string once = "[ ! -e '" + (root_ / "ran") + "' ] || exit 4; : >'" + (root_ / "ran");
+  struct Case {
+    std::string updater;
+    SecretStatus number;
+    const char* text;
+    bool isUndone = true;
+    MachineCertificates::Limits limits = {};
   };
-  // It leaves a process that holds its error stream.
-  const std::string broken = tool("sleep 60 & echo 'disk is\nfull' >&2; exit 3");
-  const auto removed = expectUnchanged(broken, errSecIO, "failed with status 3: disk is full");
-  EXPECT_EQ(removed.number, errSecIO);
-  EXPECT_EQ(filesInFolder(), files);
-  EXPECT_EQ(expectUnchanged(root_ / "missing", errSecNotAvailable, "can't be started").number,
-            errSecNotAvailable);
-  EXPECT_EQ(filesInFolder(), files);
-  // One that does not know the options.
-  const auto ignored = expectUnchanged(tool("echo usage"), errSecIO, "made no new");
-  EXPECT_EQ(ignored.number, errSecIO);
-  EXPECT_EQ(filesInFolder(), files);
-  EXPECT_TRUE(store_.copyTrustSettings(root, common).status.isSuccess());
-
+  for (const Case& one : {
+           Case{tool("it leaves one that holds its output",
+                     "sleep 60 & echo 'disk is\nfull'; exit 3"),
+                errSecIO, "failed with status 3: disk is full"},
+           Case{root_ / "missing", errSecNotAvailable, "can't be started"},
+           Case{tool("knows no options", "echo usage"), errSecIO, "made no new"},
+           Case{tool("hangs", "sleep 60"),
+                errSecIO,
+                "did not end within 1 s",
+                true,
+                {.tool = std::chrono::milliseconds(1)}},
+           Case{tool("fails at its end", real + "; exit 3"), errSecIO, "failed with status 3"},
+           Case{tool("works no second time", once + "'; " + real + "; exit 3"), errSecIO,
+                "may still trust", false},
+       }) {
+    CertificateStoreLinux failing(root_.path(), one.updater, one.limits);
+    const CertificateStatus added = failing.add(other, "new", keychain());
+    EXPECT_EQ(added.number, one.number) << one.updater;
+    EXPECT_NE(added.text().find(one.text), std::string::npos) << added.text();
+    EXPECT_EQ(store_.copyTrustSettings(other, common).status.isSuccess(), !one.isUndone)
+        << one.updater;
+    EXPECT_EQ(failing.remove("there", keychain()).number, one.number) << one.updater;
+    EXPECT_EQ(filesInFolder(), files) << one.updater;
+    EXPECT_TRUE(!one.isUndone || store_.copyTrustSettings(root, common).status.isSuccess())
+        << one.updater;
+  }
   std::filesystem::remove_all(folder());
-  EXPECT_EQ(store_.remove("there", keychain()).number, errSecErrnoBase + ENOENT);
+  EXPECT_EQ(store_.remove("there", keychain()).number, errSecItemNotFound);
   test::writeFile(folder(), "a file");
   EXPECT_EQ(store_.add(other, "new", keychain()).number, errSecErrnoBase + ENOTDIR);
   EXPECT_EQ(store_.list(keychain()).status.number, errSecErrnoBase + ENOTDIR);
+}
+
+/// A process that has locked a file; `lock` does that.
+class Holder {
+ public:
+  explicit Holder(const std::string& path, const std::function<int(int)>& lock)
+      : child_([&] {
+          const UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+          EXPECT_EQ(lock(file.get()), 0);
+          ready_.writer.reset();
+          ::pause();
+        }) {
+    ready_.writer.reset();
+    char none = 0;
+    EXPECT_EQ(::read(ready_.reader.get(), &none, 1), 0);
+  }
+  std::string name() const { return "(process " + std::to_string(child_.pid()) + ")"; }
+
+ private:
+  PipeEnds ready_ = makePipe();
+  test::ChildProcess child_;
+};
+
+TEST_F(MachineCertificatesTest, AreChangedByOneProcessAtATimeThatNobodyElseCanHoldUp) {
+  const auto root = certificates_.authority("root", "/CN=root");
+  const UniqueFd folders(::open((root_ / "usr/local/share").c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(folders.get(), LOCK_EX), 0);  // as everybody may
+  std::filesystem::create_directory(folder());
+  const UniqueFd lockedFolder(::open(folder().c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_EQ(::flock(lockedFolder.get(), LOCK_EX), 0);
+  CertificateStoreLinux impatient(root_.path(), CertificateStoreLinux::standardUpdater,
+                                  {.lock = std::chrono::nanoseconds(0)});
+  EXPECT_EQ(impatient.add(root, "there", keychain()).text(), "No error.");
+  const std::string lock = root_ / "run/velum-certificates.lock";
+  EXPECT_EQ(modeOf(lock), 0600);
+  const Holder holder(lock, [](int file) { return ::flock(file, LOCK_EX); });
+  const CertificateStatus held = impatient.remove("there", keychain());
+  EXPECT_EQ(held.number, errSecErrnoBase + EBUSY);
+  EXPECT_NE(held.text().find(holder.name()), std::string::npos) << held.text();
+}
+
+TEST_F(UserCertificates, SayWhoHoldsTheirDatabase) {
+  add(certificates_.authority("root", "/CN=root"), "root");
+  const Holder holder(database() + "/cert9.db", [](int file) {
+    struct flock wholeFile {};
+    wholeFile.l_type = F_WRLCK;
+    return ::fcntl(file, F_SETLK, &wholeFile);
+  });
+  const CertificateStatus status = store_.remove("root", keychain());
+  EXPECT_EQ(status.number, errSecErrnoBase + EBUSY);
+  EXPECT_NE(status.text().find(holder.name()), std::string::npos) << status.text();
 }
 
 TEST(SecCertificate, IsOnlyWhatCanBeParsed) {

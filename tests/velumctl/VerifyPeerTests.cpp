@@ -97,6 +97,7 @@ TEST_F(VelumctlVerifyPeer, TellsMakersWhetherTheirProgramCounts) {
   EXPECT_EQ(run({"verify-peer", std::to_string(process.pid()), "--team", team}).status, 1);
   for (const Strings& wrong : {Strings{"verify-peer"}, Strings{"verify-peer", "1"},
                                Strings{"verify-peer", "0", "--team", team},
+                               Strings{"verify-peer", "1", "--team", team, "--max-size", "-5"},
                                Strings{"verify-peer", "one", "--team", team}}) {
     EXPECT_EQ(run(wrong).status, 2);
   }

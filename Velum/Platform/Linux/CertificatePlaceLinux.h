@@ -1,10 +1,15 @@
 #pragma once
 
+#include <fmt/format.h>
+
+#include <cerrno>
 #include <exception>
 #include <string>
 #include <utility>
 
 #include "Velum/Platform/CertificateStore.h"
+#include "Velum/Platform/Linux/LockHolderLinux.h"
+#include "Velum/SystemError.h"
 
 namespace velum {
 
@@ -19,6 +24,26 @@ class CertificateFailure : public std::exception {
  private:
   CertificateStatus status_;
 };
+
+/// Calls `work`, which throws CertificateFailure or SystemError when it fails.
+template <class Work>
+CertificateStatus statusOf(const Work& work) {
+  try {
+    work();
+    return {};
+  } catch (const CertificateFailure& failure) {
+    return failure.status();
+  } catch (const SystemError& error) {
+    return {errSecErrnoBase + error.code(), error.what()};
+  }
+}
+
+/// The failure of who waited for a lock that somebody else holds.
+inline CertificateFailure heldElsewhere(std::string_view what, const std::string& lock) {
+  return CertificateFailure(errSecErrnoBase + EBUSY,
+                            fmt::format("{} in use by {}; try again when it has finished.", what,
+                                        holderOfLock(lock).value_or("another program")));
+}
 
 // Neither kind of place knows labels, only names that no two certificates may share. The label
 // becomes unique by the certificate's fingerprint behind it; a name that does not end so was given

@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 #include <cerrno>
 #include <filesystem>
-#include <functional>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -47,18 +46,6 @@ void makeFolder(const std::string& path) {
   }
 }
 
-/// Nothing leaves the store but a status.
-CertificateStatus guarded(const std::function<void()>& work) {
-  try {
-    work();
-    return {};
-  } catch (const CertificateFailure& failure) {
-    return failure.status();
-  } catch (const SystemError& error) {
-    return {errSecErrnoBase + error.code(), error.what()};
-  }
-}
-
 }  // namespace
 
 SecKeychainList CertificateStoreLinux::searchList(SecPreferencesDomain domain) {
@@ -87,37 +74,40 @@ SecKeychain CertificateStoreLinux::keychain(SecPreferencesDomain domain) {
 CertificateStatus CertificateStoreLinux::add(const SecCertificate& certificate,
                                              const std::string& label,
                                              const SecKeychain& keychain) {
-  return guarded([&] {
+  return statusOf([&] {
     if (!isText(label)) {
       throw CertificateFailure(errSecParam, "The name is no UTF-8 text, or holds a NUL.");
     }
     if (isMachine(keychain)) return machine_.add(certificate, label);
     const std::string folder = databaseFolder(keychain);
     makeFolder(folder);
-    NssDatabase(folder, NssDatabase::Access::write).add(certificate, label);
+    NssDatabase::with(folder, NssDatabase::Access::write,
+                      [&](NssDatabase& database) { database.add(certificate, label); });
   });
 }
 
 CertificateStatus CertificateStoreLinux::remove(const std::string& label,
                                                 const SecKeychain& keychain) {
-  return guarded([&] {
+  return statusOf([&] {
     if (isMachine(keychain)) return machine_.remove(label);
     const std::string folder = databaseFolder(keychain);
     if (!NssDatabase::isIn(folder)) throw CertificateFailure(errSecItemNotFound);
-    NssDatabase(folder, NssDatabase::Access::write).remove(label);
+    NssDatabase::with(folder, NssDatabase::Access::write,
+                      [&](NssDatabase& database) { database.remove(label); });
   });
 }
 
 CertificateList CertificateStoreLinux::list(const SecKeychain& keychain) {
   CertificateList list;
-  list.status = guarded([&] {
+  list.status = statusOf([&] {
     if (isMachine(keychain)) {
       list.items = machine_.certificates();
       return;
     }
     const std::string folder = databaseFolder(keychain);
     if (!NssDatabase::isIn(folder)) return;
-    list.items = NssDatabase(folder, NssDatabase::Access::read).certificates();
+    NssDatabase::with(folder, NssDatabase::Access::read,
+                      [&](NssDatabase& database) { list.items = database.certificates(); });
   });
   return list;
 }
@@ -125,7 +115,7 @@ CertificateList CertificateStoreLinux::list(const SecKeychain& keychain) {
 TrustSettings CertificateStoreLinux::copyTrustSettings(const SecCertificate& certificate,
                                                        SecPreferencesDomain domain) {
   TrustSettings found;
-  found.status = guarded([&] {
+  found.status = statusOf([&] {
     const SecKeychain place = keychain(domain);
     if (isMachine(place)) {
       if (!machine_.isTrusted(certificate)) throw CertificateFailure(errSecNoTrustSettings);
@@ -134,7 +124,8 @@ TrustSettings CertificateStoreLinux::copyTrustSettings(const SecCertificate& cer
     const std::string folder = databaseFolder(place);
     TrustByUse trust{};
     if (NssDatabase::isIn(folder)) {
-      trust = NssDatabase(folder, NssDatabase::Access::read).trust(certificate);
+      NssDatabase::with(folder, NssDatabase::Access::read,
+                        [&](NssDatabase& database) { trust = database.trust(certificate); });
     }
     if (trust == TrustByUse{}) throw CertificateFailure(errSecNoTrustSettings);
     found.settings = settingsOfTrust(trust);
@@ -145,7 +136,7 @@ TrustSettings CertificateStoreLinux::copyTrustSettings(const SecCertificate& cer
 CertificateStatus CertificateStoreLinux::setTrustSettings(
     const SecCertificate& certificate, SecPreferencesDomain domain,
     const std::optional<PropertyList>& settings) {
-  return guarded([&] {
+  return statusOf([&] {
     const SecKeychain place = keychain(domain);
     if (isMachine(place)) {
       if (!machine_.isTrusted(certificate)) throw CertificateFailure(errSecItemNotFound);
@@ -159,7 +150,8 @@ CertificateStatus CertificateStoreLinux::setTrustSettings(
     if (!trust) throw CertificateFailure(errSecParam, "These settings can't be kept.");
     const std::string folder = databaseFolder(place);
     if (!NssDatabase::isIn(folder)) throw CertificateFailure(errSecItemNotFound);
-    NssDatabase(folder, NssDatabase::Access::write).setTrust(certificate, *trust);
+    NssDatabase::with(folder, NssDatabase::Access::write,
+                      [&](NssDatabase& database) { database.setTrust(certificate, *trust); });
   });
 }
 

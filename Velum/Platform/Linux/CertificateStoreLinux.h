@@ -13,8 +13,9 @@ class CertificateStoreLinux final : public CertificateStore {
 
   /// `root` is the root folder of the system whose certificates the machine's are; empty for this
   /// one. The user's are those of the user that HOME says at each call.
-  explicit CertificateStoreLinux(std::string root = {}, std::string updater = standardUpdater)
-      : machine_(std::move(root), std::move(updater)) {}
+  explicit CertificateStoreLinux(std::string root = {}, std::string updater = standardUpdater,
+                                 const MachineCertificates::Limits& limits = {})
+      : machine_(std::move(root), std::move(updater), limits) {}
 
   SecKeychainList searchList(SecPreferencesDomain domain) override;
   CertificateStatus add(const SecCertificate& certificate, const std::string& label,

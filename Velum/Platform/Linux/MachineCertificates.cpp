@@ -2,23 +2,27 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include "Velum/AtomicFile.h"
+#include "Velum/Deadline.h"
 #include "Velum/FileUtils.h"
+#include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/CertificatePlaceLinux.h"
 #include "Velum/Platform/Posix/LockedFile.h"
 #include "Velum/Platform/Posix/ReadFile.h"
+#include "Velum/Platform/Posix/Tool.h"
 #include "Velum/Process.h"
 #include "Velum/String.h"
 #include "Velum/SystemError.h"
@@ -34,6 +38,7 @@ constexpr std::size_t largestName = 220;  // bytes; leaves room for names of tem
 constexpr std::size_t largestFile = std::size_t{16} << 20U;
 constexpr mode_t everybodyReads = 0644;
 constexpr mode_t everybodyLists = 0755;
+constexpr const char* lockFolder = "/run";
 
 std::vector<SecCertificate> certificatesIn(const std::string& path) {
   const auto content = readRegularFile(path, largestFile);
@@ -73,24 +78,6 @@ std::string labelOfFile(std::string_view name, const SecCertificate& first) {
   return unescaped(label);
 }
 
-/// What the tool says on its error stream until it ends.
-std::string errorsOf(const Process& tool, const Pipe& errors) {
-  const UniqueFd ended = exitDescriptor(tool.processIdentifier());
-  std::string text;
-  for (bool isRunning = true; isRunning;) {
-    std::array<pollfd, 2> ready{{{errors.readEnd(), POLLIN, 0}, {ended.get(), POLLIN, 0}}};
-    retryInterrupted([&] { return ::poll(ready.data(), ready.size(), -1); });
-    // Others may hold the stream for ever, so that what is there now is all.
-    isRunning = ready[1].revents == 0;
-    const std::size_t size = availableBytes(errors.readEnd());
-    if (size == 0 && ready[0].revents != 0) break;
-    std::string part(size, '\0');
-    part.resize(checked::read(errors.readEnd(), part.data(), size, "errorsOf(_:)"));
-    text += part;
-  }
-  return text;
-}
-
 /// The end of it, on one line.
 std::string shortened(std::string text) {
   constexpr std::size_t most = 500;
@@ -98,6 +85,99 @@ std::string shortened(std::string text) {
   if (text.size() > most) text.replace(0, text.size() - most, "... ");
   std::ranges::replace(text, '\n', ' ');
   return repairedUtf8(text);
+}
+
+/// What the tool says until it ends, on both streams: the end of it.
+class ToolOutput {
+ public:
+  ToolOutput() : pipe_(makePipe()) {}
+
+  int writer() const noexcept { return pipe_.writer.get(); }
+  void closeWriter() noexcept { pipe_.writer.reset(); }
+  int descriptor() const noexcept { return pipe_.reader.get(); }
+  /// Reads once; see ReadOutput.
+  std::size_t read(std::size_t limit) {
+    constexpr std::size_t most = 4096;
+    std::string part(std::min(limit, most), '\0');
+    const ssize_t size =
+        retryInterrupted([&] { return ::read(descriptor(), part.data(), part.size()); });
+    if (size <= 0) return 0;
+    part.resize(static_cast<std::size_t>(size));
+    text_ += part;
+    if (text_.size() > 2 * most) text_.erase(0, text_.size() - most);
+    return part.size();
+  }
+  const std::string& text() const noexcept { return text_; }
+
+ private:
+  PipeEnds pipe_;
+  std::string text_;
+};
+
+std::unique_ptr<Tool> start(const std::string& path, const std::vector<std::string>& arguments,
+                            ToolOutput& output) {
+  SpawnOptions options = toolOptions(path, arguments, std::nullopt);
+  options.standardStreams = {SpawnOptions::nullDevice, output.writer(), output.writer()};
+  try {
+    auto tool = std::make_unique<Tool>(options);
+    output.closeWriter();
+    return tool;
+  } catch (const SystemError& error) {
+    throw CertificateFailure(errSecNotAvailable,
+                             fmt::format("{} can't be started ({}); install the package "
+                                         "ca-certificates",
+                                         path, systemErrorText(error.code())));
+  }
+}
+
+using FileIdentity = std::pair<dev_t, ino_t>;
+
+/// Nothing where there is no such file.
+std::optional<FileIdentity> identity(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) == 0) return FileIdentity(status.st_dev, status.st_ino);
+  if (errno == ENOENT) return std::nullopt;
+  throw lastSystemError(fmt::format("stat ({})", path));
+}
+
+/// What is in a folder, links behind what they may lead to.
+std::vector<fs::directory_entry> entriesOf(const std::string& folder) {
+  std::error_code error;
+  fs::directory_iterator entry;
+  do {
+    entry = fs::directory_iterator(folder, error);
+  } while (error == std::errc::interrupted);
+  std::vector<fs::directory_entry> entries;
+  for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+    entries.push_back(*entry);
+  }
+  if (error) throw SystemError(error.value(), fmt::format("readdir ({})", folder));
+  std::ranges::sort(entries, {}, [](const fs::directory_entry& one) {
+    std::error_code unknown;
+    return std::pair(one.is_symlink(unknown), one.path());
+  });
+  return entries;
+}
+
+/// Adds the paths of the regular files below a folder. Links are followed, as the tool does, but
+/// each folder is `seen` once only: they may lead back.
+void addFilesBelow(const std::string& folder, std::set<FileIdentity>& seen,
+                   std::vector<std::string>& paths) {
+  const auto self = identity(folder);
+  if (!self || !seen.insert(*self).second) return;
+  for (const fs::directory_entry& entry : entriesOf(folder)) {
+    std::error_code leadsNowhere;
+    const auto kind = entry.status(leadsNowhere).type();
+    if (kind == fs::file_type::directory) addFilesBelow(entry.path().string(), seen, paths);
+    if (kind == fs::file_type::regular) paths.push_back(entry.path().string());
+  }
+}
+
+std::vector<std::string> filesBelow(const std::string& folder) {
+  std::set<FileIdentity> seen;
+  std::vector<std::string> paths;
+  addFilesBelow(folder, seen, paths);
+  return paths;
 }
 
 /// A file that was renamed so that the tool does not see it.
@@ -121,16 +201,12 @@ class Hidden {
              path_, systemErrorText(errno));
   }
 
-  /// Brings back what killed processes hid below `folder`. Failures don't matter.
+  /// Brings back what killed processes hid below `folder`.
   static void restoreAll(const std::string& folder) {
-    std::error_code error;
-    fs::recursive_directory_iterator entry(folder, fs::directory_options::follow_directory_symlink,
-                                           error);
-    for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
-      const std::string path = entry->path().string();
+    for (const std::string& path : filesBelow(folder)) {
       const std::string before = path.substr(0, path.size() - std::min(path.size(), mark.size()));
       if (path.ends_with(mark) && before.ends_with(suffix)) {
-        ::rename(path.c_str(), before.c_str());
+        ::rename(path.c_str(), before.c_str());  // where that fails, it may be trusted still
       }
     }
   }
@@ -145,21 +221,24 @@ class Hidden {
   std::string away_;  // empty once there is nothing to bring back
 };
 
-/// Device and inode; nothing where there is no such file.
-std::optional<std::pair<dev_t, ino_t>> identity(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) == 0) return std::pair(status.st_dev, status.st_ino);
-  if (errno == ENOENT) return std::nullopt;
-  throw lastSystemError(fmt::format("stat ({})", path));
-}
-
-/// Held while the folder changes.
-class FolderLock {
+/// Held while the folder and the lists change. Its file is root's own: whoever may open a file can
+/// lock it, and everybody may open the folder.
+class ChangeLock {
  public:
-  explicit FolderLock(const std::string& folder)
-      : lock_([&] { return checked::open(folder, O_RDONLY | O_DIRECTORY, 0, "FolderLock()"); }) {}
+  ChangeLock(const std::string& folder, std::chrono::nanoseconds limit)
+      : path_(folder + "/velum-certificates.lock"), lock_([&] { return open(folder); }, limit) {
+    if (!lock_) throw heldElsewhere("The machine's certificates are", path_);
+  }
 
  private:
+  UniqueFd open(const std::string& folder) const {
+    constexpr mode_t ownersOnly = 0600;
+    ::mkdir(folder.c_str(), everybodyLists);  // what fails shows when the file is opened
+    return checked::open(path_, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, ownersOnly,
+                         "ChangeLock()");
+  }
+
+  std::string path_;
   LockedFile lock_;
 };
 
@@ -171,8 +250,9 @@ struct MachineCertificates::File {
   std::vector<SecCertificate> certificates;
 };
 
-MachineCertificates::MachineCertificates(std::string root, std::string updater)
-    : root_(std::move(root)), updater_(std::move(updater)) {
+MachineCertificates::MachineCertificates(std::string root, std::string updater,
+                                         const Limits& limits)
+    : root_(std::move(root)), updater_(std::move(updater)), limits_(limits) {
   // The tool works in another folder.
   if (!root_.empty()) root_ = fs::absolute(root_).string();
   while (root_.ends_with('/')) root_.pop_back();
@@ -184,23 +264,13 @@ MachineCertificates::MachineCertificates(std::string root, std::string updater)
 
 std::vector<MachineCertificates::File> MachineCertificates::files() const {
   std::vector<File> files;
-  std::error_code error;
-  fs::recursive_directory_iterator entry;
-  do {
-    entry = fs::recursive_directory_iterator(
-        folder_, fs::directory_options::follow_directory_symlink, error);
-  } while (error == std::errc::interrupted);
-  if (error.value() == ENOENT) return files;
-  for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
-    const std::string path = entry->path().string();
-    std::error_code ignored;
-    if (!path.ends_with(suffix) || !entry->is_regular_file(ignored)) continue;
+  for (const std::string& path : filesBelow(folder_)) {
+    if (!path.ends_with(suffix)) continue;
     auto certificates = certificatesIn(path);
     if (certificates.empty()) continue;
     std::string label = labelOfFile(path.substr(folder_.size() + 1), certificates.front());
     files.push_back({path, std::move(label), std::move(certificates)});
   }
-  if (error) throw SystemError(error.value(), fmt::format("readdir ({})", folder_));
   std::ranges::sort(files, {}, &File::path);
   return files;
 }
@@ -215,9 +285,10 @@ std::vector<CertificateItem> MachineCertificates::certificates() const {
 
 void MachineCertificates::add(const SecCertificate& certificate, const std::string& label) const {
   constexpr std::string_view caller = "addCertificate(_:named:toKeychain:)";
+  const DeferredLog records;
   const std::string path = folder_ + '/' + fileName(label, certificate);
-  ::mkdir(folder_.c_str(), everybodyLists);  // what fails shows when it is opened
-  const FolderLock lock(folder_);
+  const ChangeLock lock(root_ + lockFolder, limits_.lock);
+  ::mkdir(folder_.c_str(), everybodyLists);  // what fails shows when it is read
   for (const CertificateItem& item : certificates()) {
     // With its file and without its place in the list, it is what a killed process began to add.
     const bool isBegun = item.label == label && !isTrusted(certificate);
@@ -225,7 +296,7 @@ void MachineCertificates::add(const SecCertificate& certificate, const std::stri
   }
   const AtomicFile file(path, everybodyReads);
   file.removeLeftovers();
-  try {
+  const CertificateStatus status = statusOf([&] {
     file.replace(certificate.pem(), caller);
     update(Update::added);
     if (!isTrusted(certificate)) {
@@ -233,22 +304,51 @@ void MachineCertificates::add(const SecCertificate& certificate, const std::stri
           errSecIO, fmt::format("{} ended well, but {} is damaged or lacks the certificate",
                                 updater_, bundle_));
     }
-  } catch (...) {
-    ::unlink(path.c_str());
-    throw;
-  }
+  });
+  if (status.isSuccess()) return;
+  ::unlink(path.c_str());  // where that fails, it is trusted still
+  failTakenBack(status, Update::removed, {certificate});
 }
 
 void MachineCertificates::remove(const std::string& label) const {
-  const FolderLock lock(folder_);
+  const DeferredLog records;
+  const ChangeLock lock(root_ + lockFolder, limits_.lock);
   Hidden::restoreAll(folder_);  // the machine's programs may still trust it
   std::vector<Hidden> hidden;
+  std::vector<SecCertificate> removed;
   for (const File& file : files()) {
-    if (file.label == label) hidden.emplace_back(file.path);
+    if (file.label != label) continue;
+    hidden.emplace_back(file.path);
+    removed.insert(removed.end(), file.certificates.begin(), file.certificates.end());
   }
   if (hidden.empty()) throw CertificateFailure(errSecItemNotFound);
-  update(Update::removed);
-  for (Hidden& file : hidden) file.removeForGood();
+  const CertificateStatus status = statusOf([&] {
+    update(Update::removed);
+    for (Hidden& file : hidden) file.removeForGood();
+  });
+  hidden.clear();
+  if (status.isSuccess()) return;
+  failTakenBack(status, Update::added, removed);
+}
+
+/// The files are as before, but a tool that failed may have made new lists, or half of them.
+void MachineCertificates::failTakenBack(const CertificateStatus& why, Update back,
+                                        const std::vector<SecCertificate>& certificates) const {
+  if (why.number == errSecNotAvailable) throw CertificateFailure(why.number, why.detail);
+  const CertificateStatus status = statusOf([&] {
+    update(back);
+    for (const SecCertificate& one : certificates) {
+      if (isTrusted(one) == (back == Update::added)) continue;
+      throw CertificateFailure(errSecIO, fmt::format("{} was not made as it was", bundle_));
+    }
+  });
+  if (status.isSuccess()) throw CertificateFailure(why.number, why.detail);
+  throw CertificateFailure(
+      why.number, fmt::format("{}; taking the change back failed as well, so that the machine's "
+                              "programs may {} trust the certificate; find the cause and run {} "
+                              "--fresh: {}",
+                              why.text(), back == Update::added ? "no longer" : "still", updater_,
+                              status.text()));
 }
 
 bool MachineCertificates::isTrusted(const SecCertificate& certificate) const {
@@ -290,31 +390,45 @@ bool MachineCertificates::listsAny() const {
   return false;
 }
 
-void MachineCertificates::run(Update kind) const {
-  RunOptions options;
-  options.errpipe = std::make_shared<Pipe>();
+std::vector<std::string> MachineCertificates::arguments(Update kind) const {
+  std::vector<std::string> arguments;
   if (!root_.empty()) {
     // All known to every version since Debian 12, unlike one option for the root.
-    options.args = {"--certsconf",     root_ + "/etc/ca-certificates.conf",
-                    "--certsdir",      distributed_,
-                    "--localcertsdir", folder_,
-                    "--etccertsdir",   lists_,
-                    "--hooksdir",      root_ + "/etc/ca-certificates/update.d"};
+    arguments = {"--certsconf",     root_ + "/etc/ca-certificates.conf",
+                 "--certsdir",      distributed_,
+                 "--localcertsdir", folder_,
+                 "--etccertsdir",   lists_,
+                 "--hooksdir",      root_ + "/etc/ca-certificates/update.d"};
   }
   // Else links to files that are gone stay, and hide other certificates of the same subject.
-  if (kind == Update::removed) options.args.emplace_back("--fresh");
-  const auto tool = Process::run(updater_, options);
-  if (!tool) {
-    throw CertificateFailure(
-        errSecNotAvailable,
-        fmt::format("{} can't be started; install the package ca-certificates", updater_));
-  }
-  const std::string errors = shortened(errorsOf(*tool, *options.errpipe));
-  const Termination end = tool->waitUntilExit();
+  if (kind == Update::removed) arguments.emplace_back("--fresh");
+  return arguments;
+}
+
+void MachineCertificates::run(Update kind) const {
+  const auto deadline = deadlineAfter(limits_.tool);
+  ToolOutput output;
+  const auto tool = start(updater_, arguments(kind), output);
+  bool isLate = false;
+  const int waitStatus = tool->wait(
+      output.descriptor(), [&](std::size_t limit) { return output.read(limit); },
+      [&](pid_t /*tool*/) {
+        isLate = std::chrono::steady_clock::now() >= deadline;
+        return !isLate;
+      });
+  const std::string text = shortened(output.text());
+  logInfo({"MachineCertificates", "run(_:)"}, "{}: {}", updater_, text);
+  const Termination end = Termination::ofWaitStatus(waitStatus);
   if (end == Termination{}) return;
-  const char* const how = end.reason == Termination::Reason::exit ? "status" : "signal";
-  throw CertificateFailure(errSecIO, fmt::format("{} failed with {} {}{}{}", updater_, how,
-                                                 end.status, errors.empty() ? "" : ": ", errors));
+  const bool isSignal = end.reason == Termination::Reason::uncaughtSignal;
+  throw CertificateFailure(
+      errSecIO,
+      fmt::format(
+          "{} {}{}{}", updater_,
+          isLate ? fmt::format("did not end within {} s",
+                               std::chrono::ceil<std::chrono::seconds>(limits_.tool).count())
+                 : fmt::format("failed with {} {}", isSignal ? "signal" : "status", end.status),
+          text.empty() ? "" : ": ", text));
 }
 
 }  // namespace velum

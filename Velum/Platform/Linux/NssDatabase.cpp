@@ -18,8 +18,10 @@
 #include <ctime>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <utility>
 
+#include "Velum/Deadline.h"
 #include "Velum/Platform/AtFork.h"
 #include "Velum/Platform/Linux/CertificatePlaceLinux.h"
 #include "Velum/Platform/Posix/LockedFile.h"
@@ -108,6 +110,18 @@ void require(SECStatus status, const char* call) {
 
 std::string databaseFile(const std::string& folder) {
   return folder + "/cert9.db";
+}
+
+std::string databaseIs(const std::string& folder) {
+  return fmt::format("The certificate database {} is", folder);
+}
+
+/// The file of the database that somebody has locked.
+std::optional<std::string> lockedFile(const std::string& folder) {
+  for (std::string file : {databaseFile(folder), folder + "/key4.db"}) {
+    if (holderOfLock(file)) return file;
+  }
+  return std::nullopt;
 }
 
 /// Quoted as NSS's own parameters are.
@@ -246,12 +260,15 @@ void createTrust(PK11SlotInfo* slot, PK11GenericObject* certificate, const Trust
 /// The library, the database, and the turn to use them.
 class NssDatabase::Session {
  public:
-  Session(const std::string& folder, Access access)
-      : processTurn_([&] {
-          return UniqueFd(retryInterrupted(
-              [&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-        }),
+  Session(const std::string& folder, Access access, std::chrono::nanoseconds limit)
+      : processTurn_(
+            [&] {
+              return UniqueFd(retryInterrupted(
+                  [&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+            },
+            limit),
         turn_(Turn::shared()) {
+    if (!processTurn_) throw heldElsewhere(databaseIs(folder), folder);
     // A context of our own, without a database: another user of NSS in this process keeps its.
     constexpr PRUint32 flags = NSS_INIT_READONLY | NSS_INIT_NOCERTDB | NSS_INIT_NOMODDB |
                                NSS_INIT_NOROOTINIT | NSS_INIT_OPTIMIZESPACE;
@@ -282,13 +299,39 @@ bool NssDatabase::isIn(const std::string& folder) {
   return ::access(databaseFile(folder).c_str(), F_OK) == 0 || errno != ENOENT;
 }
 
-NssDatabase::NssDatabase(const std::string& folder, Access access) {
+NssDatabase::NssDatabase(const std::string& folder, Access access,
+                         std::chrono::steady_clock::time_point deadline) {
   // The library's own error for these says nothing.
   const std::string needed = isIn(folder) ? databaseFile(folder) : folder;
   if (::access(needed.c_str(), access == Access::read ? R_OK : R_OK | W_OK) != 0) {
     throw lastSystemError(fmt::format("access ({})", needed));
   }
-  session_ = std::make_unique<Session>(folder, access);
+  session_ = std::make_unique<Session>(folder, access,
+                                       bounded(deadline - std::chrono::steady_clock::now()));
+}
+
+// The library waits for a database that is locked one second, and then says what it also says of
+// one that is damaged.
+void NssDatabase::with(const std::string& folder, Access access,
+                       const std::function<void(NssDatabase&)>& use) {
+  constexpr std::chrono::seconds patience(5);
+  constexpr std::chrono::milliseconds pause(50);
+  const auto deadline = deadlineAfter(patience);
+  for (bool isFirst = true;; isFirst = false) {
+    try {
+      NssDatabase database(folder, access, deadline);
+      return use(database);
+    } catch (const CertificateFailure& failure) {
+      if (failure.status().number != errSecIO) throw;
+      const auto file = lockedFile(folder);
+      // Who held it may have just finished.
+      if (!file && !isFirst) throw;
+      if (file && std::chrono::steady_clock::now() >= deadline) {
+        throw heldElsewhere(databaseIs(folder), *file);
+      }
+    }
+    std::this_thread::sleep_for(pause);
+  }
 }
 
 NssDatabase::~NssDatabase() = default;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,11 +18,18 @@ class NssDatabase {
  public:
   enum class Access : bool { read, write };
 
+  /// Opens the database and has `use` work with it. When another program is at it, that is tried
+  /// again for some seconds, from the start; the failure then names who.
+  static void with(const std::string& folder, Access access,
+                   const std::function<void(NssDatabase&)>& use);
+
   /// Whether there is a database in the folder.
   static bool isIn(const std::string& folder);
 
   /// Opens the database, which `Access::write` makes when it is missing; the folder must exist.
-  NssDatabase(const std::string& folder, Access access);
+  /// Waits until the deadline while another process of ours has it open.
+  NssDatabase(const std::string& folder, Access access,
+              std::chrono::steady_clock::time_point deadline);
   NssDatabase(const NssDatabase&) = delete;
   NssDatabase& operator=(const NssDatabase&) = delete;
   ~NssDatabase();

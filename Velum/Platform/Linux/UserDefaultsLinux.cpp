@@ -179,7 +179,7 @@ UserDefaultsLinux::Outcome UserDefaultsLinux::changeUnderLock(const std::string&
       },
       longestWait);
   if (lock.get() < 0) return Outcome::failed;
-  if (lock.isElsewhere()) return Outcome::locked;
+  if (!lock) return Outcome::locked;
 
   Content content = read(path);
   if (content.isUnreadable) return Outcome::failed;

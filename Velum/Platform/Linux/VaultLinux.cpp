@@ -43,7 +43,7 @@ VaultTable::iterator existing(VaultTable& table, const SecretName& name) {
 
 VaultLinux::Lock::Lock(const PrivateFolder& folder, const SecretCall& call)
     : file_([&] { return folder.openLock(lockFileName); }, call.lockLimit) {
-  if (!file_.isElsewhere()) return;
+  if (file_) return;
   throw SecretFailure(errSecTimedOut,
                       folder.pathOf(lockFileName) + " is kept locked by another process");
 }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/file.h>
-
 #include <chrono>
 #include <optional>
 
@@ -19,42 +17,11 @@ namespace velum {
 /// for the lock.
 class LockedFile final : public ForkParticipant {
  public:
-  /// `open` returns a descriptor of the file, opened anew each time, or throws. It may be called
-  /// again. What has no descriptor holds no lock. Waits for the lock without end.
-  template <class Open>
-  explicit LockedFile(const Open& open) : ForkParticipant(Stage::leaf) {
-    openKnownToFork(open);
-    if (file_) retryInterrupted([this] { return ::flock(file_.get(), LOCK_EX); });
-  }
-  /// The same, but waits at most `limit`; see `isElsewhere`.
+  /// Waits for the lock at most `limit`; see operator bool. `open` returns a descriptor of the
+  /// file, opened anew each time, or throws. It may be called again. What has no descriptor holds
+  /// no lock.
   template <class Open>
   LockedFile(const Open& open, std::chrono::nanoseconds limit) : ForkParticipant(Stage::leaf) {
-    openKnownToFork(open);
-    lock_.emplace(FileLock::tryFor(file_.get(), limit));
-  }
-  LockedFile(const LockedFile&) = delete;
-  LockedFile& operator=(const LockedFile&) = delete;
-  ~LockedFile() override {
-    lock_.reset();
-    if (file_) ::flock(file_.get(), LOCK_UN);
-    unregisterForFork();
-  }
-
-  /// The descriptor, -1 without one.
-  int get() const noexcept { return file_.get(); }
-  /// Whether the wait ended without the lock, because somebody else kept it.
-  bool isElsewhere() const noexcept { return lock_ && !*lock_; }
-
-  void prepareFork() noexcept override {}
-  void afterForkInParent() noexcept override {}
-  void afterForkInChild() noexcept override {
-    if (lock_) lock_->forget();
-    file_.reset();
-  }
-
- private:
-  template <class Open>
-  void openKnownToFork(const Open& open) {
     for (unsigned forks = 0;;) {
       forks = forksBegun();
       file_ = open();
@@ -62,8 +29,28 @@ class LockedFile final : public ForkParticipant {
       if (forks == forksBegun()) break;
       unregisterForFork();  // a child may have it that does not know of it
     }
+    lock_.emplace(FileLock::tryFor(file_.get(), limit));
+  }
+  LockedFile(const LockedFile&) = delete;
+  LockedFile& operator=(const LockedFile&) = delete;
+  ~LockedFile() override {
+    lock_.reset();
+    unregisterForFork();
   }
 
+  /// The descriptor, -1 without one.
+  int get() const noexcept { return file_.get(); }
+  /// False when somebody else kept the lock until the limit.
+  explicit operator bool() const noexcept { return static_cast<bool>(*lock_); }
+
+  void prepareFork() noexcept override {}
+  void afterForkInParent() noexcept override {}
+  void afterForkInChild() noexcept override {
+    if (lock_) lock_->forget();  // not while it is only waited for
+    file_.reset();
+  }
+
+ private:
   UniqueFd file_;
   std::optional<FileLock> lock_;
 };

@@ -124,12 +124,17 @@ TEST_F(UserCertificates, KeepTrustSettingsAsTheStoresOwnToolsShowThem) {
   PropertyList::Array mixed = setting("sslServer", 1);
   mixed.push_back(setting("SMIME", 3).front());
   mixed.push_back(setting("CodeSigning", 2).front());
+  PropertyList::Array itself;
+  for (const char* use : {"sslServer", "sslClient", "SMIME", "CodeSigning"}) {
+    itself.push_back(setting(use, 2).front());
+  }
   const std::vector<std::pair<PropertyList, std::string>> cases{
       {always, "CT,C,C\n"},
       {PropertyList(setting("sslServer", 1)), "C,,\n"},
       {PropertyList(setting("sslServer", 3)), "p,,\n"},
       {PropertyList(setting("sslClient", 1)), "T,,\n"},
       {PropertyList(mixed), "C,p,P\n"},
+      {PropertyList(itself), "P,P,P\n"},  // an authority, but not for what it issues
   };
   for (const auto& [settings, flags] : cases) {
     EXPECT_EQ(set(root, settings), errSecSuccess) << flags;
@@ -147,7 +152,7 @@ TEST_F(UserCertificates, KeepTrustSettingsAsTheStoresOwnToolsShowThem) {
         PropertyList(setting("SMIME", 4)), PropertyList(), PropertyList(PropertyList::Array(1))}) {
     EXPECT_EQ(set(root, bad), errSecParam);
   }
-  EXPECT_EQ(shownFlags(), "C,p,P\n");
+  EXPECT_EQ(shownFlags(), "P,P,P\n");
 
   EXPECT_EQ(set(root, PropertyList(setting({}, 3))), errSecSuccess);  // for every use
   EXPECT_EQ(shownFlags(), "p,p,p\n");

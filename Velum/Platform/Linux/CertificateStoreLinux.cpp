@@ -128,7 +128,7 @@ TrustSettings CertificateStoreLinux::copyTrustSettings(const SecCertificate& cer
                         [&](NssDatabase& database) { trust = database.trust(certificate); });
     }
     if (trust == TrustByUse{}) throw CertificateFailure(errSecNoTrustSettings);
-    found.settings = settingsOfTrust(trust);
+    found.settings = settingsOfTrust(trust, certificate.isAuthority());
   });
   return found;
 }

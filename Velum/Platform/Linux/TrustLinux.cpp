@@ -19,8 +19,10 @@ constexpr std::array<std::pair<Trust, std::int64_t>, 3> results{{
     {Trust::denied, trustResultDeny},
 }};
 
-bool isTrusted(Trust trust) {
-  return trust == Trust::authority || trust == Trust::itself;
+/// Whether that is the most that one can think of a certificate: an authority that is trusted
+/// itself only is not one all of whose issues count.
+bool isFull(Trust trust, bool isAuthority) {
+  return trust == Trust::authority || (trust == Trust::itself && !isAuthority);
 }
 
 bool apply(const PropertyList& setting, TrustByUse& trust) {
@@ -43,9 +45,11 @@ bool apply(const PropertyList& setting, TrustByUse& trust) {
 
 }  // namespace
 
-PropertyList settingsOfTrust(const TrustByUse& trust) {
+PropertyList settingsOfTrust(const TrustByUse& trust, bool isAuthority) {
   PropertyList::Array settings;
-  if (std::ranges::all_of(trust, isTrusted)) return PropertyList(settings);
+  if (std::ranges::all_of(trust, [&](Trust one) { return isFull(one, isAuthority); })) {
+    return PropertyList(settings);
+  }
   for (std::size_t use = 0; use < trust.size(); ++use) {
     for (const auto& [kind, result] : results) {
       if (kind != trust.at(use)) continue;

@@ -17,11 +17,11 @@ inline constexpr std::size_t trustUseCount = 4;
 using TrustByUse = std::array<Trust, trustUseCount>;
 
 /// The settings as an array of dictionaries: empty when the certificate is trusted in every use,
-/// else one for each use that something is known of.
-PropertyList settingsOfTrust(const TrustByUse& trust);
+/// which means as an authority for one that is, else itself; otherwise one for each use that
+/// something is known of.
+PropertyList settingsOfTrust(const TrustByUse& trust, bool isAuthority);
 
-/// The reverse. Trusted in every use means as an authority for one that is, else itself. Nothing
-/// for what could not be read back, such as a rule for one host.
+/// The reverse. Nothing for what could not be read back, such as a rule for one host.
 std::optional<TrustByUse> trustOfSettings(const PropertyList& settings, bool isAuthority);
 
 }  // namespace velum

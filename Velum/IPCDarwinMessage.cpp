@@ -48,9 +48,10 @@ class Listeners {
     return instance;
   }
 
-  void set(const std::string& message, const NotifyCenter::Handler& handler) {
+  void set(const std::string& message, NotifyCenter::Callback callback) {
     remove(message);
-    Observer observer = center().addHandler(requestName(message), handler);
+    Observer observer = center().addObserver(
+        requestName(message), IPCDarwinMessageQueue::shared().queue(), std::move(callback));
     const std::lock_guard guard(lock_);
     observers_[message].swap(observer);
   }
@@ -87,39 +88,8 @@ const IPCDarwinMessageConfig& IPCDarwinMessageConfig::shared() noexcept {
   return *config;
 }
 
-/// Whose turn it is: that of the queue or of a thread that runs an item in its place.
-class IPCDarwinMessageQueue::Turn final : public ForkParticipant {
- public:
-  Turn() : ForkParticipant(Stage::leaf) { registerForFork(); }
-  Turn(const Turn&) = delete;
-  Turn& operator=(const Turn&) = delete;
-  ~Turn() override { unregisterForFork(); }
-
-  void enter() noexcept { pending_.fetch_add(1); }
-  bool enterIfIdle() noexcept {
-    int none = 0;
-    return pending_.compare_exchange_strong(none, 1);
-  }
-  void run(const Work& work) noexcept {
-    const std::lock_guard guard(turn_);
-    const unsigned generation = forkGeneration();
-    work();
-    if (generation == forkGeneration()) pending_.fetch_sub(1);  // else it was the parent's
-  }
-
-  // The child's queue is empty.
-  void prepareFork() noexcept override {}
-  void afterForkInParent() noexcept override {}
-  void afterForkInChild() noexcept override { pending_ = 0; }
-
- private:
-  std::atomic<int> pending_{0};
-  ForkSafeTurn turn_;
-};
-
 IPCDarwinMessageQueue::IPCDarwinMessageQueue()
-    : queue_(DispatchQueue::serial("IPCDarwinMessageQueue.Requests")),
-      turn_(std::make_shared<Turn>()) {}
+    : queue_(DispatchQueue::serialWithThread("IPCDarwinMessageQueue.Requests")) {}
 
 IPCDarwinMessageQueue& IPCDarwinMessageQueue::shared() {
   static IPCDarwinMessageQueue& instance =
@@ -128,18 +98,14 @@ IPCDarwinMessageQueue& IPCDarwinMessageQueue::shared() {
 }
 
 void IPCDarwinMessageQueue::async(Work work) {
-  turn_->enter();
-  group_.async(*queue_, [turn = turn_, work = std::move(work)] { turn->run(work); });
+  group_.async(*queue_, std::move(work));
 }
 
-void IPCDarwinMessageQueue::runOrAsync(Work work) {
-  if (!turn_->enterIfIdle()) {
-    async(std::move(work));
-    return;
-  }
+void IPCDarwinMessageQueue::run(const Work& work) {
+  const unsigned generation = forkGeneration();
   group_.enter();
-  turn_->run(work);
-  group_.leave();
+  work();
+  if (generation == forkGeneration()) group_.leave();  // else it is the parent's
 }
 
 bool IPCDarwinMessageQueue::wait(std::chrono::nanoseconds timeout) {
@@ -174,12 +140,8 @@ void IPCDarwinMessage::sendResponse(const std::string& message, const std::strin
 }
 
 bool IPCDarwinMessage::addListener(const std::string& message, Handler handler) try {
-  const auto shared = std::make_shared<const Handler>(std::move(handler));
-  Listeners::shared().set(message, [shared](bool mayTakeLong) {
-    auto& queue = IPCDarwinMessageQueue::shared();
-    const auto work = [shared] { (*shared)(); };
-    mayTakeLong ? queue.runOrAsync(work) : queue.async(work);
-  });
+  Listeners::shared().set(
+      message, [handler = std::move(handler)] { IPCDarwinMessageQueue::shared().run(handler); });
   return true;
 } catch (const SystemError& error) {
   logError({sourceFile, "addListener(_:handler:)"}, "{}", error.what());

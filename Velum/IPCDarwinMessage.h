@@ -23,25 +23,27 @@ struct IPCDarwinMessageConfig {
   static const IPCDarwinMessageConfig& shared() noexcept;
 };
 
-/// Runs the handlers of incoming requests, one after the other.
+/// Runs the handlers of incoming requests, one after the other, on the queue
+/// "IPCDarwinMessageQueue.Requests". Requests are read there as well, so that no handler has to
+/// wait for another thread.
 class IPCDarwinMessageQueue {
  public:
   IPCDarwinMessageQueue();
 
   static IPCDarwinMessageQueue& shared();
 
-  /// Hands in `work` as part of the group; it runs on the queue "IPCDarwinMessageQueue.Requests".
+  const std::shared_ptr<DispatchQueue>& queue() const noexcept { return queue_; }
+
+  /// Hands in `work` as part of the group.
   void async(Work work);
-  /// The same, on the calling thread as an item of the queue, where nothing is running or waiting.
-  void runOrAsync(Work work);
+  /// Runs `work`, on the queue itself, as part of the group.
+  void run(const Work& work);
   /// Blocks until all work handed in so far has run; false when `timeout` passed first. Not to be
   /// called on the queue itself.
   bool wait(std::chrono::nanoseconds timeout = std::chrono::nanoseconds::max());
 
  private:
-  class Turn;
   std::shared_ptr<DispatchQueue> queue_;
-  std::shared_ptr<Turn> turn_;
   DispatchGroup group_;
 };
 

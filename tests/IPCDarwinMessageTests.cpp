@@ -160,9 +160,13 @@ TEST_F(IPCDarwinMessageTest, HandlersRunOneByOneAndMayAskThemselves) {
   inProcess([] {
     std::atomic<int> running{0};
     std::atomic<int> done{0};
+    std::atomic<std::thread::id> queue;
+    IPCDarwinMessageQueue::shared().async([&] { queue = std::this_thread::get_id(); });
+    EXPECT_TRUE(IPCDarwinMessageQueue::shared().wait(test::deadline));
     for (const char* message : {"a", "b"}) {
       IPCDarwinMessage::addListener(message, [&] {
         EXPECT_EQ(++running, 1);
+        EXPECT_EQ(std::this_thread::get_id(), queue.load());
         EXPECT_TRUE(IPCDarwinMessage::sendRequest("inner", "id", test::deadline));
         --running;
         ++done;

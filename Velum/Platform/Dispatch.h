@@ -36,6 +36,9 @@ class DispatchQueue {
   static DispatchQueue& global();
   /// A new serial queue. Work still waiting when the last reference goes is run all the same.
   static std::shared_ptr<DispatchQueue> serial(std::string label);
+  /// The same with a thread of its own from the first work on, so that none has to be woken when it
+  /// gets an event while it is idle.
+  static std::shared_ptr<DispatchQueue> serialWithThread(std::string label);
   /// A new concurrent queue. It differs from the global one by its label only.
   static std::shared_ptr<DispatchQueue> concurrent(std::string label);
 

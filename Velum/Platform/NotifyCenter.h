@@ -6,6 +6,8 @@
 #include <memory>
 #include <string_view>
 
+#include "Velum/Platform/Dispatch.h"
+
 namespace velum {
 
 /// Notifications between processes. One carries nothing but its name, which may be of any length
@@ -26,10 +28,8 @@ class NotifyCenter {
   /// anybody can post anything.
   enum class Scope : std::uint8_t { user, system };
 
+  /// Must not throw.
   using Callback = std::function<void()>;
-  /// Is told whether it may take long, or block, on the thread it is called on. If not, other
-  /// callbacks wait for it.
-  using Handler = std::function<void(bool mayTakeLong)>;
 
   /// Ends the observation when it is destroyed: no call of the callback begins afterwards. One that
   /// has begun elsewhere runs to its end beside it, so a callback should own or weakly hold what it
@@ -53,22 +53,24 @@ class NotifyCenter {
   /// full, or something that is no notification stands in its place.
   virtual void post(std::string_view name) = 0;
 
-  /// Calls `callback` after every post of `name` from now on, on a thread of the center, where all
-  /// callbacks of the scope run one after the other: they should be short. The observer is active
-  /// when this returns. A callback must not throw. Throws SystemError.
+  /// Calls `callback` after every post of `name` from now on, on a serial queue of the center,
+  /// where all such callbacks of the scope run one after the other: they should be short. The
+  /// observer is active when this returns. Throws SystemError.
   virtual std::unique_ptr<Observer> addObserver(std::string_view name, Callback callback) = 0;
 
-  /// The same for what belongs on a queue of its own: spares the change of thread where nobody else
-  /// has to wait meanwhile.
-  virtual std::unique_ptr<Observer> addHandler(std::string_view name, Handler handler) = 0;
+  /// The same on `queue`, where it keeps only that queue waiting. As long as all observers have the
+  /// same queue, what was posted is read there, and no other thread has to be woken.
+  virtual std::unique_ptr<Observer> addObserver(std::string_view name,
+                                                std::shared_ptr<DispatchQueue> queue,
+                                                Callback callback) = 0;
 
   /// The same for somebody about to `wait`: `callback` is called while some thread does, perhaps on
-  /// that thread, and maybe never when none does.
+  /// that thread, and maybe never when none does. It should be short.
   virtual std::unique_ptr<Observer> addAwaited(std::string_view name, Callback callback) = 0;
 
   /// Blocks until `isDone`, which callbacks make true, is asked after one of them and says so;
   /// false when `timeout` passed first. `isDone` is called under a lock: it should look at an
-  /// atomic value. Not to be called inside callbacks, except of a handler that may take long.
+  /// atomic value. Not to be called inside an awaited callback; in others it keeps their queue.
   /// Throws SystemError.
   virtual bool wait(const std::function<bool()>& isDone, std::chrono::nanoseconds timeout) = 0;
 };

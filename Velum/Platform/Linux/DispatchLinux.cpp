@@ -89,6 +89,41 @@ class SerialQueue final : public QueueBase {
   PerProcess<asio::strand<asio::io_context::executor_type>> strand_;
 };
 
+/// Its thread is one of the pool's, which gives it back when the queue is gone: so the pool sees to
+/// it that there is a thread at all. The context must not be told that only one thread runs it.
+class ThreadQueue final : public QueueBase {
+ public:
+  explicit ThreadQueue(std::string label) : QueueBase(std::move(label)) {}
+  ThreadQueue(const ThreadQueue&) = delete;
+  ThreadQueue& operator=(const ThreadQueue&) = delete;
+  ~ThreadQueue() override {
+    if (auto* const loop = loops_.existing()) (*loop)->keepsRunning.reset();
+  }
+
+  Executor executor() override { return loops_.get()->context.get_executor(); }
+
+  Work wrapped(Work work) override {
+    const std::shared_ptr<Loop> loop = loops_.get().loop;
+    if (!loop->isRun.exchange(true)) DispatchQueue::global().async([loop] { loop->context.run(); });
+    return [self = shared_from_this(), work = std::move(work)] {
+      performWork(work, [] { WorkerPool::shared().serve(); });
+    };
+  }
+
+ private:
+  struct Loop {
+    asio::io_context context;
+    asio::executor_work_guard<asio::io_context::executor_type> keepsRunning{context.get_executor()};
+    std::atomic<bool> isRun{false};
+  };
+  struct SharedLoop {
+    Loop* operator->() const noexcept { return loop.get(); }
+    std::shared_ptr<Loop> loop = std::make_shared<Loop>();
+  };
+
+  PerProcess<SharedLoop> loops_;
+};
+
 }  // namespace
 
 DispatchQueue& DispatchQueue::main() {
@@ -111,6 +146,10 @@ DispatchQueue& DispatchQueue::global() {
 
 std::shared_ptr<DispatchQueue> DispatchQueue::serial(std::string label) {
   return std::make_shared<SerialQueue>(std::move(label));
+}
+
+std::shared_ptr<DispatchQueue> DispatchQueue::serialWithThread(std::string label) {
+  return std::make_shared<ThreadQueue>(std::move(label));
 }
 
 std::shared_ptr<DispatchQueue> DispatchQueue::concurrent(std::string label) {

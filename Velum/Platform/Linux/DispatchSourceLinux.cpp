@@ -86,7 +86,9 @@ class SourceState : public std::enable_shared_from_this<SourceState> {
   void deliver() {
     const bool happened = hasHappened();
     if (isCancelled()) return;  // asked last: only a cancelled source gives its descriptor back
+    const unsigned generation = forkGeneration();
     if (happened) handler_();
+    if (generation != forkGeneration()) return;  // the handler forked: the reactor is the parent's
     if ((repeats_ || !happened) && !isCancelled()) wait();
   }
 

@@ -1,21 +1,12 @@
 #include "Velum/Platform/Linux/NotifyCenterLinux.h"
 
-#include <poll.h>
-#include <sys/ioctl.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <limits>
 #include <mutex>
-#include <utility>
 
 #include "Velum/Deadline.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Directories.h"
-#include "Velum/Platform/Thread.h"
 #include "Velum/SystemError.h"
 
 namespace velum {
@@ -24,16 +15,7 @@ namespace {
 constexpr const char* systemFolder = "/run/velum-notify";
 constexpr std::chrono::seconds retryPause{1};
 constexpr std::chrono::minutes sweepPause{1};
-
-constexpr std::uint32_t folderIsGone = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
-// A file that was removed while a poster had it open is none of ours any more: the poster notices
-// and posts again.
-constexpr std::uint32_t otherFile = IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
-// A removed folder itself tells so only when nobody has a file of it open any more; the folder
-// above tells at once.
-constexpr std::uint32_t rootEvents = otherFile | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-constexpr std::uint32_t groupEvents =
-    IN_MODIFY | otherFile | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK;
+constexpr std::uint64_t noPlace = 0;  // in the stream of events: not told by one
 
 std::shared_ptr<NotifyCenterLinux> userCenter() {
   const auto runtime = Directories::shared().runtime();
@@ -44,17 +26,17 @@ std::shared_ptr<NotifyCenterLinux> userCenter() {
 
 /// One observer. Shared by the center, the handle and deliveries on their way.
 struct NotifyCenterLinux::Registration {
-  Registration(std::string fileName, Kind itsKind, Handler itsHandler)
-      : file(std::move(fileName)), kind(itsKind), handler(std::move(itsHandler)) {}
+  Registration(std::string fileName, Queue itsQueue, Callback itsCallback)
+      : name(std::move(fileName)), queue(std::move(itsQueue)), callback(std::move(itsCallback)) {}
 
-  void call(bool mayTakeLong) const {
-    if (!isRemoved.load(std::memory_order_acquire)) handler(mayTakeLong);
+  void call() const {
+    if (!isRemoved.load(std::memory_order_acquire)) callback();
   }
 
-  const std::string file;
-  const Kind kind;
-  const Handler handler;
-  NotifyGeneration seen;
+  const std::string name;
+  const Queue queue;  // null for one that is awaited
+  const Callback callback;
+  Seen seen;
   std::uint64_t since = 0;  // the place in the stream of events; earlier ones tell of older posts
   std::atomic<bool> isRemoved{false};
 };
@@ -91,27 +73,20 @@ std::shared_ptr<NotifyCenterLinux> NotifyCenterLinux::make(std::string folder,
 }
 
 NotifyCenterLinux::NotifyCenterLinux(std::string folder, NotifyFolder::Sharing sharing)
-    : ForkParticipant(Stage::service), folder_(std::move(folder), sharing) {
+    : ForkParticipant(Stage::service),
+      folder_(std::move(folder), sharing),
+      own_(DispatchQueue::serialWithThread("velum-notify")) {
   registerForFork();
 }
 
-NotifyCenterLinux::~NotifyCenterLinux() {
-  unregisterForFork();
-  // Wakes the center's thread, which may be reading, and then finds no center.
-  if (generation_ == forkGeneration()) unwatchLk();
-}
-
 void NotifyCenterLinux::afterForkInChild() noexcept {
-  // The parent reads this descriptor's events; a child that read along would steal them.
-  if (inotify_) inotify_->fd.reset();
-  root_ = -1;
-  groups_ = {};
+  watch_.resetAfterFork();
+  source_.reset();
+  timer_.reset();
   last_.watch = -1;
   isStale_ = false;
   isRetrying_ = false;
   nextTry_ = {};
-  hasServer_ = false;
-  isServerLent_ = false;
   lock_.resetAfterFork();
 }
 
@@ -121,355 +96,223 @@ void NotifyCenterLinux::post(std::string_view name) {
 
 std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::addObserver(std::string_view name,
                                                                        Callback callback) {
-  return add(name, Kind::observer, [callback = std::move(callback)](bool) { callback(); });
+  return add(name, own_, std::move(callback));
 }
 
-std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::addHandler(std::string_view name,
-                                                                      Handler handler) {
-  return add(name, Kind::handler, std::move(handler));
+std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::addObserver(std::string_view name,
+                                                                       Queue queue,
+                                                                       Callback callback) {
+  return add(name, std::move(queue), std::move(callback));
 }
 
 std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::addAwaited(std::string_view name,
                                                                       Callback callback) {
-  return add(name, Kind::awaited, [callback = std::move(callback)](bool) { callback(); });
+  return add(name, nullptr, std::move(callback));
 }
 
-std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::add(std::string_view name, Kind kind,
-                                                               Handler handler) {
-  auto registration =
-      std::make_shared<Registration>(NotifyFolder::fileName(name), kind, std::move(handler));
+std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::add(std::string_view name, Queue queue,
+                                                               Callback callback) {
+  auto registration = std::make_shared<Registration>(NotifyFolder::fileName(name), std::move(queue),
+                                                     std::move(callback));
   Observers inherited;  // dropped after the lock
   const std::lock_guard guard(lock_);
   openLk(inherited);
-  const std::size_t group = NotifyFolder::groupOf(registration->file);
-  if (!isWatchingLk()) {
-    watchLk();
-    // Others may have been posted meanwhile. Whoever reads is about to look for the folder.
-    isStale_ = !observers_.empty();
-  }
-  if (groups_.at(group).watch < 0) watchGroupLk(group);
-  // A thread that runs a handler may take long to come back.
-  const bool isServed = hasServer_ && !(isServerLent_ && kind == Kind::observer);
-  if (kind != Kind::awaited && !isServed) startServerLk();
+  const std::size_t group = NotifyFolder::groupOf(registration->name);
+  const bool wasWatching = watch_.isComplete();
+  if (!wasWatching) watch_.watch();
+  if (watch_.watchOf(group) < 0) watch_.watchGroup(group);
   // After the watch: what is posted from here on gives an event.
-  const std::size_t unread = unreadLk();
-  registration->since = taken_ + unread;
-  registration->seen = presentLk(registration->file, unread);
-  observers_[registration->file].push_back(registration);
-  ++groups_.at(group).observers;
-  if (kind == Kind::observer) ++plainObservers_;
+  const std::size_t unread = watch_.unread();
+  registration->since = watch_.taken() + unread;
+  registration->seen = presentLk(registration->name, unread);
+  if (registration->queue) enterLk(registration->queue);
+  observers_[registration->name].push_back(registration);
+  watch_.enter(group);
+  if (!wasWatching && observers_.size() > 1) {  // others may have been posted meanwhile
+    isStale_ = true;
+    tryAgainLk(Clock::duration::zero());
+  }
   return std::make_unique<Handle>(weak_from_this(), std::move(registration));
 }
 
 void NotifyCenterLinux::remove(const std::shared_ptr<Registration>& registration) {
+  Queue left;  // dropped after the lock
   const std::lock_guard guard(lock_);
   if (generation_ != forkGeneration()) return;  // counted in the parent only
-  const auto entry = observers_.find(registration->file);
+  const auto entry = observers_.find(registration->name);
   if (entry == observers_.end() || std::erase(entry->second, registration) == 0) return;
-  --groups_.at(NotifyFolder::groupOf(registration->file)).observers;
-  if (registration->kind == Kind::observer) --plainObservers_;
+  const std::size_t group = NotifyFolder::groupOf(registration->name);
+  watch_.leave(group);
+  if (registration->queue) left = leaveLk(registration->queue);
   if (!entry->second.empty()) return;
-  const int watch = groups_.at(NotifyFolder::groupOf(registration->file)).watch;
-  last_ = {registration->file, registration->seen, watch};
+  last_ = {registration->name, registration->seen, watch_.watchOf(group)};
   observers_.erase(entry);
 }
 
-// The generation of a file whose group is watched. To look is most of what adding an observer
-// takes. What was last known holds when all events are taken: none is unread, and, asked after
-// that, no thread is about to take any.
-NotifyGeneration NotifyCenterLinux::presentLk(const std::string& file, std::size_t unread) {
-  const bool isKnown = unread == 0 && !isStale_ && last_.watch >= 0 && last_.file == file &&
-                       last_.watch == groups_.at(NotifyFolder::groupOf(file)).watch &&
+// What a name holds whose group is watched. To look is most of what adding an observer takes. What
+// was last known holds when all events are taken: none is unread, and, asked after that, no thread
+// is about to take any.
+NotifyCenterLinux::Seen NotifyCenterLinux::presentLk(const std::string& name, std::size_t unread) {
+  const bool isKnown = unread == 0 && !isStale_ && last_.watch >= 0 && last_.name == name &&
+                       last_.watch == watch_.watchOf(NotifyFolder::groupOf(name)) &&
                        !reader_.isTaken();
-  return isKnown ? last_.generation : folder_.look(file).generation;
-}
-
-// Bytes of events. Without those that a thread has read and not taken yet.
-std::size_t NotifyCenterLinux::unreadLk() const {
-  int size = 0;
-  if (::ioctl(inotify_->fd.get(), FIONREAD, &size) != 0) throw lastSystemError("ioctl (FIONREAD)");
-  return static_cast<std::size_t>(size);
-}
-
-bool NotifyCenterLinux::wait(const std::function<bool()>& isDone,
-                             std::chrono::nanoseconds timeout) {
-  const auto deadline = deadlineAfter(timeout);
-  std::shared_ptr<Inotify> inotify;
-  Observers inherited;  // dropped after the lock
-  {
-    const std::lock_guard guard(lock_);
-    openLk(inherited);
-    inotify = inotify_;
+  if (isKnown) return last_.seen;
+  Seen seen;
+  for (const std::string& file : folder_.filesOf(name)) {
+    const NotifyFolder::Look look = folder_.look(file);
+    if (look.state == NotifyFolder::State::posted) seen.emplace_back(look.poster, look.generation);
+    if (look.state == NotifyFolder::State::unread) {
+      throw SystemError(look.error,
+                        "addObserver(_:callback:), read (" + folder_.path() + '/' + file + ")");
+    }
   }
-  Events events;
-  while (reader_.take(isDone, deadline) == NotifyReaderRole::Answer::mine) {
-    read(*inotify, events, std::min(deadline, readDeadline()));
-    const Registrations handlers = finish(take(events));
-    for (const auto& handler : handlers) handler->call(false);
-    reader_.giveUp();
-  }
-  return isDone();
+  return seen;
 }
 
 // A forked child begins without the observers of its parent.
 void NotifyCenterLinux::openLk(Observers& inherited) {
   if (std::exchange(generation_, forkGeneration()) != forkGeneration()) {
     inherited.swap(observers_);
-    plainObservers_ = 0;
+    queues_.clear();
+    queue_ = nullptr;
   }
-  if (inotify_ && inotify_->fd) return;
-  UniqueFd fresh(::inotify_init1(IN_CLOEXEC));
-  if (!fresh) throw lastSystemError("addObserver(_:callback:), inotify_init1 ()");
-  inotify_ = std::make_shared<Inotify>();
-  inotify_->fd = std::move(fresh);
-  taken_ = 0;
+  watch_.open();
 }
 
-int NotifyCenterLinux::addWatchLk(const UniqueFd& folder, std::uint32_t events) const {
-  // The folder that was checked, whatever stands at its path by now.
-  const std::string target = "/proc/self/fd/" + std::to_string(folder.get());
-  const int watch = ::inotify_add_watch(inotify_->fd.get(), target.c_str(), events);
-  if (watch < 0) {
-    throw lastSystemError("addObserver(_:callback:), inotify_add_watch (" + folder_.path() + ")");
-  }
-  return watch;
-}
-
-bool NotifyCenterLinux::isWatchingLk() const noexcept {
-  return root_ >= 0 && std::none_of(groups_.begin(), groups_.end(), [](const Group& group) {
-           return group.observers > 0 && group.watch < 0;
-         });
-}
-
-// What still stands where it stood keeps its watch and the events that are unread. Tries again at
-// once when the folder vanished between two steps.
-void NotifyCenterLinux::watchLk() {
-  constexpr int maxTurns = 10;
-  for (int turn = 1;; ++turn) {
+void NotifyCenterLinux::enterLk(const Queue& queue) {
+  auto place = std::ranges::find(queues_, queue, &QueueUse::queue);
+  if (place == queues_.end()) place = queues_.insert(queues_.end(), {queue, 0});
+  const Queue& wanted = queues_.size() == 1 ? queues_.front().queue : own_;
+  if (wanted != queue_ || !source_) {
     try {
-      const int root = addWatchLk(folder_.make(), rootEvents);
-      if (root != root_) dropLk(root_);
-      root_ = root;
-      for (std::size_t group = 0; group < groups_.size(); ++group) {
-        groups_.at(group).observers > 0 ? watchGroupLk(group) : dropLk(groups_.at(group));
-      }
-      // The groups are those of the folder that is watched.
-      if (addWatchLk(folder_.make(), rootEvents) == root_) return;
-      if (turn == maxTurns) throw SystemError(EBUSY, "notify center, watch " + folder_.path());
-    } catch (const SystemError& error) {
-      unwatchLk();
-      if (error.code() != ENOENT || turn == maxTurns) throw;
+      readOnLk(wanted);
+    } catch (...) {
+      if (place->observers == 0) queues_.erase(place);
+      throw;
     }
   }
+  ++place->observers;
 }
 
-void NotifyCenterLinux::watchGroupLk(std::size_t group) {
-  Group& place = groups_.at(group);
-  const int watch = addWatchLk(folder_.makeGroup(group), groupEvents);
-  if (watch == place.watch) return;
-  dropLk(place);
-  place.watch = watch;
-}
-
-// Also needed for folders that were moved: they keep their watch otherwise.
-void NotifyCenterLinux::dropLk(int& watch) {
-  if (watch >= 0) ::inotify_rm_watch(inotify_->fd.get(), watch);
-  watch = -1;
-}
-
-void NotifyCenterLinux::dropLk(Group& group) {
-  if (group.watch >= 0) group.earlier = group.watch;
-  dropLk(group.watch);
-}
-
-void NotifyCenterLinux::unwatchLk() {
-  dropLk(root_);
-  for (Group& group : groups_) dropLk(group);
-}
-
-// Without a folder, as when only the system may make it, whoever reads looks for it every second.
-void NotifyCenterLinux::rewatchLk(Outcome& outcome) {
-  try {
-    watchLk();
-  } catch (const SystemError& error) {
-    nextTry_ = deadlineAfter(retryPause);  // the watches given up make events of their own
-    if (!std::exchange(isRetrying_, true)) outcome.complaints.emplace_back(error.what());
-    return;
+// Returns what is to be dropped without the lock.
+NotifyCenterLinux::Queue NotifyCenterLinux::leaveLk(const Queue& queue) {
+  const auto place = std::ranges::find(queues_, queue, &QueueUse::queue);
+  if (--place->observers > 0) return nullptr;
+  Queue left = std::move(place->queue);
+  queues_.erase(place);
+  const bool isOther = queues_.size() == 1 && queues_.front().queue != queue_;
+  if (isOther) {
+    queue_ = queues_.front().queue;
+    source_.reset();
+    resumeLk();
   }
-  compareAllLk(outcome);
+  return left;
 }
 
-// When whoever reads has to look without an event.
+void NotifyCenterLinux::readOnLk(const Queue& queue) {
+  source_ = DispatchSource::readable(watch_.inotify()->fd.get(), *queue,
+                                     [weak = weak_from_this(), on = queue.get()] {
+                                       if (const auto center = weak.lock()) center->turn(*on);
+                                     });
+  queue_ = queue;
+}
+
+// After a waiting thread has read. Without descriptors, by time.
+void NotifyCenterLinux::resumeLk() {
+  if (source_ || !queue_) return;
+  try {
+    readOnLk(queue_);
+  } catch (const SystemError&) {
+    tryAgainLk(retryPause);
+  }
+}
+
+void NotifyCenterLinux::tryAgainLk(Clock::duration delay) {
+  nextTry_ = deadlineAfter(delay);
+  if (!queue_) return;  // then only threads that wait have anything to look for
+  timer_ = DispatchSource::timer(delay, *queue_, [weak = weak_from_this(), on = queue_.get()] {
+    if (const auto center = weak.lock()) center->turn(*on);
+  });
+}
+
+// When a thread that waits has to look without an event.
 NotifyCenterLinux::Clock::time_point NotifyCenterLinux::readDeadline() {
   const std::lock_guard guard(lock_);
-  if (!isWatchingLk()) return nextTry_;
-  return isStale_ ? Clock::now() : Clock::time_point::max();
+  return isStale_ || !watch_.isComplete() ? nextTry_ : Clock::time_point::max();
 }
 
-void NotifyCenterLinux::startServerLk() {
-  const int error =
-      startThread("velum-notify", [weak = weak_from_this(), inotify = inotify_,
-                                   server = server_ + 1] { serve(weak, inotify, server); });
-  if (error != 0) throw SystemError(error, "addObserver(_:callback:), pthread_create ()");
-  ++server_;
-  hasServer_ = true;
-  isServerLent_ = false;
+bool NotifyCenterLinux::wait(const std::function<bool()>& isDone,
+                             std::chrono::nanoseconds timeout) {
+  const auto deadline = deadlineAfter(timeout);
+  std::shared_ptr<NotifyWatch::Inotify> inotify;
+  Observers inherited;  // dropped after the lock
+  {
+    const std::lock_guard guard(lock_);
+    openLk(inherited);
+    inotify = watch_.inotify();
+  }
+  NotifyWatch::Events events;
+  while (reader_.take(isDone, deadline) == NotifyReaderRole::Answer::mine) {
+    events.read(*inotify, std::min(deadline, readDeadline()));
+    const Outcome outcome = take(events);
+    callAwaited(outcome);
+    callOthers(outcome, nullptr);
+    reader_.giveUp();
+  }
+  const std::lock_guard guard(lock_);
+  resumeLk();
+  return isDone();
 }
 
-// Keeps no center alive while it waits for events.
-void NotifyCenterLinux::serve(const std::weak_ptr<NotifyCenterLinux>& weak,
-                              const std::shared_ptr<Inotify>& inotify, unsigned server) {
-  if (const auto center = weak.lock()) center->reader_.take();
-  Events events;
-  for (;;) {
-    Clock::time_point deadline;
-    {
-      const auto center = weak.lock();
-      if (!center) return;
-      deadline = center->readDeadline();
+// On the queue where events are read. While a thread waits, it reads for all.
+void NotifyCenterLinux::turn(const DispatchQueue& queue) {
+  std::shared_ptr<NotifyWatch::Inotify> inotify;
+  {
+    const std::lock_guard guard(lock_);
+    if (generation_ != forkGeneration()) return;
+    if (!reader_.tryTake()) {
+      source_.reset();
+      return;
     }
-    read(*inotify, events, deadline);
-    const auto center = weak.lock();
-    if (!center || !center->serveTurn(events, server)) return;
+    resumeLk();
+    inotify = watch_.inotify();
   }
+  NotifyWatch::Events events;
+  events.read(*inotify, {});
+  const Outcome outcome = take(events);
+  callAwaited(outcome);
+  reader_.giveUp();
+  callOthers(outcome, &queue);
 }
 
-// False when another thread has taken over.
-bool NotifyCenterLinux::serveTurn(const Events& events, unsigned server) {
-  const Registrations handlers = finish(take(events));
-  if (!handlers.empty()) runLong(handlers, server);
-  reader_.announce();
-  const std::lock_guard guard(lock_);
-  return server == server_;
-}
-
-// Several could wait for each other, so that only the last one runs here; nobody else has to wait
-// for it, or is even read for: who waits for a response reads itself.
-void NotifyCenterLinux::runLong(const Registrations& handlers, unsigned server) {
-  for (auto next = handlers.begin(); next != handlers.end() - 1; ++next) (*next)->call(false);
-  bool isLent = false;
-  {
-    const std::lock_guard guard(lock_);
-    isLent = isServerLent_ = plainObservers_ == 0;
-  }
-  if (isLent) reader_.giveUp();
-  handlers.back()->call(isLent);
-  if (!isLent) return;
-  {
-    const std::lock_guard guard(lock_);
-    if (server != server_) return;
-    isServerLent_ = false;
-  }
-  reader_.take();
-}
-
-void NotifyCenterLinux::read(const Inotify& inotify, Events& events, Clock::time_point deadline) {
-  events.size = 0;
-  if (deadline != Clock::time_point::max()) {
-    pollfd readable{.fd = inotify.fd.get(), .events = POLLIN, .revents = 0};
-    const int count = retryInterrupted([&] {
-      const auto left = std::max(deadline - Clock::now(), Clock::duration::zero());
-      const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
-      const timespec limit{.tv_sec = seconds.count(), .tv_nsec = (left - seconds).count()};
-      return ::ppoll(&readable, 1, &limit, nullptr);
-    });
-    if (count <= 0) return;
-  }
-  const ssize_t size = retryInterrupted(
-      [&] { return ::read(inotify.fd.get(), events.bytes.data(), events.bytes.size()); });
-  events.size = static_cast<std::size_t>(std::max<ssize_t>(size, 0));
-}
-
-NotifyCenterLinux::Outcome NotifyCenterLinux::take(const Events& events) {
+NotifyCenterLinux::Outcome NotifyCenterLinux::take(const NotifyWatch::Events& events) {
   Outcome outcome;
+  std::vector<NotifyWatch::Change> changes;
   const std::lock_guard guard(lock_);
-  std::vector<Change> changes;
-  const bool isComplete = parseLk(events, changes);
-  for (const Change& change : changes) compareLk(change.file, change.place, outcome);
-  if (!isWatchingLk()) {
-    if (Clock::now() >= nextTry_) rewatchLk(outcome);
-  } else if (!isComplete || isStale_) {
+  const bool isWhole = watch_.take(events, changes);
+  for (const NotifyWatch::Change& change : changes) {
+    if (change.name == last_.name) last_.watch = -1;
+    if (change.isPost) compareLk(change.name, change.file, change.place, outcome);
+  }
+  const bool mayTry = Clock::now() >= nextTry_;
+  if (!watch_.isComplete()) {
+    if (mayTry) rewatchLk(outcome);
+  } else if (!isWhole || (isStale_ && mayTry)) {
     compareAllLk(outcome);
   }
   return outcome;
 }
 
-// False when the kernel lost events. What was left unread makes the descriptor readable once more.
-bool NotifyCenterLinux::parseLk(const Events& events, std::vector<Change>& changes) {
-  bool isComplete = true;
-  for (std::size_t offset = 0; offset < events.size;) {
-    inotify_event event{};
-    std::memcpy(&event, events.bytes.data() + offset, sizeof event);
-    const char* const name = events.bytes.data() + offset + sizeof event;
-    offset += sizeof event + event.len;
-    if ((event.mask & IN_Q_OVERFLOW) != 0) isComplete = false;
-    noteLk(event, event.len > 0 ? name : "", taken_ + offset, changes);
-  }
-  taken_ += events.size;
-  return isComplete;
-}
-
-void NotifyCenterLinux::noteLk(const inotify_event& event, const char* name, std::uint64_t place,
-                               std::vector<Change>& changes) {
-  if (event.wd < 0) return;
-  if (event.wd == root_) {
-    // Of a group that was removed, and those that will be, posts may be unread. What is written
-    // into a folder that was moved away is posted once more.
-    if ((event.mask & IN_DELETE) != 0) {
-      dropLk(root_);
-    } else {
-      unwatchLk();
-      for (Group& group : groups_) group.earlier = -1;
-    }
+// Without a folder, as when only the system may make it, it is looked for every second.
+void NotifyCenterLinux::rewatchLk(Outcome& outcome) {
+  try {
+    watch_.watch();
+  } catch (const SystemError& error) {
+    tryAgainLk(retryPause);  // the watches given up make events of their own
+    if (!std::exchange(isRetrying_, true)) outcome.complaints.emplace_back(error.what());
     return;
   }
-  auto* const group = std::find_if(groups_.begin(), groups_.end(), [&](const Group& one) {
-    return one.watch == event.wd || one.earlier == event.wd;
-  });
-  if (group == groups_.end()) return;  // of an earlier folder
-  if ((event.mask & folderIsGone) != 0) {
-    if (event.wd == group->watch) dropLk(*group);
-    return;
-  }
-  if (*name == '\0') return;
-  if (group->observers == 0) {  // nobody here is interested any more
-    dropLk(*group);
-    return;
-  }
-  std::string file{static_cast<char>('0' + (group - groups_.begin())), '/'};
-  file += name;
-  if ((event.mask & otherFile) != 0) folder_.forget(file);
-  if (file == last_.file) last_.watch = -1;
-  if ((event.mask & IN_MODIFY) == 0 || !observers_.contains(file)) return;
-  const auto known = std::find_if(changes.begin(), changes.end(),
-                                  [&](const Change& change) { return change.file == file; });
-  if (known == changes.end()) {
-    changes.push_back({std::move(file), place});
-  } else {
-    known->place = place;
-  }
-}
-
-void NotifyCenterLinux::compareLk(const std::string& file, std::optional<std::uint64_t> place,
-                                  Outcome& outcome) {
-  const auto entry = observers_.find(file);
-  if (entry == observers_.end()) return;
-  const NotifyFolder::Look look = folder_.lookAgain(file);
-  using State = NotifyFolder::State;
-  if (look.state == State::refused) {
-    std::string complaint =
-        "Refused " + folder_.path() + '/' + file + ": " + systemErrorText(look.error);
-    if (refused_.insert(file).second) outcome.complaints.push_back(std::move(complaint));
-  }
-  // Written and swept away since: there was a post, for those who observed the name by then.
-  const bool isGone = look.state == State::absent && place;
-  if (look.state != State::posted && !isGone) return;
-  for (const auto& registration : entry->second) {
-    const bool isOlder = isGone && *place <= registration->since;
-    if (isOlder || (!isGone && registration->seen == look.generation)) continue;
-    registration->seen = look.generation;
-    outcome.due.push_back(registration);
-  }
+  compareAllLk(outcome);
 }
 
 void NotifyCenterLinux::compareAllLk(Outcome& outcome) {
@@ -477,23 +320,80 @@ void NotifyCenterLinux::compareAllLk(Outcome& outcome) {
   isRetrying_ = false;
   last_.watch = -1;
   folder_.forgetAll();
-  for (const auto& [file, registrations] : observers_) compareLk(file, std::nullopt, outcome);
+  for (const auto& [name, registrations] : observers_) {
+    try {
+      for (const auto& file : folder_.filesOf(name)) compareLk(name, file, noPlace, outcome);
+    } catch (const SystemError& error) {
+      complainLk(name, error.what(), outcome);
+      isStale_ = true;
+    }
+  }
+  if (isStale_) tryAgainLk(retryPause);
 }
 
-// Without the lock: neither callbacks nor log handlers may be called under it. Leaves the handlers.
-NotifyCenterLinux::Registrations NotifyCenterLinux::finish(const Outcome& outcome) {
+void NotifyCenterLinux::compareLk(const std::string& name, const std::string& file,
+                                  std::uint64_t place, Outcome& outcome) {
+  const auto entry = observers_.find(name);
+  if (entry == observers_.end()) return;
+  const NotifyFolder::Look look = folder_.lookAgain(file);
+  using State = NotifyFolder::State;
+  if (look.state == State::refused || look.state == State::unread) {
+    const char* const what = look.state == State::refused ? "Refused " : "Can't read ";
+    complainLk(name, what + folder_.path() + '/' + file + ": " + systemErrorText(look.error),
+               outcome);
+  }
+  if (look.state == State::unread && place == noPlace) isStale_ = true;
+  for (const auto& observer : entry->second) {
+    if (isNews(look, place, *observer)) outcome.due.push_back(observer);
+  }
+}
+
+bool NotifyCenterLinux::isNews(const NotifyFolder::Look& look, std::uint64_t place,
+                               Registration& observer) {
+  switch (look.state) {
+    case NotifyFolder::State::posted: {
+      auto known = std::ranges::find(observer.seen, look.poster, &Seen::value_type::first);
+      if (known == observer.seen.end()) {
+        observer.seen.emplace_back(look.poster, look.generation);
+        return true;
+      }
+      return std::exchange(known->second, look.generation) != look.generation;
+    }
+    // Written, and swept away since or not to be read: there was a post, for those who observed the
+    // name by then.
+    case NotifyFolder::State::absent:
+    case NotifyFolder::State::unread:
+      return place > observer.since;
+    default:
+      return false;
+  }
+}
+
+// Once for each name.
+void NotifyCenterLinux::complainLk(const std::string& name, std::string text, Outcome& outcome) {
+  if (refused_.insert(name).second) outcome.complaints.push_back(std::move(text));
+}
+
+// Without the lock: neither callbacks nor log handlers may be called under it.
+void NotifyCenterLinux::callAwaited(const Outcome& outcome) {
+  for (const auto& registration : outcome.due) {
+    if (!registration->queue) registration->call();
+  }
+}
+
+// Those of the queue this runs on come last: they may take long.
+void NotifyCenterLinux::callOthers(const Outcome& outcome, const DispatchQueue* own) {
   for (const std::string& complaint : outcome.complaints) {
     logError({"Velum/NotifyCenter", "read()"}, "{}", complaint);
   }
-  Registrations handlers;
   for (const auto& registration : outcome.due) {
-    if (registration->kind == Kind::handler) {
-      handlers.push_back(registration);
-    } else {
-      registration->call(false);
-    }
+    const auto* const queue = registration->queue.get();
+    if (queue == nullptr || queue == own) continue;
+    registration->queue->async([registration] { registration->call(); });
   }
-  return handlers;
+  for (const auto& registration : outcome.due) {
+    if (own != nullptr && registration->queue.get() == own) registration->call();
+  }
 }
 
 void NotifyCenterLinux::sweepNowAndThen() {

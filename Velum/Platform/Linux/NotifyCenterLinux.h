@@ -1,36 +1,34 @@
 #pragma once
 
-#include <sys/inotify.h>
+#include <sys/types.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "Velum/Platform/AtFork.h"
+#include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/NotifyFolderLinux.h"
 #include "Velum/Platform/Linux/NotifyReaderLinux.h"
+#include "Velum/Platform/Linux/NotifyWatchLinux.h"
 #include "Velum/Platform/NotifyCenter.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/UnfairLock.h"
 
 namespace velum {
 
-/// The notify center of one folder: one inotify descriptor with a watch for the folder and for each
-/// group of files in it, however many names are observed. An event only says where to look; what
-/// was posted is told by the file's generation, compared for each observer with the one it saw
-/// last.
+/// The notify center of one folder. An event only says where to look; what was posted is told by
+/// the file's generation, compared for each observer with the one it saw last of that poster.
 ///
-/// Events are read by a thread of the center, which is started for the first observer that does not
-/// only wait, and by threads that wait for a response. The center's thread runs what may take long
-/// itself, as long as nobody but such handlers would have to wait; meanwhile it is not the reader.
+/// Events are read where the callbacks run: on the observers' queue while all have the same, else
+/// on the center's own. A thread that waits for a response reads itself; then the queue leaves the
+/// reading to it, and is handed what is to be called there.
 class NotifyCenterLinux final : public NotifyCenter,
                                 public ForkParticipant,
                                 public std::enable_shared_from_this<NotifyCenterLinux> {
@@ -41,11 +39,12 @@ class NotifyCenterLinux final : public NotifyCenter,
 
   NotifyCenterLinux(const NotifyCenterLinux&) = delete;
   NotifyCenterLinux& operator=(const NotifyCenterLinux&) = delete;
-  ~NotifyCenterLinux() override;
+  ~NotifyCenterLinux() override { unregisterForFork(); }
 
   void post(std::string_view name) override;
   std::unique_ptr<Observer> addObserver(std::string_view name, Callback callback) override;
-  std::unique_ptr<Observer> addHandler(std::string_view name, Handler handler) override;
+  std::unique_ptr<Observer> addObserver(std::string_view name, std::shared_ptr<DispatchQueue> queue,
+                                        Callback callback) override;
   std::unique_ptr<Observer> addAwaited(std::string_view name, Callback callback) override;
   bool wait(const std::function<bool()>& isDone, std::chrono::nanoseconds timeout) override;
 
@@ -54,31 +53,17 @@ class NotifyCenterLinux final : public NotifyCenter,
   void afterForkInChild() noexcept override;
 
  private:
-  /// Who may be kept waiting by whom.
-  enum class Kind : std::uint8_t { observer, handler, awaited };
+  using Clock = NotifyReaderRole::Clock;
+  using Queue = std::shared_ptr<DispatchQueue>;
+  /// The last generation of each user who posted.
+  using Seen = std::vector<std::pair<uid_t, NotifyGeneration>>;
   struct Registration;
   class Handle;
   using Registrations = std::vector<std::shared_ptr<Registration>>;
   using Observers = std::unordered_map<std::string, Registrations>;
-  using Clock = NotifyReaderRole::Clock;
-  /// The descriptor, which outlives a center whose thread is reading.
-  struct Inotify {
-    UniqueFd fd;
-  };
-  struct Events {  // NOLINT(*-member-init): filled by read
-    alignas(inotify_event) std::array<char, 16384> bytes;
-    std::size_t size = 0;
-  };
-  /// A group is watched when somebody observes a name in it, and perhaps some time after.
-  struct Group {
-    int watch = -1;
-    int earlier = -1;  // given up; its last events may be unread
+  struct QueueUse {
+    Queue queue;
     int observers = 0;
-  };
-  /// A file that was written, and where in the stream of events the last one says so.
-  struct Change {
-    std::string file;
-    std::uint64_t place;
   };
   /// What one reading of events asks for, once the lock is released.
   struct Outcome {
@@ -88,59 +73,52 @@ class NotifyCenterLinux final : public NotifyCenter,
 
   NotifyCenterLinux(std::string folder, NotifyFolder::Sharing sharing);
 
-  std::unique_ptr<Observer> add(std::string_view name, Kind kind, Handler handler);
-  void openLk(Observers& inherited);
-  void watchLk();
-  void watchGroupLk(std::size_t group);
-  void unwatchLk();
-  void dropLk(int& watch);
-  void dropLk(Group& group);
-  bool isWatchingLk() const noexcept;
-  int addWatchLk(const UniqueFd& folder, std::uint32_t events) const;
-  void rewatchLk(Outcome& outcome);
-  Clock::time_point readDeadline();
-  void startServerLk();
-  static void serve(const std::weak_ptr<NotifyCenterLinux>& weak,
-                    const std::shared_ptr<Inotify>& inotify, unsigned server);
-  bool serveTurn(const Events& events, unsigned server);
-  void runLong(const Registrations& handlers, unsigned server);
-  static void read(const Inotify& inotify, Events& events, Clock::time_point deadline);
-  Outcome take(const Events& events);
-  bool parseLk(const Events& events, std::vector<Change>& changes);
-  void noteLk(const inotify_event& event, const char* name, std::uint64_t place,
-              std::vector<Change>& changes);
-  void compareLk(const std::string& file, std::optional<std::uint64_t> place, Outcome& outcome);
-  void compareAllLk(Outcome& outcome);
-  static Registrations finish(const Outcome& outcome);
-  void sweepNowAndThen();
+  std::unique_ptr<Observer> add(std::string_view name, Queue queue, Callback callback);
   void remove(const std::shared_ptr<Registration>& registration);
-  std::size_t unreadLk() const;
-  NotifyGeneration presentLk(const std::string& file, std::size_t unread);
+  void openLk(Observers& inherited);
+  Seen presentLk(const std::string& name, std::size_t unread);
+
+  void enterLk(const Queue& queue);
+  Queue leaveLk(const Queue& queue);
+  void readOnLk(const Queue& queue);
+  void resumeLk();
+  void tryAgainLk(Clock::duration delay);
+  Clock::time_point readDeadline();
+  void turn(const DispatchQueue& queue);
+
+  Outcome take(const NotifyWatch::Events& events);
+  void rewatchLk(Outcome& outcome);
+  void compareAllLk(Outcome& outcome);
+  void compareLk(const std::string& name, const std::string& file, std::uint64_t place,
+                 Outcome& outcome);
+  static bool isNews(const NotifyFolder::Look& look, std::uint64_t place, Registration& observer);
+  void complainLk(const std::string& name, std::string text, Outcome& outcome);
+  static void callAwaited(const Outcome& outcome);
+  static void callOthers(const Outcome& outcome, const DispatchQueue* own);
+  void sweepNowAndThen();
 
   const NotifyFolder folder_;
+  const Queue own_;  // of observers that gave none
   std::atomic<std::chrono::steady_clock::rep> nextSweep_{0};
   NotifyReaderRole reader_;
 
-  UnfairLock lock_;
+  UnfairLock lock_;  // guards what is below
   unsigned generation_ = forkGeneration();
-  std::shared_ptr<Inotify> inotify_;
-  std::uint64_t taken_ = 0;  // bytes of its events
-  int root_ = -1;            // the watch of the folder itself; -1 while there is none
-  bool isStale_ = false;     // not all observed files were compared since that watch was made
-  std::array<Group, NotifyFolder::groups> groups_;
-  bool isRetrying_ = false;
-  Clock::time_point nextTry_;  // to watch the folder
-  unsigned server_ = 0;        // the center's thread, by number; an earlier one ends
-  bool hasServer_ = false;
-  bool isServerLent_ = false;  // it runs a handler that may take long
-  int plainObservers_ = 0;
+  NotifyWatch watch_{folder_};
+  bool isStale_ = false;                    // not all observed files were compared
+  bool isRetrying_ = false;                 // to watch the folder
+  Clock::time_point nextTry_;               // of either
+  Queue queue_;                             // where events are read
+  std::unique_ptr<DispatchSource> source_;  // none while a waiting thread reads
+  std::unique_ptr<DispatchSource> timer_;   // for the next try
   /// What the name that was observed last held then: whoever asks often observes it often.
   struct {
-    std::string file;
-    NotifyGeneration generation;
+    std::string name;
+    Seen seen;
     int watch = -1;  // of its group; -1 when there may have been posts since
   } last_;
-  Observers observers_;                      // by file name
+  Observers observers_;  // by the name's file name
+  std::vector<QueueUse> queues_;
   std::unordered_set<std::string> refused_;  // complained about already
 };
 

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <openssl/evp.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,8 +30,12 @@ namespace {
 
 constexpr std::size_t longestPlainName = 200;
 constexpr char hashMark = '=';
-constexpr mode_t allMayPost = 0666;
+constexpr char posterMark = '#';
+constexpr mode_t allMayRead = 0644;
+constexpr mode_t allMayEnter = 0755;
 constexpr mode_t allMayAdd = 01777;
+constexpr mode_t permissions = 07777;
+constexpr mode_t othersMayWrite = 0022;
 
 /// What stands before the name in a file.
 struct Header {
@@ -80,17 +85,32 @@ void write(const NotifyFile& file, const std::string& path, std::string_view byt
   }
 }
 
-/// Whether that very file still stands at the path: nobody removed or moved it, or its folder, or
-/// gave it away.
-bool isAt(const NotifyFile& file, const std::string& path) noexcept {
-  struct stat present {};
-  return ::lstat(path.c_str(), &present) == 0 && present.st_ino == file.inode &&
-         present.st_dev == file.device && present.st_uid == file.owner;
+UniqueFd openFolderAt(int parent, const char* name) noexcept {
+  constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+  return UniqueFd(retryInterrupted([&] { return ::openat(parent, name, flags); }));
 }
 
-UniqueFd createNew(const std::string& path) {
-  constexpr int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  return UniqueFd(retryInterrupted([&] { return ::open(path.c_str(), flags, 0600); }));
+// Where the name of a file in its group begins.
+const char* entryOf(const std::string& file) noexcept {
+  return file.c_str() + 2;
+}
+
+// What stays until somebody changes it on purpose.
+bool isRefusal(int error) noexcept {
+  constexpr std::array<int, 6> refusals{EINVAL, ELOOP, ENXIO, EISDIR, EACCES, EPERM};
+  return std::ranges::find(refusals, error) != refusals.end();
+}
+
+struct CloseFolder {
+  void operator()(DIR* folder) const { ::closedir(folder); }
+};
+using Listing = std::unique_ptr<DIR, CloseFolder>;
+
+Listing listed(UniqueFd folder) noexcept {
+  if (!folder) return nullptr;
+  Listing listing(::fdopendir(folder.get()));
+  if (listing) static_cast<void>(folder.release());
+  return listing;
 }
 
 }  // namespace
@@ -127,7 +147,7 @@ NotifyFolder::NotifyFolder(std::string path, Sharing sharing)
 
 std::string NotifyFolder::fileName(std::string_view name) {
   const bool isPlain = name.size() <= longestPlainName && isFileName(name) && name.front() != '.' &&
-                       name.front() != hashMark;
+                       name.front() != hashMark && name.find(posterMark) == std::string_view::npos;
   // 32 bits of FNV-1a: all processes must agree, whatever their standard library.
   std::uint32_t hash = 2166136261U;
   for (const char character : name) {
@@ -145,185 +165,256 @@ std::string NotifyFolder::fileName(std::string_view name) {
   return file;
 }
 
+std::string NotifyFolder::nameOf(std::size_t group, std::string_view entry) const {
+  // What has no mark is nobody's file; the name it seems to stand for has no observers then.
+  if (sharing_ == Sharing::all) entry = entry.substr(0, entry.rfind(posterMark));
+  return std::string{static_cast<char>('0' + group), '/'}.append(entry);
+}
+
 void NotifyFolder::requirePath() const {
   if (path_.empty()) {
     throw SystemError(ENOENT, "notify center, XDG_RUNTIME_DIR or TMPDIR, a folder for this user");
   }
 }
 
-bool NotifyFolder::isSafe(const struct stat& status) const noexcept {
+UniqueFd NotifyFolder::openTop(bool mayMake) const {
+  const bool isForAll = sharing_ == Sharing::all;
+  if (mayMake && ::mkdir(path_.c_str(), isForAll ? allMayEnter : 0700) != 0 && errno != EEXIST) {
+    throw folderError("mkdir", path_);
+  }
+  UniqueFd folder = openFolderAt(AT_FDCWD, path_.c_str());
+  struct stat status {};
+  if (!folder || ::fstat(folder.get(), &status) != 0) throw folderError("open", path_);
   const bool isOwn = status.st_uid == ::geteuid();
-  if (sharing_ == Sharing::user) return isOwn && (status.st_mode & 0077U) == 0;
-  return (isOwn || status.st_uid == 0) &&
-         ((status.st_mode & 0022U) == 0 || (status.st_mode & S_ISVTX) != 0);
+  const bool isSafe = isForAll
+                          ? (isOwn || status.st_uid == 0) && (status.st_mode & othersMayWrite) == 0
+                          : isOwn && (status.st_mode & 0077U) == 0;
+  if (!isSafe) {
+    throw SystemError(EPERM, "notify center, others may change the folder " + path_);
+  }
+  // Just made, with the process's umask, or whoever made it came no further.
+  const bool isReady = !isForAll || !isOwn || (status.st_mode & allMayEnter) == allMayEnter;
+  if (!isReady && ::fchmod(folder.get(), allMayEnter) != 0) throw folderError("fchmod", path_);
+  return folder;
 }
 
-UniqueFd NotifyFolder::openFolder(const std::string& path, bool mayMake) const {
+// Nobody but its owner can put anything into the folder above.
+UniqueFd NotifyFolder::openGroup(const UniqueFd& top, std::size_t group, bool mayMake) const {
+  const std::string name = std::to_string(group);
+  const std::string path = path_ + '/' + name;
+  struct stat above {};
+  if (::fstat(top.get(), &above) != 0) throw folderError("fstat", path_);
   const bool isForAll = sharing_ == Sharing::all;
-  const bool isNew = mayMake && ::mkdir(path.c_str(), isForAll ? 0755 : 0700) == 0;
-  if (mayMake && !isNew && errno != EEXIST) throw folderError("mkdir", path);
-  if (isNew && isForAll && ::chmod(path.c_str(), allMayAdd) != 0) {
-    throw folderError("chmod", path);
+  const bool isOwn = above.st_uid == ::geteuid();
+  if (mayMake && isOwn && ::mkdirat(top.get(), name.c_str(), 0700) != 0 && errno != EEXIST) {
+    throw folderError("mkdir", path);
   }
-  UniqueFd folder(retryInterrupted(
-      [&] { return ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+  UniqueFd folder = openFolderAt(top.get(), name.c_str());
   struct stat status {};
   if (!folder || ::fstat(folder.get(), &status) != 0) throw folderError("open", path);
-  if (!isSafe(status)) {
-    throw SystemError(EPERM, "notify center, others may change the folder " + path);
+  if (status.st_uid != above.st_uid) {
+    throw SystemError(EPERM, "notify center, another user owns the folder " + path);
   }
+  // Just made, or whoever made it came no further.
+  const bool isReady = !isForAll || !isOwn || (status.st_mode & permissions) == allMayAdd;
+  if (!isReady && ::fchmod(folder.get(), allMayAdd) != 0) throw folderError("fchmod", path);
   return folder;
 }
 
 UniqueFd NotifyFolder::make() const {
   requirePath();
   if (sharing_ == Sharing::all) {
-    UniqueFd folder = openFolder(path_, true);
-    if (mayMakeGroups()) {
-      for (std::size_t group = 0; group < groups; ++group) makeGroup(group);
-    }
+    // Only the system's folder is there before the first process, made by root.
+    UniqueFd folder = openTop(true);
+    struct stat status {};
+    const bool isOwn = ::fstat(folder.get(), &status) == 0 && status.st_uid == ::geteuid();
+    for (std::size_t group = 0; isOwn && group < groups; ++group) openGroup(folder, group, true);
     return folder;
   }
   try {
-    return openFolder(path_, true);
+    return openTop(true);
   } catch (const SystemError& error) {
     if (error.code() != ENOENT) throw;
   }
   Directories::shared().runtime();  // makes the folder above it again
-  return openFolder(path_, true);
-}
-
-// In a folder for all, only its owner does: whoever made a group could remove others' files.
-bool NotifyFolder::mayMakeGroups() const noexcept {
-  if (sharing_ == Sharing::user) return true;
-  struct stat status {};
-  return ::lstat(path_.c_str(), &status) == 0 && status.st_uid == ::geteuid();
+  return openTop(true);
 }
 
 UniqueFd NotifyFolder::makeGroup(std::size_t group) const {
-  return openFolder(path_ + '/' + std::to_string(group), mayMakeGroups());
+  return openGroup(openTop(false), group, true);
+}
+
+// Null, with errno, when there is none.
+UniqueFd NotifyFolder::existingGroup(std::size_t group) const noexcept try {
+  return openGroup(openTop(false), group, false);
+} catch (const SystemError& error) {
+  errno = error.code();
+  return {};
+}
+
+std::vector<std::string> NotifyFolder::entriesOf(std::size_t group) const {
+  const Listing listing = listed(existingGroup(group));
+  if (!listing && errno == ENOENT) return {};
+  const std::string path = path_ + '/' + std::to_string(group);
+  if (!listing) throw folderError("opendir", path);
+  std::vector<std::string> entries;
+  errno = 0;
+  while (const dirent* entry = ::readdir(listing.get())) entries.emplace_back(entry->d_name);
+  if (errno != 0) throw folderError("readdir", path);
+  return entries;
+}
+
+std::vector<std::string> NotifyFolder::filesOf(const std::string& name) const {
+  if (sharing_ == Sharing::user) return {name};
+  const std::size_t group = groupOf(name);
+  std::vector<std::string> files;
+  for (const std::string& entry : entriesOf(group)) {
+    const bool isMarked = entry.find(posterMark) != std::string::npos;
+    if (isMarked && nameOf(group, entry) == name) {
+      files.push_back(std::string{name.front(), '/'} + entry);
+    }
+  }
+  return files;
+}
+
+void NotifyFolder::forget(const std::string& file) const {
+  recent_.forget(file);
+  if (sharing_ == Sharing::all)
+    recent_.forget(nameOf(groupOf(file), entryOf(file)));  // the own one
+}
+
+/// Whether that very file still stands at its path: nobody removed or moved it, or its folder, or
+/// gave it away.
+bool NotifyFolder::isAt(const NotifyFile& file) const noexcept {
+  struct stat present {};
+  return ::lstat(pathOf(file.file).c_str(), &present) == 0 && present.st_ino == file.inode &&
+         present.st_dev == file.device && present.st_uid == file.owner;
 }
 
 // Null, with errno EINVAL, for what can't be a file of ours.
-NotifyFolder::File NotifyFolder::openExisting(const std::string& file, int access,
-                                              std::size_t maxSize) const {
-  const std::string path = pathOf(file);
+NotifyFolder::File NotifyFolder::openExisting(const UniqueFd& group, const std::string& file,
+                                              int access) const noexcept {
   const int flags = access | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-  UniqueFd fd(retryInterrupted([&] { return ::open(path.c_str(), flags); }));
+  UniqueFd fd(retryInterrupted([&] { return ::openat(group.get(), entryOf(file), flags); }));
   struct stat status {};
   if (!fd || ::fstat(fd.get(), &status) != 0) return nullptr;
   const bool isAcceptable = S_ISREG(status.st_mode) && status.st_nlink <= 1 &&
-                            static_cast<std::size_t>(status.st_size) <= maxSize &&
                             (sharing_ == Sharing::all || status.st_uid == ::geteuid());
   if (!isAcceptable) {
     fd.reset();
     errno = EINVAL;
     return nullptr;
   }
-  return std::make_shared<const NotifyFile>(NotifyFile{std::move(fd), status.st_dev, status.st_ino,
-                                                       status.st_uid,
-                                                       static_cast<std::size_t>(status.st_size)});
+  return std::make_shared<const NotifyFile>(
+      NotifyFile{std::move(fd), status.st_dev, status.st_ino, status.st_uid, file});
 }
 
 // A file of somebody who lets others only read is read as well, but not kept.
-NotifyFolder::File NotifyFolder::openForLook(const std::string& file) const {
+NotifyFolder::File NotifyFolder::openForLook(const std::string& file) const noexcept {
   if (auto kept = recent_.find(file)) return kept;
-  auto opened = openExisting(file, O_RDWR, std::string::npos);
+  const UniqueFd group = existingGroup(groupOf(file));
+  if (!group) return nullptr;
+  auto opened = openExisting(group, file, O_RDWR);
   if (opened) {
     recent_.keep(file, opened);
   } else if (errno == EACCES) {
-    opened = openExisting(file, O_RDONLY, std::string::npos);
+    opened = openExisting(group, file, O_RDONLY);
   }
   return opened;
 }
 
 NotifyFolder::Look NotifyFolder::look(const std::string& file) const noexcept {
   // Nobody watched where it stands.
-  if (const auto kept = recent_.find(file); kept && !isAt(*kept, pathOf(file))) {
-    recent_.forget(file);
-  }
+  if (const auto kept = recent_.find(file); kept && !isAt(*kept)) recent_.forget(file);
   return lookAgain(file);
 }
 
 NotifyFolder::Look NotifyFolder::lookAgain(const std::string& file) const noexcept {
+  const auto failed = [](int error) -> Look {
+    if (error == ENOENT) return {};
+    return {isRefusal(error) ? State::refused : State::unread, {}, 0, error};
+  };
   const File opened = openForLook(file);
-  if (!opened) return {errno == ENOENT ? State::absent : State::refused, {}, errno};
+  if (!opened) return failed(errno);
   Header header;
-  const ssize_t size = ::pread(opened->fd.get(), &header, sizeof header, 0);
-  if (size < 0) return {State::refused, {}, errno};
+  const ssize_t size =
+      retryInterrupted([&] { return ::pread(opened->fd.get(), &header, sizeof header, 0); });
+  if (size < 0) return failed(errno);
   // Just made, or its poster died before the write.
   const bool isWhole = static_cast<std::size_t>(size) == sizeof header &&
                        header.flipped == flipped(header.generation);
-  if (!isWhole) return {State::busy, {}, 0};
-  return {State::posted, header.generation, 0};
+  if (!isWhole) return {State::busy, {}, 0, 0};
+  return {State::posted, header.generation, opened->owner, 0};
 }
 
-NotifyFolder::File NotifyFolder::create(const std::string& file) const {
-  UniqueFd fd = sharing_ == Sharing::all ? createForAll(file) : createNew(pathOf(file));
-  struct stat status {};
-  if (!fd || ::fstat(fd.get(), &status) != 0) return nullptr;
-  return std::make_shared<const NotifyFile>(NotifyFile{std::move(fd), status.st_dev, status.st_ino,
-                                                       status.st_uid,
-                                                       static_cast<std::size_t>(status.st_size)});
-}
-
-// The process's umask must not keep others from posting, not even for a moment: the file gets its
-// mode before it gets its name.
-UniqueFd NotifyFolder::createForAll(const std::string& file) const noexcept {
-  static std::atomic<unsigned> count{0};
-  const std::string fresh = fmt::format("{}/{}/.{}.{}.{}", path_, groupOf(file), ::getpid(),
-                                        currentThreadId(), count.fetch_add(1));
-  UniqueFd fd = createNew(fresh);
-  if (!fd) return fd;
-  if (::fchmod(fd.get(), allMayPost) == 0 &&
-      ::renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, pathOf(file).c_str(), RENAME_NOREPLACE) == 0) {
-    return fd;
-  }
-  const int error = errno;
-  ::unlink(fresh.c_str());
-  errno = error;
-  return {};
-}
-
-// Null when it has to be tried once more: the folder was missing, or somebody else made the file
-// meanwhile.
-NotifyFolder::File NotifyFolder::openForPost(const std::string& file, std::size_t maxSize,
-                                             bool& isNew) const {
+// Null, with errno; EEXIST for a file of somebody else.
+NotifyFolder::File NotifyFolder::openOrCreate(const UniqueFd& group, const std::string& file,
+                                              bool& isNew) const {
   isNew = false;
-  if (auto kept = recent_.find(file); kept && kept->size <= maxSize) return kept;
-  auto opened = openExisting(file, O_RDWR, maxSize);
-  isNew = !opened && errno == ENOENT;
-  if (isNew) opened = create(file);
-  if (isNew && !opened && errno == ENOENT) {
+  auto opened = openExisting(group, file, O_RDWR);
+  if (!opened && errno == ENOENT) {
+    constexpr int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    const UniqueFd made(
+        retryInterrupted([&] { return ::openat(group.get(), entryOf(file), flags, 0600); }));
+    isNew = static_cast<bool>(made);
+    // Made by another thread or process meanwhile: looked at as any other.
+    if (made || errno == EEXIST) opened = openExisting(group, file, O_RDWR);
+  }
+  if (!opened || sharing_ == Sharing::user) return opened;
+  if (opened->owner != ::geteuid()) {
+    errno = EEXIST;
+    return nullptr;
+  }
+  // The process's umask must not keep others from reading.
+  return ::fchmod(opened->fd.get(), allMayRead) == 0 ? opened : nullptr;
+}
+
+// This user's file for what `fileName` gave. Null when it has to be tried once more, because the
+// folder was missing or somebody was faster.
+NotifyFolder::File NotifyFolder::openOwn(const std::string& name, bool& isNew) const {
+  isNew = false;
+  if (auto kept = recent_.find(name)) return kept;
+  const UniqueFd group = existingGroup(groupOf(name));
+  if (!group && errno != ENOENT) throw folderError("open", path_);
+  if (!group) {
     make();
     try {
-      makeGroup(groupOf(file));
+      makeGroup(groupOf(name));
     } catch (const SystemError& error) {
-      if (error.code() != ENOENT) throw;  // else it was removed meanwhile
+      if (error.code() != ENOENT || sharing_ == Sharing::all) throw;  // else removed meanwhile
     }
     return nullptr;
   }
-  if (isNew && !opened && errno == EEXIST) return nullptr;
+  std::string file = name;
+  if (sharing_ == Sharing::all) file += fmt::format("{}{}", posterMark, ::geteuid());
+  auto opened = openOrCreate(group, file, isNew);
+  if (!opened && sharing_ == Sharing::all && (errno == EEXIST || isRefusal(errno))) {
+    std::uint64_t unknown = 0;
+    if (::getrandom(&unknown, sizeof unknown, 0) != sizeof unknown)
+      throw postError("getrandom", file);
+    file += fmt::format(".{:016x}", unknown);
+    opened = openOrCreate(group, file, isNew);
+  }
+  if (!opened && errno == ENOENT) return nullptr;
   if (!opened) throw postError("open", pathOf(file));
-  recent_.keep(file, opened);
+  recent_.keep(name, opened);
   return opened;
 }
 
 bool NotifyFolder::post(std::string_view name) const {
   requirePath();
   const std::string file = fileName(name);
-  const std::string path = pathOf(file);
   const std::string bytes = content(name);
   constexpr int maxTurns = 100;
   for (int turn = 0; turn < maxTurns; ++turn) {
     bool isNew = false;
-    const File opened = openForPost(file, bytes.size(), isNew);
+    const File opened = openOwn(file, isNew);
     if (!opened) continue;
-    write(*opened, path, bytes);
-    if (isAt(*opened, path)) return isNew;
+    write(*opened, pathOf(opened->file), bytes);
+    if (isAt(*opened)) return isNew;
     recent_.forget(file);
   }
-  throw SystemError(EBUSY, fmt::format("post(_:), open ({})", path));
+  throw SystemError(EBUSY, fmt::format("post(_:), open ({})", pathOf(file)));
 }
 
 void NotifyFolder::sweep() const noexcept {
@@ -331,19 +422,15 @@ void NotifyFolder::sweep() const noexcept {
 }
 
 void NotifyFolder::sweepGroup(std::size_t group) const noexcept {
-  struct Close {
-    void operator()(DIR* folder) const { ::closedir(folder); }
-  };
-  const std::unique_ptr<DIR, Close> folder(
-      ::opendir((path_ + '/' + std::to_string(group)).c_str()));
+  const Listing folder = listed(existingGroup(group));
   if (!folder) return;
   const std::time_t limit = std::time(nullptr) - quietSeconds;
   while (const dirent* entry = ::readdir(folder.get())) {
     struct stat status {};
     const int parent = ::dirfd(folder.get());
     const bool isThere = ::fstatat(parent, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0;
-    // In a folder for all, only the owner's try succeeds.
-    if (isThere && S_ISREG(status.st_mode) && status.st_mtime < limit) {
+    // In a folder for all, only the owner's try succeeds, and root's.
+    if (isThere && !S_ISDIR(status.st_mode) && status.st_mtime < limit) {
       ::unlinkat(parent, entry->d_name, 0);
     }
   }

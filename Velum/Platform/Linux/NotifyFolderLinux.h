@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Velum/ForkSafeLock.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
@@ -31,7 +32,7 @@ struct NotifyFile {
   dev_t device = 0;
   ino_t inode = 0;
   uid_t owner = 0;
-  std::size_t size = 0;  ///< When it was opened.
+  std::string file;  ///< Its path below the folder.
 };
 
 /// The files used last, kept open: to open one costs more than to read or write it. Any thread.
@@ -59,33 +60,39 @@ class RecentNotifyFiles {
   std::size_t next_ = 0;  // to be replaced
 };
 
-/// The files behind the notifications of one scope, a file per name that was posted lately. They
-/// stand in a few groups, subfolders, by a hash of their name, so that a post wakes few of those
-/// who observe other names, the poster itself among them. A file holds the generation of the last
-/// post, the same with all bits flipped, and the name.
+/// The files behind the notifications of one scope, a file per name that was posted lately and,
+/// between users, per user who posted it. They stand in a few groups, subfolders, by a hash of
+/// their name, so that a post wakes few of those who observe other names, the poster itself among
+/// them. A file holds the generation of the last post, the same with all bits flipped, and the
+/// name.
 ///
 /// Two posts at once are two writes, which the kernel puts in an order; whichever is last stays,
 /// and no lock is needed. A reader beside a write may see half of it and knows it by the flipped
 /// copy.
 ///
-/// Opening never follows a link, never waits for a FIFO, and refuses what is not a plain file with
-/// one name; nothing is written to such a thing. Any thread.
+/// Between users, nobody can be kept from posting: nobody writes another one's file, and whoever
+/// finds something else under the name of his own takes a name that nobody can know. Folders are
+/// opened without following links, checked, and used by descriptor: what stands at their paths
+/// later does not matter. Files are opened without following links and without waiting for a FIFO;
+/// what is not a plain file with one name is refused, and nothing is written to it. Any thread.
 class NotifyFolder {
  public:
   enum class Sharing : std::uint8_t {
     user,  ///< Folder 0700, files 0600; other users' files are refused.
-    all,   ///< Folder 1777, files 0666.
+    all,   ///< Folder 0755, its groups 1777, files 0644.
   };
   enum class State : std::uint8_t {
     posted,
     absent,   ///< Never posted, or removed after a quiet time.
     busy,     ///< Being written just now: an event will follow.
-    refused,  ///< Can't be read, or something else stands in the file's place.
+    refused,  ///< Something else stands in the file's place, or its owner lets nobody read it.
+    unread,   ///< It can't be read for the moment.
   };
   struct Look {
     State state = State::absent;
     NotifyGeneration generation;  ///< When posted.
-    int error = 0;                ///< When refused: the POSIX code, EINVAL for another thing.
+    uid_t poster = 0;             ///< When posted.
+    int error = 0;  ///< When refused or unread: the POSIX code, EINVAL for another thing.
   };
 
   /// A file whose last post is older may be removed. An observer that does not get to look for that
@@ -100,28 +107,33 @@ class NotifyFolder {
   static constexpr std::size_t groups = 8;
 
   /// The file's name for a notification: its group, "/", and the same name where it can be one,
-  /// else
-  /// "=" and its SHA-256.
+  /// else "=" and its SHA-256. Between users, "#", the poster's id and perhaps more follow it.
   static std::string fileName(std::string_view name);
   /// The group of such a name.
   static std::size_t groupOf(std::string_view file) noexcept {
     return static_cast<std::size_t>(file.front() - '0');
   }
+  /// What `fileName` gave for the notification that a file in a group, called `entry` there, stands
+  /// for.
+  std::string nameOf(std::size_t group, std::string_view entry) const;
 
-  /// Makes the folder where it is missing, one for all with its groups, and returns a reference
-  /// (O_PATH) to it. Throws SystemError, also when the folder that is there could be changed by
-  /// others.
+  /// Makes the folder where it is missing, one for all with its groups, and returns it. Throws
+  /// SystemError, also when the folder that is there could be changed by others.
   UniqueFd make() const;
-  /// The same for the folder of a group, in the folder that `make` returned.
+  /// The same for the folder of a group. Only the owner of a folder for all makes groups: whoever
+  /// made one could remove others' files.
   UniqueFd makeGroup(std::size_t group) const;
 
-  /// What the file `file`, made by `fileName`, tells.
+  /// The files there are for what `fileName` gave, one per user who posted it. Throws SystemError.
+  std::vector<std::string> filesOf(const std::string& name) const;
+
+  /// What the file tells, `file` being one of `filesOf`.
   Look look(const std::string& file) const noexcept;
   /// The same for somebody who calls `forget` as soon as other files get that name.
   Look lookAgain(const std::string& file) const noexcept;
 
   /// Looks for the file anew, the next time.
-  void forget(const std::string& file) const { recent_.forget(file); }
+  void forget(const std::string& file) const;
   void forgetAll() const { recent_.forgetAll(); }
 
   /// Writes a new generation; true when the file was made for it. Throws SystemError.
@@ -134,16 +146,17 @@ class NotifyFolder {
   using File = RecentNotifyFiles::File;
 
   void requirePath() const;
-  bool isSafe(const struct stat& status) const noexcept;
-  bool mayMakeGroups() const noexcept;
-  UniqueFd openFolder(const std::string& path, bool mayMake) const;
+  UniqueFd openTop(bool mayMake) const;
+  UniqueFd openGroup(const UniqueFd& top, std::size_t group, bool mayMake) const;
+  UniqueFd existingGroup(std::size_t group) const noexcept;
+  std::vector<std::string> entriesOf(std::size_t group) const;
   void sweepGroup(std::size_t group) const noexcept;
   std::string pathOf(const std::string& file) const { return path_ + '/' + file; }
-  File openExisting(const std::string& file, int access, std::size_t maxSize) const;
-  File openForLook(const std::string& file) const;
-  File openForPost(const std::string& file, std::size_t maxSize, bool& isNew) const;
-  File create(const std::string& file) const;
-  UniqueFd createForAll(const std::string& file) const noexcept;
+  bool isAt(const NotifyFile& file) const noexcept;
+  File openExisting(const UniqueFd& group, const std::string& file, int access) const noexcept;
+  File openForLook(const std::string& file) const noexcept;
+  File openOwn(const std::string& name, bool& isNew) const;
+  File openOrCreate(const UniqueFd& group, const std::string& file, bool& isNew) const;
 
   std::string path_;
   Sharing sharing_;

@@ -1,6 +1,7 @@
 #include "Velum/Platform/Linux/NotifyReaderLinux.h"
 
 #include <memory>
+#include <utility>
 
 namespace velum {
 
@@ -26,12 +27,9 @@ NotifyReaderRole::Answer NotifyReaderRole::take(const std::function<bool()>& isD
   return Answer::mine;
 }
 
-void NotifyReaderRole::take() {
-  std::unique_lock guard(mutex_);
-  ++waiting_;
-  changed_.wait(guard, [this] { return !isTaken_; });
-  --waiting_;
-  isTaken_ = true;
+bool NotifyReaderRole::tryTake() {
+  const std::lock_guard guard(mutex_);
+  return !std::exchange(isTaken_, true);
 }
 
 void NotifyReaderRole::giveUp() {
@@ -43,11 +41,6 @@ void NotifyReaderRole::giveUp() {
 bool NotifyReaderRole::isTaken() {
   const std::lock_guard guard(mutex_);
   return isTaken_;
-}
-
-void NotifyReaderRole::announce() {
-  const std::lock_guard guard(mutex_);
-  if (waiting_ > 0) changed_.notify_all();
 }
 
 void NotifyReaderRole::afterForkInChild() noexcept {

@@ -25,13 +25,12 @@ class NotifyReaderRole final : public ForkParticipant {
   /// Blocks until the calling thread has the role, or until `isDone` or the deadline: then it is
   /// over. A thread that is done never gets the role.
   Answer take(const std::function<bool()>& isDone, Clock::time_point deadline);
-  /// Blocks until the calling thread has the role.
-  void take();
+  /// False when some thread has it.
+  bool tryTake();
+  /// Also has the threads that wait look again whether they are done.
   void giveUp();
   /// Whether some thread has it, and may have read events that it has not taken yet.
   bool isTaken();
-  /// Has the threads that wait look again whether they are done.
-  void announce();
 
   void prepareFork() noexcept override { mutex_.lock(); }
   void afterForkInParent() noexcept override { mutex_.unlock(); }

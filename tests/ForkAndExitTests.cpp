@@ -239,6 +239,29 @@ TEST_P(ForkAndExit, AProcessMayExitInTheMiddle) {
   exitBesideUsers([this] { return make(); });
 }
 
+TEST(Fork, IsToldOnceToWhoeverCameAgain) {
+  class Participant final : public ForkParticipant {
+   public:
+    Participant() : ForkParticipant(Stage::leaf) {}
+    using ForkParticipant::registerForFork;
+    using ForkParticipant::unregisterForFork;
+    void prepareFork() noexcept override { ASSERT_EQ(++forks, 1); }
+    void afterForkInParent() noexcept override {}
+    void afterForkInChild() noexcept override {}
+    int forks = 0;
+  };
+  Participant first;
+  Participant second;
+  first.registerForFork();
+  second.registerForFork();
+  first.unregisterForFork();
+  first.registerForFork();
+  inChild([] {});
+  first.unregisterForFork();
+  second.unregisterForFork();
+  EXPECT_EQ(first.forks + second.forks, 2);
+}
+
 TEST(Fork, GivesParentAndChildDifferentRandomBytesAndIds) {
   AES aes(ByteView(key()).first(16));
   SealedBox box{ByteView(key())};

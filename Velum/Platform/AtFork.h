@@ -53,6 +53,10 @@ class ForkParticipant {
   ForkParticipant* next_ = nullptr;
 };
 
+/// pthread_atfork(3), but for handlers that exit(3) does not take away: a fork in another thread
+/// would find them gone half way. So the code must stay in memory. Returns an errno value.
+int addForkHandlers(void (*prepare)(), void (*parent)(), void (*child)()) noexcept;
+
 /// How often this process has begun to fork or come back from it.
 unsigned forksBegun() noexcept;
 

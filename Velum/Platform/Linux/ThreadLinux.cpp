@@ -20,6 +20,11 @@
 // The compiler's name for the program or shared library that this code is part of.
 extern "C" __attribute__((visibility("hidden"))) void* __dso_handle;  // NOLINT
 
+// Part of the C library's binary interface (LSB 5.0), as what pthread_atfork calls with the address
+// above, by which exit finds the handlers to take away.
+extern "C" int __register_atfork(void (*prepare)(), void (*parent)(), void (*child)(),  // NOLINT
+                                 void* owner) noexcept;
+
 namespace velum {
 namespace {
 
@@ -80,6 +85,10 @@ int startThread(const char* name, std::function<void()> body) noexcept {
   } catch (const std::bad_alloc&) {
     return ENOMEM;
   }
+}
+
+int addForkHandlers(void (*prepare)(), void (*parent)(), void (*child)()) noexcept {
+  return __register_atfork(prepare, parent, child, nullptr);
 }
 
 void atThreadExit(void (*function)(void*), void* argument) noexcept {

@@ -1,7 +1,5 @@
 #include "Velum/Platform/AtFork.h"
 
-#include <pthread.h>
-
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -53,6 +51,7 @@ class ForkRegistry {
     const std::lock_guard guard(mutex_);
     List& list = listOf(participant);
     participant.previous_ = list.last;
+    participant.next_ = nullptr;  // it may have been registered before
     (list.last != nullptr ? list.last->next_ : list.first) = &participant;
     list.last = &participant;
   }
@@ -73,9 +72,9 @@ class ForkRegistry {
   };
 
   ForkRegistry() {
-    const int error = ::pthread_atfork([] { shared().prepare(); }, [] { shared().parent(); },
-                                       [] { shared().child(); });
-    if (error != 0) throw std::system_error(error, std::generic_category(), "pthread_atfork");
+    const int error = addForkHandlers([] { shared().prepare(); }, [] { shared().parent(); },
+                                      [] { shared().child(); });
+    if (error != 0) throw std::system_error(error, std::generic_category(), "addForkHandlers");
   }
 
   List& listOf(const ForkParticipant& participant) noexcept {

@@ -11,16 +11,16 @@ namespace {
 using detail::CipherContext;
 
 const EVP_CIPHER* cipher(std::size_t keySize) {
-  static const EVP_CIPHER* const aes128 = detail::fetchCipher("AES-128-CBC");
-  static const EVP_CIPHER* const aes192 = detail::fetchCipher("AES-192-CBC");
-  static const EVP_CIPHER* const aes256 = detail::fetchCipher("AES-256-CBC");
+  static constinit detail::FetchedCipher aes128("AES-128-CBC");
+  static constinit detail::FetchedCipher aes192("AES-192-CBC");
+  static constinit detail::FetchedCipher aes256("AES-256-CBC");
   switch (keySize) {
     case 16:
-      return aes128;
+      return aes128.get();
     case 24:
-      return aes192;
+      return aes192.get();
     case 32:
-      return aes256;
+      return aes256.get();
     default:
       throw AESError("Invalid key length", static_cast<std::int64_t>(keySize));
   }

@@ -60,10 +60,14 @@ bool CipherContext::update(ByteView in, std::uint8_t* out, std::size_t& written)
   return true;
 }
 
-const EVP_CIPHER* fetchCipher(const char* name) {
-  const EVP_CIPHER* const cipher = EVP_CIPHER_fetch(nullptr, name, nullptr);
-  if (cipher == nullptr) fatal("The cryptographic library has no " + std::string(name));
-  return cipher;
+const EVP_CIPHER* FetchedCipher::get() {
+  if (const EVP_CIPHER* const known = cipher_.load(std::memory_order_acquire)) return known;
+  EVP_CIPHER* const fresh = EVP_CIPHER_fetch(nullptr, name_, nullptr);
+  if (fresh == nullptr) fatal("The cryptographic library has no " + std::string(name_));
+  const EVP_CIPHER* first = nullptr;
+  if (cipher_.compare_exchange_strong(first, fresh, std::memory_order_acq_rel)) return fresh;
+  EVP_CIPHER_free(fresh);  // another thread was faster
+  return first;
 }
 
 }  // namespace velum::detail

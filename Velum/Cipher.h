@@ -2,6 +2,7 @@
 
 #include <openssl/evp.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -56,8 +57,19 @@ class CipherContext {
   std::unique_ptr<EVP_CIPHER_CTX, Free> context_;
 };
 
-/// The cipher of that name, looked up once per name by its caller and never freed. Stops the
-/// process when the library does not have it.
-const EVP_CIPHER* fetchCipher(const char* name);
+/// The cipher of a name, looked up once and never freed. A static variable needs no time to make,
+/// unlike the look-up, during which another thread may fork. Any thread.
+class FetchedCipher {
+ public:
+  /// `name` must live as long.
+  constexpr explicit FetchedCipher(const char* name) noexcept : name_(name) {}
+
+  /// Stops the process when the library does not have it.
+  const EVP_CIPHER* get();
+
+ private:
+  const char* name_;
+  std::atomic<const EVP_CIPHER*> cipher_{nullptr};
+};
 
 }  // namespace velum::detail

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Velum/Fatal.h"
+#include "Velum/LazyValue.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Bundle.h"
 
@@ -16,12 +17,13 @@ namespace {
 constexpr std::string_view sourceFile = "Velum/KeyChain";
 
 const std::string& mainBundleIdentifier() {
-  static const std::string& identifier = *[] {
+  static auto& identifier =
+      *new LazyValue<std::string>;  // NOLINT(*-owning-memory): never destroyed
+  return identifier.get([] {
     const auto bundle = Bundle::main();
     if (!bundle || !bundle->identifier) fatal("The main bundle has no identifier");
-    return new std::string(*bundle->identifier);  // NOLINT(*-owning-memory): never destroyed
-  }();
-  return identifier;
+    return *bundle->identifier;
+  });
 }
 
 SecretQuery baseQuery(const std::string& key, const KeyChain::Service& service,

@@ -14,9 +14,9 @@ namespace {
 using detail::CipherContext;
 
 std::unique_ptr<CipherContext> context(CipherContext::Direction direction, ByteView key) {
-  static const EVP_CIPHER* const cipher = detail::fetchCipher("AES-256-GCM");
+  static constinit detail::FetchedCipher cipher("AES-256-GCM");
   if (key.size() != SealedBox::keySize) throw StorageError("incorrectKeySize");
-  return std::make_unique<CipherContext>(cipher, direction, key, nullptr);
+  return std::make_unique<CipherContext>(cipher.get(), direction, key, nullptr);
 }
 
 }  // namespace

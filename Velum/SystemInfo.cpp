@@ -7,6 +7,7 @@
 #include <utility>
 #include <variant>
 
+#include "Velum/LazyValue.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/String.h"
 #include "Velum/SystemUtils.h"
@@ -79,15 +80,13 @@ std::string withoutVersions(std::string_view text) {
 }  // namespace
 
 const std::string& SystemInfo::serialNumber() {
-  static const std::string& text =
-      *new std::string(readSerialNumber(HardwareRegistry::shared()));  // NOLINT: never destroyed
-  return text;
+  static auto& text = *new LazyValue<std::string>;  // NOLINT(*-owning-memory): never destroyed
+  return text.get([] { return readSerialNumber(HardwareRegistry::shared()); });
 }
 
 const std::optional<std::string>& SystemInfo::mac() {
-  static const auto& text =
-      *new std::optional(readMac(HardwareRegistry::shared()));  // NOLINT: never destroyed
-  return text;
+  static auto& text = *new LazyValue<std::optional<std::string>>;  // NOLINT: never destroyed
+  return text.get([] { return readMac(HardwareRegistry::shared()); });
 }
 
 std::string SystemInfo::readSerialNumber(HardwareRegistry& registry) {

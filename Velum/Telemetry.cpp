@@ -8,6 +8,7 @@
 
 #include "Velum/Json.h"
 #include "Velum/JsonWriter.h"
+#include "Velum/LazyValue.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Locale.h"
 #include "Velum/SystemInfo.h"
@@ -181,23 +182,21 @@ Telemetry::UserAgent Telemetry::makeUserAgent(HardwareRegistry& registry) {
 }
 
 const Telemetry::UserAgent& Telemetry::userAgent() {
-  static const UserAgent& agent =
-      *new UserAgent(makeUserAgent(HardwareRegistry::shared()));  // NOLINT: never destroyed
-  return agent;
+  static auto& agent = *new LazyValue<UserAgent>;  // NOLINT(*-owning-memory): never destroyed
+  return agent.get([] { return makeUserAgent(HardwareRegistry::shared()); });
 }
 
 const std::string& Telemetry::defaultAppLocale() {
-  static const std::string& locale = *new std::string(  // NOLINT: never destroyed
-      applicationLanguage().value_or(std::string(fallbackLanguage)));
-  return locale;
+  static auto& locale = *new LazyValue<std::string>;  // NOLINT(*-owning-memory): never destroyed
+  return locale.get([] { return applicationLanguage().value_or(std::string(fallbackLanguage)); });
 }
 
 const std::string& Telemetry::defaultSystemLocale() {
-  static const std::string& locale = *new std::string([] {  // NOLINT: never destroyed
+  static auto& locale = *new LazyValue<std::string>;  // NOLINT(*-owning-memory): never destroyed
+  return locale.get([] {
     const auto languages = preferredLanguages();
     return languages.empty() ? std::string(fallbackLanguage) : languages.front();
-  }());
-  return locale;
+  });
 }
 
 }  // namespace velum

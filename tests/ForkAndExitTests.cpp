@@ -16,6 +16,7 @@
 #include "Velum/AES.h"
 #include "Velum/DirectoryMonitor.h"
 #include "Velum/IPCDarwinMessage.h"
+#include "Velum/LazyValue.h"
 #include "Velum/Logger/Handlers/FileLogHandler.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/Logger.h"
@@ -260,6 +261,16 @@ TEST(Fork, IsToldOnceToWhoeverCameAgain) {
   first.unregisterForFork();
   second.unregisterForFork();
   EXPECT_EQ(first.forks + second.forks, 2);
+}
+
+TEST(Fork, WaitsForNoValueThatTheParentComputes) {
+  LazyValue<int> value;
+  EXPECT_EQ(value.get([&] {
+    inChild([&] { EXPECT_EQ(value.get([] { return 2; }), 2); });
+    EXPECT_EQ(value.get([] { return 3; }), 3) << "nor does another thread";
+    return 1;
+  }),
+            3);
 }
 
 TEST(Fork, GivesParentAndChildDifferentRandomBytesAndIds) {

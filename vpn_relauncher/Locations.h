@@ -2,11 +2,11 @@
 
 #include <sys/types.h>
 
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "Velum/LazyValue.h"
 #include "Velum/Platform/Directories.h"
 
 namespace velum {
@@ -51,27 +51,12 @@ class Locations {
                                            std::optional<mode_t> permissions = {});
 
  private:
-  /// A value that is computed by who asks first.
-  template <class T>
-  class Lazy {
-   public:
-    template <class Make>
-    const T& get(Make make) {
-      std::call_once(once_, [&] { value_ = make(); });
-      return value_;
-    }
-
-   private:
-    std::once_flag once_;
-    T value_;
-  };
-
   Directories& directories_;
-  Lazy<std::optional<std::string>> appGroupDirectory_;
-  Lazy<std::optional<std::string>> groupLogsDirectory_;
-  Lazy<std::optional<std::string>> sharedLogsDirectory_;
-  Lazy<std::string> groupLogFilePath_;
-  Lazy<std::string> sharedLogFilePath_;
+  LazyValue<std::optional<std::string>> appGroupDirectory_;
+  LazyValue<std::optional<std::string>> groupLogsDirectory_;
+  LazyValue<std::optional<std::string>> sharedLogsDirectory_;
+  LazyValue<std::string> groupLogFilePath_;
+  LazyValue<std::string> sharedLogFilePath_;
 };
 
 }  // namespace velum

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "Velum/Deadline.h"
+#include "Velum/LazyValue.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Directories.h"
 #include "Velum/SystemError.h"
@@ -59,8 +60,8 @@ class NotifyCenterLinux::Handle final : public Observer {
 
 NotifyCenter& NotifyCenter::shared(Scope scope) {
   if (scope == Scope::user) {
-    static const auto& user = *new auto(userCenter());  // NOLINT: never destroyed
-    return *user;
+    static auto& user = *new LazyValue<std::shared_ptr<NotifyCenterLinux>>;  // NOLINT: as above
+    return *user.get(userCenter);
   }
   static const auto& system =  // NOLINTNEXTLINE: never destroyed
       *new auto(NotifyCenterLinux::make(systemFolder, NotifyFolder::Sharing::all));

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <iterator>
 
+#include "Velum/LazyValue.h"
 #include "Velum/Platform/AtFork.h"
 
 namespace velum {
@@ -104,8 +105,8 @@ std::optional<uid_t> effectiveUserOf(pid_t pid) {
 }
 
 bool hasServiceManager() {
-  static const bool isThere = ::sd_booted() > 0;
-  return isThere;
+  static auto& isThere = *new LazyValue<bool>;  // NOLINT(*-owning-memory): never destroyed
+  return isThere.get([] { return ::sd_booted() > 0; });
 }
 
 std::optional<std::string> controlGroup(std::string_view text) {

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "Velum/AtomicFile.h"
+#include "Velum/LazyValue.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
@@ -263,9 +264,8 @@ std::string ownDomain() {
 }  // namespace
 
 const PropertyList::Dictionary& UserDefaults::argumentDomain() {
-  static const auto& entries =
-      *new PropertyList::Dictionary(readArgumentDomain());  // NOLINT: never destroyed
-  return entries;
+  static auto& entries = *new LazyValue<PropertyList::Dictionary>;  // NOLINT: never destroyed
+  return entries.get(readArgumentDomain);
 }
 
 bool UserDefaults::setPersistentDomain(PropertyList::Dictionary entries) {
@@ -276,9 +276,8 @@ bool UserDefaults::setPersistentDomain(PropertyList::Dictionary entries) {
 }
 
 UserDefaults& UserDefaults::standard() {
-  static UserDefaultsLinux& instance =
-      *new UserDefaultsLinux(ownDomain());  // NOLINT: never destroyed
-  return instance;
+  static auto& instance = *new LazyValue<UserDefaultsLinux>;  // NOLINT: never destroyed
+  return instance.get([] { return UserDefaultsLinux(ownDomain()); });
 }
 
 std::unique_ptr<UserDefaults> UserDefaults::domain(std::string name) {

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <iterator>
 
+#include "Velum/LazyValue.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/FileManagerLinux.h"
 #include "Velum/Platform/Linux/OpenAttemptLinux.h"
@@ -77,9 +78,8 @@ std::uint64_t ownStartTime() {
 }  // namespace
 
 Workspace& Workspace::shared() {
-  static Workspace& instance =
-      *new WorkspaceLinux(ownStartTime());  // NOLINT(*-owning-memory): never destroyed
-  return instance;
+  static auto& instance = *new LazyValue<WorkspaceLinux>;  // NOLINT: never destroyed
+  return instance.get([] { return WorkspaceLinux(ownStartTime()); });
 }
 
 std::vector<RunningApplication> WorkspaceLinux::runningApplications() {

@@ -12,7 +12,6 @@
 //                             "quit" comes last before every orderly end.
 //   SAMPLE_APP_EXIT=<n>       Ends at once with this status ("started" and "quit" are written).
 //   SAMPLE_APP_SIGNAL=<n>     Ends itself at once with this signal ("started" alone is written).
-//   SAMPLE_APP_COPY=1         Forks a copy of itself first, which outlives it and writes nothing.
 //   SAMPLE_APP_REPORT=<path>  Writes what the process was born with, complete before "started":
 //                               pid <n> | ppid <n> | pgid <n> | sid <n> | cwd <path>
 //                               argument <text>                (one line each, argv[0] first)
@@ -164,7 +163,6 @@ void waitForQuit(const sigset_t& quitSignals) {
 
 int main(int count, char** arguments) {
   const Times started = Times::now();
-  if (std::getenv("SAMPLE_APP_COPY") != nullptr && fork() == 0) pause();
   writeReport({arguments, static_cast<std::size_t>(count)});
 
   sigset_t quitSignals{};

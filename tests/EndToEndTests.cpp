@@ -56,14 +56,6 @@ TEST_F(EndToEnd, OpensAnApplicationThatWasGoneBefore) {
   }
 }
 
-TEST_F(EndToEnd, IsNotDeceivedByAForkedCopy) {
-  const pid_t application = startApplication({"SAMPLE_APP_COPY=1"});
-  const pid_t helper = startHelper(bundle, application);
-  ::kill(application, SIGKILL);
-  EXPECT_EQ(next().name, "started");
-  EXPECT_EQ(exitStatus(helper), 0);
-}
-
 TEST_F(EndToEnd, AnApplicationMayDieOnceItsHelperIsArmed) {
   // A process that arms the helper and is gone at once; the test then adopts the helper.
   Pipe pipe;
@@ -229,17 +221,6 @@ TEST_F(EndToEnd, StopsAtOnceAtWhatIsNoProcessId) {
   }
   EXPECT_TRUE(isQuiet());
   EXPECT_FALSE(isLogged("Looking for")) << log();
-}
-
-TEST_F(EndToEnd, TwoHelpersOpenTheApplicationOnce) {
-  const pid_t application = startApplication();
-  const pid_t first = startHelper(bundle, application);
-  const pid_t second = startHelper(bundle, application);
-  ::kill(application, SIGKILL);
-  EXPECT_EQ(exitStatus(first), 0);
-  EXPECT_EQ(exitStatus(second), 0);
-  EXPECT_EQ(next().name, "started");
-  EXPECT_TRUE(isQuiet());
 }
 
 TEST_F(EndToEnd, SleepsWhileItWaits) {

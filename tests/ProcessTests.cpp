@@ -24,7 +24,6 @@ namespace {
 
 using ::testing::AllOf;
 using ::testing::ElementsAre;
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -198,20 +197,6 @@ TEST_F(ProcessRun, LogsAMillionLinesAndHoldsNoneOfThem) {
   ASSERT_TRUE(process);
   EXPECT_EQ(process->termination(), Termination{});
   EXPECT_EQ(counter->next, 1'000'001);
-}
-
-TEST_F(ProcessRun, PassesOverOutputWhenTheLevelIsHigher) {
-  Logger::shared().setLogLevel(LogLevel::warning);
-  const auto process = Process::run("/usr/bin/seq", {.args = {"100000"}, .wait = true});
-  Logger::shared().setLogLevel(LogLevel::info);
-  EXPECT_EQ(process->termination(), Termination{});
-  EXPECT_TRUE(log().empty());
-}
-
-TEST_F(ProcessRun, ReportsTheSignalThatEndedIt) {
-  EXPECT_THAT(outputOf("printf last; kill -KILL $$"), ElementsAre("last"));
-  EXPECT_EQ(process_->termination(), (Termination{SIGKILL, Termination::Reason::uncaughtSignal}));
-  EXPECT_THAT(log().back(), EndsWith("returned 9"));
 }
 
 TEST_F(ProcessRun, EndsWithAllItStartedWhenAsked) {

@@ -178,11 +178,7 @@ TEST_F(SupportArchive, HoldsTheLogsAndEveryKindOfItem) {
   EXPECT_EQ(logManager_.options.maxSize, 31'457'280);
 }
 
-TEST_F(SupportArchive, ReplacesAFileButNoFolderWithContent) {
-  writeFile(destination_, "old");
-  ASSERT_EQ(create({}), "");
-  EXPECT_EQ(packed("support/any.log"), "records");
-  fs::remove(destination_);
+TEST_F(SupportArchive, ReplacesNoFolderWithContent) {
   writeFile(destination_ + "/precious", "content");
   EXPECT_EQ(create({}), "Directory not empty");
   EXPECT_EQ(readFile(destination_ + "/precious"), "content");

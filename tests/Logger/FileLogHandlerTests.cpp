@@ -284,14 +284,6 @@ INSTANTIATE_TEST_SUITE_P(
                      [](const auto& path) { fs::create_symlink("missing/file", path); }}),
     [](const auto& tested) { return tested.param.name; });
 
-TEST_F(FileLogHandlerTest, BearsAnEmptyPath) {
-  const auto handler = open("", checkedAtOnce());
-  write(*handler, "lost");
-  ASSERT_TRUE(systemLog->waitFor(
-      "Failed to rotate file : shouldRotateLk(), fstat (-1[]): Bad file descriptor", Type::error));
-  EXPECT_EQ(systemLog->entries().front().second, "Failed to open : No such file or directory");
-}
-
 TEST_F(FileLogHandlerTest, TakesDescriptorZeroAsNotOpenForInternalLines) {
   test::inChild([this] {
     ::close(STDIN_FILENO);

@@ -4,12 +4,10 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
 
 #include <array>
 #include <cstdlib>
 #include <filesystem>
-#include <future>
 #include <random>
 #include <thread>
 
@@ -388,31 +386,6 @@ TEST_F(FileLogManagerTest, LetsNobodyReadWhoMayNotReadTheLog) {
     }
     fs::permissions(folder_ / file, secret | perms::group_read | perms::others_read);
   }
-}
-
-TEST_F(FileLogManagerTest, WaitsForTheLockUntilItIsFreeOrTheWorkCancelled) {
-  live(record(noon, app, "x"));
-  for (const bool isWhole : {true, false}) {
-    UniqueFd other(::open(log_.c_str(), O_RDONLY | O_CLOEXEC));
-    ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
-    const auto selector = isWhole ? LogSubsystemSelector::whole() : LogSubsystemSelector::all();
-    const auto start = [&](Progress& progress) {
-      return std::async(std::launch::async, [&, selector] {
-        return FileLogManager(log_).saveLogs(selector, out_, {}, &progress);
-      });
-    };
-    Progress cancelled(1);
-    Progress patient(1);
-    auto ended = start(cancelled);
-    auto waiting = start(patient);
-    EXPECT_EQ(waiting.wait_for(200ms), std::future_status::timeout);
-    EXPECT_EQ(ended.wait_for(0s), std::future_status::timeout);
-    cancelled.cancel();
-    EXPECT_EQ(errorOf([&] { ended.get(); }).code(), ECANCELED);
-    other.reset();
-    EXPECT_EQ(waiting.get().size(), 1U);
-  }
-  EXPECT_THAT(leftovers(), IsEmpty());
 }
 
 TEST_F(FileLogManagerTest, ResetsAllOfTheLogOrNothing) {

@@ -21,7 +21,6 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 constexpr std::string_view keyPath = Workspace::runningApplicationsKeyPath;
 
@@ -91,29 +90,6 @@ class WorkspaceTest : public ::testing::Test {
   LineReader events_{folder_ / "events"};
   Family family_;
 };
-
-TEST_F(WorkspaceTest, TellsOfTheEndOfAProcessItsParentNeverReaps) {
-  const pid_t process = startShell("exec sleep 1000");
-  Observer observer([&] { EXPECT_THAT(listedIds(), Not(Contains(process))); });
-  onMain([&] {
-    workspace().addObserver(observer, keyPath, process);
-    EXPECT_THAT(listedIds(), Contains(process));
-  });
-  ::kill(process, SIGKILL);
-  EXPECT_TRUE(observer.isTold());
-  onMain([&] { workspace().removeObserver(observer, keyPath); });
-}
-
-TEST_F(WorkspaceTest, TellsOfAProcessThatIsGoneAlready) {
-  const pid_t process = startShell("exit 0");
-  ASSERT_EQ(exitStatus(process), 0);
-  for (const pid_t gone : {process, 0, -5, 2147483647}) {
-    Observer observer;
-    onMain([&] { workspace().addObserver(observer, keyPath, gone); });
-    EXPECT_TRUE(observer.isTold()) << gone;
-    onMain([&] { workspace().removeObserver(observer, keyPath); });
-  }
-}
 
 TEST_F(WorkspaceTest, TakesALaterProcessWithTheNumberForAnother) {
   const pid_t process = startShell("exec sleep 1000");

@@ -209,9 +209,7 @@ std::multiset<std::string> shared() {
     auto* const generic = reinterpret_cast<sockaddr*>(&own);  // NOLINT: as sockets want it
     const bool isSocket =
         ::getsockname(std::stoi(number), generic, &size) == 0 && own.ss_family != AF_UNIX;
-    // The mark that a new file of a sealed storage is being written goes with the file.
     const bool isLocked =
-        target.find("copy") == std::string::npos &&
         readFile("/proc/self/fdinfo/" + number).find("\nlock:") != std::string::npos;
     if (isSocket || isLocked || target.starts_with("anon_inode:inotify")) found.insert(target);
   }

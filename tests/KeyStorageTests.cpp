@@ -97,29 +97,6 @@ TEST(KeyStorage, WritesEveryChangeBeforeItReturns) {
   EXPECT_EQ(other.dictionaryRepresentation(), storage.dictionaryRepresentation());
 }
 
-TEST(KeyStorage, FindsEveryKeyAfterManyChanges) {
-  BackEnd backEnd;
-  Storage storage(backEnd, never);
-  Dictionary expected;
-  for (std::int64_t step = 0; step < 5000; ++step) {
-    const std::string key = "key" + std::to_string(step * 7919 % 1000);
-    if (step % 3 == 0) {
-      storage.setObject(std::nullopt, key);
-      expected.erase(key);
-    } else {
-      storage.setObject(number(step), key);
-      expected.insert_or_assign(key, number(step));
-    }
-  }
-  EXPECT_EQ(storage.dictionaryRepresentation(), expected);
-  for (int index = 0; index < 1000; ++index) {
-    const std::string key = "key" + std::to_string(index);
-    const auto entry = expected.find(key);
-    const auto value = storage.object(key);
-    EXPECT_EQ(value, entry == expected.end() ? std::nullopt : std::optional(entry->second));
-  }
-}
-
 TEST(KeyStorage, RefusesWhatIsNoDictionary) {
   const CapturedLog log;
   BackEnd backEnd;

@@ -4,19 +4,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <csignal>
 #include <filesystem>
-#include <thread>
 
-#include "Velum/AtomicFile.h"
 #include "Velum/ByteView.h"
 #include "Velum/SealedBox.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/MemoryKey.h"
-#include "tests/support/Processes.h"
 #include "tests/support/TemporaryFolder.h"
-#include "tests/support/Waiting.h"
 
 namespace velum {
 namespace {
@@ -200,26 +195,6 @@ TEST_F(SecureStorageTest, TakesKeyAndFileOfAnotherThatWasFasterByAMoment) {
   EXPECT_TRUE(storage->setObject(text("2"), "ours"));
   EXPECT_EQ(key->value, winner);
   EXPECT_EQ(stored(), (Dictionary{{"ours", text("2")}}));
-}
-
-TEST_F(SecureStorageTest, AKilledWritersFilesGoWhileAChildOfItLives) {
-  key->value = SealedBox::newKey();
-  const std::string large(std::size_t{32} << 20U, 'x');
-  test::Pipe living;
-  test::ChildProcess writer([&] {
-    std::thread([&] { AtomicFile(path).replace(large, "test"); }).detach();
-    ASSERT_TRUE(test::eventually([&] { return !names().empty(); }));
-    if (::fork() == 0) {
-      living.writer.reset();  // the test's is open as long as this child shall live
-      char byte = 0;
-      static_cast<void>(retryInterrupted([&] { return ::read(living.reader.get(), &byte, 1); }));
-      ::_exit(0);
-    }
-    ::raise(SIGKILL);
-  });
-  writer.wait();
-  make()->setObject(text("value"), "name");
-  EXPECT_THAT(names(), ElementsAre("settings.sealed"));
 }
 
 TEST_F(SecureStorageTest, RefusesWhatIsNotAFileOfItsOwn) {

@@ -1,10 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
@@ -229,18 +227,6 @@ TEST(SecretStore, NoticesThatTheServiceIsGoneAndBackAgain) {
   EXPECT_EQ(recordedChoice(environment), "service\n");
 }
 
-TEST(SecretStore, ReportsAServiceThatDiesDuringACall) {
-  SecretServiceEnvironment environment;
-  SecretStoreLinux store(patient);
-  ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess);
-  environment.service().signal(SIGSTOP);
-  std::atomic<SecretStatus> status{errSecSuccess};
-  std::thread caller([&] { status = store.copyMatching(token).status; });
-  environment.service().kill();
-  caller.join();
-  EXPECT_EQ(status, errSecNotAvailable);
-}
-
 TEST(SecretStore, LeavesAHungServiceInTimeAndComesBackToIt) {
   SecretServiceEnvironment environment;
   SecretStoreLinux store(std::chrono::milliseconds(100));
@@ -262,24 +248,6 @@ TEST(SecretStore, LeavesAHungServiceInTimeAndComesBackToIt) {
   EXPECT_EQ(another.copyMatching({"late", "late", {}, false}).status, errSecItemNotFound)
       << "a call that was reported as failed was done later";
   EXPECT_FALSE(hasVault(environment));
-}
-
-TEST(SecretStore, ServesManyThreads) {
-  SecretServiceEnvironment environment;
-  SecretStoreLinux store(patient);
-  std::vector<std::thread> threads;
-  for (int number = 0; number < 4; ++number) {
-    threads.emplace_back([&store, number] {
-      const SecretQuery query{"com.example.vpn", std::to_string(number), {}, false};
-      for (int round = 0; round < 5; ++round) {
-        const SecretBytes value = secretBytes(std::to_string(round));
-        EXPECT_EQ(round == 0 ? store.add(query, value) : store.update(query, value), 0);
-        EXPECT_EQ(valueOf(store, query), std::to_string(round));
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(store.list({}).items.size(), 4U);
 }
 
 TEST(SecretStore, RefusesTheServiceInAForkedChildInsteadOfHanging) {

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
@@ -5,11 +6,9 @@
 
 #include <filesystem>
 #include <string>
-#include <thread>
 
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
-#include "Velum/Platform/Linux/VaultFormat.h"
-#include "tests/support/ChildProcess.h"
+#include "Velum/Platform/Posix/UniqueFd.h"
 #include "tests/support/Inspection.h"
 #include "tests/support/SecretEnvironment.h"
 
@@ -138,30 +137,6 @@ TEST_F(Vault, RefusesWhatOthersCouldHavePlanted) {
   EXPECT_EQ(readStatus(), errSecErrnoBase + ENOTDIR);
 }
 
-TEST_F(Vault, LosesNothingOfProcessesAndThreadsThatWriteAtOnce) {
-  constexpr int count = 10;
-  const auto write = [&](SecretStore& own, const std::string& writer) {
-    for (int number = 0; number < count; ++number) {
-      EXPECT_EQ(own.add({writer, std::to_string(number), {}, false}, secretBytes(writer)), 0);
-    }
-  };
-  std::vector<test::ChildProcess> processes;
-  for (const char* name : {"first", "second"}) {
-    processes.emplace_back([&] {
-      SecretStoreLinux own(patient);
-      write(own, name);
-    });
-  }
-  std::thread thread([&] {
-    SecretStoreLinux own(patient);
-    write(own, "third");
-  });
-  write(store, "fourth");
-  thread.join();
-  for (test::ChildProcess& process : processes) EXPECT_EQ(process.wait(), 0);
-  EXPECT_EQ(store.list({}).items.size(), 4U * count);
-}
-
 TEST_F(Vault, DoesNotWaitForALockForEver) {
   fill();
   const UniqueFd lock(::open(path("lock").c_str(), O_RDWR | O_CLOEXEC));
@@ -172,20 +147,6 @@ TEST_F(Vault, DoesNotWaitForALockForEver) {
   ASSERT_EQ(::flock(lock.get(), LOCK_UN), 0);
   EXPECT_EQ(store.update({"x", "y", {}, false}, secretBytes("")), errSecItemNotFound);
   EXPECT_EQ(value(), "value") << "a call that was reported as failed was done later";
-}
-
-TEST(VaultFormat, ReadsBackWhatItWrites) {
-  VaultTable table;
-  table[{"a", "b", ""}] = secretBytes(std::string_view("\0x", 2));
-  table[{"a", "b", "group"}] = {};
-  table[{"", "", ""}] = secretBytes("empty name");
-  for (const VaultTable& each : {VaultTable{}, table}) {
-    const SecretBytes encoded = encodeVaultTable(each);
-    EXPECT_EQ(decodeVaultTable(encoded), each);
-    for (std::size_t size = 0; size < encoded.size(); ++size) {
-      EXPECT_EQ(decodeVaultTable(std::span(encoded).first(size)), std::nullopt) << size;
-    }
-  }
 }
 
 }  // namespace

@@ -29,6 +29,7 @@ struct URLError {
     badServerResponse = -1011,
     cannotDecodeContentData = -1016,
     requestBodyStreamExhausted = -1021,
+    dataLengthExceedsMaximum = -1103,
     secureConnectionFailed = -1200,
     serverCertificateHasBadDate = -1201,
     serverCertificateUntrusted = -1202,

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Velum/BodySource.h"
@@ -34,6 +36,9 @@ struct URLRequest {
   /// end; looking up the name, connecting and waiting for the answer count. 0 or less: the
   /// default. It does not limit an exchange that makes progress, however slow.
   double timeoutInterval = defaultTimeout;
+  /// The largest body of an answer, in bytes after decompression: a larger one fails with
+  /// `URLError::dataLengthExceedsMaximum`. No limit where nothing is given.
+  std::optional<std::size_t> largestBody = {};
   CachePolicy cachePolicy = CachePolicy::useProtocolCachePolicy;
 };
 

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -44,6 +45,7 @@ struct SendOptions {
   std::vector<std::string> files;
   unsigned retries = 0;
   double timeout = URLRequest::defaultTimeout;
+  std::optional<std::uint64_t> maxSize;
   std::string output;
   bool json = false;
 };
@@ -135,6 +137,7 @@ URLRequest parsedRequest(const SendOptions& options) {
   URLRequest request;
   request.url = options.url;
   request.timeoutInterval = options.timeout;
+  request.largestBody = options.maxSize;
   addHeaders(request, options.headers);
   const bool isForm = !options.fields.empty() || !options.files.empty();
   if (isForm) {
@@ -266,14 +269,45 @@ void write(int fd, std::string_view bytes) {
   velum::checked::write(fd, bytes.data(), bytes.size(), sendCaller);
 }
 
+/// The file for an answer's body. Opened before the exchange, so that nothing is sent when there is
+/// no place for the answer; what it held stays until that has come, and a new file goes when none
+/// comes. Answers may be private: nobody else can read a new file.
+class OutputFile {
+ public:
+  explicit OutputFile(const std::string& path) : path_(path) {
+    if (path.empty()) return;
+    std::error_code error;
+    isNew_ = !std::filesystem::exists(std::filesystem::symlink_status(path, error));
+    file_ = velum::checked::open(path, O_WRONLY | O_CREAT, 0600, sendCaller);
+  }
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+  ~OutputFile() {
+    if (isNew_) ::unlink(path_.c_str());
+  }
+
+  void put(std::string_view bytes) {
+    if (!file_) return;
+    struct stat status {};
+    const bool isRegular = ::fstat(file_.get(), &status) == 0 && S_ISREG(status.st_mode);
+    if (isRegular && ::ftruncate(file_.get(), 0) != 0) {
+      throw velum::lastSystemError(fmt::format("{}, ftruncate ({})", sendCaller, path_));
+    }
+    isNew_ = false;
+    write(file_.get(), bytes);
+  }
+
+ private:
+  const std::string path_;
+  velum::UniqueFd file_;
+  bool isNew_ = false;
+};
+
 void send(const SendOptions& options) {
+  OutputFile output(options.output);
   const Outcome outcome = exchanged(parsedRequest(options), options.retries);
   if (outcome.error) report(*outcome.error);
-  if (!options.output.empty()) {
-    // Answers may be private: nobody else can read a new file.
-    const int flags = O_WRONLY | O_CREAT | O_TRUNC;
-    write(velum::checked::open(options.output, flags, 0600, sendCaller).get(), outcome.data);
-  }
+  output.put(outcome.data);
   if (options.json) {
     printJson(outcome, options.output.empty());
   } else if (options.output.empty()) {
@@ -316,6 +350,12 @@ void addHttp(CLI::App& app) {
   send.add_option("--timeout", options->timeout, "Seconds that nothing may move; 60 by default")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.001, 604800.0));  // a week
+  send.add_option("--max-size", options->maxSize, "Take no larger answer: 500k, 30M, 1G")
+      ->type_name("SIZE")
+      ->transform(CLI::AsSizeValue(false))
+      ->check([](const std::string& size) {
+        return size.starts_with('-') ? "a size can't be negative" : std::string();
+      });
   send.add_option("--output", options->output, "Write the answer's body there")->type_name("FILE");
   send.add_flag("--json", options->json,
                 R"(Print {"status": ..., "url": ..., "headers": ..., "body": ...})");

@@ -37,10 +37,11 @@ class URLTask {
 /// Performs HTTP exchanges, any number side by side. Any thread.
 ///
 /// Servers are verified against the system's trusted authorities; proxies are the system's. Up to
-/// 20 redirects are followed, to http and https only: 303 turns every method but HEAD into GET,
-/// 301 and 302 turn POST into GET, as browsers do it. Authorization and Cookie fields of the
-/// request are not sent on to another host, port or scheme. Bodies arrive decompressed and are
-/// held in memory whole, with no other limit.
+/// 20 redirects are followed, to http and https only, and from https never to http: 303 turns every
+/// method but HEAD into GET, 301 and 302 turn POST into GET, as browsers do it. Authorization and
+/// Cookie fields of the request are not sent on to another host, port or scheme;
+/// Proxy-Authorization goes to proxies only. Bodies arrive decompressed and are held in memory
+/// whole, up to the request's `largestBody`.
 ///
 /// After fork(2) the child's loader starts anew; exchanges of the parent never complete there.
 class URLLoader {

@@ -16,6 +16,7 @@ import sys
 import threading
 import time
 import urllib.parse
+import zlib
 
 folder = sys.argv[1]
 attempts = {}
@@ -95,6 +96,23 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 self.answer(body=gzip.compress(b"plain " * 1000), headers=headers)
             case "/badgzip":
                 self.answer(body=b"no gzip at all", headers=[("Content-Encoding", "gzip")])
+            case "/shortgzip":
+                headers = [("Content-Encoding", "gzip")]
+                self.answer(body=gzip.compress(b"plain " * 1000)[:-9], headers=headers)
+            case "/twicegzip":
+                headers = [("Content-Encoding", "gzip")]
+                self.answer(body=gzip.compress(b"plain") * 2 + b"\0", headers=headers)
+            case "/deflate":
+                bare = zlib.compress(b"plain")[2:-4]
+                self.answer(body=bare if url.query else zlib.compress(b"plain"),
+                            headers=[("Content-Encoding", "deflate")])
+            case "/brotli":
+                self.answer(body=b"any", headers=[("Content-Encoding", "br")])
+            case "/badchunk":
+                self.wfile.write(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nno size\r\n")
+                self.hang_up()
+            case "/bigheader":
+                self.answer(headers=[("X-Big", "x" * 400_000)])
             case "/drip":
                 self.send_response(200)
                 self.send_header("Content-Length", "12")

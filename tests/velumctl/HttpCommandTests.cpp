@@ -94,6 +94,19 @@ TEST_F(HttpCommand, PrintsForProgramsWithoutSecrets) {
   struct stat status {};
   ASSERT_EQ(::stat((folder_ / "body").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777U, 0600U);
+  // Nothing is sent without a place for the answer, and without an answer the place stays as it
+  // was.
+  EXPECT_EQ(send({server_.url("/store"), "--data-file", folder_ / "body", "--output",
+                  folder_ / "no/body"})
+                .status,
+            1);
+  EXPECT_EQ(server_.stored(), "");
+  for (const char* file : {"body", "none"}) {
+    EXPECT_EQ(send({server_.url("/empty"), "--output", folder_ / file}).status, 1);
+  }
+  EXPECT_EQ(send({url, "--max-size", "10", "--output", folder_ / "body"}).status, 1);
+  EXPECT_THAT(readFile(folder_ / "body"), HasSubstr("token=hidden"));
+  EXPECT_NE(::access((folder_ / "none").c_str(), F_OK), 0);
   const Result whole = send({server_.url("/status/500"), "--json"});
   EXPECT_EQ(json::parse(whole.output, nullptr, false)["body"], "status");
 }

@@ -7,7 +7,7 @@ _velumctl_options() {
     "logs reset") echo "--yes --help" ;;
     "support archive") echo "--log --purpose --since --include --reveal --json --help" ;;
     "http send")
-      echo "--method --header --data-file --form --file --retries --timeout --output --json --help" ;;
+      echo "--method --header --data-file --form --file --retries --timeout --max-size --output --json --help" ;;
     "http ") echo "send --help" ;;
     "telemetry body") echo "--type --name --ref-name --action --label --app-type --app-version" \
       "--synthetic-id --website-exclusions --app-exclusions --app-locale --system-locale" \

@@ -13,13 +13,16 @@
 namespace velum {
 namespace {
 
+// CURLE_TOO_LARGE, which older versions don't have: a header, here.
+constexpr auto tooLarge = static_cast<CURLcode>(100);
+
 struct Row {
   CURLcode from;
   URLError::Code to;
 };
 
 // Where a code alone decides.
-constexpr std::array<Row, 26> table{{
+constexpr std::array<Row, 25> table{{
     {CURLE_UNSUPPORTED_PROTOCOL, URLError::unsupportedURL},
     {CURLE_URL_MALFORMAT, URLError::badURL},
     {CURLE_COULDNT_RESOLVE_PROXY, URLError::dnsLookupFailed},
@@ -32,7 +35,6 @@ constexpr std::array<Row, 26> table{{
     {CURLE_PARTIAL_FILE, URLError::networkConnectionLost},
     {CURLE_GOT_NOTHING, URLError::networkConnectionLost},
     {CURLE_SEND_ERROR, URLError::networkConnectionLost},
-    {CURLE_RECV_ERROR, URLError::networkConnectionLost},
     {CURLE_OPERATION_TIMEDOUT, URLError::timedOut},
     {CURLE_ABORTED_BY_CALLBACK, URLError::cancelled},
     {CURLE_TOO_MANY_REDIRECTS, URLError::httpTooManyRedirects},
@@ -72,7 +74,22 @@ URLError::Code certificateCode(long verifyResult) {
   }
 }
 
+// A connection that broke while something was to be received, an answer that makes no sense, and
+// what a server says in TLS after the handshake: only the text tells them apart.
+URLError::Code receiveCode(const CurlFailure& failure) {
+  const std::string_view text = failure.text;
+  const auto has = [text](std::string_view part) { return text.find(part) != text.npos; };
+  if (has("certificate required")) return URLError::clientCertificateRequired;
+  if (has("certificate") && has("alert")) return URLError::clientCertificateRejected;
+  const bool isBroken = failure.systemError != 0 || has("Recv failure") || has("unexpected eof") ||
+                        has("SYSCALL") || (has("errno ") && !has("errno 0"));
+  if (isBroken) return URLError::networkConnectionLost;
+  return has("SSL") ? URLError::secureConnectionFailed : URLError::badServerResponse;
+}
+
 URLError::Code code(const CurlFailure& failure) {
+  if (failure.code == CURLE_RECV_ERROR) return receiveCode(failure);
+  if (failure.code == tooLarge) return URLError::badServerResponse;
   if (failure.code == CURLE_COULDNT_CONNECT) return connectionCode(failure.systemError);
   if (failure.code == CURLE_PEER_FAILED_VERIFICATION) return certificateCode(failure.verifyResult);
   const auto* const row = std::ranges::find(table, failure.code, &Row::from);
@@ -83,6 +100,10 @@ URLError::Code code(const CurlFailure& failure) {
 
 URLError urlError(const CurlFailure& failure) {
   std::string text = failure.text.empty() ? curl_easy_strerror(failure.code) : failure.text;
+  // What libcurl can't use of a proxy it quotes, with the password.
+  if (text.find("roxy") != std::string::npos && text.find('\'') != std::string::npos) {
+    text = "http_proxy, https_proxy or all_proxy names no proxy that can be used; check its value";
+  }
   text = repairedUtf8(text);
   if (failure.code == CURLE_OUT_OF_MEMORY) return URLError::posix(ENOMEM, std::move(text));
   if (failure.code == CURLE_SEND_ERROR && failure.systemError == EPROTOTYPE) {

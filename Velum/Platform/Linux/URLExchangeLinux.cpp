@@ -1,10 +1,13 @@
 #include "Velum/Platform/Linux/URLExchangeLinux.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <new>
+#include <stdexcept>
 #include <utility>
 
 #include "Velum/String.h"
@@ -40,6 +43,16 @@ std::string_view trimmed(std::string_view text) {
   if (begin == std::string_view::npos) return {};
   return text.substr(begin, text.find_last_not_of(" \t\r\n") + 1 - begin);
 }
+
+// The value of a variable that names a file or folder; null for an empty one as well.
+const char* namedBy(const char* variable) {
+  const char* const value = std::getenv(variable);
+  return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+struct BodyTooLarge : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
 
 URLError bodyEnded() {
   return URLError::url(URLError::requestBodyStreamExhausted,
@@ -82,7 +95,8 @@ std::optional<URLError> URLExchange::prepare(SocketOwner& sockets) {
   transfer_.reset(curl_easy_init());
   if (!transfer_) return urlError({.code = CURLE_OUT_OF_MEMORY});
   if (auto error = setHeaders()) return error;
-  setSafety(sockets);
+  setSafety();
+  setSockets(sockets);
   setRequest();
   return std::nullopt;
 }
@@ -98,30 +112,32 @@ std::optional<URLError> URLExchange::setHeaders() {
     if (std::ranges::any_of(reservedFields, isThis)) continue;
     // ';' is how libcurl is told of an empty value; "Name:" would remove a field.
     const std::string_view text = trimmed(value);
-    const bool isAdded = append(text.empty() ? name + ';' : (name + ": ").append(text));
+    const bool isAdded = append(name, text.empty() ? name + ';' : (name + ": ").append(text));
     if (!isAdded) return urlError({.code = CURLE_OUT_OF_MEMORY});
   }
   using Policy = URLRequest::CachePolicy;
   if (request_->cachePolicy == Policy::reloadIgnoringLocalCacheData &&
-      !request_->headers.value("Cache-Control") && !append("Cache-Control: no-cache")) {
+      !request_->headers.value("Cache-Control") &&
+      !append("Cache-Control", "Cache-Control: no-cache")) {
     return urlError({.code = CURLE_OUT_OF_MEMORY});
   }
   // Else a large body would wait a second for servers that don't know of asking first.
-  if (!request_->headers.value("Expect") && !append("Expect:")) {
+  if (!request_->headers.value("Expect") && !append("Expect", "Expect:")) {
     return urlError({.code = CURLE_OUT_OF_MEMORY});
   }
   return std::nullopt;
 }
 
-bool URLExchange::append(const std::string& line) {
-  curl_slist* const longer = curl_slist_append(headers_.get(), line.c_str());
+bool URLExchange::append(std::string_view name, const std::string& line) {
+  List& list = equalsIgnoringCase(name, "Proxy-Authorization") ? proxyHeaders_ : headers_;
+  curl_slist* const longer = curl_slist_append(list.get(), line.c_str());
   if (longer == nullptr) return false;
-  static_cast<void>(headers_.release());
-  headers_.reset(longer);
+  static_cast<void>(list.release());
+  list.reset(longer);
   return true;
 }
 
-void URLExchange::setSafety(SocketOwner& sockets) {
+void URLExchange::setSafety() {
   CURL* const transfer = transfer_.get();
   set(transfer, CURLOPT_NOSIGNAL, 1L);
   set(transfer, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -131,18 +147,21 @@ void URLExchange::setSafety(SocketOwner& sockets) {
   set(transfer, CURLOPT_SSL_VERIFYPEER, 1L);
   set(transfer, CURLOPT_SSL_VERIFYHOST, 2L);
   // OpenSSL's own variables name another store, as they do for most programs of the system.
-  if (const char* const file = std::getenv("SSL_CERT_FILE")) set(transfer, CURLOPT_CAINFO, file);
-  if (const char* const folder = std::getenv("SSL_CERT_DIR")) {
-    set(transfer, CURLOPT_CAPATH, folder);
-  }
+  if (const char* const file = namedBy("SSL_CERT_FILE")) set(transfer, CURLOPT_CAINFO, file);
+  if (const char* const folder = namedBy("SSL_CERT_DIR")) set(transfer, CURLOPT_CAPATH, folder);
   // A lookup that is given up is left to its thread: waiting for it would hold up all exchanges.
   set(transfer, CURLOPT_QUICK_EXIT, 1L);
-  set(transfer, CURLOPT_OPENSOCKETDATA, &sockets);
+}
+
+// A socket is closed when a connection is given up, perhaps long after the exchange.
+void URLExchange::setSockets(SocketOwner& sockets) {
+  CURL* const transfer = transfer_.get();
+  sockets_ = &sockets;
+  set(transfer, CURLOPT_OPENSOCKETDATA, this);
   set(
       transfer, CURLOPT_OPENSOCKETFUNCTION,
-      +[](void* owner, curlsocktype /*purpose*/, curl_sockaddr* address) -> curl_socket_t {
-        return static_cast<SocketOwner*>(owner)->open(address->family, address->socktype,
-                                                      address->protocol);
+      +[](void* self, curlsocktype /*purpose*/, curl_sockaddr* address) -> curl_socket_t {
+        return static_cast<URLExchange*>(self)->openSocket(*address);
       });
   set(transfer, CURLOPT_CLOSESOCKETDATA, &sockets);
   set(
@@ -157,8 +176,11 @@ void URLExchange::setRequest() {
   set(transfer, CURLOPT_PRIVATE, this);
   set(transfer, CURLOPT_URL, request_->url.c_str());
   set(transfer, CURLOPT_HTTPHEADER, headers_.get());
+  set(transfer, CURLOPT_HEADEROPT, static_cast<long>(CURLHEADER_SEPARATE));
+  set(transfer, CURLOPT_PROXYHEADER, proxyHeaders_.get());
   set(transfer, CURLOPT_ERRORBUFFER, errorText_.data());
-  set(transfer, CURLOPT_ACCEPT_ENCODING, "");  // all that can be decoded
+  set(transfer, CURLOPT_ACCEPT_ENCODING, ContentDecoder::known);
+  set(transfer, CURLOPT_HTTP_CONTENT_DECODING, 0L);
   set(transfer, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   // The limit is on inactivity and kept by the loader. libcurl is told of it all the same, so that
   // it shares the time out among a host's addresses.
@@ -238,6 +260,10 @@ bool URLExchange::guarded(Work work) noexcept {
     callbackError_ = URLError::posix(error.code(), error.what());
   } catch (const BodyChanged& error) {
     callbackError_ = URLError::url(URLError::requestBodyStreamExhausted, error.what());
+  } catch (const ContentUndecodable& error) {
+    callbackError_ = URLError::url(URLError::cannotDecodeContentData, error.what());
+  } catch (const BodyTooLarge& error) {
+    callbackError_ = URLError::url(URLError::dataLengthExceedsMaximum, error.what());
   } catch (const std::bad_alloc&) {
     callbackError_ = URLError::posix(ENOMEM, "no memory for the exchange");
   } catch (const std::exception& error) {
@@ -288,15 +314,8 @@ void URLExchange::rewindBody() noexcept {
 std::size_t URLExchange::takeHeader(std::string_view line) noexcept {
   lastActivity_ = Clock::now();
   const bool isTaken = guarded([&] {
-    if (line.starts_with("HTTP/")) {  // the answer after a redirect or after an interim one
-      response_.headers.clear();
-      // A redirect after 303 is a GET, whatever the method was; a name given as text would stay.
-      long status = 0;
-      curl_easy_getinfo(transfer(), CURLINFO_RESPONSE_CODE, &status);
-      constexpr long seeOther = 303;
-      if (status == seeOther && request_->method != "HEAD") {
-        set(transfer(), CURLOPT_CUSTOMREQUEST, static_cast<const char*>(nullptr));
-      }
+    if (line.starts_with("HTTP/")) {
+      beginAnswer();
       return;
     }
     const std::size_t colon = line.find(':');
@@ -307,8 +326,46 @@ std::size_t URLExchange::takeHeader(std::string_view line) noexcept {
   return isTaken ? line.size() : 0;
 }
 
+// The first one, or that after a redirect or after an interim one.
+void URLExchange::beginAnswer() {
+  response_.headers.clear();
+  // A redirect after 303 is a GET, whatever the method was; a name given as text would stay.
+  long status = 0;
+  curl_easy_getinfo(transfer(), CURLINFO_RESPONSE_CODE, &status);
+  constexpr long seeOther = 303;
+  if (status == seeOther && request_->method != "HEAD") {
+    set(transfer(), CURLOPT_CUSTOMREQUEST, static_cast<const char*>(nullptr));
+  }
+  // What was sent safely once is not sent in clear afterwards.
+  const char* scheme = nullptr;
+  curl_easy_getinfo(transfer(), CURLINFO_SCHEME, &scheme);
+  if (scheme != nullptr && equalsIgnoringCase(scheme, "https")) {
+    set(transfer(), CURLOPT_REDIR_PROTOCOLS_STR, "https");
+  }
+}
+
 std::size_t URLExchange::takeData(std::string_view bytes) noexcept {
-  return guarded([&] { data_ += bytes; }) ? bytes.size() : CURL_WRITEFUNC_ERROR;
+  const bool isTaken = guarded([&] {
+    if (!decoder_) {
+      const auto coding = response_.headers.value("Content-Encoding").value_or("");
+      decoder_ = std::make_unique<ContentDecoder>(coding);
+    }
+    decoder_->decode(bytes, [this](std::string_view plain) { keep(plain); });
+  });
+  return isTaken ? bytes.size() : CURL_WRITEFUNC_ERROR;
+}
+
+void URLExchange::keep(std::string_view bytes) {
+  if (request_->largestBody && bytes.size() > *request_->largestBody - data_.size()) {
+    throw BodyTooLarge(fmt::format("the answer is larger than {} bytes", *request_->largestBody));
+  }
+  data_ += bytes;
+}
+
+int URLExchange::openSocket(const curl_sockaddr& address) noexcept {
+  const int socket = sockets_->open(address.family, address.socktype, address.protocol);
+  if (socket < 0) socketError_ = errno;
+  return socket;
 }
 
 void URLExchange::noteProgress(curl_off_t received, curl_off_t sent) noexcept {
@@ -323,19 +380,43 @@ void URLExchange::finish(CURLcode result) {
   const char* url = nullptr;
   curl_easy_getinfo(transfer(), CURLINFO_RESPONSE_CODE, &status);
   curl_easy_getinfo(transfer(), CURLINFO_EFFECTIVE_URL, &url);
-  if (result != CURLE_OK) {
-    CurlFailure failure{.code = result, .text = errorText_.data()};
-    // Before any answer, it is not the URL: what the server sent is no HTTP.
-    const bool isNoHttp = result == CURLE_UNSUPPORTED_PROTOCOL && status == 0;
-    if (isNoHttp) failure.code = CURLE_WEIRD_SERVER_REPLY;
-    curl_easy_getinfo(transfer(), CURLINFO_OS_ERRNO, &failure.systemError);
-    curl_easy_getinfo(transfer(), CURLINFO_SSL_VERIFYRESULT, &failure.verifyResult);
-    end(callbackError_ ? std::move(*callbackError_) : urlError(failure));
+  const bool isWhole = result == CURLE_OK && guarded([this] {
+                         if (decoder_) decoder_->finish();
+                       });
+  if (!isWhole) {
+    end(callbackError_ ? std::move(*callbackError_) : failure(result, status));
     return;
   }
   response_.statusCode = static_cast<int>(status);
   response_.url = url == nullptr ? request_->url : url;
   transfer_.reset();
+}
+
+URLError URLExchange::failure(CURLcode result, long status) const {
+  if (result == CURLE_COULDNT_CONNECT && socketError_ != 0) {
+    const char* const text = socketError_ == EMFILE || socketError_ == ENFILE
+                                 ? "too many files are open for another connection"
+                                 : "the system gives no socket";
+    return URLError::posix(socketError_, text);
+  }
+  CurlFailure failure{.code = result, .text = errorText_.data()};
+  curl_easy_getinfo(transfer(), CURLINFO_OS_ERRNO, &failure.systemError);
+  curl_easy_getinfo(transfer(), CURLINFO_SSL_VERIFYRESULT, &failure.verifyResult);
+  curl_off_t firstByte = 0;  // when it came, in microseconds
+  curl_easy_getinfo(transfer(), CURLINFO_STARTTRANSFER_TIME_T, &firstByte);
+  if (result == CURLE_UNSUPPORTED_PROTOCOL && status == 0) {
+    // Before any answer, it is not the URL: what the server sent is no HTTP.
+    failure.code = CURLE_WEIRD_SERVER_REPLY;
+  } else if (result == CURLE_UNSUPPORTED_PROTOCOL) {
+    failure.text =
+        "the server redirected to a place that is not followed: from https to http, or "
+        "to neither of them";
+  } else if (result == CURLE_OUT_OF_MEMORY && firstByte > 0) {
+    // So older versions of libcurl say that a line is longer than they take.
+    failure.code = CURLE_WEIRD_SERVER_REPLY;
+    failure.text = "the header of the answer is too large";
+  }
+  return urlError(failure);
 }
 
 void URLExchange::end(URLError error) {
@@ -352,6 +433,7 @@ void URLExchange::deliver() {
   if (!completion_) return;
   body_.reset();
   ahead_ = {};
+  decoder_.reset();
   // On the heap, because work has to be copyable and the data should not be copied.
   struct Outcome {
     URLCompletion completion;

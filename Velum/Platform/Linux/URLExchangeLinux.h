@@ -12,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include "Velum/Platform/Linux/ContentDecoder.h"
 #include "Velum/Platform/Linux/CurlErrors.h"
 #include "Velum/Platform/URLLoader.h"
 
@@ -78,16 +79,21 @@ class URLExchange final : public URLTask, public std::enable_shared_from_this<UR
   using List = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
 
   std::optional<URLError> setHeaders();
-  bool append(const std::string& line);
+  bool append(std::string_view name, const std::string& line);
   void setRequest();
   void setBody();
-  void setSafety(SocketOwner& sockets);
+  void setSafety();
+  void setSockets(SocketOwner& sockets);
   std::int64_t bodySize() const noexcept;
 
   std::size_t readBody(char* buffer, std::size_t size) noexcept;
   void rewindBody() noexcept;
   std::size_t takeHeader(std::string_view line) noexcept;
+  void beginAnswer();
   std::size_t takeData(std::string_view bytes) noexcept;
+  void keep(std::string_view bytes);
+  int openSocket(const curl_sockaddr& address) noexcept;
+  URLError failure(CURLcode result, long status) const;
   void noteProgress(curl_off_t received, curl_off_t sent) noexcept;
   template <class Work>
   bool guarded(Work work) noexcept;
@@ -100,6 +106,7 @@ class URLExchange final : public URLTask, public std::enable_shared_from_this<UR
 
   Transfer transfer_{nullptr, curl_easy_cleanup};
   List headers_{nullptr, curl_slist_free_all};
+  List proxyHeaders_{nullptr, curl_slist_free_all};  // for proxies only
   std::array<char, CURL_ERROR_SIZE> errorText_{};
 
   std::unique_ptr<BodyStream> body_;  // null where the body is in memory
@@ -111,7 +118,10 @@ class URLExchange final : public URLTask, public std::enable_shared_from_this<UR
   curl_off_t received_ = 0;
   Clock::time_point lastActivity_;
   URLResponse response_;
+  std::unique_ptr<ContentDecoder> decoder_;  // of the body that comes in
   std::string data_;
+  SocketOwner* sockets_ = nullptr;
+  int socketError_ = 0;                    // why there was no socket
   std::optional<URLError> callbackError_;  // what made a callback end the transfer
   std::optional<URLError> error_;          // how the exchange ended, if not well
   std::atomic<std::int64_t> sent_{0};

@@ -13,6 +13,7 @@
 
 #include "Velum/Fatal.h"
 #include "Velum/KeepOpenSsl.h"
+#include "Velum/Platform/Linux/WorkerPoolLinux.h"
 #include "Velum/Platform/Thread.h"
 #include "Velum/SystemError.h"
 
@@ -78,12 +79,16 @@ void URLEngine::abandonInChild() noexcept {
 }
 
 void URLEngine::run() {
+  // In a child that a body forked while it was read, this is the only thread, and the engine is the
+  // parent's.
   while (true) {
     Exchanges ended;
     const int milliseconds = work(ended);
     for (const auto& exchange : ended) exchange->deliver();
     ended.clear();
-    if (!feed()) curl_multi_poll(multi_.get(), nullptr, 0, milliseconds, nullptr);
+    const bool wasAwaited = feed();
+    if (forkGeneration() != generation_) WorkerPool::shared().serve();
+    if (!wasAwaited) curl_multi_poll(multi_.get(), nullptr, 0, milliseconds, nullptr);
   }
 }
 
@@ -105,6 +110,7 @@ bool URLEngine::feed() {
   bool wasAwaited = false;
   for (const auto& exchange : running_) {
     if (exchange->isHungry()) exchange->feed();
+    if (forkGeneration() != generation_) return false;
     if (!exchange->takePause()) continue;
     wasAwaited = true;
     const std::lock_guard guard(working_);

@@ -50,6 +50,7 @@ class URLEngine final : public SocketOwner {
   void endOverdue();
   int millisecondsToWait() const;
 
+  const unsigned generation_ = forkGeneration();
   const std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)> multi_;
   // Held while libcurl works, not while it waits: what a child finds of it, and of the libraries
   // below it, is whole.

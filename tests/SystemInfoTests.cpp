@@ -221,12 +221,15 @@ TEST_F(LinuxMachine, HasTheSerialNumberOfItsFirmware) {
   remove(dmi);
   write(dmi, "  PF2A \xFF 1 \n");
   EXPECT_EQ(serialNumber(), "PF2A \xEF\xBF\xBD 1");
+  write(dmi, "12346789\n");
+  EXPECT_EQ(serialNumber(), "12346789");
   for (const char* const forgotten :
-       {"To Be Filled By O.E.M.\n", "Default string\n", "0000\n", "\n"}) {
+       {"To Be Filled By O.E.M.\n", "to be filled by o.e\n", "Default string\n", "Not Available\n",
+        "0000\n", "XXXXXXXX\n", "123456789\n", "01234567890123\n", "\n"}) {
     write(dmi, forgotten);
     EXPECT_EQ(serialNumber(), "NOSERIALNUMBER") << forgotten;
   }
-  EXPECT_EQ(log_.count("return nil."), 4U);
+  EXPECT_EQ(log_.count("return nil."), 9U);
 }
 
 TEST_F(LinuxMachine, HasTheModelOfItsFirmware) {

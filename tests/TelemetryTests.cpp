@@ -263,17 +263,21 @@ TEST(UserAgent, NamesTheProcessorAsTheServiceDoes) {
 }
 
 TEST(Languages, AreTagsOfLocaleNames) {
-  const std::vector<std::pair<const char*, const char*>> tags{{"en_US.UTF-8", "en-US"},
-                                                              {"de_AT@euro", "de-AT"},
-                                                              {"sr_RS.UTF-8@latin", "sr-Latn-RS"},
-                                                              {"ca_ES@valencia", "ca-ES-valencia"},
-                                                              {"DE", "de"},
-                                                              {"pt-br", "pt-BR"},
-                                                              {"es_419", "es-419"},
-                                                              {"nds_DE", "nds-DE"}};
+  const std::vector<std::pair<const char*, const char*>> tags{
+      {"en_US.UTF-8", "en-US"},
+      {"de_AT@euro", "de-AT"},
+      {"sr_RS.UTF-8@latin", "sr-Latn-RS"},
+      {"ca_ES@valencia", "ca-ES-valencia"},
+      {"DE", "de"},
+      {"pt-br", "pt-BR"},
+      {"es_419", "es-419"},
+      {"zh_Hans", "zh-Hans"},
+      {"zh-HANT-tw", "zh-Hant-TW"},
+      {"uz_Cyrl_UZ.UTF-8@latin", "uz-Cyrl-UZ"},
+      {"nds_DE", "nds-DE"}};
   for (const auto& [locale, tag] : tags) EXPECT_EQ(languageTag(locale), tag);
-  for (const char* const locale :
-       {"", "C", "POSIX", "C.UTF-8", "de_", "e1", "en_USA", "/etc/x", "german"}) {
+  for (const char* const locale : {"", "C", "POSIX", "C.UTF-8", "de_", "e1", "en_USA", "zh_Hans_",
+                                   "zh_CN_Hans", "zh_Hans_Hant", "/etc/x", "german"}) {
     EXPECT_EQ(languageTag(locale), std::nullopt) << locale;
   }
 }

@@ -26,8 +26,8 @@ class Directories {
   virtual std::optional<std::string> localLibrary() = 0;
 
   /// A folder of mode 0700 for this user's sockets and locks, gone when the user has logged out:
-  /// "velum" below $XDG_RUNTIME_DIR, else below the temporary folder with the user id in its
-  /// name. Created when missing; nothing when it can't be made or belongs to somebody else.
+  /// "velum" below $XDG_RUNTIME_DIR, else below /run/user/<user id>, else below the temporary
+  /// folder with the user id in its name. Created when missing; nothing when it can't be made or belongs to somebody else.
   virtual std::optional<std::string> runtime() = 0;
 };
 

@@ -5,8 +5,10 @@
 
 #include <filesystem>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"
 #include "tests/support/Inspection.h"
+#include "tests/support/PrivateMounts.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum {
@@ -53,17 +55,26 @@ TEST(Directories, RuntimeFolderIsPrivateAndInTheSession) {
   EXPECT_EQ(Directories::shared().runtime(), runtime);
 }
 
-TEST(Directories, RuntimeFolderFallsBackToTheTemporaryFolder) {
+TEST(Directories, RuntimeFolderFallsBackToTheSessionsAndTheTemporaryFolder) {
   const TemporaryFolder folder;
   const ScopedVariable temporary("TMPDIR", folder.path());
-  const std::string expected = folder / ("velum-" + std::to_string(::geteuid()));
   fs::create_directory_symlink(folder.path(), folder / "link");
-  for (const auto& useless :
-       {std::string(), std::string("run"), folder / "missing", folder / "link"}) {
-    const ScopedVariable session("XDG_RUNTIME_DIR", useless);
-    EXPECT_EQ(Directories::shared().runtime(), expected) << useless;
-    EXPECT_EQ(modeOf(expected), 0700);
-  }
+  test::inChild([&] {
+    if (!test::enterPrivateMounts()) return;
+    test::mountMemory("/run", "mode=755");
+    const auto expect = [&](const std::string& expected) {
+      for (const auto& useless :
+           {std::string(), std::string("run"), folder / "missing", folder / "link"}) {
+        const ScopedVariable session("XDG_RUNTIME_DIR", useless);
+        EXPECT_EQ(Directories::shared().runtime(), expected) << useless;
+        EXPECT_EQ(modeOf(expected), 0700);
+      }
+    };
+    const std::string id = std::to_string(::geteuid());
+    expect(folder / ("velum-" + id));
+    fs::create_directories("/run/user/" + id);
+    expect("/run/user/" + id + "/velum");
+  });
 }
 
 TEST(Directories, RuntimeFolderTrustsNothingThatWasPlanted) {

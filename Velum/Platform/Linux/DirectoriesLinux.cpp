@@ -64,9 +64,12 @@ class DirectoriesLinux final : public Directories {
 
   std::optional<std::string> runtime() override {
     // The variable may be another user's, for example under sudo: nothing of ours belongs there.
+    // A service or a scheduled job often has none, and yet has to meet the user's other processes.
     const auto session = absoluteVariable("XDG_RUNTIME_DIR");
     struct stat status {};
-    if (session && isOwnFolder(*session, status)) return privateFolder(*session + "/velum");
+    for (const auto& folder : {session.value_or(""), "/run/user/" + std::to_string(::geteuid())}) {
+      if (isOwnFolder(folder, status)) return privateFolder(folder + "/velum");
+    }
     const std::string temporary = absoluteVariable("TMPDIR").value_or("/tmp");
     return privateFolder(temporary + "/velum-" + std::to_string(::geteuid()));
   }

@@ -50,16 +50,56 @@ std::string trimmed(std::string_view text) {
   return std::string(text.substr(0, text.find_last_not_of(blanks) + 1));
 }
 
+/// "12345", "0123456789": what was typed to type something.
+bool isCount(std::string_view text) {
+  constexpr std::size_t shortest = 5;
+  const auto isNext = [](char a, char b) { return b == a + 1 || (a == '9' && b == '0'); };
+  const auto isOther = [&](char a, char b) { return !isNext(a, b); };
+  return text.size() >= shortest && (text.front() == '0' || text.front() == '1') &&
+         std::ranges::adjacent_find(text, isOther) == text.end();
+}
+
 /// True for what stands in the firmware of machines whose vendor did not fill it in. Such a text
 /// is the same on thousands of machines.
 bool isPlaceholder(std::string_view text) {
-  constexpr std::array<std::string_view, 11> placeholders{
-      "To be filled by O.E.M.", "Default string", "None",      "N/A",
-      "Not Applicable",         "Not Specified",  "O.E.M.",    "System Product Name",
-      "System Serial Number",   "Unknown",        "0123456789"};
+  constexpr std::array<std::string_view, 32> placeholders{"Default",
+                                                          "Default string",
+                                                          "Empty",
+                                                          "INVALID",
+                                                          "N/A",
+                                                          "NA",
+                                                          "Not Applicable",
+                                                          "Not Available",
+                                                          "Not Present",
+                                                          "Not Provided",
+                                                          "Not Set",
+                                                          "Not Specified",
+                                                          "None",
+                                                          "Null",
+                                                          "NoSerialNumber",
+                                                          "O.E.M.",
+                                                          "OEM",
+                                                          "S/N",
+                                                          "SN",
+                                                          "Serial",
+                                                          "Serial Number",
+                                                          "SerialNumber",
+                                                          "Serial No.",
+                                                          "System Manufacturer",
+                                                          "System Name",
+                                                          "System Product Name",
+                                                          "System Serial Number",
+                                                          "SystemSerialNumb",
+                                                          "SYSTEM_SERIAL_NUMBER",
+                                                          "Undefined",
+                                                          "Unknown",
+                                                          "Unspecified"};
+  constexpr std::string_view toBeFilled = "To be filled";  // "by O.E.M.", and cut anywhere
   const auto isText = [text](std::string_view other) { return equalsIgnoringCase(text, other); };
-  return text.find_first_not_of('0') == std::string_view::npos ||  // empty ones too
-         std::any_of(placeholders.begin(), placeholders.end(), isText);
+  // Empty, or "0000", "xxxx", "....".
+  return text.empty() || text.find_first_not_of(text.front()) == std::string_view::npos ||
+         isCount(text) || equalsIgnoringCase(text.substr(0, toBeFilled.size()), toBeFilled) ||
+         std::ranges::any_of(placeholders, isText);
 }
 
 /// The numbers at the start of "6.1.0-13-amd64", at most three; nothing when it begins with none.

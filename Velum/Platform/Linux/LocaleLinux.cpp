@@ -39,6 +39,17 @@ bool isRegion(std::string_view text) {
          (text.size() == 3 && std::all_of(text.begin(), text.end(), isDigit));
 }
 
+bool isScript(std::string_view text) {
+  return text.size() == 4 && std::all_of(text.begin(), text.end(), isLetter);
+}
+
+/// Takes what stands before the next separator off the text, and the separator.
+std::string_view nextPart(std::string_view& text) {
+  const std::string_view part = text.substr(0, text.find_first_of("_-"));
+  text.remove_prefix(std::min(part.size() + 1, text.size()));
+  return part;
+}
+
 /// What a modifier says of the script; others tell of currencies or sorting.
 std::string_view scriptOf(std::string_view modifier) {
   constexpr std::array<std::pair<std::string_view, std::string_view>, 4> scripts{
@@ -62,17 +73,20 @@ std::optional<std::string> languageTag(std::string_view locale) {
       at == std::string_view::npos ? std::string_view() : locale.substr(at + 1);
   locale = locale.substr(0, at);
   locale = locale.substr(0, locale.find('.'));
-  // A list of languages may hold finished tags as well: "pt-BR".
-  const std::size_t separator = locale.find_first_of("_-");
-  const std::string_view language = locale.substr(0, separator);
+  if (locale.ends_with('_') || locale.ends_with('-')) return std::nullopt;
+  // A list of languages may hold finished tags as well: "pt-BR", "zh-Hant-TW".
+  const std::string_view language = nextPart(locale);
   if (!isLanguage(language)) return std::nullopt;
-
   std::string tag = mapped(language, lower);
-  if (const auto script = scriptOf(modifier); !script.empty()) tag.append("-").append(script);
-  if (separator != std::string_view::npos) {
-    const std::string_view region = locale.substr(separator + 1);
-    if (!isRegion(region)) return std::nullopt;
-    tag.append("-").append(mapped(region, upper));
+  std::string script(scriptOf(modifier));
+  if (isScript(locale.substr(0, locale.find_first_of("_-")))) {
+    script = mapped(nextPart(locale), lower);
+    script.front() = upper(script.front());
+  }
+  if (!script.empty()) tag.append("-").append(script);
+  if (!locale.empty()) {
+    if (!isRegion(locale)) return std::nullopt;
+    tag.append("-").append(mapped(locale, upper));
   }
   if (modifier == "valencia") tag.append("-").append(modifier);
   return tag;

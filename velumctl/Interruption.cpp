@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 
@@ -13,12 +14,16 @@ namespace {
 // For the signal handler.
 std::atomic<int> receivedSignal{0};
 std::atomic<velum::Progress*> cancellable{nullptr};
+std::atomic<int> waker{-1};
 static_assert(std::atomic<int>::is_always_lock_free);
 static_assert(std::atomic<velum::Progress*>::is_always_lock_free);
 
 extern "C" void noteInterruption(int signal) {
   receivedSignal.store(signal);
   if (velum::Progress* const progress = cancellable.load()) progress->cancel();
+  const int code = errno;
+  if (const int writer = waker.load(); writer >= 0) static_cast<void>(!::write(writer, "", 1));
+  errno = code;
 }
 
 }  // namespace
@@ -38,11 +43,16 @@ void Interruption::cancels(velum::Progress& progress) noexcept {
   if (isAsked()) progress.cancel();
 }
 
+void Interruption::wakes(int writer) noexcept {
+  waker = writer;
+}
+
 Interruption::~Interruption() {
   for (std::size_t i = 0; i < numbers.size(); ++i) {
     ::sigaction(numbers.at(i), &before_.at(i), nullptr);
   }
   cancellable = nullptr;
+  waker = -1;
 }
 
 int Interruption::signal() noexcept {

@@ -21,6 +21,8 @@ class Interruption {
 
   /// Such a signal, or one that came already, cancels `progress`, which must outlive this object.
   void cancels(velum::Progress& progress) noexcept;
+  /// Such a signal writes a byte to the pipe `writer`, which must outlive this object.
+  void wakes(int writer) noexcept;
 
   /// The signal that came while there was an object; 0 for none.
   static int signal() noexcept;

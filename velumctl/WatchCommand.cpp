@@ -1,7 +1,8 @@
 #include <fmt/format.h>
-#include <sys/wait.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -25,6 +26,7 @@
 #include "Velum/SystemError.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
+#include "velumctl/Interruption.h"
 #include "velumctl/Terminal.h"
 
 namespace velumctl {
@@ -37,31 +39,13 @@ struct WatchOptions {
   std::vector<std::string> command;
 };
 
-std::atomic<int> watchWaker{-1};  // for the signal handler
-std::atomic<bool> isWatchInterrupted{false};
-
-extern "C" void endWatch(int /*signal*/) {
-  const int code = errno;
-  isWatchInterrupted.store(true);
-  static_cast<void>(!::write(watchWaker, "", 1));
-  errno = code;
-}
-
-/// Wakes the thread that prints: for a change, and for Ctrl-C or a polite kill, which from the
-/// object's making on do nothing else.
+/// Wakes the thread that prints: for a change, and for a signal that asks for the end.
 class WatchWaker final : public velum::DirectoryMonitorDelegate {
  public:
-  WatchWaker() {
-    watchWaker = pipe_.writer.get();
-    std::signal(SIGINT, endWatch);   // NOLINT(cert-err33-c): can't fail
-    std::signal(SIGTERM, endWatch);  // NOLINT(cert-err33-c)
-  }
+  WatchWaker() { interruption_.wakes(pipe_.writer.get()); }
   WatchWaker(const WatchWaker&) = delete;
   WatchWaker& operator=(const WatchWaker&) = delete;
-  ~WatchWaker() override {
-    std::signal(SIGINT, SIG_DFL);   // NOLINT(cert-err33-c)
-    std::signal(SIGTERM, SIG_DFL);  // NOLINT(cert-err33-c)
-  }
+  ~WatchWaker() override = default;
 
   void directoryMonitorDidObserveChange(velum::IDirectoryMonitor& /*monitor*/) override {
     if (!isChanged_.exchange(true)) static_cast<void>(!::write(pipe_.writer.get(), "", 1));
@@ -69,17 +53,37 @@ class WatchWaker final : public velum::DirectoryMonitorDelegate {
 
   /// True for a change, or for several that came since the last call; false for a signal.
   bool waitForChange() {
-    while (!isWatchInterrupted) {
-      char byte = 0;
-      velum::retryInterrupted([&] { return ::read(pipe_.reader.get(), &byte, 1); });
-      if (isChanged_.exchange(false) && !isWatchInterrupted) return true;
+    while (!Interruption::isAsked()) {
+      if (isChanged_.exchange(false)) return true;
+      wait(none);
+    }
+    return false;
+  }
+
+  /// True when the descriptor is readable; false for a signal.
+  bool waitFor(int descriptor) const {
+    while (!Interruption::isAsked()) {
+      if (wait(descriptor)) return true;
     }
     return false;
   }
 
  private:
+  static constexpr int none = -1;  // poll(2) passes over it
+
+  bool wait(int descriptor) const {
+    std::array<pollfd, 2> states{{{pipe_.reader.get(), POLLIN, 0}, {descriptor, POLLIN, 0}}};
+    velum::retryInterrupted([&] { return ::poll(states.data(), states.size(), -1); });
+    char byte = 0;
+    if (states[0].revents != 0) {
+      velum::retryInterrupted([&] { return ::read(pipe_.reader.get(), &byte, 1); });
+    }
+    return states[1].revents != 0;
+  }
+
   velum::PipeEnds pipe_ = velum::makePipe();
   std::atomic<bool> isChanged_{false};
+  Interruption interruption_;  // ends before the pipe
 };
 
 void printChange(const WatchOptions& options, bool isThere) {
@@ -99,8 +103,10 @@ void printChange(const WatchOptions& options, bool isThere) {
   output.flush();
 }
 
-// Waits until it has ended. Its failure is told, and no reason to end.
-void runOnChange(const std::string& tool, const std::vector<std::string>& command) {
+// Waits until it has ended. Its failure is told, and no reason to end. After a signal it is
+// waited for a moment only.
+void runOnChange(const std::string& tool, const std::vector<std::string>& command,
+                 const WatchWaker& waker) {
   velum::SpawnOptions options;
   options.executable = tool;
   options.arguments = command;
@@ -108,10 +114,18 @@ void runOnChange(const std::string& tool, const std::vector<std::string>& comman
     options.standardStreams.at(static_cast<std::size_t>(number)) = velum::inheritedStream(number);
   }
   const pid_t pid = velum::spawn(options);
-  int status = 0;
-  velum::retryInterrupted([&] { return ::waitpid(pid, &status, 0); });
-  const auto end = velum::Termination::ofWaitStatus(status);
-  if (end == velum::Termination{} || isWatchInterrupted) return;
+  const velum::UniqueFd ended = velum::exitDescriptor(pid);
+  if (!waker.waitFor(ended.get())) {
+    constexpr int patience = 2000;  // milliseconds; Ctrl-C has reached the command as well
+    pollfd state{ended.get(), POLLIN, 0};
+    velum::retryInterrupted([&] { return ::poll(&state, 1, patience); });
+    if (state.revents == 0) {
+      ::kill(pid, SIGTERM);
+      return;
+    }
+  }
+  const auto end = velum::Termination::ofWaitStatus(velum::reapChild(pid));
+  if (end == velum::Termination{} || Interruption::isAsked()) return;
   const bool isSignal = end.reason == velum::Termination::Reason::uncaughtSignal;
   std::cerr << fmt::format("velumctl: {} {} {}\n", tool,
                            isSignal ? "was ended by signal" : "ended with status", end.status);
@@ -139,7 +153,7 @@ void watch(const WatchOptions& options) try {
   while (waker->waitForChange()) {
     // Watches what is there by now, should it be another file or folder.
     printChange(options, monitor->startMonitoring());
-    if (options.exec) runOnChange(tool, options.command);
+    if (options.exec) runOnChange(tool, options.command, *waker);
   }
   monitor->stopMonitoring();
 } catch (const velum::SystemError& error) {
@@ -160,7 +174,8 @@ void addWatch(CLI::App& app) {
   command.footer(
       "Changes that come close together, or while the command runs, are one. What is deleted, "
       "moved "
-      "away or replaced is watched again as soon as something is at the path.\n\n"
+      "away or replaced is watched again as soon as something is at the path. What is in the files "
+      "of a folder is nothing to the folder.\n\n"
       "Examples:\n"
       "  velumctl watch ~/.config/vpn\n"
       "  velumctl watch --json /etc/resolv.conf\n"

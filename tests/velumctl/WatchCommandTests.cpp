@@ -28,35 +28,40 @@ class VelumctlWatch : public VelumctlTest {
 
 TEST_F(VelumctlWatch, PrintsChangesUntilInterruptedWhateverBecomesOfThePath) {
   RunningProgram watch = watching({path_});
-  EXPECT_TRUE(prints(watch, " changed " + path_ + '\n', [&] { writeFile(path_ + "/a", ""); }));
+  const auto change = [&] { ::chmod(path_.c_str(), 0700); };
+  EXPECT_TRUE(prints(watch, " changed " + path_ + '\n', change));
   std::filesystem::remove_all(path_);
   watch.readUntil(" missing " + path_ + '\n');
   std::filesystem::create_directory(path_);
   RunningProgram json = watching({"--json", path_});
-  EXPECT_TRUE(prints(json, "\"path\":\"" + path_ + "\",\"exists\":true}\n",
-                     [&] { writeFile(path_ + "/b", ""); }));
+  EXPECT_TRUE(prints(json, "\"path\":\"" + path_ + "\",\"exists\":true}\n", change));
   json.closeOutput();
   writeFile(path_ + "/c", "");
   EXPECT_EQ(exitStatus(json), 0) << "its reader has gone";
-  watch.signal(SIGINT);
+  watch.signal(SIGHUP);
   EXPECT_EQ(exitStatus(watch), 0);
   EXPECT_GT(watch.readToEnd().rfind(" changed "), watch.readToEnd().rfind(" missing "));
 }
 
 TEST_F(VelumctlWatch, RunsACommandAfterChanges) {
   const std::string ran = folder_ / "ran";
+  int files = 0;
+  const auto hasRun = [&](const std::string& twice) {
+    return eventually([&] {
+      writeFile(path_ + '/' + std::to_string(++files), "");
+      return readFile(ran).starts_with(twice);
+    });
+  };
   RunningProgram watch = watching(
       {path_, "--exec", "sh", "-c", "echo --json \"$0\" >> " + ran + "; exit 3", "--help"});
-  EXPECT_TRUE(eventually([&] {
-    writeFile(path_ + "/a", "");
-    return readFile(ran).starts_with("--json --help\n");
-  }));
-  EXPECT_TRUE(eventually([&] {
-    writeFile(path_ + "/a", "");
-    return readFile(ran).starts_with("--json --help\n--json --help\n");
-  })) << "its failure ends nothing";
-  watch.signal(SIGTERM);
+  EXPECT_TRUE(hasRun("--json --help\n--json --help\n")) << "its failure ends nothing";
+  watch.signal(SIGQUIT);
   EXPECT_EQ(exitStatus(watch), 0);
+  RunningProgram busy =
+      watching({path_, "--exec", "sh", "-c", "echo x > " + ran + "; exec sleep 600"});
+  EXPECT_TRUE(hasRun("x"));
+  busy.signal(SIGTERM);
+  EXPECT_EQ(exitStatus(busy), 0) << "it waits for the command";
 }
 
 TEST_F(VelumctlWatch, SaysWhatIsWrong) {

@@ -44,11 +44,14 @@ class IDirectoryMonitor {
   virtual void stopMonitoring() = 0;
 };
 
-/// Tells its delegate of every change to a folder (its entries and its attributes) or a file.
+/// Tells its delegate of every change to a folder (its entries and its attributes, not what is in
+/// its files) or a file.
 ///
 /// It also tells when the path comes to lead elsewhere: what it watches was deleted, renamed,
-/// replaced (the way editors save a file) or unmounted, and whenever something is made at the path
-/// again. It does not watch what was made; the next start does, with or without a stop before it.
+/// replaced (the way editors save a file), unmounted or mounted over, or any folder or link on the
+/// way there was; and whenever something is made at the path again. It does not watch what was
+/// made; the next start does, with or without a stop before it. A start also notices by itself what
+/// no event told: of a folder on the way that this user may not read, for instance.
 ///
 /// A delegate is never called twice at once for the same monitor. While it is busy, changes wait
 /// and are told by one call afterwards; the last change is always followed by a call. A forked

@@ -97,6 +97,13 @@ TEST_F(DirectoryMonitorTest, TellsChangesBetweenStartAndStop) {
   EXPECT_TRUE(watched.isTold([&] { test::writeFile(path + "/entry", "x"); }));
   EXPECT_TRUE(watched.isTold([&] { fs::rename(path + "/entry", path + "/renamed"); }));
   EXPECT_TRUE(watched.isTold([&] { fs::remove(path + "/renamed"); }));
+  test::writeFile(path + "/file", "1");
+  settle();
+  const int before = watched.delegate->notices;
+  test::writeFile(path + "/file", "2");  // which is nothing to the folder
+  touch(path + "/file");
+  settle();
+  EXPECT_EQ(watched.delegate->notices, before);
   watched.monitor->stopMonitoring();
   // A call that began before may go on, to the delegate it began with.
   watched.delegate = std::make_shared<Delegate>();
@@ -126,6 +133,7 @@ struct Loss {
   const char* name;
   void (*lose)(const std::string& path);
   void (*make)(const std::string& path);
+  void (*prepare)(const std::string& path) = [](const std::string&) {};
 };
 void PrintTo(const Loss& loss, std::ostream* out) {
   *out << loss.name;
@@ -134,12 +142,19 @@ void makeFolder(const std::string& path) {
   fs::create_directories(path);
 }
 
+std::string upFrom(fs::path path, int folders) {
+  while (folders-- > 0) path = path.parent_path();
+  return path.string();
+}
+
 class DirectoryMonitorLoss : public DirectoryMonitorTest,
                              public ::testing::WithParamInterface<Loss> {};
 
 TEST_P(DirectoryMonitorLoss, IsToldAndWatchedAgainByTheNextStart) {
-  path = folder / "above/watched";
-  fs::create_directories(path);
+  fs::create_directories(folder / "real/top/above/watched");
+  fs::create_directory_symlink("real", folder / "link");
+  path = folder / "link/top/above/watched";
+  GetParam().prepare(path);
   const Monitored watched(path);
   for (const bool stops : {false, true}) {
     ASSERT_TRUE(watched.monitor->startMonitoring());
@@ -177,7 +192,33 @@ INSTANTIATE_TEST_SUITE_P(
                fs::remove_all(above.string() + ".old");
                fs::rename(above, above.string() + ".old");
              },
-             makeFolder}),
+             makeFolder},
+        Loss{
+            "RenamedFurtherUp",
+            [](const std::string& path) { fs::rename(upFrom(path, 2), upFrom(path, 2) + ".old"); },
+            [](const std::string& path) { fs::rename(upFrom(path, 2) + ".old", upFrom(path, 2)); }},
+        Loss{"RenamedBehindALink",
+             [](const std::string& path) {
+               fs::rename(upFrom(path, 4) + "/real", upFrom(path, 3) + ".old");
+             },
+             [](const std::string& path) {
+               fs::rename(upFrom(path, 3) + ".old", upFrom(path, 4) + "/real");
+             }},
+        Loss{"AnotherLinkOnTheWay",
+             [](const std::string& path) {
+               const std::string link = upFrom(path, 3);
+               const std::string next = fs::read_symlink(link).string() + "+";
+               fs::create_directory(upFrom(link, 1) + '/' + next);
+               fs::create_directory_symlink(next, link + ".new");
+               fs::rename(link + ".new", link);
+             },
+             makeFolder},
+        Loss{"WhereItsLinkLeads", [](const std::string& path) { fs::remove(path + ".target"); },
+             [](const std::string& path) { fs::create_directory(path + ".target"); },
+             [](const std::string& path) {
+               fs::rename(path, path + ".target");
+               fs::create_directory_symlink("watched.target", path);
+             }}),
     [](const auto& loss) { return std::string(loss.param.name); });
 
 TEST_F(DirectoryMonitorTest, TellsWhenAnEditorReplacesAFile) {
@@ -197,13 +238,16 @@ TEST_F(DirectoryMonitorTest, TellsWhenAnEditorReplacesAFile) {
   EXPECT_TRUE(watched.isTold([&] { test::writeFile(file, "2"); }));
 }
 
-TEST_F(DirectoryMonitorTest, TellsOfItsFileSystemsEnd) {
+TEST_F(DirectoryMonitorTest, TellsWhatIsMountedOverItAndUnmounted) {
   test::inChild([this] {
     if (!test::enterPrivateMounts()) GTEST_SKIP() << "mounts are not permitted";
-    test::mountMemory(path, "size=64k");
     const Monitored watched(path);
     ASSERT_TRUE(watched.monitor->startMonitoring());
-    EXPECT_TRUE(watched.isTold([&] { ASSERT_EQ(::umount(path.c_str()), 0); }));
+    EXPECT_TRUE(watched.isTold([&] { test::mountMemory(path, "size=64k"); }));
+    ASSERT_TRUE(watched.monitor->startMonitoring());
+    EXPECT_TRUE(watched.isTold([&] { touch(path); }));
+    const UniqueFd user(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_TRUE(watched.isTold([&] { ASSERT_EQ(::umount2(path.c_str(), MNT_DETACH), 0); }));
     ASSERT_TRUE(watched.monitor->startMonitoring());
     EXPECT_TRUE(watched.isTold([&] { touch(path); }));
   });
@@ -338,15 +382,20 @@ TEST_F(DirectoryMonitorTest, RefusesOneMoreThanTheUserMayWatch) {
                  ? ::open("/proc/sys/user/max_inotify_watches", O_WRONLY | O_CLOEXEC)
                  : -1;
     }());
-    if (!limit || ::write(limit.get(), "3", 1) != 1) GTEST_SKIP() << "the limit can't be set";
+    // Each folder on the way takes one; the root, which can't be moved, none.
+    const fs::path above(folder.path());
+    const auto most = std::to_string(std::distance(above.begin(), above.end()) + 1);
+    if (!limit || ::write(limit.get(), most.data(), most.size()) < 0) {
+      GTEST_SKIP() << "the limit can't be set";
+    }
     const test::CapturedLog log;
     const Monitored watched(path);
-    ASSERT_TRUE(watched.monitor->startMonitoring());  // two watches: its own, the folder's above
-    // Either the second one or the folder's above it is too much.
-    fs::create_directories(path + "/1/2");
-    const Monitored more(path + "/1/2");
+    ASSERT_TRUE(watched.monitor->startMonitoring());
+    // Either its own one or the folder's above it is too much.
+    fs::create_directories(folder / "1/2");
+    const Monitored more(folder / "1/2");
     EXPECT_FALSE(more.monitor->startMonitoring());
-    EXPECT_TRUE(log.has("Open " + path + "/1/2 for file notifications"));
+    EXPECT_TRUE(log.has("Open " + (folder / "1/2") + " for file notifications"));
     EXPECT_TRUE(log.has("fs.inotify.max_user_watches"));
     EXPECT_TRUE(watched.isTold([&] { touch(path); }));
     watched.monitor->stopMonitoring();

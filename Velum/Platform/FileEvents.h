@@ -12,8 +12,10 @@ namespace velum {
 /// What can happen to a watched file or folder. A set of bits.
 enum class FileEvent : std::uint8_t {
   none = 0,
-  deleted = 1U << 0U,   ///< Its last name is gone.
-  written = 1U << 1U,   ///< Content changed; for a folder: an entry came, went or was renamed.
+  deleted = 1U << 0U,  ///< Its last name is gone.
+  /// Content changed; for a folder: an entry came, went or was renamed. What is in a folder's files
+  /// is nothing to the folder.
+  written = 1U << 1U,
   extended = 1U << 2U,  ///< It grew. Systems that can't tell report `written` only.
   attribute = 1U << 3U,
   link = 1U << 4U,     ///< Its number of names changed.
@@ -45,8 +47,9 @@ class FileEvents {
     Watch& operator=(const Watch&) = delete;
     virtual ~Watch() = default;
 
-    /// Of `watchPath`: what was watched no longer stands at its path. Any thread.
-    virtual bool isOutdated() const noexcept { return false; }
+    /// Of `watchPath`: what was watched no longer stands at its path. Looks there, for what no
+    /// event has told (yet). Any thread.
+    virtual bool isOutdated() const { return false; }
   };
   using Handler = std::function<void(FileEvent)>;
 
@@ -65,12 +68,14 @@ class FileEvents {
 
   /// Calls `handler` for whatever happens to the file or folder at `path`, for its loss of that
   /// path (a folder's removal is told even while somebody still uses it), and each time that
-  /// something comes to stand there again, be it with the folders above it. What came is not
-  /// watched: begin anew for that. Does not tell a changed number of names from other attributes.
-  /// Costs no descriptor for each watch; otherwise like `watch`.
+  /// something comes to stand there again. The folders and links on the way count: that one of them
+  /// was moved, replaced or made is told as well. What came is not watched: begin anew for that.
+  /// Does not tell a changed number of names from other attributes. Costs no descriptor for each
+  /// watch, but one of the user's watches for each folder on the way; otherwise like `watch`.
   ///
   /// With a concurrent queue, this is the fastest way to hear of a change: the handler may run on
-  /// the thread that learnt of it.
+  /// the thread that learnt of it. That something was mounted or unmounted on the way is told with
+  /// such a queue only, at the latest together with the next event of any file.
   virtual std::unique_ptr<Watch> watchPath(const std::string& path,
                                            std::shared_ptr<DispatchQueue> queue,
                                            Handler handler) = 0;

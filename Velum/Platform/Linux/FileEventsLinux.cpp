@@ -1,8 +1,7 @@
-#include "Velum/Platform/FileEvents.h"
+#include "Velum/Platform/Linux/FileEventsLinux.h"
 
 #include <fcntl.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,25 +11,17 @@
 #include <cstring>
 #include <iterator>
 #include <mutex>
-#include <unordered_map>
+#include <type_traits>
 #include <utility>
-#include <vector>
 
-#include "Velum/Platform/AtFork.h"
-#include "Velum/Platform/Linux/FileWatcherLinux.h"
-#include "Velum/Platform/Linux/InotifyReader.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/SystemError.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 namespace {
 
 constexpr std::uint32_t entryEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
-constexpr std::uint32_t anyEvent =
-    entryEvents | IN_MODIFY | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
-// Of a folder for the sake of a name in it; its own end and move change what the path leads to.
-constexpr std::uint32_t nameEvents = entryEvents | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr std::uint32_t anyEvent = entryEvents | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
 
 std::uint32_t inotifyMask(FileEvent events) noexcept {
   // A file that is still open loses its last name without IN_DELETE_SELF; only its changed link
@@ -43,92 +34,6 @@ std::uint32_t inotifyMask(FileEvent events) noexcept {
   if (has(events, FileEvent::written | FileEvent::extended)) mask |= IN_MODIFY | entryEvents;
   return mask;
 }
-
-using Watchers = std::vector<std::shared_ptr<FileWatcher>>;
-using PathWatchers = std::vector<std::shared_ptr<PathWatcher>>;
-// By the name each waits for. The names are parts of the watchers' paths.
-using Names = std::unordered_multimap<std::string_view, std::shared_ptr<PathWatcher>>;
-
-/// Who wants to hear of one file or folder.
-struct Watched {
-  Watchers watchers;
-  std::unique_ptr<Names> names;  // few folders are watched for those
-
-  bool isUnused() const { return watchers.empty() && (!names || names->empty()); }
-};
-
-/// What comes of the events of one read, besides the handlers that were scheduled.
-struct Outcome {
-  explicit Outcome(InotifyReader::Turn turn_) : turn(turn_) {}
-  InotifyReader::Turn turn;
-  std::shared_ptr<FileWatcher> first;  // to be run by the thread that reads
-};
-
-/// All watches of the process on one inotify descriptor. Watches of the same file share the
-/// kernel's watch; each carries the union of what its watchers want.
-///
-/// The last reference to a watcher is never dropped here: it takes a queue along, which leaves the
-/// fork registry, so that must not happen under anybody's lock. A watcher's owner keeps his until
-/// it was removed from here, in a forked child as well.
-class FileEventsLinux final : public FileEvents,
-                              public ForkParticipant,
-                              private InotifyReader::Sink {
- public:
-  FileEventsLinux() : ForkParticipant(Stage::service) { registerForFork(); }
-
-  std::unique_ptr<Watch> watch(const std::string& path, FileEvent events,
-                               std::shared_ptr<DispatchQueue> queue, Handler handler) override;
-  std::unique_ptr<Watch> watchPath(const std::string& path, std::shared_ptr<DispatchQueue> queue,
-                                   Handler handler) override;
-  void remove(const std::shared_ptr<FileWatcher>& watcher);
-  void remove(const std::shared_ptr<PathWatcher>& watcher);
-
-  void prepareFork() noexcept override { lock_.lock(); }
-  void afterForkInParent() noexcept override { lock_.unlock(); }
-  void afterForkInChild() noexcept override {
-    reader_.resetAfterFork();
-    lock_.resetAfterFork();
-  }
-
- private:
-  void openLk();
-  int addWatchLk(const char* path, std::uint32_t mask);
-  int addOwnWatchLk(const char* path, std::uint32_t mask);
-  void releaseLk(int descriptor, const std::shared_ptr<FileWatcher>& watcher);
-  void retireIfUnusedLk(int descriptor);
-  void removeRetiredLk();
-  void removeRetired();
-  bool watchFolderLk(const std::shared_ptr<PathWatcher>& watcher);
-  int nearestFolderLk(PathWatcher& watcher);
-  int watchOfFolderLk(std::string_view folder);
-  void leaveFolderLk(const std::shared_ptr<PathWatcher>& watcher);
-  bool isStillThereLk(const PathWatcher& watcher);
-
-  std::shared_ptr<FileWatcher> take(std::string_view events, InotifyReader::Turn turn) override;
-  void takeAllLk(std::string_view events, Outcome& outcome);
-  void takeLk(const inotify_event& event, std::string_view name, Outcome& outcome);
-  void tellAllLk(Outcome& outcome);
-  void nameChangedLk(const std::shared_ptr<PathWatcher>& watcher, std::uint32_t mask,
-                     Outcome& outcome);
-  void folderLostLk(const std::shared_ptr<PathWatcher>& watcher, Outcome& outcome);
-  void pathChangedLk(PathWatcher& watcher, FileEvent events, Outcome& outcome);
-
-  UnfairLock lock_;
-  unsigned generation_ = forkGeneration();
-  const std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::serial("FileEvents");
-  InotifyReader reader_{*this, queue_};
-  std::unordered_map<int, Watched> watched_;
-  // Nobody wants these any more. The kernel tells of each removal, which wakes the reader: they are
-  // removed together, at the latest after a moment.
-  std::vector<int> retired_;
-  bool isRemovalDue_ = false;
-  struct {
-    std::string folder;
-    int descriptor = -1;
-    std::chrono::steady_clock::time_point moment;
-  } latest_;
-  std::string postponed_;  // events that can wait for the next ones; the reader's own
-};
 
 FileEventsLinux& registry() {
   static FileEventsLinux& instance =
@@ -147,7 +52,10 @@ class WatchLinux final : public FileEvents::Watch {
     registry().remove(watcher_);
   }
 
-  bool isOutdated() const noexcept override { return watcher_->isOutdated(); }
+  bool isOutdated() const override {
+    if constexpr (std::is_same_v<Watcher, PathWatcher>) return registry().isOutdated(*watcher_);
+    return watcher_->isOutdated();
+  }
 
  private:
   std::shared_ptr<Watcher> watcher_;
@@ -160,38 +68,6 @@ SystemError watchError(const char* call, const std::string& path) {
       code == ENOSPC ? " (this user has as many watches as fs.inotify.max_user_watches allows)"
                      : "";
   return {code, std::string("watch(_:), ") + call + " (" + path + ')' + hint};
-}
-
-bool exists(std::string_view path) {
-  return ::access(std::string(path).c_str(), F_OK) == 0;
-}
-
-bool isFolder(std::string_view path) {
-  struct stat status {};
-  return ::stat(std::string(path).c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
-// Copies, because watchers change folders meanwhile.
-PathWatchers named(const Names& names, std::string_view name) {
-  PathWatchers watchers;
-  const auto [begin, end] = names.equal_range(name);
-  std::transform(begin, end, std::back_inserter(watchers),
-                 [](auto& entry) { return entry.second; });
-  return watchers;
-}
-PathWatchers all(const Names& names) {
-  PathWatchers watchers;
-  for (const auto& [name, watcher] : names) watchers.push_back(watcher);
-  return watchers;
-}
-
-void deliver(FileWatcher& watcher, FileEvent events, Outcome& outcome) {
-  if (events == FileEvent::none || !watcher.add(events)) return;
-  if (outcome.turn == InotifyReader::Turn::own && !outcome.first && watcher.mayRunAnywhere()) {
-    outcome.first = watcher.shared_from_this();
-  } else {
-    watcher.schedule();
-  }
 }
 
 template <class Use>
@@ -215,12 +91,24 @@ bool isTidying(std::string_view events) {
   return isTidying;
 }
 
+}  // namespace
+
+void FileEventsLinux::deliver(FileWatcher& watcher, FileEvent events, Outcome& outcome) {
+  if (events == FileEvent::none || !watcher.add(events)) return;
+  if (outcome.turn == InotifyReader::Turn::own && !outcome.first && watcher.mayRunAnywhere()) {
+    outcome.first = watcher.shared_from_this();
+  } else {
+    watcher.schedule();
+  }
+}
+
 void FileEventsLinux::openLk() {
   if (std::exchange(generation_, forkGeneration()) != forkGeneration()) {
     watched_.clear();  // the parent's
     retired_.clear();
     isRemovalDue_ = false;
-    latest_.descriptor = -1;
+    ways_.clear();
+    latest_.way.reset();
     postponed_.clear();
   }
   reader_.open();
@@ -272,15 +160,22 @@ std::unique_ptr<FileEvents::Watch> FileEventsLinux::watchPath(const std::string&
   auto watcher = std::make_shared<PathWatcher>(path, std::move(queue), std::move(handler));
   const std::lock_guard guard(lock_);
   openLk();
-  watcher->descriptor = addOwnWatchLk(path.c_str(), anyEvent);
-  if (watcher->descriptor < 0) throw watchError("inotify_add_watch", path);
-  watched_[watcher->descriptor].watchers.push_back(watcher);
-  watchFolderLk(watcher);
-  if (watcher->folderDescriptor == -ENOSPC) {
-    releaseLk(watcher->descriptor, watcher);
-    errno = ENOSPC;
-    throw watchError("inotify_add_watch", std::string(folderAbove(watcher->path())));
+  // The way first: what changes on it from now on is told, also while the next call goes it.
+  takeWayLk(watcher);
+  errno = ENOSPC;
+  if (!watcher->way->isRefused) {
+    watcher->descriptor = addOwnWatchLk(path.c_str(), anyEvent | IN_ONLYDIR);
+    // What changes in the content of a folder's files is nothing to the folder.
+    if (watcher->descriptor < 0 && errno == ENOTDIR) {
+      watcher->descriptor = addOwnWatchLk(path.c_str(), anyEvent | IN_MODIFY);
+    }
   }
+  if (watcher->descriptor < 0) {
+    const SystemError error = watchError("inotify_add_watch", path);
+    leaveWayLk(watcher);
+    throw error;
+  }
+  watched_[watcher->descriptor].watchers.push_back(watcher);
   if (watcher->mayRunAnywhere()) reader_.startThread();
   return std::make_unique<WatchLinux<PathWatcher>>(std::move(watcher));
 }
@@ -292,7 +187,7 @@ void FileEventsLinux::remove(const std::shared_ptr<FileWatcher>& watcher) {
 
 void FileEventsLinux::remove(const std::shared_ptr<PathWatcher>& watcher) {
   const std::lock_guard guard(lock_);
-  leaveFolderLk(watcher);
+  leaveWayLk(watcher);
   releaseLk(watcher->descriptor, watcher);
 }
 
@@ -331,68 +226,6 @@ void FileEventsLinux::removeRetired() {
   removeRetiredLk();
 }
 
-// Watches the folder above the path, or the nearest one that is there. True when that is the one
-// above. Without a folder that can be read, only the end of what stands at the path is told.
-bool FileEventsLinux::watchFolderLk(const std::shared_ptr<PathWatcher>& watcher) {
-  constexpr int attempts = 100;  // against somebody who makes and removes folders on the way
-  for (int attempt = 0; attempt < attempts; ++attempt) {
-    leaveFolderLk(watcher);
-    watcher->folderDescriptor = nearestFolderLk(*watcher);
-    if (watcher->folderDescriptor < 0) return false;
-    auto& names = watched_[watcher->folderDescriptor].names;
-    if (!names) names = std::make_unique<Names>();
-    names->emplace(lastName(watcher->awaited), watcher);
-    if (watcher->awaited == watcher->path()) return true;
-    // It may have come between the two looks.
-    if (!isFolder(watcher->awaited)) return false;
-  }
-  return false;
-}
-
-int FileEventsLinux::nearestFolderLk(PathWatcher& watcher) {
-  watcher.awaited = watcher.path();
-  while (!lastName(watcher.awaited).empty()) {
-    const std::string_view folder = folderAbove(watcher.awaited);
-    const int descriptor = watchOfFolderLk(folder);
-    if (descriptor >= 0) return descriptor;
-    if (errno != ENOENT && errno != ENOTDIR) return -errno;
-    watcher.awaited = folder;
-  }
-  return -ENOENT;
-}
-
-// Many paths of one folder are watched one after the other: it is not looked up each time. Should
-// it have been moved in between, its event is on its way, and will be taken for these paths too.
-int FileEventsLinux::watchOfFolderLk(std::string_view folder) {
-  constexpr std::chrono::milliseconds shelfLife{1};
-  const auto now = std::chrono::steady_clock::now();
-  if (folder == latest_.folder && now - latest_.moment < shelfLife) {
-    const auto entry = watched_.find(latest_.descriptor);
-    if (entry != watched_.end() && !entry->second.isUnused()) return latest_.descriptor;
-  }
-  latest_ = {std::string(folder), -1, now};
-  latest_.descriptor = addWatchLk(latest_.folder.c_str(), nameEvents);
-  return latest_.descriptor;
-}
-
-void FileEventsLinux::leaveFolderLk(const std::shared_ptr<PathWatcher>& watcher) {
-  const auto entry = watched_.find(std::exchange(watcher->folderDescriptor, -1));
-  if (entry == watched_.end() || !entry->second.names) return;
-  auto& names = *entry->second.names;
-  const auto [begin, end] = names.equal_range(lastName(watcher->awaited));
-  const auto place =
-      std::find_if(begin, end, [&](const auto& name) { return name.second == watcher; });
-  if (place != end) names.erase(place);
-  retireIfUnusedLk(entry->first);
-}
-
-// The kernel knows a file by its watch: the same answer for the path means the same file.
-bool FileEventsLinux::isStillThereLk(const PathWatcher& watcher) {
-  const int now = addWatchLk(std::string(watcher.path()).c_str(), anyEvent);
-  if (now >= 0 && !watched_.contains(now)) ::inotify_rm_watch(reader_.descriptor(), now);
-  return now >= 0 && now == watcher.descriptor;
-}
-
 std::shared_ptr<FileWatcher> FileEventsLinux::take(std::string_view events,
                                                    InotifyReader::Turn turn) {
   Outcome outcome(turn);
@@ -413,75 +246,52 @@ void FileEventsLinux::takeAllLk(std::string_view events, Outcome& outcome) {
   });
 }
 
+void FileEventsLinux::mountsChanged() {
+  Outcome outcome(InotifyReader::Turn::pool);
+  const std::lock_guard guard(lock_);
+  lookAgainAtAllLk(outcome);
+}
+
 void FileEventsLinux::takeLk(const inotify_event& event, std::string_view name, Outcome& outcome) {
   constexpr std::uint32_t losses = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
   if ((event.mask & IN_Q_OVERFLOW) != 0) return tellAllLk(outcome);
   const auto entry = watched_.find(event.wd);
   if (entry == watched_.end()) return;
   Watched& watched = entry->second;
-  for (const auto& watcher : watched.watchers) {
-    if ((event.mask & losses) != 0) watcher->setOutdated();
-    deliver(*watcher, watcher->translated(event.mask), outcome);
+  // Other events with a name are of what is in a folder, not of the folder.
+  const bool isOfEntry = (event.mask & entryEvents) != 0;
+  if (name.empty() || isOfEntry) {
+    for (const auto& watcher : watched.watchers) {
+      if ((event.mask & losses) != 0) watcher->setOutdated();
+      deliver(*watcher, watcher->translated(event.mask), outcome);
+    }
+  }
+  std::vector<std::shared_ptr<PathWatcher>> named;
+  if (watched.names && isOfEntry) {
+    const auto [begin, end] = watched.names->equal_range(name);
+    for (auto at = begin; at != end; ++at) named.push_back(at->second);
+  }
+  std::vector<std::shared_ptr<PathWay>> changed;
+  if (watched.ways) {
+    std::ranges::copy_if(*watched.ways, std::back_inserter(changed), [&](const auto& way) {
+      return (event.mask & losses) != 0 || way->isConcerned(event, name);
+    });
   }
   if ((event.mask & IN_IGNORED) != 0) {
-    for (const auto& watcher : std::exchange(watched.watchers, {})) watcher->descriptor = -1;
+    for (const auto& watcher : watched.watchers) watcher->descriptor = -1;
+    watched_.erase(entry);
   }
-  if ((event.mask & losses) != 0 && event.wd == latest_.descriptor) latest_.descriptor = -1;
-  if (watched.names && (event.mask & entryEvents) != 0) {
-    for (const auto& watcher : named(*watched.names, name)) {
-      nameChangedLk(watcher, event.mask, outcome);
-    }
-  } else if (watched.names && (event.mask & losses) != 0) {
-    for (const auto& watcher : all(*watched.names)) folderLostLk(watcher, outcome);
-  }
-  if ((event.mask & IN_IGNORED) != 0) watched_.erase(event.wd);
+  for (const auto& watcher : named) nameChangedLk(watcher, event.mask, outcome);
+  for (const auto& way : changed) wayChangedLk(*way, outcome);
 }
 
 // Events were lost, so everything may have changed.
 void FileEventsLinux::tellAllLk(Outcome& outcome) {
-  PathWatchers byName;
   for (const auto& [descriptor, watched] : watched_) {
     for (const auto& watcher : watched.watchers) deliver(*watcher, watcher->wanted(), outcome);
-    if (!watched.names) continue;
-    for (auto& watcher : all(*watched.names)) byName.push_back(std::move(watcher));
   }
-  for (const auto& watcher : byName) {
-    watchFolderLk(watcher);
-    pathChangedLk(*watcher, watcher->wanted(), outcome);
-  }
+  lookAgainAtAllLk(outcome);
 }
-
-void FileEventsLinux::nameChangedLk(const std::shared_ptr<PathWatcher>& watcher, std::uint32_t mask,
-                                    Outcome& outcome) {
-  if (watcher->awaited != watcher->path()) {  // a folder on the way
-    if (watchFolderLk(watcher) && exists(watcher->path())) {
-      pathChangedLk(*watcher, FileEvent::created, outcome);
-    }
-  } else if ((mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
-    pathChangedLk(*watcher, FileEvent::created, outcome);
-  } else {
-    pathChangedLk(*watcher, (mask & IN_DELETE) != 0 ? FileEvent::deleted : FileEvent::renamed,
-                  outcome);
-  }
-}
-
-// The folder above a name was moved or is gone; another one may have taken its place.
-void FileEventsLinux::folderLostLk(const std::shared_ptr<PathWatcher>& watcher, Outcome& outcome) {
-  if (watchFolderLk(watcher) && exists(watcher->path())) {
-    pathChangedLk(*watcher, FileEvent::created, outcome);
-  } else if (!watcher->isOutdated()) {
-    pathChangedLk(*watcher, FileEvent::renamed, outcome);
-  }
-}
-
-// Unless it is the same file still: the event may be older than the watch.
-void FileEventsLinux::pathChangedLk(PathWatcher& watcher, FileEvent events, Outcome& outcome) {
-  if (!watcher.isOutdated() && isStillThereLk(watcher)) return;
-  watcher.setOutdated();
-  deliver(watcher, events, outcome);
-}
-
-}  // namespace
 
 FileEvents& FileEvents::shared() {
   return registry();

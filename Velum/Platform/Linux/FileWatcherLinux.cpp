@@ -2,7 +2,11 @@
 
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <climits>
 #include <utility>
 
 namespace velum {
@@ -68,6 +72,15 @@ FileEvent OpenedFileWatcher::linkChange() {
   return links_ == 0 ? FileEvent::deleted | FileEvent::link : FileEvent::link;
 }
 
+// A link that is replaced while somebody uses it only shows a changed number of names.
+bool PathWay::isConcerned(const inotify_event& event, std::string_view entry) const {
+  const auto isAwaited = [&](const auto& one) {
+    return one.first == event.wd && one.second == entry;
+  };
+  if (entry.empty()) return std::ranges::find(links, event.wd) != links.end();
+  return std::ranges::any_of(awaited, isAwaited);
+}
+
 PathWatcher::PathWatcher(std::string path, std::shared_ptr<DispatchQueue> queue,
                          FileEvents::Handler handler)
     : FileWatcher(std::move(queue), std::move(handler)),
@@ -93,6 +106,30 @@ std::string_view folderAbove(std::string_view path) noexcept {
   if (slash == std::string_view::npos) return ".";
   const std::size_t end = path.find_last_not_of('/', slash);
   return end == std::string_view::npos ? "/" : path.substr(0, end + 1);
+}
+
+std::string pathIn(const std::string& folder, std::string_view name) {
+  std::string path = folder;
+  if (!path.ends_with('/')) path += '/';
+  return path += name;
+}
+
+std::string takeName(std::string& path) {
+  std::string name;
+  do {
+    path.erase(0, path.find_first_not_of('/'));
+    name = path.substr(0, path.find('/'));
+    path.erase(0, name.size());
+  } while (name == ".");
+  path.erase(0, path.find_first_not_of('/'));
+  return name;
+}
+
+std::optional<std::string> linkTarget(const std::string& path) {
+  std::array<char, PATH_MAX> target;  // NOLINT(*-member-init): set by the call
+  const ssize_t size = ::readlink(path.c_str(), target.data(), target.size());
+  if (size <= 0) return std::nullopt;
+  return std::string(target.data(), static_cast<std::size_t>(size));
 }
 
 }  // namespace velum

@@ -1,12 +1,17 @@
 #pragma once
 
+#include <sys/inotify.h>
 #include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_set>
+#include <utility>
+#include <vector>
 
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/FileEvents.h"
@@ -82,9 +87,37 @@ class OpenedFileWatcher final : public FileWatcher {
   nlink_t links_ = 0;
 };
 
-/// Watches a path: what stands there, and, by the folder above it, what becomes of the name. While
-/// that folder is gone as well, the nearest one that is there is watched for the next name on the
-/// way. All under the registry's lock.
+class PathWatcher;
+
+/// How the kernel gets to the folder that holds the last name of a path: through folders and links,
+/// all of which are watched for their own move and end. As long as it does not get there, each
+/// folder on the way is watched for the name that is looked up in it. One for all watchers that
+/// began together in one folder. Under the registry's lock.
+struct PathWay : std::enable_shared_from_this<PathWay> {
+  enum class Kind : bool {
+    folder,  ///< All of the path are folders, or links to such.
+    path,    ///< But for the last name, which is followed while it is a link.
+  };
+
+  std::string folder;  ///< Where it ends, free of links.
+  std::string name;    ///< Kind::path: of what stands there.
+  bool isWhole = false;
+  int descriptor = -1;     ///< The watch of that folder for the names in it.
+  bool isRefused = false;  ///< The user may not have as many watches.
+  std::vector<int> folders;
+  std::vector<int> links;
+  std::vector<std::pair<std::string, std::string>>
+      steps;                                         ///< Folders, and what is looked up there.
+  std::vector<std::pair<int, std::string>> awaited;  ///< Watches, and the name of interest.
+  std::unordered_set<PathWatcher*> watchers;
+
+  /// Whether an event of the watch of one of its folders or links, other than that one's own end
+  /// and move, may have it lead elsewhere.
+  bool isConcerned(const inotify_event& event, std::string_view entry) const;
+};
+
+/// Watches a path: what stands there, and what becomes of the way to it. All under the registry's
+/// lock.
 class PathWatcher final : public FileWatcher {
  public:
   PathWatcher(std::string path, std::shared_ptr<DispatchQueue> queue, FileEvents::Handler handler);
@@ -95,11 +128,11 @@ class PathWatcher final : public FileWatcher {
   /// The path without slashes at its end.
   std::string_view path() const noexcept { return {path_.data(), size_}; }
 
-  /// The kernel's watch of the folder above, negative when there is none (an errno value tells
-  /// why), and the first part of the path up to the name that is expected there: all of it as long
-  /// as that folder exists.
-  int folderDescriptor = -1;
-  std::string_view awaited;
+  std::shared_ptr<PathWay> way;
+  /// What it waits for in the folder where the way ends; empty where nothing can come there.
+  std::string_view name;
+  /// Device and inode of what stood there when it was last looked for.
+  std::optional<std::pair<dev_t, ino_t>> seen;
 
  private:
   std::string path_;
@@ -111,5 +144,11 @@ class PathWatcher final : public FileWatcher {
 std::string_view lastName(std::string_view path) noexcept;
 /// The folder that holds the last name: "/a" for "/a/b", "/" for "/a", "." for "a".
 std::string_view folderAbove(std::string_view path) noexcept;
+/// The path of a name in a folder.
+std::string pathIn(const std::string& folder, std::string_view name);
+/// Takes the first name from a path, and the slashes behind it; "." is passed over.
+std::string takeName(std::string& path);
+/// Where a symbolic link leads; nothing for anything else.
+std::optional<std::string> linkTarget(const std::string& path);
 
 }  // namespace velum

@@ -1,5 +1,7 @@
 #include "Velum/Platform/Linux/InotifyReader.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -64,6 +66,11 @@ bool InotifyReader::enterFirst() {
   if (!thread) return false;
   ::epoll_ctl(pool_.get(), EPOLL_CTL_DEL, inotify_.get(), nullptr);
   const bool isAdded = addExclusively(thread.get(), inotify_.get());
+  mounts_.reset(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+  epoll_event event{};
+  event.events = EPOLLPRI;
+  event.data.fd = mounts_.get();
+  if (mounts_) ::epoll_ctl(thread.get(), EPOLL_CTL_ADD, mounts_.get(), &event);
   if (isAdded) thread_ = std::move(thread);
   return addExclusively(pool_.get(), inotify_.get()) && isAdded;
 }
@@ -78,6 +85,7 @@ void InotifyReader::readInThread(unsigned generation) {
     std::shared_ptr<FileWatcher> first;
     {
       const std::lock_guard guard(reading_);
+      if (event.data.fd > 0) sink_.mountsChanged();
       const std::string_view events = buffer->read(inotify_.get());
       if (!events.empty()) first = sink_.take(events, Turn::own);
     }
@@ -89,13 +97,20 @@ void InotifyReader::readInPool() {
   // While the thread reads, this is called again and again: it may go without having read all.
   if (!reading_.try_lock()) return;
   const std::lock_guard guard(reading_, std::adopt_lock);
+  if (haveMountsChanged()) sink_.mountsChanged();
   Buffer buffer{};
   for (std::string_view events; !(events = buffer.read(inotify_.get())).empty();) {
     sink_.take(events, Turn::pool);
   }
 }
 
+bool InotifyReader::haveMountsChanged() const noexcept {
+  pollfd state{mounts_.get(), POLLPRI, 0};
+  return ::poll(&state, 1, 0) > 0 && (state.revents & POLLPRI) != 0;
+}
+
 void InotifyReader::resetAfterFork() noexcept {
+  mounts_.reset();
   inotify_.reset();
   pool_.reset();
   thread_.reset();

@@ -20,6 +20,9 @@ namespace velum {
 /// As long as it does, the pool reads: no handler holds up others. The kernel sees to that. Both
 /// wait for the descriptor exclusively, so that an event wakes the thread when it waits, else the
 /// pool.
+///
+/// The thread also waits for changes of the table of mounts, which a poll tells once; while it is
+/// busy, the pool looks with each event.
 class InotifyReader {
  public:
   enum class Turn : bool {
@@ -34,6 +37,8 @@ class InotifyReader {
     virtual ~Sink() = default;
     /// Takes the bytes of one read(2). Never called twice at once.
     virtual std::shared_ptr<FileWatcher> take(std::string_view events, Turn turn) = 0;
+    /// Something was mounted or unmounted, of which no watch tells. Never called during `take`.
+    virtual void mountsChanged() = 0;
   };
 
   /// Both live for ever.
@@ -58,6 +63,7 @@ class InotifyReader {
   void readInPool();
   void readInThread(unsigned generation);
   bool enterFirst();
+  bool haveMountsChanged() const noexcept;
 
   Sink& sink_;
   const std::shared_ptr<DispatchQueue> queue_;
@@ -66,6 +72,7 @@ class InotifyReader {
   // Where the thread and the pool wait for it (epoll).
   UniqueFd thread_;
   UniqueFd pool_;
+  UniqueFd mounts_;  // none without /proc
   std::unique_ptr<DispatchSource> source_;
   bool isOpen_ = false;
   bool hasThread_ = false;

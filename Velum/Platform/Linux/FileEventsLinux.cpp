@@ -160,16 +160,7 @@ std::unique_ptr<FileEvents::Watch> FileEventsLinux::watchPath(const std::string&
   auto watcher = std::make_shared<PathWatcher>(path, std::move(queue), std::move(handler));
   const std::lock_guard guard(lock_);
   openLk();
-  // The way first: what changes on it from now on is told, also while the next call goes it.
-  takeWayLk(watcher);
-  errno = ENOSPC;
-  if (!watcher->way->isRefused) {
-    watcher->descriptor = addOwnWatchLk(path.c_str(), anyEvent | IN_ONLYDIR);
-    // What changes in the content of a folder's files is nothing to the folder.
-    if (watcher->descriptor < 0 && errno == ENOTDIR) {
-      watcher->descriptor = addOwnWatchLk(path.c_str(), anyEvent | IN_MODIFY);
-    }
-  }
+  watcher->descriptor = watchOwnLk(watcher);
   if (watcher->descriptor < 0) {
     const SystemError error = watchError("inotify_add_watch", path);
     leaveWayLk(watcher);
@@ -178,6 +169,23 @@ std::unique_ptr<FileEvents::Watch> FileEventsLinux::watchPath(const std::string&
   watched_[watcher->descriptor].watchers.push_back(watcher);
   if (watcher->mayRunAnywhere()) reader_.startThread();
   return std::make_unique<WatchLinux<PathWatcher>>(std::move(watcher));
+}
+
+// The way first: what changes on it from now on is told, also while the next call goes it. What
+// changes in the content of a folder's files is nothing to the folder.
+int FileEventsLinux::watchOwnLk(const std::shared_ptr<PathWatcher>& watcher) {
+  const std::string path(watcher->path());
+  const bool hasName = takeFolderWayLk(watcher);
+  const auto add = [&](std::uint32_t mask) {
+    if (!watcher->way->isRefused) return addOwnWatchLk(path.c_str(), anyEvent | mask);
+    errno = ENOSPC;
+    return -1;
+  };
+  int descriptor = add(IN_ONLYDIR | (hasName ? IN_DONT_FOLLOW : 0));
+  if (descriptor >= 0 || errno != ENOTDIR) return descriptor;
+  takeWayLk(watcher);
+  descriptor = add(IN_ONLYDIR);
+  return descriptor < 0 && errno == ENOTDIR ? add(IN_MODIFY) : descriptor;
 }
 
 void FileEventsLinux::remove(const std::shared_ptr<FileWatcher>& watcher) {

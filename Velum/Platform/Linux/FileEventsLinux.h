@@ -80,7 +80,11 @@ class FileEventsLinux final : public FileEvents,
   void removeRetired();
 
   // Of paths: FilePathsLinux.cpp.
+  /// Where the last name may be a link's, which is not followed. False where there is none.
+  bool takeFolderWayLk(const std::shared_ptr<PathWatcher>& watcher);
   void takeWayLk(const std::shared_ptr<PathWatcher>& watcher);
+  void enterLk(const std::shared_ptr<PathWatcher>& watcher, const std::shared_ptr<PathWay>& way);
+  int watchOwnLk(const std::shared_ptr<PathWatcher>& watcher);
   void leaveWayLk(const std::shared_ptr<PathWatcher>& watcher);
   std::shared_ptr<PathWay> folderWayLk(std::string_view folder);
   std::shared_ptr<PathWay> wayLk(std::string_view path, PathWay::Kind kind);

@@ -133,24 +133,31 @@ std::shared_ptr<PathWay> FileEventsLinux::folderWayLk(std::string_view folder) {
   return way;
 }
 
+void FileEventsLinux::enterLk(const std::shared_ptr<PathWatcher>& watcher,
+                              const std::shared_ptr<PathWay>& way) {
+  leaveWayLk(watcher);
+  watcher->way = way;
+  watcher->name = way->name.empty() ? lastName(watcher->path()) : way->name;
+  way->watchers.insert(watcher.get());
+  if (way->descriptor < 0 || watcher->name.empty()) return;
+  auto& names = watched_[way->descriptor].names;
+  if (!names) names = std::make_unique<Names>();
+  names->emplace(watcher->name, watcher);
+}
+
+bool FileEventsLinux::takeFolderWayLk(const std::shared_ptr<PathWatcher>& watcher) {
+  const bool hasName = !lastName(watcher->path()).empty();
+  enterLk(watcher, hasName ? folderWayLk(folderAbove(watcher->path()))
+                           : wayLk(watcher->path(), PathWay::Kind::folder));
+  return hasName;
+}
+
 void FileEventsLinux::takeWayLk(const std::shared_ptr<PathWatcher>& watcher) {
-  const std::string_view last = lastName(watcher->path());
+  if (!takeFolderWayLk(watcher)) return;
   for (int attempt = 0; attempt < mostAttempts; ++attempt) {
-    leaveWayLk(watcher);
-    const bool isShared = attempt == 0 && !last.empty();
-    const auto kind = last.empty() ? PathWay::Kind::folder : PathWay::Kind::path;
-    const auto way =
-        isShared ? folderWayLk(folderAbove(watcher->path())) : wayLk(watcher->path(), kind);
-    watcher->way = way;
-    watcher->name = way->name.empty() ? last : way->name;
-    way->watchers.insert(watcher.get());
-    if (!way->isWhole || watcher->name.empty()) return;
-    if (way->descriptor >= 0) {
-      auto& names = watched_[way->descriptor].names;
-      if (!names) names = std::make_unique<Names>();
-      names->emplace(watcher->name, watcher);
-    }
-    if (!linkTarget(pathIn(way->folder, watcher->name))) return;
+    const PathWay& way = *watcher->way;
+    if (!way.isWhole || !linkTarget(pathIn(way.folder, watcher->name))) return;
+    enterLk(watcher, wayLk(watcher->path(), PathWay::Kind::path));
   }
 }
 

@@ -85,7 +85,9 @@ PathWatcher::PathWatcher(std::string path, std::shared_ptr<DispatchQueue> queue,
                          FileEvents::Handler handler)
     : FileWatcher(std::move(queue), std::move(handler)),
       path_(std::move(path)),
-      size_(path_.find_last_not_of('/') + 1) {}
+      size_(path_.find_last_not_of('/') + 1) {
+  if (size_ == 0) size_ = std::min<std::size_t>(path_.size(), 1);  // the root
+}
 
 FileEvent PathWatcher::translated(std::uint32_t mask) {
   return plainlyTranslated(mask);

@@ -125,7 +125,7 @@ class PathWatcher final : public FileWatcher {
   FileEvent translated(std::uint32_t mask) override;
   FileEvent wanted() const noexcept override;
 
-  /// The path without slashes at its end.
+  /// The path without slashes at its end, but for the root's.
   std::string_view path() const noexcept { return {path_.data(), size_}; }
 
   std::shared_ptr<PathWay> way;

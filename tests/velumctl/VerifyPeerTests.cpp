@@ -122,18 +122,27 @@ TEST_F(VelumctlVerifyPeer, CertificatesThatWouldNeverCountSignNothing) {
   addIdentity("two", makeIdentity({.units = {team, team}}, &step_));
   addIdentity("mail",
               makeIdentity({.units = {team}, .extendedKeyUsage = "emailProtection"}, &step_));
-  addIdentity("step", step_);
+  addIdentity("alone", makeIdentity({.units = {team}}));
+  addIdentity("weak", makeIdentity({.units = {team}, .rsaBits = 1024}, &step_));
+  addIdentity("old", makeIdentity({.units = {team}, .digest = EVP_sha1()}, &step_));
+  addIdentity("cipher", makeIdentity({.units = {team}, .keyUsage = "keyEncipherment"}, &step_));
+  addIdentity("other", makeIdentity({.units = {team}}, &root_));
   struct Case {
     const char* key;
     const char* certificate;
     const char* expected;
   };
-  for (const Case& one : {Case{"none.key", "none.pem", "names 0 organisational units"},
-                          Case{"two.key", "two.pem", "names 2 organisational units"},
-                          Case{"mail.key", "mail.pem", "not for code signing"},
-                          Case{"team.key", "team.key", "can't be read as a certificate"},
-                          Case{"missing.key", "team.pem", "was not signed"},
-                          Case{"two.key", "team.pem", "was not signed"}}) {
+  for (const Case& one :
+       {Case{"none.key", "none.pem", "names 0 organisational units"},
+        Case{"two.key", "two.pem", "names 2 organisational units"},
+        Case{"mail.key", "mail.pem", "not for code signing"},
+        Case{"alone.key", "alone.pem", "self-signed"}, Case{"weak.key", "weak.pem", "key too weak"},
+        Case{"old.key", "old.pem", "weak digest"},
+        Case{"cipher.key", "cipher.pem", "not for signatures"},
+        Case{"other.key", "other.pem", "would not count with"},
+        Case{"team.key", "team.key", "can't be read as a certificate"},
+        Case{"missing.key", "team.pem", "was not signed"},
+        Case{"two.key", "team.pem", "was not signed"}}) {
     const Result signing = sign(one.key, one.certificate);
     EXPECT_EQ(signing.status, 1);
     EXPECT_TRUE(contains(signing.errors, one.expected)) << signing.errors;
@@ -142,6 +151,13 @@ TEST_F(VelumctlVerifyPeer, CertificatesThatWouldNeverCountSignNothing) {
     }
   }
   EXPECT_EQ(sign("team.key", "team.pem", {"--unknown"}).status, 2);
+  // Neither its name nor a link in the place of what is written first fools the tools.
+  const std::string script = "cp /bin/sleep ./-n && ln -s nowhere ./-n.p7s.new && exec '" +
+                             std::string(VELUM_SOURCE_DIR "/scripts/sign-code") +
+                             "' --key team.key --certificate team.pem --chain step.pem -- -n";
+  EXPECT_EQ(execute({"/bin/sh", "-c", "cd '" + folder_.path() + "' && " + script}).status, 0);
+  EXPECT_TRUE(fs::exists(folder_ / "-n.p7s"));
+  EXPECT_FALSE(fs::exists(folder_ / "nowhere"));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "Velum/LazyValue.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/SystemError.h"
@@ -13,9 +14,8 @@ namespace velum {
 namespace {
 
 const std::shared_ptr<DispatchQueue>& sharedQueue() {
-  static const auto& queue = *new std::shared_ptr<DispatchQueue>(  // NOLINT(*-owning-memory)
-      DispatchQueue::concurrent("DirectoryMonitor"));              // never destroyed
-  return queue;
+  static constinit LazyStatic<std::shared_ptr<DispatchQueue>> queue;
+  return queue.get([] { return DispatchQueue::concurrent("DirectoryMonitor"); });
 }
 
 }  // namespace

@@ -17,8 +17,7 @@ namespace {
 constexpr std::string_view sourceFile = "Velum/KeyChain";
 
 const std::string& mainBundleIdentifier() {
-  static auto& identifier =
-      *new LazyValue<std::string>;  // NOLINT(*-owning-memory): never destroyed
+  static constinit LazyStatic<std::string> identifier;
   return identifier.get([] {
     const auto bundle = Bundle::main();
     if (!bundle || !bundle->identifier) fatal("The main bundle has no identifier");

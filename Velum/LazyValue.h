@@ -9,18 +9,18 @@ namespace velum {
 /// (reads files, calls other libraries), in the place of a static variable in a function or of
 /// std::call_once: a child that was forked while another thread computes those would wait for it
 /// for ever. Here nobody waits: who asks meanwhile computes it as well, and the first one counts.
-/// Any thread.
+/// Any thread. This one is for `static constinit` variables: the value is never destroyed, since
+/// other threads may use it while the process ends.
 template <class Value>
-class LazyValue {
+class LazyStatic {
  public:
-  LazyValue() = default;
-  LazyValue(const LazyValue&) = delete;
-  LazyValue& operator=(const LazyValue&) = delete;
-  ~LazyValue() { const std::unique_ptr<Value> mine(value_.load(std::memory_order_acquire)); }
+  constexpr LazyStatic() noexcept = default;
+  LazyStatic(const LazyStatic&) = delete;
+  LazyStatic& operator=(const LazyStatic&) = delete;
 
   /// What `make` returns; nothing is kept when it throws.
   template <class Make>
-  Value& get(Make make) {
+  Value& get(const Make& make) {
     if (Value* const known = value_.load(std::memory_order_acquire)) return *known;
     std::unique_ptr<Value> fresh(new Value(make()));  // which may be one that can't be moved
     Value* first = nullptr;
@@ -30,8 +30,18 @@ class LazyValue {
     return *first;
   }
 
- private:
+ protected:
   std::atomic<Value*> value_{nullptr};
+};
+
+/// The same as a member, which goes with its object.
+template <class Value>
+class LazyValue : public LazyStatic<Value> {
+ public:
+  LazyValue() noexcept = default;
+  LazyValue(const LazyValue&) = delete;
+  LazyValue& operator=(const LazyValue&) = delete;
+  ~LazyValue() { const std::unique_ptr<Value> mine(this->value_.load(std::memory_order_acquire)); }
 };
 
 }  // namespace velum

@@ -80,12 +80,12 @@ std::string withoutVersions(std::string_view text) {
 }  // namespace
 
 const std::string& SystemInfo::serialNumber() {
-  static auto& text = *new LazyValue<std::string>;  // NOLINT(*-owning-memory): never destroyed
+  static constinit LazyStatic<std::string> text;
   return text.get([] { return readSerialNumber(HardwareRegistry::shared()); });
 }
 
 const std::optional<std::string>& SystemInfo::mac() {
-  static auto& text = *new LazyValue<std::optional<std::string>>;  // NOLINT: never destroyed
+  static constinit LazyStatic<std::optional<std::string>> text;
   return text.get([] { return readMac(HardwareRegistry::shared()); });
 }
 

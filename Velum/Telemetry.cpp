@@ -182,17 +182,17 @@ Telemetry::UserAgent Telemetry::makeUserAgent(HardwareRegistry& registry) {
 }
 
 const Telemetry::UserAgent& Telemetry::userAgent() {
-  static auto& agent = *new LazyValue<UserAgent>;  // NOLINT(*-owning-memory): never destroyed
+  static constinit LazyStatic<UserAgent> agent;
   return agent.get([] { return makeUserAgent(HardwareRegistry::shared()); });
 }
 
 const std::string& Telemetry::defaultAppLocale() {
-  static auto& locale = *new LazyValue<std::string>;  // NOLINT(*-owning-memory): never destroyed
+  static constinit LazyStatic<std::string> locale;
   return locale.get([] { return applicationLanguage().value_or(std::string(fallbackLanguage)); });
 }
 
 const std::string& Telemetry::defaultSystemLocale() {
-  static auto& locale = *new LazyValue<std::string>;  // NOLINT(*-owning-memory): never destroyed
+  static constinit LazyStatic<std::string> locale;
   return locale.get([] {
     const auto languages = preferredLanguages();
     return languages.empty() ? std::string(fallbackLanguage) : languages.front();

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Velum/ForkSafeLock.h"
+#include "Velum/LazyValue.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/String.h"
 
@@ -133,8 +134,8 @@ class RetryingRequest final : public URLTask, public std::enable_shared_from_thi
 }  // namespace
 
 URLSession& URLSession::shared() {
-  static URLSession& instance = *new URLSession;  // NOLINT(*-owning-memory): never destroyed
-  return instance;
+  static constinit LazyStatic<URLSession> instance;
+  return instance.get([] { return URLSession(); });
 }
 
 std::shared_ptr<URLTask> URLSession::execute(URLRequest request, unsigned retries,

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "Velum/LazyValue.h"
 #include "Velum/Platform/PropertyListFormats.h"
 
 namespace velum::detail {
@@ -158,8 +159,8 @@ std::optional<PropertyList> leafValue(Element element, std::string&& content) {
 /// Against documents made to collide in the parser's tables. The parser alone would ask the system
 /// for one with every document, also while an application waits to be opened.
 unsigned long hashSalt() {
-  static const unsigned long salt = std::random_device()() | 1U;  // 0 stands for none
-  return salt;
+  static constinit LazyStatic<unsigned long> salt;
+  return salt.get([] { return std::random_device()() | 1U; });  // 0 stands for none
 }
 
 /// Builds the value while the parser reads, so that what is checked and what is understood are the

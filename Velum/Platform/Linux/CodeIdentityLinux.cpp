@@ -6,6 +6,7 @@
 #include <memory>
 #include <utility>
 
+#include "Velum/LazyValue.h"
 #include "Velum/Platform/Linux/CodeRefusedLinux.h"
 #include "Velum/Platform/Linux/CodeSignatureLinux.h"
 #include "Velum/Platform/Linux/PinnedProgramLinux.h"
@@ -30,8 +31,8 @@ class OwnErrors {
 }  // namespace
 
 CodeIdentity& CodeIdentity::shared() {
-  static CodeIdentity& instance = *trusting(CodeIdentityLinux::machineRoots).release();
-  return instance;
+  static constinit LazyStatic<std::unique_ptr<CodeIdentity>> instance;
+  return *instance.get([] { return trusting(CodeIdentityLinux::machineRoots); });
 }
 
 std::unique_ptr<CodeIdentity> CodeIdentity::trusting(std::string rootsFolder) {

@@ -10,6 +10,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Velum/LazyValue.h"
 #include "Velum/Platform/Linux/PrimaryInterfaceLinux.h"
 #include "Velum/Platform/Posix/ReadFile.h"
 #include "Velum/String.h"
@@ -139,8 +140,8 @@ std::string versionId(std::string_view release) {
 }  // namespace
 
 HardwareRegistry& HardwareRegistry::shared() {
-  static HardwareRegistry& instance = *new HardwareRegistryLinux;  // NOLINT: never destroyed
-  return instance;
+  static constinit LazyStatic<HardwareRegistryLinux> instance;
+  return instance.get([] { return HardwareRegistryLinux(); });
 }
 
 std::optional<std::string> HardwareRegistryLinux::text(const char* path) const {

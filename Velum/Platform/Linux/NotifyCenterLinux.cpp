@@ -60,7 +60,7 @@ class NotifyCenterLinux::Handle final : public Observer {
 
 NotifyCenter& NotifyCenter::shared(Scope scope) {
   if (scope == Scope::user) {
-    static auto& user = *new LazyValue<std::shared_ptr<NotifyCenterLinux>>;  // NOLINT: as above
+    static constinit LazyStatic<std::shared_ptr<NotifyCenterLinux>> user;
     return *user.get(userCenter);
   }
   static const auto& system =  // NOLINTNEXTLINE: never destroyed

@@ -105,7 +105,7 @@ std::optional<uid_t> effectiveUserOf(pid_t pid) {
 }
 
 bool hasServiceManager() {
-  static auto& isThere = *new LazyValue<bool>;  // NOLINT(*-owning-memory): never destroyed
+  static constinit LazyStatic<bool> isThere;
   return isThere.get([] { return ::sd_booted() > 0; });
 }
 

@@ -264,7 +264,7 @@ std::string ownDomain() {
 }  // namespace
 
 const PropertyList::Dictionary& UserDefaults::argumentDomain() {
-  static auto& entries = *new LazyValue<PropertyList::Dictionary>;  // NOLINT: never destroyed
+  static constinit LazyStatic<PropertyList::Dictionary> entries;
   return entries.get(readArgumentDomain);
 }
 
@@ -276,7 +276,7 @@ bool UserDefaults::setPersistentDomain(PropertyList::Dictionary entries) {
 }
 
 UserDefaults& UserDefaults::standard() {
-  static auto& instance = *new LazyValue<UserDefaultsLinux>;  // NOLINT: never destroyed
+  static constinit LazyStatic<UserDefaultsLinux> instance;
   return instance.get([] { return UserDefaultsLinux(ownDomain()); });
 }
 

@@ -78,7 +78,7 @@ std::uint64_t ownStartTime() {
 }  // namespace
 
 Workspace& Workspace::shared() {
-  static auto& instance = *new LazyValue<WorkspaceLinux>;  // NOLINT: never destroyed
+  static constinit LazyStatic<WorkspaceLinux> instance;
   return instance.get([] { return WorkspaceLinux(ownStartTime()); });
 }
 

@@ -313,6 +313,8 @@ class ArchiveJob {
     if (!archive) {
       throw SupportLogArchivingError(Case::compressLogFolder, "The log folder can't be packed");
     }
+    // Logs that only their owner may read shall not be everybody's in the archive.
+    fs::permissions(*archive, fs::perms::owner_read | fs::perms::owner_write);
     fs::create_directories(destination_.parent_path());
     // A file is replaced by the copy itself. Nobody means a folder that holds something.
     if (fs::is_directory(fs::symlink_status(destination_))) fs::remove(destination_);

@@ -17,6 +17,7 @@
 #include "Velum/SystemUtils.h"
 #include "tests/support/Environment.h"
 #include "tests/support/Errors.h"
+#include "tests/support/Inspection.h"
 #include "tests/support/Processes.h"
 #include "tests/support/RecordingLogHandler.h"
 #include "tests/support/SecretService.h"
@@ -160,6 +161,7 @@ TEST_F(SupportArchive, HoldsTheLogsAndEveryKindOfItem) {
                     {"linked", FileUrl{folder_ / "link"}},
                     {"./tree", FileUrl{folder_ / "tree"}}}),
             "");
+  EXPECT_EQ(modeOf(destination_), 0600);
   EXPECT_EQ(packed("support/any.log"), "records");
   EXPECT_EQ(packed("support/text.txt"), "a t\xC3\xA9xt");
   EXPECT_EQ(packed("support/sub/folder/data"), std::string("\0\xff\n", 3));

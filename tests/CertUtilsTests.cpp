@@ -166,21 +166,5 @@ TEST_F(CertUtilsTest, SetsToAlwaysTrusted) {
   EXPECT_EQ(records(), Texts{"I: (CertUtils) Error set trust settings: -1"});
 }
 
-TEST(CertUtils, AsksNobodyAboutTheTeamWithoutAName) {
-  class FakeIdentity final : public CodeIdentity {
-   public:
-    CodeVerdict check(int pid, const std::string& team, const CodeCheckOptions& options) override {
-      ++count;
-      return {pid == 17 && team == "TEAM" && !options.strictValidity, "reason"};
-    }
-    int count = 0;
-  };
-  FakeIdentity identity;
-  EXPECT_FALSE(CertUtils::isProcessSigned(17, "", identity));
-  EXPECT_EQ(identity.count, 0);
-  EXPECT_TRUE(CertUtils::isProcessSigned(17, "TEAM", identity));
-  EXPECT_FALSE(CertUtils::isProcessSigned(18, "TEAM", identity));
-}
-
 }  // namespace
 }  // namespace velum

@@ -70,15 +70,6 @@ TEST_F(FileEventsTest, TellsEachEventOfAFile) {
   }
 }
 
-TEST_F(FileEventsTest, TellsOfAReplacedFileThatItIsDeleted) {
-  test::writeFile(path, "old");
-  test::writeFile(folder / "new", "new");
-  Seen seen{0};
-  const auto watched = watch(path, FileEvent::deleted, seen);
-  fs::rename(folder / "new", path);
-  EXPECT_TRUE(happens(seen, FileEvent::deleted));
-}
-
 TEST_F(FileEventsTest, TellsEachWatcherOfOneFileOnlyWhatItAskedFor) {
   test::writeFile(path, "x");
   Seen written{0};
@@ -99,24 +90,6 @@ TEST_F(FileEventsTest, TellsEachWatcherOfOneFileOnlyWhatItAskedFor) {
   test::writeFile(path, "xyz");
   EXPECT_TRUE(happens(written, FileEvent::written));
   EXPECT_EQ(attribute, 0U);
-}
-
-TEST_F(FileEventsTest, MayEndAWatchInItsOwnHandler) {
-  test::writeFile(path, "x");
-  std::unique_ptr<FileEvents::Watch> watched;
-  std::atomic<int> calls{0};
-  DispatchGroup ready;
-  ready.async(*queue, [&] {
-    watched = FileEvents::shared().watch(path, FileEvent::attribute, queue, [&](FileEvent) {
-      ++calls;
-      watched.reset();
-    });
-  });
-  ASSERT_TRUE(ready.wait(test::deadline));
-  for (unsigned mode = 0600; mode < 0620; ++mode) ::chmod(path.c_str(), mode);
-  EXPECT_TRUE(test::eventually([&] { return calls == 1; }));
-  settle();
-  EXPECT_EQ(calls, 1);
 }
 
 TEST_F(FileEventsTest, TellsEverybodyToLookAgainWhenEventsWereLost) {

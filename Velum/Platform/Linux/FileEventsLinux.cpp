@@ -162,9 +162,10 @@ std::unique_ptr<FileEvents::Watch> FileEventsLinux::watchPath(const std::string&
   openLk();
   watcher->descriptor = watchOwnLk(watcher);
   if (watcher->descriptor < 0) {
-    const SystemError error = watchError("inotify_add_watch", path);
+    const int code = errno;
     leaveWayLk(watcher);
-    throw error;
+    errno = code;
+    throw watchError("inotify_add_watch", path);
   }
   watched_[watcher->descriptor].watchers.push_back(watcher);
   if (watcher->mayRunAnywhere()) reader_.startThread();

@@ -206,7 +206,8 @@ class Hidden {
     for (const std::string& path : filesBelow(folder)) {
       const std::string before = path.substr(0, path.size() - std::min(path.size(), mark.size()));
       if (path.ends_with(mark) && before.ends_with(suffix)) {
-        ::rename(path.c_str(), before.c_str());  // where that fails, it may be trusted still
+        std::error_code remains;  // where that fails, it may be trusted still
+        fs::rename(path, before, remains);
       }
     }
   }

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <mutex>
@@ -26,8 +25,9 @@ std::optional<std::pair<dev_t, ino_t>> identity(const std::string& path) {
   return std::pair(status.st_dev, status.st_ino);
 }
 
-bool isThere(const std::pair<std::string, std::string>& step) {
-  return ::access(pathIn(step.first, step.second).c_str(), F_OK) == 0;
+bool isFolder(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 std::shared_ptr<PathWatcher> sharing(PathWatcher* watcher) {
@@ -100,7 +100,8 @@ void FileEventsLinux::goLk(PathWay& way, std::string_view path, PathWay::Kind ki
 void FileEventsLinux::awaitLk(PathWay& way) {
   if (way.isWhole) {
     way.descriptor = passLk(way, way.folders, way.folder, nameEvents);
-    return;
+    way.isWhole = way.descriptor >= 0 || errno == EACCES || errno == ENOSPC;
+    if (way.isWhole) return;
   }
   std::vector<int> watches;
   for (const auto& [folder, name] : way.steps) {
@@ -116,7 +117,9 @@ std::shared_ptr<PathWay> FileEventsLinux::wayLk(std::string_view path, PathWay::
     goLk(*way, path, kind);
     awaitLk(*way);
     // What was missing may have come between the two looks.
-    if (way->isWhole || attempt == mostAttempts || !isThere(way->steps.back())) return way;
+    if (way->isWhole || attempt == mostAttempts || way->steps.empty()) return way;
+    const auto& [folder, name] = way->steps.back();
+    if (!isFolder(pathIn(folder, name))) return way;
     dropLk(*way);
   }
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
 #include <mutex>
 #include <utility>
 
@@ -26,6 +27,9 @@ struct Buffer {
   }
   alignas(inotify_event) std::array<char, 16384> bytes;
 };
+
+// What the thread is woken with; 0 for an event of a file.
+constexpr std::uint32_t fromMounts = 1;
 
 // Exclusive: the kernel wakes the first one that waits, in the order in which they were added.
 bool addExclusively(int epoll, int inotify) noexcept {
@@ -69,7 +73,7 @@ bool InotifyReader::enterFirst() {
   mounts_.reset(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
   epoll_event event{};
   event.events = EPOLLPRI;
-  event.data.fd = mounts_.get();
+  event.data.u32 = fromMounts;
   if (mounts_) ::epoll_ctl(thread.get(), EPOLL_CTL_ADD, mounts_.get(), &event);
   if (isAdded) thread_ = std::move(thread);
   return addExclusively(pool_.get(), inotify_.get()) && isAdded;
@@ -85,7 +89,7 @@ void InotifyReader::readInThread(unsigned generation) {
     std::shared_ptr<FileWatcher> first;
     {
       const std::lock_guard guard(reading_);
-      if (event.data.fd > 0) sink_.mountsChanged();
+      if (event.data.u32 == fromMounts) sink_.mountsChanged();
       const std::string_view events = buffer->read(inotify_.get());
       if (!events.empty()) first = sink_.take(events, Turn::own);
     }

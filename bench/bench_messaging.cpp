@@ -213,7 +213,7 @@ void reportRoundTrip(const std::string& self, const std::string& folder) {
                  }
                })});
   constexpr auto what = "request and response between processes";
-  bench::report(what, times[0], "inotify on touched files", times[1], {1.5}, trips);
+  bench::report(what, times[0], "inotify on touched files", times[1], {1.8}, trips);
   bench::report(what, times[0], "signals on a bus", times[2], {1}, trips);
   bench::report(what, times[0], "UNIX socket", times[3], {}, trips);
 }

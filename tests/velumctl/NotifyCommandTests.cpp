@@ -69,7 +69,6 @@ TEST_F(VelumctlNotify, SaysWhatIsWrong) {
   EXPECT_EQ(run({"request", "status", "--id", "1"}).status, 2);
   EXPECT_EQ(run({"respond", "status", "--prefix", "1"}).status, 2);
   writeFile(folder_ / "velum/notify", "in the way");
-  EXPECT_EQ(run({"notify", "post", "name"}).status, 1);
   EXPECT_EQ(run({"notify", "listen", "name"}).status, 1);
   EXPECT_EQ(run({"respond", "status", "--id", "1", "--prefix", "p"}).status, 1);
 }

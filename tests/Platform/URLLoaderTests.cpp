@@ -345,17 +345,5 @@ TEST_F(Loader, HandsNoSocketToProgramsThatAreStarted) {
   exchange.end();
 }
 
-TEST_F(Loader, StartsAnewInAForkedChild) {
-  PendingExchange pending({.url = server_.url("/never"), .method = "POST", .body = "b"});
-  ASSERT_TRUE(eventually([&] { return pending.task().countOfBytesSent() == 1; }));
-  inChild([&] {
-    pending.cancel();  // the parent's
-    EXPECT_EQ(exchanged({.url = server_.url("/echo")}).status(), 200);
-  });
-  EXPECT_EQ(exchanged({.url = server_.url("/echo")}).status(), 200);
-  pending.cancel();
-  EXPECT_EQ(pending.end().failure(), "NSURLErrorDomain -999");
-}
-
 }  // namespace
 }  // namespace velum::test

@@ -279,8 +279,8 @@ std::vector<std::string> NotifyFolder::filesOf(const std::string& name) const {
 
 void NotifyFolder::forget(const std::string& file) const {
   recent_.forget(file);
-  if (sharing_ == Sharing::all)
-    recent_.forget(nameOf(groupOf(file), entryOf(file)));  // the own one
+  // In a folder for all, the own one is kept under its name.
+  if (sharing_ == Sharing::all) recent_.forget(nameOf(groupOf(file), entryOf(file)));
 }
 
 /// Whether that very file still stands at its path: nobody removed or moved it, or its folder, or
@@ -390,8 +390,8 @@ NotifyFolder::File NotifyFolder::openOwn(const std::string& name, bool& isNew) c
   auto opened = openOrCreate(group, file, isNew);
   if (!opened && sharing_ == Sharing::all && (errno == EEXIST || isRefusal(errno))) {
     std::uint64_t unknown = 0;
-    if (::getrandom(&unknown, sizeof unknown, 0) != sizeof unknown)
-      throw postError("getrandom", file);
+    const bool isRandom = ::getrandom(&unknown, sizeof unknown, 0) == sizeof unknown;
+    if (!isRandom) throw postError("getrandom", file);
     file += fmt::format(".{:016x}", unknown);
     opened = openOrCreate(group, file, isNew);
   }

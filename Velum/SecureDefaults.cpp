@@ -43,7 +43,7 @@ void addPending(Entries& pending, std::string_view key, const Stored& value) {
 
 std::optional<PropertyList> pendingValue(Entries pending) {
   if (pending.empty()) return std::nullopt;
-  return PropertyList(std::move(pending));
+  return std::make_optional<PropertyList>(std::move(pending));
 }
 
 void put(Entries& entries, std::string_view key, const Stored& value) {

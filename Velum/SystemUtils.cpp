@@ -254,8 +254,8 @@ bool SystemUtil::uncompress(const std::string& archiveUrl, const std::string& ta
   try {
     fs::create_directories(targetFolderUrl);
     const Staging staging(targetFolderUrl);
-    const CliResult result =
-        runArchiveTool("/usr/bin/unzip", {"-o", asOperand(asPattern(archiveUrl)), "-d", staging.path()});
+    const CliResult result = runArchiveTool(
+        "/usr/bin/unzip", {"-o", asOperand(asPattern(archiveUrl)), "-d", staging.path()});
     staging.openFolders();
     if (result.status != 0) {
       logError(site(uncompressName), "Archive uncompressing result: {}. Output: {}", result.status,

@@ -27,7 +27,8 @@ class Directories {
 
   /// A folder of mode 0700 for this user's sockets and locks, gone when the user has logged out:
   /// "velum" below $XDG_RUNTIME_DIR, else below /run/user/<user id>, else below the temporary
-  /// folder with the user id in its name. Created when missing; nothing when it can't be made or belongs to somebody else.
+  /// folder with the user id in its name. Created when missing; nothing when it can't be made or
+  /// belongs to somebody else.
   virtual std::optional<std::string> runtime() = 0;
 };
 

@@ -246,8 +246,7 @@ TEST(Faults, MachineCertificates) {
     return number == errSecSuccess || number == errSecItemNotFound;
   };
   operation.verify = [&](Outcome outcome) {
-    EXPECT_TRUE(outcome == Outcome::killed ||
-                isTrusted(first) == (outcome != Outcome::succeeded));
+    EXPECT_TRUE(outcome == Outcome::killed || isTrusted(first) == (outcome != Outcome::succeeded));
   };
   failEveryCall(operation);
 }

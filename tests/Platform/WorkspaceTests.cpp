@@ -143,8 +143,9 @@ TEST_F(WorkspaceTest, CountsNoApplicationOfAnotherUser) {
   std::filesystem::permissions(folder_ / "events", std::filesystem::perms::all);
   const pid_t application = ::fork();
   if (application == 0) {
-    if (::setresuid(65534, 65534, 65534) == 0)
+    if (::setresuid(65534, 65534, 65534) == 0) {
       ::execl(program().c_str(), program().c_str(), nullptr);
+    }
     ::_exit(1);
   }
   ASSERT_TRUE(events_.next());

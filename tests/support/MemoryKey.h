@@ -16,7 +16,7 @@ class MemoryKey final : public KeyChainDataProtocol {
   explicit MemoryKey(std::optional<SecretBytes> key = std::nullopt) : value(std::move(key)) {}
 
   SecretResult read() override {
-    const SecretResult found = stored();
+    SecretResult found = stored();
     if (const auto hook = std::exchange(afterRead, {})) hook();
     return found;
   }

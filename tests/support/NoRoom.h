@@ -18,7 +18,7 @@ class NoRoom {
   NoRoom& operator=(const NoRoom&) = delete;
   ~NoRoom() {
     ::setrlimit(RLIMIT_FSIZE, &before_);
-    std::signal(SIGXFSZ, handler_);
+    static_cast<void>(std::signal(SIGXFSZ, handler_));
   }
 
  private:

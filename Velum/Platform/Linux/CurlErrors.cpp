@@ -78,7 +78,9 @@ URLError::Code certificateCode(long verifyResult) {
 // what a server says in TLS after the handshake: only the text tells them apart.
 URLError::Code receiveCode(const CurlFailure& failure) {
   const std::string_view text = failure.text;
-  const auto has = [text](std::string_view part) { return text.find(part) != text.npos; };
+  const auto has = [text](std::string_view part) {
+    return text.find(part) != std::string_view::npos;
+  };
   if (has("certificate required")) return URLError::clientCertificateRequired;
   if (has("certificate") && has("alert")) return URLError::clientCertificateRejected;
   const bool isBroken = failure.systemError != 0 || has("Recv failure") || has("unexpected eof") ||

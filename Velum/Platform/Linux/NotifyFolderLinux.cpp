@@ -166,8 +166,9 @@ std::string NotifyFolder::fileName(std::string_view name) {
 }
 
 std::string NotifyFolder::nameOf(std::size_t group, std::string_view entry) const {
-  // What has no mark is nobody's file; the name it seems to stand for has no observers then.
-  if (sharing_ == Sharing::all) entry = entry.substr(0, entry.rfind(posterMark));
+  // What has no mark is nobody's file: the empty name, which nobody observes.
+  const std::size_t mark = entry.rfind(posterMark);
+  if (sharing_ == Sharing::all) entry = entry.substr(0, mark == std::string_view::npos ? 0 : mark);
   return std::string{static_cast<char>('0' + group), '/'}.append(entry);
 }
 
@@ -269,10 +270,7 @@ std::vector<std::string> NotifyFolder::filesOf(const std::string& name) const {
   const std::size_t group = groupOf(name);
   std::vector<std::string> files;
   for (const std::string& entry : entriesOf(group)) {
-    const bool isMarked = entry.find(posterMark) != std::string::npos;
-    if (isMarked && nameOf(group, entry) == name) {
-      files.push_back(std::string{name.front(), '/'} + entry);
-    }
+    if (nameOf(group, entry) == name) files.push_back(std::string{name.front(), '/'} + entry);
   }
   return files;
 }

@@ -138,6 +138,7 @@ std::shared_ptr<PathWay> FileEventsLinux::folderWayLk(std::string_view folder) {
 
 void FileEventsLinux::enterLk(const std::shared_ptr<PathWatcher>& watcher,
                               const std::shared_ptr<PathWay>& way) {
+  if (watcher->way == way) return;  // which ends with the last one that leaves it
   leaveWayLk(watcher);
   watcher->way = way;
   watcher->name = way->name.empty() ? lastName(watcher->path()) : way->name;

@@ -1,5 +1,6 @@
 #include "Velum/SecureDefaults.h"
 
+#include <mutex>
 #include <utility>
 
 #include "Velum/DefaultsConversions.h"
@@ -155,7 +156,7 @@ SecureDefaults::SecureDefaults(std::string domainName, std::shared_ptr<KeyStorag
     : domainName_(std::move(domainName)),
       defs_(domainNamed(domainName_)),
       state_(std::make_unique<State>()),
-      cache_(std::move(cache)) {}
+      given_(std::move(cache)) {}
 
 SecureDefaults::SecureDefaults(std::string domainName)
     : SecureDefaults(std::move(domainName), nullptr) {}
@@ -167,10 +168,7 @@ std::shared_ptr<KeyStorageProtocol> SecureDefaults::makeCache() {
 }
 
 KeyStorageProtocol& SecureDefaults::cache() {
-  std::call_once(cacheOnce_, [this] {
-    if (!cache_) cache_ = makeCache();
-  });
-  return *cache_;
+  return *cache_.get([this] { return given_ ? given_ : makeCache(); });
 }
 
 void SecureDefaults::setCorruptionHandler(CorruptionHandler handler) {
@@ -219,21 +217,21 @@ void SecureDefaults::report(DefaultsCorruptionReason reason, std::string_view ke
 SecureDefaults::Finding SecureDefaults::compareLk(std::string_view key) {
   state_->turn.assertHeld();
   const auto isEqual = [&](const Entries& entries) {
-    return isSame(found(entries, key), cache_->object(key));
+    return isSame(found(entries, key), cache().object(key));
   };
   if (isEqual(persistentDomain())) return {};
   Finding finding;
   // Before anybody is excluded: a keychain that hangs holds up nobody else.
-  if (!state_->isUsable(reload(*cache_), finding)) return finding;
+  if (!state_->isUsable(reload(cache()), finding)) return finding;
   auto domain = defs_->persistentDomain();
   if (isEqual(domain.value_or(Entries{}))) return {};
 
   bool isChanged = false;
   const auto edit = [&](Entries& entries) {
-    if (!state_->isUsable(reload(*cache_), finding)) return false;
-    const bool isFinished = finishPending(entries, *cache_);
+    if (!state_->isUsable(reload(cache()), finding)) return false;
+    const bool isFinished = finishPending(entries, cache());
     isChanged = !isEqual(entries);
-    if (isChanged) entries = contentOf(*cache_);
+    if (isChanged) entries = contentOf(cache());
     return isFinished || isChanged;
   };
   const bool isDone = defs_->change(edit, [&](bool isStored) {
@@ -250,7 +248,7 @@ SecureDefaults::Finding SecureDefaults::compareLk(std::string_view key) {
 
 void SecureDefaults::clearPendingLk() {
   state_->turn.assertHeld();
-  if (cache_->object(pendingKey)) cache_->setObject(std::nullopt, pendingKey);
+  if (cache().object(pendingKey)) cache().setObject(std::nullopt, pendingKey);
 }
 
 std::optional<PropertyList> SecureDefaults::object(std::string_view key) {
@@ -332,20 +330,20 @@ bool SecureDefaults::write(const std::optional<PropertyList>& value, std::string
 
 bool SecureDefaults::writeLk(const Stored& value, std::string_view key, Finding& finding) {
   state_->turn.assertHeld();
-  if (key == pendingKey || !state_->isUsable(reload(*cache_), finding)) return false;
+  if (key == pendingKey || !state_->isUsable(reload(cache()), finding)) return false;
   Stored before;
   bool isCopied = false;
   const auto setCopy = [&](const Stored& content, Entries pending) {
     KeyStorageProtocol::Changes changes;
     changes.emplace(key, content);
     changes.emplace(pendingKey, pendingValue(std::move(pending)));
-    return cache_->setObjects(std::move(changes));
+    return cache().setObjects(std::move(changes));
   };
   const auto edit = [&](Entries& entries) {
-    if (!state_->isUsable(reload(*cache_), finding)) return false;
-    const Entries unfinished = pendingIn(*cache_);
-    const bool isFinished = finishPending(entries, *cache_);
-    before = cache_->object(key);
+    if (!state_->isUsable(reload(cache()), finding)) return false;
+    const Entries unfinished = pendingIn(cache());
+    const bool isFinished = finishPending(entries, cache());
+    before = cache().object(key);
     Entries pending = unfinished;
     addPending(pending, key, before);
     isCopied = isSame(before, value) || setCopy(value, std::move(pending));
@@ -361,7 +359,7 @@ bool SecureDefaults::writeLk(const Stored& value, std::string_view key, Finding&
     if (isStored) {
       if (isCopied) clearPendingLk();
     } else if (!isSame(before, value)) {  // the domain may hold it all the same
-      Entries pending = pendingIn(*cache_);
+      Entries pending = pendingIn(cache());
       addPending(pending, key, value);
       setCopy(before, std::move(pending));
     }

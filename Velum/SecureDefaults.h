@@ -4,13 +4,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
 
 #include "Velum/KeyStorageProtocol.h"
+#include "Velum/LazyValue.h"
 #include "Velum/Platform/PropertyList.h"
 #include "Velum/Platform/UserDefaults.h"
 
@@ -125,7 +125,8 @@ class SecureDefaults {
  protected:
   /// For subclasses that make their protected copy themselves, when it is needed first.
   explicit SecureDefaults(std::string domainName);
-  /// Returns the loaded copy, not null. Called once. Stops the process unless it is overridden.
+  /// Returns the loaded copy, not null. Called once, or by several threads that need it at once, of
+  /// which the first one's counts. Stops the process unless it is overridden.
   virtual std::shared_ptr<KeyStorageProtocol> makeCache();
 
  private:
@@ -146,8 +147,8 @@ class SecureDefaults {
   const std::string domainName_;
   const std::unique_ptr<UserDefaults> defs_;
   const std::unique_ptr<State> state_;
-  std::once_flag cacheOnce_;
-  std::shared_ptr<KeyStorageProtocol> cache_;
+  std::shared_ptr<KeyStorageProtocol> given_;
+  LazyValue<std::shared_ptr<KeyStorageProtocol>> cache_;
 };
 
 }  // namespace velum

@@ -94,6 +94,9 @@ class LoggingBody final : public BodySource {
  private:
   class Stream final : public BodyStream {
    public:
+    Stream() = default;
+    Stream(const Stream&) = delete;
+    Stream& operator=(const Stream&) = delete;
     ~Stream() override { logInfo({"body"}, "is over"); }
     std::size_t read(char* buffer, std::size_t size) override {
       logInfo({"body"}, "is read");

@@ -26,7 +26,8 @@ inline void besideUsers(const std::function<Use()>& make,
                         const std::function<void(const Use&)>& body) {
   inChild([&] {
     // An application's own end takes a moment, and comes after that of what was begun later.
-    std::atexit([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
+    static_cast<void>(
+        std::atexit([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); }));
     // Left to the process's end, as an application's are.
     auto* const use = new Use(make());  // NOLINT(*-owning-memory)
     ASSERT_TRUE((*use)());

@@ -71,6 +71,7 @@ bool InotifyReader::enterFirst() {
   ::epoll_ctl(pool_.get(), EPOLL_CTL_DEL, inotify_.get(), nullptr);
   const bool isAdded = addExclusively(thread.get(), inotify_.get());
   mounts_.reset(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+  mountsNumber_ = mounts_.get();
   epoll_event event{};
   event.events = EPOLLPRI;
   event.data.u32 = fromMounts;
@@ -109,11 +110,12 @@ void InotifyReader::readInPool() {
 }
 
 bool InotifyReader::haveMountsChanged() const noexcept {
-  pollfd state{mounts_.get(), POLLPRI, 0};
+  pollfd state{mountsNumber_, POLLPRI, 0};
   return ::poll(&state, 1, 0) > 0 && (state.revents & POLLPRI) != 0;
 }
 
 void InotifyReader::resetAfterFork() noexcept {
+  mountsNumber_ = -1;
   mounts_.reset();
   inotify_.reset();
   pool_.reset();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string_view>
 
@@ -72,7 +73,8 @@ class InotifyReader {
   // Where the thread and the pool wait for it (epoll).
   UniqueFd thread_;
   UniqueFd pool_;
-  UniqueFd mounts_;  // none without /proc
+  UniqueFd mounts_;                    // none without /proc
+  std::atomic<int> mountsNumber_{-1};  // for the pool, which may read already
   std::unique_ptr<DispatchSource> source_;
   bool isOpen_ = false;
   bool hasThread_ = false;

@@ -157,6 +157,9 @@ TEST_P(DirectoryMonitorLoss, IsToldAndWatchedAgainByTheNextStart) {
   const Monitored watched(path);
   for (const bool stops : {false, true}) {
     ASSERT_TRUE(watched.monitor->startMonitoring());
+    fs::rename(path, path + ".moved");
+    fs::rename(path + ".moved", path);
+    settle();
     EXPECT_TRUE(watched.isTold([&] { GetParam().lose(path); }));
     settle();
     EXPECT_TRUE(watched.isTold([&] { GetParam().make(path); })) << "made again";

@@ -17,6 +17,7 @@ class LazyStatic {
   constexpr LazyStatic() noexcept = default;
   LazyStatic(const LazyStatic&) = delete;
   LazyStatic& operator=(const LazyStatic&) = delete;
+  ~LazyStatic() = default;
 
   /// What `make` returns; nothing is kept when it throws.
   template <class Make>

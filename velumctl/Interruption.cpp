@@ -38,11 +38,13 @@ Interruption::Interruption() noexcept {
   }
 }
 
+// NOLINTNEXTLINE(*-convert-member-functions-to-static): ends with the object
 void Interruption::cancels(velum::Progress& progress) noexcept {
   cancellable = &progress;
   if (isAsked()) progress.cancel();
 }
 
+// NOLINTNEXTLINE(*-convert-member-functions-to-static): ends with the object
 void Interruption::wakes(int writer) noexcept {
   waker = writer;
 }

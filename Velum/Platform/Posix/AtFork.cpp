@@ -1,5 +1,6 @@
 #include "Velum/Platform/AtFork.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -101,9 +102,9 @@ class ForkRegistry {
 
   template <class Use>
   void forEachBackwards(Use use) noexcept {
-    for (auto list = lists_.rbegin(); list != lists_.rend(); ++list) {
-      for (auto* at = list->last; at != nullptr; at = at->previous_) use(*at);
-    }
+    std::for_each(lists_.rbegin(), lists_.rend(), [&use](const List& list) {
+      for (auto* at = list.last; at != nullptr; at = at->previous_) use(*at);
+    });
   }
 
   std::mutex mutex_;

@@ -126,6 +126,8 @@ struct KeyStorageBase::State final : ForkParticipant {
   State& operator=(const State&) = delete;
   ~State() override { unregisterForFork(); }
 
+  void applyLk(Changes& wanted);
+
   void prepareFork() noexcept override {}
   void afterForkInParent() noexcept override {}
   // What the parent has not written yet is the parent's to write: by the time the child ends, it
@@ -141,6 +143,7 @@ struct KeyStorageBase::State final : ForkParticipant {
   ForkSafeLock lock{Stage::service};
   Cache cache;
   bool dirty = false;
+  std::uint64_t changes = 0;
   // The changes between two writes are a period; its first change schedules its one write. What is
   // scheduled for a period that something else has written finds another number and does nothing.
   std::uint64_t period = 0;
@@ -207,32 +210,67 @@ bool KeyStorageBase::setObject(std::optional<PropertyList> value, std::string_vi
   Changes changes;
   changes.emplace(key, std::move(value));
   if (value) wipe(*value);  // NOLINT(bugprone-use-after-move): the same
-  return setObjects(std::move(changes));
+  {
+    const std::lock_guard guard(state_->lock);
+    state_->applyLk(changes);
+  }
+  return writeChange();
 }
 
 bool KeyStorageBase::setObjects(Changes changes) {
-  std::uint64_t period = 0;
-  bool schedules = false;
+  Changes before;
+  bool isAlone = false;
+  std::uint64_t number = 0;
   {
     const std::lock_guard guard(state_->lock);
-    for (auto& [key, value] : changes) {
-      if (value) {
-        state_->cache.set(key, std::move(*value));
-        wipe(*value);  // NOLINT(bugprone-use-after-move): what moving leaves of a short text
-      } else {
-        state_->cache.remove(key);
-        if (state_->isUnread) state_->removedUnread.emplace(key);
-      }
+    isAlone = state_->writeDelay.count() == 0 && !state_->dirty && !state_->isUnread;
+    for (const auto& [key, value] : changes) {
+      const PropertyList* const old = state_->cache.find(key);
+      before.emplace(key, old != nullptr ? std::optional(*old) : std::nullopt);
     }
-    state_->dirty = true;
-    if (state_->writeDelay.count() != 0 && !state_->isScheduled) {
-      state_->isScheduled = schedules = true;
-      period = ++state_->period;
+    state_->applyLk(changes);
+    number = state_->changes;
+  }
+  const bool isWritten = writeChange();
+  if (!isWritten && isAlone) {
+    const std::lock_guard guard(state_->lock);
+    if (state_->changes == number) {
+      state_->applyLk(before);
+      state_->dirty = false;
     }
   }
+  for (auto& [key, value] : before) {
+    if (value) wipe(*value);
+  }
+  return isWritten;
+}
+
+void KeyStorageBase::State::applyLk(Changes& wanted) {
+  lock.assertHeld();
+  for (auto& [key, value] : wanted) {
+    if (value) {
+      cache.set(key, std::move(*value));
+      wipe(*value);  // NOLINT(bugprone-use-after-move): what moving leaves of a short text
+    } else {
+      cache.remove(key);
+      if (isUnread) removedUnread.emplace(key);
+    }
+  }
+  dirty = true;
+  ++changes;
+}
+
+/// Writes what was changed, or sees to it that it is written in time.
+bool KeyStorageBase::writeChange() {
   // Jobs of the queue do nothing but this, so the queue's thread need not be the one.
   if (state_->writeDelay.count() == 0) return store();
-  if (schedules) state_->queue->asyncAfter(state_->writeDelay, writeJob(period));
+  std::uint64_t period = 0;
+  {
+    const std::lock_guard guard(state_->lock);
+    if (!state_->dirty || std::exchange(state_->isScheduled, true)) return true;
+    period = ++state_->period;
+  }
+  state_->queue->asyncAfter(state_->writeDelay, writeJob(period));
   return true;
 }
 
@@ -246,6 +284,7 @@ bool KeyStorageBase::reset(std::optional<PropertyList::Dictionary> content) {
     const std::lock_guard guard(state_->lock);
     state_->cache.replace(std::move(content).value_or(PropertyList::Dictionary{}));
     state_->dirty = true;
+    ++state_->changes;
     state_->isComplete = true;
     state_->isUnread = false;
     state_->removedUnread.clear();

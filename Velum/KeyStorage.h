@@ -62,6 +62,7 @@ class KeyStorageBase : public KeyStorageProtocol {
   struct State;
 
   Work writeJob(std::optional<std::uint64_t> period) const;
+  bool writeChange();
   bool writeLk();
   void readUnreadLk();
 

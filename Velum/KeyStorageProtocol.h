@@ -32,7 +32,8 @@ class KeyStorageProtocol {
   /// Sets the value, nothing removes the key, and has it written. False when it could not be
   /// written; it stays in memory, for the next write.
   virtual bool setObject(std::optional<PropertyList> value, std::string_view key) = 0;
-  /// The same for several keys in one write.
+  /// The same for several keys in one write. What can't be written at once is taken back, unless
+  /// other changes wait as well: a later write shall not put it over what others store meanwhile.
   using Changes = std::map<std::string, std::optional<PropertyList>, std::less<>>;
   virtual bool setObjects(Changes changes) = 0;
   /// A copy of everything.

@@ -248,7 +248,10 @@ SecureDefaults::Finding SecureDefaults::compareLk(std::string_view key) {
 
 void SecureDefaults::clearPendingLk() {
   state_->turn.assertHeld();
-  if (cache().object(pendingKey)) cache().setObject(std::nullopt, pendingKey);
+  if (!cache().object(pendingKey)) return;
+  KeyStorageProtocol::Changes changes;
+  changes.emplace(pendingKey, std::nullopt);
+  cache().setObjects(std::move(changes));
 }
 
 std::optional<PropertyList> SecureDefaults::object(std::string_view key) {
@@ -341,16 +344,12 @@ bool SecureDefaults::writeLk(const Stored& value, std::string_view key, Finding&
   };
   const auto edit = [&](Entries& entries) {
     if (!state_->isUsable(reload(cache()), finding)) return false;
-    const Entries unfinished = pendingIn(cache());
+    Entries pending = pendingIn(cache());
     const bool isFinished = finishPending(entries, cache());
     before = cache().object(key);
-    Entries pending = unfinished;
     addPending(pending, key, before);
     isCopied = isSame(before, value) || setCopy(value, std::move(pending));
-    if (!isCopied) {
-      setCopy(before, unfinished);
-      return false;
-    }
+    if (!isCopied) return false;
     if (isSame(found(entries, key), value)) return isFinished;
     put(entries, key, value);
     return true;

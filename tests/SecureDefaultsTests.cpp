@@ -382,6 +382,23 @@ TEST_F(SecureDefaultsTest, TheMarkerSilencesTheRecordAndNothingElse) {
   }
 }
 
+TEST_F(SecureDefaultsTest, WhatWasRefusedIsNotWrittenOverWhatOthersStored) {
+  SecureDefaults other("com.example", sealedCopy(folder / "copy", copyKey));
+  EXPECT_TRUE(defaults.setInteger(1, "own"));
+  EXPECT_TRUE(other.setInteger(1, "others"));
+  {
+    const test::NoRoom noRoom;
+    EXPECT_FALSE(defaults.setInteger(2, "own"));
+  }
+  EXPECT_TRUE(other.setInteger(7, "others"));
+  EXPECT_EQ(defaults.integer("own"), 1);
+  EXPECT_TRUE(defaults.setInteger(3, "own"));
+  SecureDefaults later("com.example", sealedCopy(folder / "copy", copyKey));
+  EXPECT_EQ(later.integer("others"), 7);
+  EXPECT_EQ(later.integer("own"), 3);
+  EXPECT_THAT(reasons, IsEmpty());
+}
+
 TEST_F(SecureDefaultsTest, ProcessesMayShareASealedCopy) {
   constexpr int processes = 3;
   constexpr int writes = 8;

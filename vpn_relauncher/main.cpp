@@ -47,7 +47,7 @@ std::int32_t parentProcessId = 0;
 std::unique_ptr<velum::TerminationListener>& listener =
     *new std::unique_ptr<velum::TerminationListener>;  // outlives exit(3) on purpose
 
-void setUp(int argc, char* argv[]) {
+void setUp(int argc, char** argv) {
   velum::LogConfig::setUp(std::string(velum::relauncherSubsystem));
   velum::Logger::shared().setLogLevel(velum::LogLevel::debug);
 

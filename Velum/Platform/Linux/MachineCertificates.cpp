@@ -335,13 +335,17 @@ void MachineCertificates::remove(const std::string& label) const {
 /// The files are as before, but a tool that failed may have made new lists, or half of them.
 void MachineCertificates::failTakenBack(const CertificateStatus& why, Update back,
                                         const std::vector<SecCertificate>& certificates) const {
-  if (why.number == errSecNotAvailable) throw CertificateFailure(why.number, why.detail);
+  const auto areBack = [&] {
+    return std::ranges::all_of(certificates, [&](const SecCertificate& one) {
+      return isTrusted(one) == (back == Update::added);
+    });
+  };
   const CertificateStatus status = statusOf([&] {
+    // One that can't be started did nothing; one that can't be watched is killed, perhaps too late.
+    if (why.number == errSecNotAvailable && areBack()) return;
     update(back);
-    for (const SecCertificate& one : certificates) {
-      if (isTrusted(one) == (back == Update::added)) continue;
-      throw CertificateFailure(errSecIO, fmt::format("{} was not made as it was", bundle_));
-    }
+    if (areBack()) return;
+    throw CertificateFailure(errSecIO, fmt::format("{} was not made as it was", bundle_));
   });
   if (status.isSuccess()) throw CertificateFailure(why.number, why.detail);
   throw CertificateFailure(

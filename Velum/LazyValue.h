@@ -1,16 +1,19 @@
 #pragma once
 
+#include <sys/types.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <memory>
 
 namespace velum {
 
-/// A value that is computed when it is first asked for, and then stays. For what takes a while
-/// (reads files, calls other libraries), in the place of a static variable in a function or of
-/// std::call_once: a child that was forked while another thread computes those would wait for it
-/// for ever. Here nobody waits: who asks meanwhile computes it as well, and the first one counts.
-/// Any thread. This one is for `static constinit` variables: the value is never destroyed, since
-/// other threads may use it while the process ends.
+/// A value that is computed once, when it is first asked for, and then stays. For what takes a
+/// while (reads files, calls other libraries), in the place of a static variable in a function or
+/// of std::call_once: who asks meanwhile waits, as there, but a child that was forked while another
+/// thread of its parent computed does not wait for a thread it does not have: it computes the value
+/// itself. Any thread. This one is for `static constinit` variables: the value is never destroyed,
+/// since other threads may use it while the process ends.
 template <class Value>
 class LazyStatic {
  public:
@@ -19,20 +22,48 @@ class LazyStatic {
   LazyStatic& operator=(const LazyStatic&) = delete;
   ~LazyStatic() = default;
 
-  /// What `make` returns; nothing is kept when it throws.
+  /// What `make` returns; nothing is kept when it throws, and the next one computes it. `make` must
+  /// not ask for the same value.
   template <class Make>
   Value& get(const Make& make) {
     if (Value* const known = value_.load(std::memory_order_acquire)) return *known;
+    const Turn turn(busy_);
+    if (Value* const known = value_.load(std::memory_order_acquire)) return *known;
     std::unique_ptr<Value> fresh(new Value(make()));  // which may be one that can't be moved
-    Value* first = nullptr;
-    if (value_.compare_exchange_strong(first, fresh.get(), std::memory_order_acq_rel)) {
-      return *fresh.release();
-    }
-    return *first;
+    value_.store(fresh.get(), std::memory_order_release);
+    return *fresh.release();
   }
 
  protected:
   std::atomic<Value*> value_{nullptr};
+
+ private:
+  /// Only one thread of a process computes. `busy` is the process whose thread does, or 0.
+  class Turn {
+   public:
+    explicit Turn(std::atomic<pid_t>& busy) noexcept : busy_(busy) {
+      const pid_t self = ::getpid();
+      pid_t other = 0;
+      while (!busy_.compare_exchange_weak(other, self, std::memory_order_acquire)) {
+        // Another number was a thread of the parent: it is not here, and what it made neither.
+        if (other == self) {
+          busy_.wait(self, std::memory_order_relaxed);
+          other = 0;
+        }
+      }
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    ~Turn() {
+      busy_.store(0, std::memory_order_release);
+      busy_.notify_all();
+    }
+
+   private:
+    std::atomic<pid_t>& busy_;
+  };
+
+  std::atomic<pid_t> busy_{0};
 };
 
 /// The same as a member, which goes with its object.

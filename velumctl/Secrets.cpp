@@ -156,7 +156,8 @@ void requireSuccess(velum::SecretStatus status, const std::string& what) {
   if (status == velum::errSecSuccess) return;
   std::string text = velum::SecretStore::errorText(status).value_or("unknown status");
   if (text.ends_with('.')) text.pop_back();
-  const char* advice = "; see that the keychain's service runs, then try again";
+  const char* advice =
+      "; see that the keychain's service runs and has a default keyring, then try again";
   if (status == velum::errSecItemNotFound) advice = "; check the account, --service and --group";
   if (status == velum::errSecInteractionNotAllowed) advice = "; unlock the keychain first";
   throw Failure(fmt::format("{}: {} ({}){}", what, text, status, advice));

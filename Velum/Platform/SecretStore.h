@@ -77,7 +77,8 @@ struct SecKeychainList {
 /// Linux: the Secret Service of the user's session; on hosts that have none (headless machines,
 /// privileged daemons) an encrypted vault file, $XDG_DATA_HOME/velum/vault. Which of the two is
 /// decided once per user and recorded beside the vault; a service that is missing later is an
-/// error (errSecNotAvailable), never a silent change of place.
+/// error (errSecNotAvailable), never a silent change of place, and so is one without a default
+/// keyring that has held secrets of the user before.
 class SecretStore {
  public:
   SecretStore() = default;

@@ -7,8 +7,10 @@
 
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
 #include "Velum/Platform/Linux/SecretWorkersLinux.h"
+#include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Inspection.h"
+#include "tests/support/NoRoom.h"
 #include "tests/support/SecretService.h"
 
 namespace velum {
@@ -173,6 +175,57 @@ TEST(SecretStore, TellsLockedFromMissing) {
   environment.start();  // unlocked again
   EXPECT_EQ(valueOf(store, token), "value");
   EXPECT_EQ(store.copyMatching(missing).status, errSecItemNotFound);
+}
+
+TEST(SecretStore, TakesAServiceThatLostItsKeyringsForNoAnswer) {
+  SecretServiceEnvironment environment;
+  SecretStoreLinux store(patient);
+  const std::string mark = environment.storeFolder() + "/secret-service-used";
+  const std::string kept = environment.folder() + "/kept";
+  using Login = SecretServiceEnvironment::Login;
+  const auto restartWithout = [&](Login login) {
+    environment.service().kill();
+    std::filesystem::remove_all(environment.keyrings());
+    environment.start(login);
+  };
+  EXPECT_EQ(store.copyMatching(token).status, errSecItemNotFound);
+  {
+    const test::NoRoom noRoom;
+    EXPECT_EQ(store.add(token, secretBytes("value")), errSecErrnoBase + EFBIG) << "unmarked";
+  }
+  ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess);
+  std::filesystem::remove(mark);
+  EXPECT_EQ(valueOf(store, token), "value");  // marks what an earlier version stored
+
+  std::filesystem::copy(environment.keyrings(), kept, std::filesystem::copy_options::recursive);
+  restartWithout(Login::leavesKeyring);
+  const test::CapturedLog log;
+  const auto expectStatus = [&](SecretStatus search, SecretStatus add) {
+    EXPECT_EQ(store.copyMatching(token).status, search);
+    EXPECT_EQ(store.add(token, secretBytes("new")), add);
+    EXPECT_EQ(store.update(token, secretBytes("new")), search);
+    EXPECT_EQ(store.remove(token), search);
+  };
+  expectStatus(errSecNotAvailable, errSecNotAvailable);
+  EXPECT_EQ(store.list({}).status, errSecNotAvailable);
+  EXPECT_EQ(store.searchList(SecPreferencesDomain::user).status, errSecNotAvailable);
+  EXPECT_EQ(log.count("on purpose, remove " + mark), 6U);
+  {
+    std::filesystem::remove(environment.storeFolder() + "/secret-store");
+    const test::ScopedVariable noBus("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+    EXPECT_EQ(store.copyMatching(token).status, errSecNotAvailable) << "no reason for a vault";
+  }
+  environment.service().kill();
+  std::filesystem::remove_all(environment.keyrings());
+  std::filesystem::rename(kept, environment.keyrings());
+  environment.start();
+  EXPECT_EQ(valueOf(store, token), "value");
+  restartWithout(Login::opensKeyring);
+  EXPECT_EQ(store.copyMatching(token).status, errSecItemNotFound) << "the login made a new one";
+  restartWithout(Login::leavesKeyring);
+  std::filesystem::remove(mark);
+  // The first use again, which asks for a password for the keyring that it makes.
+  expectStatus(errSecItemNotFound, errSecInteractionNotAllowed);
 }
 
 TEST(SecretStore, TellsARefusedPromptFromOneThatNobodyAnswers) {

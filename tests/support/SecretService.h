@@ -146,23 +146,27 @@ class PrivateBus {
 class SecretServiceEnvironment : public SecretEnvironment {
  public:
   enum class Start : std::uint8_t { now, later };
+  enum class Login : std::uint8_t { opensKeyring, leavesKeyring };
 
   explicit SecretServiceEnvironment(Start start = Start::now) {
     if (start == Start::now) this->start();
   }
 
-  /// Starts the service, with the keyrings it had when it was ended.
-  void start() {
+  /// Starts the service, with the keyrings it had when it was ended: unlocked, the login's made
+  /// where it is missing, or as they lie in the folder.
+  void start(Login login = Login::opensKeyring) {
     std::vector<std::string> environment = environmentWithout({"XDG_RUNTIME_DIR", "XDG_DATA_HOME"});
     environment.push_back("XDG_RUNTIME_DIR=" + folder());
-    environment.push_back("XDG_DATA_HOME=" + folder() + "/keyrings");
+    environment.push_back("XDG_DATA_HOME=" + keyrings());
+    std::vector<std::string> command{"gnome-keyring-daemon", "--components=secrets",
+                                     "--foreground"};
+    if (login == Login::opensKeyring) command.emplace_back("--unlock");
     service_ =
-        std::make_unique<Daemon>(std::vector<std::string>{"gnome-keyring-daemon", "--unlock",
-                                                          "--components=secrets", "--foreground"},
-                                 "password\n", SpawnOptions::nullDevice, environment);
+        std::make_unique<Daemon>(command, "password\n", SpawnOptions::nullDevice, environment);
     ASSERT_TRUE(bus_.waitForName("org.freedesktop.secrets")) << "no Secret Service";
   }
 
+  std::string keyrings() const { return folder() + "/keyrings"; }
   Daemon& service() { return *service_; }
   PrivateBus& bus() { return bus_; }
 

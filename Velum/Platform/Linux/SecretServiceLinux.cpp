@@ -1,5 +1,6 @@
 #include "Velum/Platform/Linux/SecretServiceLinux.h"
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,7 +8,10 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "Velum/Platform/Linux/SecretChoiceLinux.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
+#include "Velum/Platform/Posix/PrivateFolder.h"
+#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {
@@ -110,6 +114,30 @@ void SecretServiceLinux::unlock(SecretSession& session, const std::vector<std::s
   if (!session.unlock(paths)) throw SecretFailure(errSecUserCanceled);
 }
 
+/// Nothing for a user whose secrets were never there.
+std::optional<std::string> SecretServiceLinux::defaultCollection(SecretSession& session) {
+  if (auto collection = session.defaultCollection()) return collection;
+  const PrivateFolder folder(call_.folder.value());
+  if (!folder.has(serviceMarkFileName)) return std::nullopt;
+  throw SecretFailure(
+      errSecNotAvailable,
+      fmt::format("The Secret Service has no default keyring, but has kept secrets before. Log in "
+                  "again, restore the keyring, or make a default one; if it was reset on purpose, "
+                  "remove {}",
+                  folder.pathOf(serviceMarkFileName)));
+}
+
+/// What an earlier version stored is marked when it is seen. Who only reads fails for no mark.
+void SecretServiceLinux::noteFound() const {
+  SecretCall call = call_;
+  call.lockLimit = {};
+  try {
+    markService(PrivateFolder(call.folder.value()), call);
+  } catch (const SecretFailure&) {  // NOLINT(bugprone-empty-catch): the next one does it
+  } catch (const SystemError&) {    // NOLINT(bugprone-empty-catch): the same
+  }
+}
+
 /// The items with these attributes, all unlocked. None: there are none indeed.
 std::vector<std::string> SecretServiceLinux::find(SecretSession& session,
                                                   const Attributes& attributes) {
@@ -117,7 +145,7 @@ std::vector<std::string> SecretServiceLinux::find(SecretSession& session,
   if (!matches.unlocked.empty() && matches.locked.empty()) return matches.unlocked;
   if (matches.locked.empty()) {
     // A locked collection need not show what it holds.
-    const auto collection = session.defaultCollection();
+    const auto collection = defaultCollection(session);
     if (!collection || !session.isLocked(*collection)) return {};
     matches.locked.push_back(*collection);
   }
@@ -135,7 +163,7 @@ std::vector<std::string> SecretServiceLinux::existing(SecretSession& session,
 }
 
 std::string SecretServiceLinux::collectionForNew(SecretSession& session) {
-  if (auto collection = session.defaultCollection()) return *collection;
+  if (auto collection = defaultCollection(session)) return *collection;
   const PromptTurn turn(call_);
   auto collection = session.createDefaultCollection("Login");
   if (!collection) throw SecretFailure(errSecUserCanceled);
@@ -143,8 +171,11 @@ std::string SecretServiceLinux::collectionForNew(SecretSession& session) {
 }
 
 SecretBytes SecretServiceLinux::read(const SecretName& name) {
-  return perform(
-      [&](SecretSession& session) { return session.secret(existing(session, name).front()); });
+  return perform([&](SecretSession& session) {
+    SecretBytes value = session.secret(existing(session, name).front());
+    noteFound();
+    return value;
+  });
 }
 
 void SecretServiceLinux::add(const SecretName& name, const SecretBytes& value) {
@@ -152,6 +183,7 @@ void SecretServiceLinux::add(const SecretName& name, const SecretBytes& value) {
     const Attributes attributes = attributesOf(name);
     if (!find(session, attributes).empty()) throw SecretFailure(errSecDuplicateItem);
     const std::string collection = collectionForNew(session);
+    markService(PrivateFolder(call_.folder.value()), call_);
     call_.requireTime();
     session.createItem(collection, name.account + " (" + name.service + ")", attributes, value);
   });
@@ -160,6 +192,7 @@ void SecretServiceLinux::add(const SecretName& name, const SecretBytes& value) {
 void SecretServiceLinux::update(const SecretName& name, const SecretBytes& value) {
   perform([&](SecretSession& session) {
     const auto items = existing(session, name);
+    markService(PrivateFolder(call_.folder.value()), call_);
     call_.requireTime();
     for (const std::string& item : items) session.setSecret(item, value);
   });
@@ -178,7 +211,10 @@ std::vector<SecretName> SecretServiceLinux::list(const std::optional<std::string
     Attributes attributes;
     if (service) attributes.emplace_back(serviceAttribute, *service);
     std::vector<SecretName> names;
-    for (const std::string& item : find(session, attributes)) {
+    const auto items = find(session, attributes);
+    // Those found elsewhere are not all.
+    static_cast<void>(defaultCollection(session));
+    for (const std::string& item : items) {
       names.push_back(nameOf(session.attributes(item)));
     }
     return names;
@@ -186,7 +222,7 @@ std::vector<SecretName> SecretServiceLinux::list(const std::optional<std::string
 }
 
 std::optional<std::string> SecretServiceLinux::keychain() {
-  return perform([](SecretSession& session) { return session.defaultCollection(); });
+  return perform([&](SecretSession& session) { return defaultCollection(session); });
 }
 
 }  // namespace velum

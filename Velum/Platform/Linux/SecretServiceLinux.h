@@ -14,6 +14,9 @@ namespace velum {
 /// "account (service)". The session is opened by the first operation and kept; a service that was
 /// started anew is noticed.
 ///
+/// A service without a default collection, which was given secrets before (see markService), holds
+/// no answer for anything: errSecNotAvailable. Any default collection that is there is believed.
+///
 /// What is locked stays apart from what is missing. A prompt to unlock is only tried where there
 /// is a display, and only one at a time. Operations take as long as the service wants, prompts as
 /// long as the user wants. One thread for all of the object's life.
@@ -28,7 +31,7 @@ class SecretServiceLinux final : public SecretPlace {
   /// Whether a prompt waits for the user's answer, in any thread. Any thread.
   static bool isPrompting() noexcept;
 
-  /// The call that the next operation is for; a copy is kept.
+  /// The call that the next operation is for, with a folder; a copy is kept.
   void begin(const SecretCall& call) { call_ = call; }
 
   /// Whether the session has a Secret Service. Present: it answered. Absent: there is no bus, or
@@ -52,7 +55,9 @@ class SecretServiceLinux final : public SecretPlace {
   auto perform(Operation operation);
   std::vector<std::string> find(SecretSession& session, const Attributes& attributes);
   std::vector<std::string> existing(SecretSession& session, const SecretName& name);
+  std::optional<std::string> defaultCollection(SecretSession& session);
   std::string collectionForNew(SecretSession& session);
+  void noteFound() const;
   void unlock(SecretSession& session, const std::vector<std::string>& paths);
 
   SecretCall call_;

@@ -77,6 +77,8 @@ class TemporaryFile {
     }
   }
 
+  std::optional<FileStamp> stamp() const { return FileStamp::ofFile(file_->get()); }
+
   void moveTo(const std::string& path, std::string_view caller) {
     if (::rename(path_.c_str(), path.c_str()) != 0) {
       throw lastSystemError(fmt::format("{}: rename ({}, {})", caller, path_, path));
@@ -143,14 +145,17 @@ AtomicFile::AtomicFile(std::string path, mode_t mode) : path_(std::move(path)), 
   name_ = parts.filename().string();
 }
 
-void AtomicFile::replace(std::string_view content, std::string_view caller, Old old) const {
+std::optional<FileStamp> AtomicFile::replace(std::string_view content, std::string_view caller,
+                                             Old old) const {
   const UniqueFd folder = checked::open(folder_, O_RDONLY | O_DIRECTORY, 0, caller);
   removeLeftovers(folder.get());
   TemporaryFile file(fmt::format("{}/.{}.", folder_, name_), caller);
   file.write(content, mode_, caller);
+  const auto stamp = file.stamp();
   if (old == Old::setAside) nameAside(path_, path_ + asideSuffix, caller);
   file.moveTo(path_, caller);
   syncFolder(folder, folder_, caller);
+  return stamp;
 }
 
 bool AtomicFile::isTemporaryName(std::string_view name) const {

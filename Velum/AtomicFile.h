@@ -3,8 +3,11 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
+
+#include "Velum/Platform/Posix/FileStamp.h"
 
 namespace velum {
 
@@ -31,7 +34,9 @@ class AtomicFile {
   /// with `caller`: the old file then stands, and nothing is left beside it. (Only when the last
   /// step fails, making the new name durable, the new file stands already.) The folder must
   /// exist. A symbolic link at the path is replaced, not followed. Begins with `removeLeftovers`.
-  void replace(std::string_view content, std::string_view caller, Old old = Old::replaced) const;
+  /// Returns the stamp of the new file, whoever replaces it next; nothing when it can't be seen.
+  std::optional<FileStamp> replace(std::string_view content, std::string_view caller,
+                                   Old old = Old::replaced) const;
 
   /// Removes what writers of this file left that were killed while they wrote. Failures don't
   /// matter.

@@ -28,7 +28,11 @@ SecretResult KeyChainData::read() {
 SecretResult KeyChainData::readAgain() {
   if (key_.empty()) return {.status = errSecItemNotFound, .data = {}};
   SecretResult found = KeyChain::loadResult(key_, {}, {}, store_);
-  if (found.status == errSecSuccess) keep(found.data);
+  if (found.status == errSecSuccess) {
+    keep(found.data);
+  } else if (found.status == errSecItemNotFound) {
+    keep(std::nullopt);
+  }
   return found;
 }
 

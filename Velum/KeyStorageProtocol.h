@@ -42,6 +42,9 @@ class KeyStorageProtocol {
   virtual bool reset(std::optional<PropertyList::Dictionary> content) = 0;
   /// Reads what is stored; the content stays as it is unless it is loaded.
   virtual StorageState load() = 0;
+  /// Whether others have stored something since it was last read or written, as far as that can be
+  /// told in a moment; false where it can't.
+  virtual bool isOutdated() const { return false; }
   /// Writes what was changed since the last write. False as above.
   virtual bool store() = 0;
 };

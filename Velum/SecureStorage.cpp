@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <mutex>
 
 #include "Velum/ByteView.h"
 #include "Velum/FileUtils.h"
@@ -28,6 +29,13 @@ constexpr std::size_t maximumFileSize = detail::PropertyListLimits::size + Seale
 
 [[noreturn]] void throwKeyUnavailable(SecretStatus status) {
   throw StorageUnavailable("The key can't be read: " + KeyChain::statusText(status));
+}
+
+std::optional<SecretBytes> opened(const std::string& box, const SecretResult& key) {
+  if (key.status == errSecSuccess) return SealedBox(key.data).open(byteView(box));
+  logWarning({sourceFile, "loadData()"}, "No secure key found");
+  if (key.status != errSecItemNotFound) throwKeyUnavailable(key.status);
+  return std::nullopt;
 }
 
 }  // namespace
@@ -78,40 +86,64 @@ SecureStorage::~SecureStorage() {
 }
 
 std::optional<SecretBytes> SecureStorage::loadData() {
-  constexpr std::string_view function = "loadData()";
-  logDebug({sourceFile, function}, "Load from {}", path());
-  const auto box = readRegularFile(path(), maximumFileSize, SymbolicLink::refuse);
-  if (!box) {
-    const int error = errno;
-    if (error == ENOENT) {
-      logDebug({sourceFile, function}, "File {} doesn't exist", path());
-      return std::nullopt;
-    }
-    const std::string text = fmt::format("{}: {}", path(), systemErrorText(error));
-    // What is no file of ours won't become one; else the content may be there another time.
-    if (error == EFBIG || error == EINVAL || error == ELOOP) throw StorageError(text);
-    throw StorageUnavailable(text);
+  logDebug({sourceFile, "loadData()"}, "Load from {}", path());
+  const auto stamp = FileStamp::ofPath(path());  // before: what comes meanwhile is seen next time
+  try {
+    auto content = readContent();
+    setSeen(stamp);
+    return content;
+  } catch (const StorageUnavailable&) {
+    throw;
+  } catch (const StorageError&) {
+    setSeen(stamp);
+    throw;
   }
+}
+
+std::optional<SecretBytes> SecureStorage::readContent() {
+  auto box = readBox();
+  if (!box) return std::nullopt;
   const SecretResult key = storageKey_->read();
-  if (key.status != errSecSuccess) {
-    logWarning({sourceFile, function}, "No secure key found");
-    if (key.status != errSecItemNotFound) throwKeyUnavailable(key.status);
+  try {
+    return opened(*box, key);
+  } catch (const StorageUnavailable&) {
+    throw;
+  } catch (const StorageError&) {
+    // Others may have replaced the key, and then the file, since the key was read.
+    const SecretResult current = storageKey_->readAgain();
+    if (current.status == errSecSuccess && current.data == key.data) throw;
+    box = readBox();
+    return box ? opened(*box, current) : std::nullopt;
+  }
+}
+
+std::optional<std::string> SecureStorage::readBox() const {
+  auto box = readRegularFile(path(), maximumFileSize, SymbolicLink::refuse);
+  if (box) return box;
+  const int error = errno;
+  if (error == ENOENT) {
+    logDebug({sourceFile, "loadData()"}, "File {} doesn't exist", path());
     return std::nullopt;
   }
-  return SealedBox(key.data).open(byteView(*box));
+  const std::string text = fmt::format("{}: {}", path(), systemErrorText(error));
+  // What is no file of ours won't become one; else the content may be there another time.
+  if (error == EFBIG || error == EINVAL || error == ELOOP) throw StorageError(text);
+  throw StorageUnavailable(text);
 }
 
 void SecureStorage::storeData(std::string_view bytes) {
   constexpr std::string_view function = "storeData(_:)";
   logDebug({sourceFile, function}, "Write to {}", path());
   const SecretBytes key = keyForWriting();
-  file_.replace(SealedBox(key).seal(byteView(bytes)), function,
-                isDamaged() ? AtomicFile::Old::setAside : AtomicFile::Old::replaced);
+  setSeen(file_.replace(SealedBox(key).seal(byteView(bytes)), function,
+                        isDamaged() ? AtomicFile::Old::setAside : AtomicFile::Old::replaced));
 }
 
-/// A new key is made only when there is none: one that is merely out of reach still opens the file.
+/// The key in memory goes with the file that it opened or sealed. A new one is made only when there
+/// is none: one that is merely out of reach still opens the file.
 SecretBytes SecureStorage::keyForWriting() {
-  SecretResult key = storageKey_->read();
+  const bool isOfFile = seen() && !isOutdated() && !isDamaged();
+  SecretResult key = isOfFile ? storageKey_->read() : storageKey_->readAgain();
   if (key.status == errSecItemNotFound) key = makeKey();
   if (key.status != errSecSuccess) throwKeyUnavailable(key.status);
   return std::move(key.data);
@@ -135,6 +167,22 @@ SecretResult SecureStorage::makeKey() {
       "Failed to store the key for " + std::filesystem::path(path()).stem().string();
   logError({sourceFile, "storeData(_:)"}, "{}", text);
   throw StorageError(text);
+}
+
+bool SecureStorage::isOutdated() const {
+  const auto known = seen();
+  return known && FileStamp::ofPath(path()) != known;
+}
+
+std::optional<FileStamp> SecureStorage::seen() const {
+  const std::lock_guard guard(lock_);
+  return seen_;
+}
+
+/// What can't be seen is another one than the last.
+void SecureStorage::setSeen(std::optional<FileStamp> stamp) {
+  const std::lock_guard guard(lock_);
+  if (stamp) seen_ = stamp;
 }
 
 void SecureStorage::deleteData() {

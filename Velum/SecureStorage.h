@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Velum/AtomicFile.h"
+#include "Velum/ForkSafeLock.h"
 #include "Velum/KeyChainData.h"
 #include "Velum/KeyStorage.h"
 
@@ -17,6 +18,8 @@ namespace velum {
 /// known to be missing; the next write makes a new key. Both happen under the lock of path +
 /// ".lock", so that storages made at once, in any processes, get one key and lose no file. A key
 /// that can't be read now is another matter: reading and writing then fail, and nothing is lost.
+/// Others may replace both: the key is read again before a file counts as damaged, and before a
+/// file that is not the one last seen is replaced.
 ///
 /// A file that was changed by anybody else is refused as damaged: the storage begins empty, and the
 /// file stays until the next write, which keeps it as path + ".damaged".
@@ -30,6 +33,9 @@ class SecureStorage final : public KeyStorageBase {
 
   const std::string& path() const noexcept { return file_.path(); }
 
+  /// Whether the file is another one than it was when it was last read or written. One lstat(2).
+  bool isOutdated() const override;
+
   /// Deletes the file; what is in memory stays, and so does the key. A failure is logged, a missing
   /// file is none.
   void deleteData() override;
@@ -41,11 +47,17 @@ class SecureStorage final : public KeyStorageBase {
  private:
   class KeyTurn;
 
+  std::optional<SecretBytes> readContent();
+  std::optional<std::string> readBox() const;
   SecretBytes keyForWriting();
   SecretResult makeKey();
+  std::optional<FileStamp> seen() const;
+  void setSeen(std::optional<FileStamp> stamp);
 
   const std::shared_ptr<KeyChainDataProtocol> storageKey_;
   const AtomicFile file_;
+  mutable ForkSafeLock lock_{ForkSafeLock::Stage::leaf};
+  std::optional<FileStamp> seen_;  // guarded by `lock_`; nothing: the file was never looked at
 };
 
 }  // namespace velum

@@ -11,6 +11,7 @@
 #include "Velum/KeyChainData.h"
 #include "Velum/KeyChainStorage.h"
 #include "Velum/Platform/Bundle.h"
+#include "Velum/SecureStorage.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/FakeSecretStore.h"
 #include "tests/support/Processes.h"
@@ -197,14 +198,29 @@ TEST(KeyChainData, ReadsOnceAndFollowsWhatItStores) {
   EXPECT_FALSE(data.data());
 }
 
-TEST(KeyChainData, IsReadAgainAfterAFailure) {
+TEST(KeyChainData, IsReadAgainWhereItDoesNotFit) {
   FakeSecretStore store;
-  EXPECT_TRUE(KeyChainData("key", store).store(secretBytes("one")));
-  KeyChainData data("key", store);
+  const test::TemporaryFolder folder;
+  const auto make = [&] {
+    return std::make_unique<SecureStorage>(std::make_shared<KeyChainData>("key", store),
+                                           folder / "sealed", 0);
+  };
+  const auto replaceBoth = [&](bool value) {
+    KeyChain::remove("key", {}, {}, store);
+    EXPECT_TRUE(make()->setObject(PropertyList(value), "value"));
+  };
+  replaceBoth(false);
+  const auto storage = make();
   store.failWith(errSecInteractionNotAllowed);
-  EXPECT_EQ(data.read().status, errSecInteractionNotAllowed);
+  EXPECT_EQ(make()->load(), StorageState::unavailable);
   store.failWith(errSecSuccess);
-  EXPECT_EQ(data.data(), secretBytes("one"));
+  EXPECT_EQ(storage->load(), StorageState::loaded);
+  replaceBoth(true);
+  EXPECT_EQ(storage->load(), StorageState::loaded) << "took another key's content for damaged";
+  EXPECT_EQ(storage->object("value"), PropertyList(true));
+  replaceBoth(false);
+  EXPECT_TRUE(storage->setObject(PropertyList(true), "ours"));
+  EXPECT_EQ(make()->load(), StorageState::loaded) << "sealed with a key that is gone";
 }
 
 TEST(KeyChainData, SaysWhenItCantStore) {

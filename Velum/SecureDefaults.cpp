@@ -219,7 +219,8 @@ SecureDefaults::Finding SecureDefaults::compareLk(std::string_view key) {
   const auto isEqual = [&](const Entries& entries) {
     return isSame(found(entries, key), cache().object(key));
   };
-  if (isEqual(persistentDomain())) return {};
+  // An old file that somebody put back equals a memory that is as old.
+  if (!cache().isOutdated() && isEqual(persistentDomain())) return {};
   Finding finding;
   // Before anybody is excluded: a keychain that hangs holds up nobody else.
   if (!state_->isUsable(reload(cache()), finding)) return finding;

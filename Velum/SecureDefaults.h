@@ -31,7 +31,9 @@ enum class DefaultsCorruptionReason : std::uint8_t {
 ///
 /// Processes may share a domain and its protected copy, if that writes without delay: what differs
 /// is compared again with the copy as it is stored, under the domain's lock, before it counts as
-/// changed.
+/// changed. Memory alone decides only while the stored copy is not outdated, for which a read pays
+/// one lstat(2) where the copy is a SecureStorage. A copy in the keychain can't tell, so whoever
+/// puts an old file back there deceives a process that has not read the copy since.
 ///
 /// A write goes to the copy first, with a note of the value that the domain still has (under
 /// `pendingKey`, gone when the write is over). What a killed process left in between is finished by

@@ -267,15 +267,18 @@ TEST_F(SecureDefaultsTest, AccusesNobodyOfWhatItCouldNotCompareUnderTheLock) {
   expectOneReport();
 }
 
-TEST_F(SecureDefaultsTest, AnOldFileThatIsPutBackIsNotMadeOfficial) {
+TEST_F(SecureDefaultsTest, AnOldFileThatIsPutBackIsNeitherBelievedNorMadeOfficial) {
   ASSERT_TRUE(defaults.setString("old", "key"));
   const std::string old = readFile(file);
   SecureDefaults other("com.example", sealedCopy(folder / "copy"));
-  ASSERT_TRUE(other.setString("new", "key"));
-  writeFile(file, old);
-  EXPECT_TRUE(defaults.setString("value", "another"));
-  EXPECT_EQ(defaults.string("key"), "new");
-  expectOneReport();
+  for (const bool isWritten : {false, true}) {
+    const std::string value = isWritten ? "newer" : "new";
+    ASSERT_TRUE(other.setString(value, "key"));
+    writeFile(file, old);
+    EXPECT_TRUE(!isWritten || defaults.setString("value", "another"));
+    EXPECT_EQ(defaults.string("key"), value);
+    expectOneReport();
+  }
 }
 
 TEST_F(SecureDefaultsTest, BearsAnIntruderThatNeverRests) {

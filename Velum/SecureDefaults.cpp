@@ -130,6 +130,9 @@ struct SecureDefaults::State {
   /// The domain as it was when it was reported and could not be repaired.
   std::optional<std::optional<Entries>> unrepaired;
   bool isLossReported = false;
+  /// What was logged when the copy could not be used, until it can be; guarded by `turn`.
+  bool isCopyUsable = true;
+  std::string told;
 
   void setRepaired() {
     const std::lock_guard guard(lock);
@@ -144,11 +147,14 @@ struct SecureDefaults::State {
   }
   /// Whether the copy can be compared with. What is wrong with it is a finding, once.
   bool isUsable(StorageState copy, Finding& finding) {
+    turn.assertHeld();
+    isCopyUsable = copy == StorageState::loaded || copy == StorageState::missing;
+    if (isCopyUsable) told.clear();
     const std::lock_guard guard(lock);
     const bool isLost = copy == StorageState::damaged;
     if (isLost && !isLossReported) finding = DefaultsCorruptionReason::protectedCopyLost;
     if (copy != StorageState::unavailable) isLossReported = isLost;
-    return copy == StorageState::loaded || copy == StorageState::missing;
+    return isCopyUsable;
   }
 };
 
@@ -192,9 +198,10 @@ std::optional<PropertyList> SecureDefaults::compared(std::string_view key) {
   {
     const Inside inside;
     if (inside.isNested()) return copy.object(key);
-    const DeferredLog log;
+    DeferredLog log;
     const std::lock_guard guard(state_->turn);
     finding = compareLk(key);
+    if (!state_->isCopyUsable) log.dropRepetition(state_->told);
   }
   if (finding) report(*finding, key);
   return copy.object(key);

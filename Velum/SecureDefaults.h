@@ -40,7 +40,8 @@ enum class DefaultsCorruptionReason : std::uint8_t {
 /// the next one that looks, and accuses nobody.
 ///
 /// A copy that can't be read now accuses nobody either: the domain stays as it is, writers return
-/// false, and readers give what the copy held when it was last read, else what is registered. It is
+/// false, and readers give what the copy held when it was last read, else what is registered. Why
+/// it can't is logged by the first read, and again when the reason is another one. It is
 /// the same with a copy that is damaged, which is reported (`protectedCopyLost`) once. Its owner
 /// decides what to trust and calls `cache->reset(values)`, with `persistentDomain()` for example.
 class SecureDefaults {

@@ -237,6 +237,12 @@ TEST_F(SecureDefaultsTest, TouchesNothingWhileTheCopyIsOutOfReachOrDamaged) {
       EXPECT_FALSE(defaults.setString("new", "key"));
       EXPECT_FALSE(later.setString("new", "other"));
     }
+    const std::size_t records = log->texts().size();
+    EXPECT_EQ(defaults.string("key"), "right");
+    EXPECT_EQ(log->texts().size(), records) << "told again";
+    if (wrong == "locked") copyKey->status = errSecTimedOut;
+    EXPECT_EQ(later.string("key"), std::nullopt);
+    EXPECT_EQ(log->texts().size() > records, wrong == "locked") << "another reason";
     EXPECT_EQ(readFile(file), changed);
     constexpr auto lost = DefaultsCorruptionReason::protectedCopyLost;
     EXPECT_THAT(std::exchange(reasons, {}),

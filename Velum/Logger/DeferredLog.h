@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,6 +20,11 @@ class DeferredLog {
   DeferredLog& operator=(const DeferredLog&) = delete;
   ~DeferredLog();
 
+  /// Drops the records that were kept since this object was made, if their texts are those in
+  /// `told`; else `told` gets them. For what goes wrong in the same way at every look. Without
+  /// records nothing happens.
+  void dropRepetition(std::string& told);
+
  private:
   friend class Logger;
   struct Record {
@@ -32,6 +38,7 @@ class DeferredLog {
   static DeferredLog*& ofThread() noexcept;
 
   bool isOutermost_;
+  std::size_t first_;  // this one's, among the records of the outermost
   std::vector<Record> records_;
 };
 

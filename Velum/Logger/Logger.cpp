@@ -85,8 +85,22 @@ DeferredLog*& DeferredLog::ofThread() noexcept {
   return current;
 }
 
-DeferredLog::DeferredLog() noexcept : isOutermost_(ofThread() == nullptr) {
+DeferredLog::DeferredLog() noexcept
+    : isOutermost_(ofThread() == nullptr), first_(isOutermost_ ? 0 : ofThread()->records_.size()) {
   if (isOutermost_) ofThread() = this;
+}
+
+void DeferredLog::dropRepetition(std::string& told) {
+  std::vector<Record>& records = ofThread()->records_;
+  const auto first = records.begin() + static_cast<std::ptrdiff_t>(first_);
+  std::string texts;
+  for (auto record = first; record != records.end(); ++record) texts.append(record->text) += '\n';
+  if (texts.empty()) return;
+  if (texts == told) {
+    records.erase(first, records.end());
+  } else {
+    told = std::move(texts);
+  }
 }
 
 DeferredLog::~DeferredLog() {

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
@@ -155,6 +156,25 @@ TEST(SecretStore, ShowsItemsInPasswordManagersAndLeavesTheirsAlone) {
     }
   }
   EXPECT_THAT(labels, UnorderedElementsAre("Theirs", "token (com.example.vpn)"));
+
+  // This service forgets the type of what it is given.
+  const test::BusPointer monitor = environment.bus().connect(test::PrivateBus::Role::monitor);
+  for (const auto& [value, type] :
+       {std::pair("text", "text/plain"), std::pair("\xFF", "application/octet-stream")}) {
+    ASSERT_EQ(store.update(token, secretBytes(value)), errSecSuccess);
+    const char* told = "nothing";
+    const auto hears = [&, expected = type] {
+      if (sd_bus_process(monitor.get(), &answer) <= 0 || answer == nullptr) return false;
+      const auto message = reply(answer);
+      if (sd_bus_message_is_method_call(answer, nullptr, "SetSecret") <= 0) return false;
+      EXPECT_GE(sd_bus_message_enter_container(answer, 'r', "oayays"), 0);
+      EXPECT_GE(sd_bus_message_skip(answer, "oayay"), 0);
+      EXPECT_GE(sd_bus_message_read(answer, "s", &told), 0);
+      EXPECT_STREQ(told, expected);
+      return true;
+    };
+    ASSERT_TRUE(test::eventually(hears));
+  }
 }
 
 TEST(SecretStore, TellsLockedFromMissing) {
@@ -278,6 +298,19 @@ TEST(SecretStore, NoticesThatTheServiceIsGoneAndBackAgain) {
   EXPECT_EQ(store.copyMatching(token).status, errSecNotAvailable);
   EXPECT_FALSE(hasVault(environment));
   EXPECT_EQ(recordedChoice(environment), "service\n");
+}
+
+TEST(SecretStore, ServesManyThreads) {
+  SecretServiceEnvironment environment;
+  SecretStoreLinux store(patient);
+  std::vector<std::thread> threads;
+  for (const char* name : {"a", "b", "c", "d"}) {
+    threads.emplace_back([&store, query = SecretQuery{"com.example.vpn", name, {}, false}] {
+      EXPECT_EQ(store.add(query, secretBytes(query.account)), errSecSuccess);
+      for (int round = 0; round < 5; ++round) EXPECT_EQ(valueOf(store, query), query.account);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
 }
 
 TEST(SecretStore, LeavesAHungServiceInTimeAndComesBackToIt) {

@@ -125,14 +125,21 @@ class PrivateBus {
               0);
   }
 
-  /// A connection for the test's own conversations.
-  BusPointer connect() const {
+  /// A connection for the test's own conversations, or for seeing all that is said on the bus.
+  enum class Role : std::uint8_t { client, monitor };
+  BusPointer connect(Role role = Role::client) const {
     sd_bus* bus = nullptr;
     sd_bus_new(&bus);
     BusPointer owner(bus);
     sd_bus_set_address(bus, address().c_str());
     sd_bus_set_bus_client(bus, 1);
+    sd_bus_set_monitor(bus, role == Role::monitor ? 1 : 0);
     EXPECT_GE(sd_bus_start(bus), 0);
+    const char* const service = "org.freedesktop.DBus";
+    EXPECT_TRUE(role == Role::client ||
+                sd_bus_call_method(bus, service, "/org/freedesktop/DBus",
+                                   "org.freedesktop.DBus.Monitoring", "BecomeMonitor", nullptr,
+                                   nullptr, "asu", 0, 0) >= 0);
     return owner;
   }
 

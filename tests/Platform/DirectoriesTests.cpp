@@ -1,10 +1,12 @@
 #include "Velum/Platform/Directories.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 
+#include "Velum/Platform/Linux/UserBusLinux.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"
 #include "tests/support/Inspection.h"
@@ -62,18 +64,24 @@ TEST(Directories, RuntimeFolderFallsBackToTheSessionsAndTheTemporaryFolder) {
   test::inChild([&] {
     if (!test::enterPrivateMounts()) return;
     test::mountMemory("/run", "mode=755");
+    const ScopedVariable none("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+    std::optional<std::string> bus;
     const auto expect = [&](const std::string& expected) {
       for (const auto& useless :
            {std::string(), std::string("run"), folder / "missing", folder / "link"}) {
         const ScopedVariable session("XDG_RUNTIME_DIR", useless);
         EXPECT_EQ(Directories::shared().runtime(), expected) << useless;
         EXPECT_EQ(modeOf(expected), 0700);
+        EXPECT_EQ(userBusAddress(), bus) << useless;
       }
     };
     const std::string id = std::to_string(::geteuid());
     expect(folder / ("velum-" + id));
-    fs::create_directories("/run/user/" + id);
-    expect("/run/user/" + id + "/velum");
+    const std::string session = "/run/user/" + id;
+    fs::create_directories(session);
+    ASSERT_EQ(::mknod((session + "/bus").c_str(), S_IFSOCK | 0600, 0), 0);
+    bus = "unix:path=" + session + "/bus";
+    expect(session + "/velum");
   });
 }
 

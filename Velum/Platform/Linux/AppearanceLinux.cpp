@@ -10,7 +10,6 @@
 
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/UserBusLinux.h"
-#include "Velum/Platform/Linux/UserManagerLinux.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
 #include "Velum/Platform/Posix/ReadFile.h"
 #include "Velum/SystemError.h"
@@ -48,7 +47,7 @@ std::uint32_t colorScheme(std::chrono::microseconds timeout) {
 std::optional<bool> portalPrefersDark(std::chrono::microseconds timeout) {
   constexpr std::uint32_t dark = 1;
   constexpr std::uint32_t light = 2;
-  if (!mayHaveUserBus()) return std::nullopt;
+  if (!userBusAddress()) return std::nullopt;
   try {
     const std::uint32_t scheme = colorScheme(timeout);
     if (scheme == dark || scheme == light) return scheme == dark;

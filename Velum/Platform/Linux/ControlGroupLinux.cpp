@@ -10,10 +10,10 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 
 #include "Velum/Platform/Linux/ProcessLinux.h"
+#include "Velum/Platform/Linux/XdgFolders.h"
 
 namespace velum {
 namespace {
@@ -76,10 +76,11 @@ std::optional<std::string> identifierAtEnd(std::string_view name) {
 /// True when a service manager serves this user: then a desktop may give applications control
 /// groups of their own.
 bool hasUserManager() {
-  constexpr const char* socket = "/systemd/private";
-  const char* const folder = std::getenv("XDG_RUNTIME_DIR");
-  if (folder != nullptr && ::access((std::string(folder) + socket).c_str(), F_OK) == 0) return true;
-  return ::access(fmt::format("/run/user/{}{}", ::geteuid(), socket).c_str(), F_OK) == 0;
+  const auto hasSocket = [](const std::string& folder) {
+    return ::access((folder + "/systemd/private").c_str(), F_OK) == 0;
+  };
+  const auto session = sessionFolder();
+  return (session && hasSocket(*session)) || hasSocket(usualSessionFolder());
 }
 
 /// Appends the processes of a control group; false when they can't be read.

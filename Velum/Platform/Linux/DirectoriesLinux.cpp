@@ -63,13 +63,7 @@ class DirectoriesLinux final : public Directories {
   }
 
   std::optional<std::string> runtime() override {
-    // The variable may be another user's, for example under sudo: nothing of ours belongs there.
-    // A service or a scheduled job often has none, and yet has to meet the user's other processes.
-    const auto session = absoluteVariable("XDG_RUNTIME_DIR");
-    struct stat status {};
-    for (const auto& folder : {session.value_or(""), "/run/user/" + std::to_string(::geteuid())}) {
-      if (isOwnFolder(folder, status)) return privateFolder(folder + "/velum");
-    }
+    if (const auto session = sessionFolder()) return privateFolder(*session + "/velum");
     const std::string temporary = absoluteVariable("TMPDIR").value_or("/tmp");
     return privateFolder(temporary + "/velum-" + std::to_string(::geteuid()));
   }
@@ -87,6 +81,19 @@ std::optional<std::string> userFolder(const char* variable, std::string_view bel
   auto home = homeFolder();
   if (!home) return std::nullopt;
   return home->append("/").append(belowHome);
+}
+
+std::string usualSessionFolder() {
+  return "/run/user/" + std::to_string(::geteuid());
+}
+
+std::optional<std::string> sessionFolder() {
+  const auto named = absoluteVariable("XDG_RUNTIME_DIR");
+  struct stat status {};
+  if (named && isOwnFolder(*named, status)) return named;
+  auto usual = usualSessionFolder();
+  if (isOwnFolder(usual, status)) return usual;
+  return std::nullopt;
 }
 
 Directories& Directories::shared() {

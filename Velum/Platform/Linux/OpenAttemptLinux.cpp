@@ -19,6 +19,7 @@
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/ControlGroupLinux.h"
 #include "Velum/Platform/Linux/ProcessLinux.h"
+#include "Velum/Platform/Linux/UserBusLinux.h"
 #include "Velum/Platform/Linux/UserManagerLinux.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
@@ -226,7 +227,7 @@ void OpenAttempt::watchProcess() {
 void OpenAttempt::moveOutOfOldControlGroup() {
   const TransientScope scope{applicationScopeName(nameOf(bundle_), process_), nameOf(bundle_),
                              process_};
-  if (!mayHaveUserBus()) {  // no reason to wake a thread beside the new application
+  if (!userBusAddress()) {  // no reason to wake a thread beside the new application
     movedOutOfOldControlGroup(scope, "there is no user bus");
     return;
   }

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 
 namespace velum {
@@ -24,6 +26,11 @@ struct BusInterface {
 
 /// Throws SystemError for a negative result of the bus library, with `text` for what failed.
 void checkBus(int result, std::string_view text);
+
+/// Where the user's bus is: what DBUS_SESSION_BUS_ADDRESS says, else the socket "bus" in the
+/// session's folder. Nothing when there is certainly none; it costs next to nothing to ask. Any
+/// thread.
+std::optional<std::string> userBusAddress();
 
 /// A conversation on the user's bus under one deadline: each of its calls throws SystemError when
 /// it has passed, and for the bus's own errors with the bus's text. One thread.

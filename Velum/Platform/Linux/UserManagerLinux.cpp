@@ -1,10 +1,7 @@
 #include "Velum/Platform/Linux/UserManagerLinux.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 
 #include "Velum/Platform/Linux/UserBusLinux.h"
 #include "Velum/SystemError.h"
@@ -61,12 +58,6 @@ void startScopeOrThrow(const TransientScope& scope, std::chrono::microseconds ti
 }
 
 }  // namespace
-
-bool mayHaveUserBus() {
-  if (std::getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr) return true;
-  const char* const folder = std::getenv("XDG_RUNTIME_DIR");
-  return folder != nullptr && ::access((std::string(folder) + "/bus").c_str(), F_OK) == 0;
-}
 
 std::optional<std::string> startScope(const TransientScope& scope,
                                       std::chrono::microseconds timeout) {

@@ -15,10 +15,6 @@ struct TransientScope {
   pid_t process = 0;  ///< Moved into it.
 };
 
-/// False when there is certainly no bus to ask the user's service manager on. Costs next to
-/// nothing.
-bool mayHaveUserBus();
-
 /// Asks the user's service manager to make the scope and waits until the process is in it. The
 /// manager is never started for this. Nothing on success, else why not, for people; also when
 /// `timeout` passes first. Blocks; any thread.

@@ -20,6 +20,13 @@ std::optional<std::string> homeFolder();
 /// The user's folder of one kind: what `variable` names, else `belowHome` in the home folder.
 std::optional<std::string> userFolder(const char* variable, std::string_view belowHome);
 
+/// The folder for what lives as long as the user is logged in: what XDG_RUNTIME_DIR names, else
+/// /run/user/<user id>, which a service or a scheduled job has to know by itself. Only a folder of
+/// this user's own: the variable may be another user's, for example under sudo. Any thread.
+std::optional<std::string> sessionFolder();
+/// /run/user/<user id>, whether there is one or not. Any thread.
+std::string usualSessionFolder();
+
 /// True for a text that can be the name of one file: not empty, no slash, no NUL, not "." or "..".
 inline bool isFileName(std::string_view text) {
   return !text.empty() && text != "." && text != ".." &&

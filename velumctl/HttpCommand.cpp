@@ -213,9 +213,6 @@ Outcome exchanged(URLRequest request, unsigned retries) {
 std::string_view advice(const URLError& error) {
   if (error.domain != URLError::urlDomain) return "";
   switch (error.code) {
-    case URLError::badURL:
-    case URLError::unsupportedURL:
-      return "; write a URL such as https://host/path";
     case URLError::cannotFindHost:
       return "; check the host's name and the network";
     case URLError::cannotConnectToHost:

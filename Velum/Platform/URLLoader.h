@@ -41,7 +41,8 @@ class URLTask {
 /// method but HEAD into GET, 301 and 302 turn POST into GET, as browsers do it. Authorization and
 /// Cookie fields of the request are not sent on to another host, port or scheme;
 /// Proxy-Authorization goes to proxies only. Bodies arrive decompressed and are held in memory
-/// whole, up to the request's `largestBody`.
+/// whole, up to the request's `largestBody`; a header that does not end is given up. There are no
+/// client certificates: a server that demands one fails with `URLError::clientCertificateRequired`.
 ///
 /// After fork(2) the child's loader starts anew; exchanges of the parent never complete there.
 class URLLoader {

@@ -84,6 +84,10 @@ TEST_F(Loader, GivesAnyStatusAndDecompressedBodies) {
     EXPECT_EQ(exchanged({.url = url, .largestBody = size}).data.size(), size) << kind;
     EXPECT_EQ(exchanged({.url = url, .largestBody = size - 1}).failure(), "NSURLErrorDomain -1103");
   }
+  EXPECT_EQ(exchanged({.url = server_.url("/announced"), .largestBody = 1'000}).failure(),
+            "NSURLErrorDomain -1103");
+  const URLRequest head{.url = server_.url("/coded?gzip"), .method = "HEAD", .largestBody = 1};
+  EXPECT_EQ(exchanged(head).status(), 200);
   const Outcome early =
       exchanged({.url = server_.url("/early"), .method = "POST", .body = std::string(1'000, 'x')});
   EXPECT_EQ(early.status(), 413) << early.failure();
@@ -99,7 +103,11 @@ TEST_F(Loader, TellsFailuresApart) {
       {server_.url("/half"), -1005},
       {server_.url("/garbage"), -1011},
       {server_.url("/badchunk"), -1011},
+      {server_.url("/badtrailer"), -1011},
       {server_.url("/bigheader"), -1011},
+      {server_.url("/interim"), -1011},
+      {server_.url("/trailers"), -1011},
+      {server_.url("/encoded"), -1016},
       {server_.url("/coded?bad"), -1016},
       {server_.url("/coded?short"), -1016},
       {server_.url("/coded?brotli"), -1016},
@@ -246,6 +254,12 @@ TEST(LoaderTls, TrustsOnlyServersThatAnAuthorityVouchesFor) {
   // The certificate is another host's.
   EXPECT_EQ(exchanged({.url = server.tlsUrl("/echo", "localhost")}).failure(),
             "NSURLErrorDomain -1202");
+  for (int i = 0; i < 8; ++i) {  // what the server says and what we send race
+    for (const std::string& url : server.demandingUrls()) {
+      const Outcome demanded = exchanged({.url = url, .method = "POST", .body = {}}, 2);
+      EXPECT_EQ(demanded.failure(), "NSURLErrorDomain -1206") << url;
+    }
+  }
   // A server that does not speak TLS at all.
   std::string plain = server.url("/");
   EXPECT_EQ(exchanged({.url = plain.replace(0, 4, "https")}).failure(), "NSURLErrorDomain -1200");

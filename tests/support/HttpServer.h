@@ -57,6 +57,10 @@ class HttpServer {
   std::string tlsUrl(const std::string& path, const std::string& host = "127.0.0.1") const {
     return "https://" + host + ":" + ports_.at(2) + path;
   }
+  /// Two that demand a certificate of the client's, in TLS 1.3 and 1.2.
+  std::array<std::string, 2> demandingUrls() const {
+    return {"https://127.0.0.1:" + ports_.at(3) + "/", "https://127.0.0.1:" + ports_.at(4) + "/"};
+  }
   std::string certificate() const { return folder_ / "certificate.pem"; }
   /// What was sent to /store last.
   std::string stored() const { return readFile(folder_ / "stored"); }

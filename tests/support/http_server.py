@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """A server that misbehaves on request, for tests: http_server.py FOLDER [CERTIFICATE KEY].
 
-Prints the ports it listens on at 127.0.0.1, two for HTTP and, with a certificate, one for HTTPS,
-on one line. Ends when its standard input does.
+Prints the ports it listens on at 127.0.0.1, two for HTTP and, with a certificate, three for HTTPS,
+on one line; the last two demand a certificate of the client, the very last one in TLS 1.2. Ends when its standard input does.
 """
 
 import gzip
@@ -30,6 +30,21 @@ coded = {
     "deflate": ("deflate", zlib.compress(plain)),
     "bare": ("deflate", zlib.compress(plain)[2:-4]),
     "brotli": ("br", b"any"),
+}
+ok = b"HTTP/1.1 200 OK\r\n"
+chunked = ok + b"Transfer-Encoding: chunked\r\n\r\n"
+broken = {  # the whole answer, then the connection ends
+    "empty": b"",
+    "half": ok + b"Content-Length: 1000\r\n\r\nhalf",
+    "garbage": b"this is no HTTP at all\r\n\r\n",
+    "badchunk": chunked + b"no size\r\n",
+    "badtrailer": chunked + b"0\r\nno field\r\n\r\n",
+    "encoded": ok + b"Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n",
+}
+endless = {  # what comes first, and what comes then until the client gives up
+    "interim": (b"", b"HTTP/1.1 103 Early Hints\r\n\r\n"),
+    "trailers": (chunked + b"0\r\n", b"X-Trailer: again\r\n"),
+    "announced": (ok + b"Content-Length: 1001\r\n\r\n", b""),
 }
 
 
@@ -86,17 +101,18 @@ class Handler(http.server.BaseHTTPRequestHandler):
             case "/never":
                 self.connection.recv(1)  # until the client goes
                 self.close_connection = True
-            case "/empty":
+            case path if path[1:] in broken:
+                self.wfile.write(broken[path[1:]])
                 self.hang_up()
+            case path if path[1:] in endless:
+                first, then = endless[path[1:]]
+                self.wfile.write(first)
+                while then:
+                    self.wfile.write(then)
+                self.connection.recv(1)
             case "/reset":
-                self.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nhalf")
+                self.wfile.write(broken["half"])
                 self.reset()
-            case "/half":
-                self.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nhalf")
-                self.hang_up()
-            case "/garbage":
-                self.wfile.write(b"this is no HTTP at all\r\n\r\n")
-                self.hang_up()
             case "/redirect":
                 self.answer(int(query["status"]), headers=[("Location", query["to"])])
             case "/loop":
@@ -104,9 +120,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
             case "/coded":
                 coding, content = coded[url.query]
                 self.answer(body=content, headers=[("Content-Encoding", coding)])
-            case "/badchunk":
-                self.wfile.write(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nno size\r\n")
-                self.hang_up()
             case "/bigheader":
                 self.answer(headers=[("X-Big", "x" * 400_000)])
             case "/drip":
@@ -157,8 +170,13 @@ def listen(context=None):
 
 ports = [listen(), listen()]
 if len(sys.argv) > 2:
-    tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    tls.load_cert_chain(sys.argv[2], sys.argv[3])
-    ports.append(listen(tls))
+    for verify, newest in [(ssl.CERT_NONE, ssl.TLSVersion.TLSv1_3),
+                           (ssl.CERT_REQUIRED, ssl.TLSVersion.TLSv1_3),
+                           (ssl.CERT_REQUIRED, ssl.TLSVersion.TLSv1_2)]:
+        tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        tls.load_cert_chain(sys.argv[2], sys.argv[3])
+        tls.verify_mode = verify
+        tls.maximum_version = newest
+        ports.append(listen(tls))
 print(*ports, flush=True)
 sys.stdin.buffer.read()

@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <new>
-#include <stdexcept>
 #include <utility>
 
 #include "Velum/String.h"
@@ -38,21 +37,24 @@ bool isFieldValue(std::string_view text) {
   return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
 }
 
-std::string_view trimmed(std::string_view text) {
-  const std::size_t begin = text.find_first_not_of(" \t\r\n");
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(" \t\r\n") + 1 - begin);
-}
-
 // The value of a variable that names a file or folder; null for an empty one as well.
 const char* namedBy(const char* variable) {
   const char* const value = std::getenv(variable);
   return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
-struct BodyTooLarge : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+// Errors of a connection that somebody closed.
+bool isBroken(CURLcode result) {
+  return result == CURLE_SEND_ERROR || result == CURLE_RECV_ERROR || result == CURLE_GOT_NOTHING ||
+         result == CURLE_SSL_CONNECT_ERROR;
+}
+
+URLError noSocket(int systemError) {
+  return URLError::posix(systemError,
+                         systemError == EMFILE
+                             ? "this process may open no more files; raise its limit (ulimit -n)"
+                             : "the system gives no socket: " + systemErrorText(systemError));
+}
 
 URLError bodyEnded() {
   return URLError::url(URLError::requestBodyStreamExhausted,
@@ -75,7 +77,8 @@ URLExchange::URLExchange(std::shared_ptr<const URLRequest> request, DispatchQueu
       completion_(std::move(completion)),
       canceller_(std::move(canceller)),
       timeout_(timeoutOf(*request_)),
-      isRewound_(request_->bodyStream != nullptr) {}
+      isRewound_(request_->bodyStream != nullptr),
+      answer_(request_->method, request_->largestBody) {}
 
 URLExchange& URLExchange::of(CURL* transfer) {
   char* self = nullptr;
@@ -89,9 +92,13 @@ void URLExchange::cancel() {
 
 std::optional<URLError> URLExchange::prepare(SocketOwner& sockets) {
   if (const CURLcode bad = checkedUrl(request_->url); bad != CURLE_OK) {
-    return urlError({.code = bad});
+    std::string text = curl_easy_strerror(bad);
+    if (bad != CURLE_OUT_OF_MEMORY) text += "; write a URL such as https://host/path";
+    return urlError({.code = bad, .text = std::move(text)});
   }
-  if (!isToken(request_->method)) return URLError::posix(EINVAL, "the method is no word");
+  if (!isToken(request_->method)) {
+    return URLError::posix(EINVAL, "the method is not one; write GET or another word");
+  }
   transfer_.reset(curl_easy_init());
   if (!transfer_) return urlError({.code = CURLE_OUT_OF_MEMORY});
   if (auto error = setHeaders()) return error;
@@ -104,14 +111,14 @@ std::optional<URLError> URLExchange::prepare(SocketOwner& sockets) {
 std::optional<URLError> URLExchange::setHeaders() {
   for (const auto& [name, value] : request_->headers) {
     if (!isToken(name) || !isFieldValue(value)) {
-      return URLError::posix(EINVAL, "a header field's name or value is none");
+      return URLError::posix(EINVAL, "a header field's name or value holds what it must not");
     }
     const auto isThis = [&field = name](std::string_view other) {
       return equalsIgnoringCase(field, other);
     };
     if (std::ranges::any_of(reservedFields, isThis)) continue;
     // ';' is how libcurl is told of an empty value; "Name:" would remove a field.
-    const std::string_view text = trimmed(value);
+    const std::string_view text = trimmedFieldText(value);
     const bool isAdded = append(name, text.empty() ? name + ';' : (name + ": ").append(text));
     if (!isAdded) return urlError({.code = CURLE_OUT_OF_MEMORY});
   }
@@ -146,6 +153,7 @@ void URLExchange::setSafety() {
   set(transfer, CURLOPT_MAXREDIRS, maxRedirects);
   set(transfer, CURLOPT_SSL_VERIFYPEER, 1L);
   set(transfer, CURLOPT_SSL_VERIFYHOST, 2L);
+  demand_.noticeIn(transfer);
   // OpenSSL's own variables name another store, as they do for most programs of the system.
   if (const char* const file = namedBy("SSL_CERT_FILE")) set(transfer, CURLOPT_CAINFO, file);
   if (const char* const folder = namedBy("SSL_CERT_DIR")) set(transfer, CURLOPT_CAPATH, folder);
@@ -262,6 +270,8 @@ bool URLExchange::guarded(Work work) noexcept {
     callbackError_ = URLError::url(URLError::requestBodyStreamExhausted, error.what());
   } catch (const ContentUndecodable& error) {
     callbackError_ = URLError::url(URLError::cannotDecodeContentData, error.what());
+  } catch (const BadAnswer& error) {
+    callbackError_ = URLError::url(URLError::badServerResponse, error.what());
   } catch (const BodyTooLarge& error) {
     callbackError_ = URLError::url(URLError::dataLengthExceedsMaximum, error.what());
   } catch (const std::bad_alloc&) {
@@ -314,21 +324,15 @@ void URLExchange::rewindBody() noexcept {
 std::size_t URLExchange::takeHeader(std::string_view line) noexcept {
   lastActivity_ = Clock::now();
   const bool isTaken = guarded([&] {
-    if (line.starts_with("HTTP/")) {
-      beginAnswer();
-      return;
-    }
-    const std::size_t colon = line.find(':');
-    if (colon == std::string_view::npos) return;
-    response_.headers.add(std::string(trimmed(line.substr(0, colon))),
-                          std::string(trimmed(line.substr(colon + 1))));
+    if (line.starts_with("HTTP/")) beginAnswer();
+    answer_.takeLine(line);
   });
   return isTaken ? line.size() : 0;
 }
 
 // The first one, or that after a redirect or after an interim one.
 void URLExchange::beginAnswer() {
-  response_.headers.clear();
+  demand_.withdraw();
   // A redirect after 303 is a GET, whatever the method was; a name given as text would stay.
   long status = 0;
   curl_easy_getinfo(transfer(), CURLINFO_RESPONSE_CODE, &status);
@@ -345,21 +349,8 @@ void URLExchange::beginAnswer() {
 }
 
 std::size_t URLExchange::takeData(std::string_view bytes) noexcept {
-  const bool isTaken = guarded([&] {
-    if (!decoder_) {
-      const auto coding = response_.headers.value("Content-Encoding").value_or("");
-      decoder_ = std::make_unique<ContentDecoder>(coding);
-    }
-    decoder_->decode(bytes, [this](std::string_view plain) { keep(plain); });
-  });
+  const bool isTaken = guarded([&] { answer_.takeData(bytes); });
   return isTaken ? bytes.size() : CURL_WRITEFUNC_ERROR;
-}
-
-void URLExchange::keep(std::string_view bytes) {
-  if (request_->largestBody && bytes.size() > *request_->largestBody - data_.size()) {
-    throw BodyTooLarge(fmt::format("the answer is larger than {} bytes", *request_->largestBody));
-  }
-  data_ += bytes;
 }
 
 int URLExchange::openSocket(const curl_sockaddr& address) noexcept {
@@ -380,41 +371,43 @@ void URLExchange::finish(CURLcode result) {
   const char* url = nullptr;
   curl_easy_getinfo(transfer(), CURLINFO_RESPONSE_CODE, &status);
   curl_easy_getinfo(transfer(), CURLINFO_EFFECTIVE_URL, &url);
-  const bool isWhole = result == CURLE_OK && guarded([this] {
-                         if (decoder_) decoder_->finish();
-                       });
+  const bool isWhole = result == CURLE_OK && guarded([this] { answer_.finish(); });
   if (!isWhole) {
     end(callbackError_ ? std::move(*callbackError_) : failure(result, status));
     return;
   }
-  response_.statusCode = static_cast<int>(status);
-  response_.url = url == nullptr ? request_->url : url;
+  response_ = {.statusCode = static_cast<int>(status),
+               .headers = std::move(answer_.headers()),
+               .url = url == nullptr ? request_->url : url};
   transfer_.reset();
 }
 
 URLError URLExchange::failure(CURLcode result, long status) const {
   if (result == CURLE_COULDNT_CONNECT && socketError_ != 0) {
-    const char* const text = socketError_ == EMFILE || socketError_ == ENFILE
-                                 ? "too many files are open for another connection"
-                                 : "the system gives no socket";
-    return URLError::posix(socketError_, text);
+    return noSocket(socketError_);
   }
   CurlFailure failure{.code = result, .text = errorText_.data()};
   curl_easy_getinfo(transfer(), CURLINFO_OS_ERRNO, &failure.systemError);
   curl_easy_getinfo(transfer(), CURLINFO_SSL_VERIFYRESULT, &failure.verifyResult);
   curl_off_t firstByte = 0;  // when it came, in microseconds
   curl_easy_getinfo(transfer(), CURLINFO_STARTTRANSFER_TIME_T, &firstByte);
-  if (result == CURLE_UNSUPPORTED_PROTOCOL && status == 0) {
+  if (demand_.isMade() && isBroken(result)) {
+    failure.code = CURLE_SSL_CLIENTCERT;
+    failure.text = "the server demands a client certificate, which is not supported";
+  } else if (result == CURLE_UNSUPPORTED_PROTOCOL && status == 0) {
     // Before any answer, it is not the URL: what the server sent is no HTTP.
     failure.code = CURLE_WEIRD_SERVER_REPLY;
   } else if (result == CURLE_UNSUPPORTED_PROTOCOL) {
-    failure.text =
-        "the server redirected to a place that is not followed: from https to http, or "
-        "to neither of them";
+    const auto place = answer_.headers().value("Location").value_or("");
+    failure.text = equalsIgnoringCase(place.substr(0, 5), "http:")
+                       ? "the server redirected from https to http, which is not followed"
+                       : "the server redirected to what is neither http nor https";
+  } else if (result == CURLE_BAD_FUNCTION_ARGUMENT) {
+    failure.code = CURLE_WEIRD_SERVER_REPLY;  // a trailer that is none
   } else if (result == CURLE_OUT_OF_MEMORY && firstByte > 0) {
     // So older versions of libcurl say that a line is longer than they take.
     failure.code = CURLE_WEIRD_SERVER_REPLY;
-    failure.text = "the header of the answer is too large";
+    failure.text = AnswerReader::hugeHeader;
   }
   return urlError(failure);
 }
@@ -433,7 +426,6 @@ void URLExchange::deliver() {
   if (!completion_) return;
   body_.reset();
   ahead_ = {};
-  decoder_.reset();
   // On the heap, because work has to be copyable and the data should not be copied.
   struct Outcome {
     URLCompletion completion;
@@ -446,9 +438,10 @@ void URLExchange::deliver() {
   if (error_) {
     outcome->error = std::move(error_);
   } else {
-    outcome->data = std::move(data_);
+    outcome->data = std::move(answer_.data());
     outcome->response = std::move(response_);
   }
+  answer_.drop();
   queue_.async([outcome = std::move(outcome)] {
     outcome->completion(std::move(outcome->data), std::move(outcome->response),
                         std::move(outcome->error));

@@ -12,7 +12,8 @@
 #include <string_view>
 #include <utility>
 
-#include "Velum/Platform/Linux/ContentDecoder.h"
+#include "Velum/Platform/Linux/AnswerReader.h"
+#include "Velum/Platform/Linux/CertificateDemand.h"
 #include "Velum/Platform/Linux/CurlErrors.h"
 #include "Velum/Platform/URLLoader.h"
 
@@ -91,7 +92,6 @@ class URLExchange final : public URLTask, public std::enable_shared_from_this<UR
   std::size_t takeHeader(std::string_view line) noexcept;
   void beginAnswer();
   std::size_t takeData(std::string_view bytes) noexcept;
-  void keep(std::string_view bytes);
   int openSocket(const curl_sockaddr& address) noexcept;
   URLError failure(CURLcode result, long status) const;
   void noteProgress(curl_off_t received, curl_off_t sent) noexcept;
@@ -117,9 +117,9 @@ class URLExchange final : public URLTask, public std::enable_shared_from_this<UR
   bool isPaused_ = false;
   curl_off_t received_ = 0;
   Clock::time_point lastActivity_;
+  AnswerReader answer_;
+  CertificateDemand demand_;
   URLResponse response_;
-  std::unique_ptr<ContentDecoder> decoder_;  // of the body that comes in
-  std::string data_;
   SocketOwner* sockets_ = nullptr;
   int socketError_ = 0;                    // why there was no socket
   std::optional<URLError> callbackError_;  // what made a callback end the transfer

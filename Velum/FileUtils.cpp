@@ -117,8 +117,9 @@ void FileUtils::deleteFile(const std::string& path) {
   }
 }
 
-void clonefile(const std::string& source, const std::string& destination) {
-  if (const int error = cloneFile(source, destination)) {
+void clonefile(const std::string& source, const std::string& destination,
+               const Progress* progress) {
+  if (const int error = cloneFile(source, destination, progress)) {
     throw SystemError(error,
                       fmt::format("clonefile(_:to:), copyfile ({}, {})", source, destination));
   }

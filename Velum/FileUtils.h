@@ -12,6 +12,8 @@
 
 namespace velum {
 
+class Progress;
+
 /// Finding, moving and deleting files. Failures are logged, not thrown. Any thread.
 class FileUtils {
  public:
@@ -30,8 +32,10 @@ class FileUtils {
 };
 
 /// Clones `source` to `destination` (see cloneFile in Platform/FileClone.h), replacing what is
-/// there. Throws SystemError "clonefile(_:to:), copyfile (source, destination)".
-void clonefile(const std::string& source, const std::string& destination);
+/// there. Throws SystemError "clonefile(_:to:), copyfile (source, destination)", with ECANCELED when
+/// `progress` was cancelled meanwhile.
+void clonefile(const std::string& source, const std::string& destination,
+               const Progress* progress = nullptr);
 
 /// Creates the folder `parent`/`name`.xxxxx with five random characters and mode 0700, or another,
 /// and returns its path. Throws SystemError; messages begin with `caller`.

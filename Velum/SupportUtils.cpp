@@ -56,36 +56,51 @@ LogSavingOpts logSavingOpts(SupportLogsPurpose purpose, std::optional<LogDate> s
 
 namespace {
 
-void cloneToNewFile(const fs::path& source, const fs::path& target) {
-  std::error_code error;
-  if (fs::exists(fs::symlink_status(target, error))) {
-    throw SystemError(EEXIST, fmt::format("{}: {} is in the archive already; choose another name",
-                                          saveItemName, target.filename().string()));
-  }
-  clonefile(source, target);
-}
+/// Copies files and folders into an archive's folder.
+class ItemCopier {
+ public:
+  ItemCopier(const std::string& archiveFolder, const Progress* progress)
+      : archiveFolder_(archiveFolder), progress_(progress) {}
 
-/// Files and folders alone: a link may lead anywhere, and reading a pipe may never end.
-void copyFolder(const fs::path& source, const fs::path& target) {
-  fs::create_directory(target);
-  for (const auto& entry : fs::directory_iterator(source)) {
-    const fs::path place = target / entry.path().filename();
-    const fs::file_type type = entry.symlink_status().type();
-    if (type == fs::file_type::directory) copyFolder(entry.path(), place);
-    if (type == fs::file_type::regular) cloneToNewFile(entry.path(), place);
+  void copy(const fs::path& source, const fs::path& target) const {
+    const fs::path original = fs::canonical(source);
+    if (fs::is_regular_file(original)) return copyFile(original, target);
+    const fs::path archive = fs::canonical(archiveFolder_);
+    const bool holdsArchive = std::ranges::mismatch(original, archive).in1 == original.end();
+    if (!fs::is_directory(original) || holdsArchive) {
+      throw SystemError(EINVAL, fmt::format("{}: copy ({})", saveItemName, source.string()));
+    }
+    copyFolder(original, target);
   }
-}
 
-void copyItem(const fs::path& source, const fs::path& target, const std::string& archiveFolder) {
-  const fs::path original = fs::canonical(source);
-  if (fs::is_regular_file(original)) return cloneToNewFile(original, target);
-  const fs::path archive = fs::canonical(archiveFolder);
-  const bool holdsArchive = std::ranges::mismatch(original, archive).in1 == original.end();
-  if (!fs::is_directory(original) || holdsArchive) {
-    throw SystemError(EINVAL, fmt::format("{}: copy ({})", saveItemName, source.string()));
+ private:
+  /// Files and folders alone: a link may lead anywhere, and reading a pipe may never end.
+  void copyFolder(const fs::path& source, const fs::path& target) const {
+    fs::create_directory(target);
+    for (const auto& entry : fs::directory_iterator(source)) {
+      if (progress_ != nullptr && progress_->isCancelled()) {
+        throw SystemError(ECANCELED, fmt::format("{}: copy ({})", saveItemName, source.string()));
+      }
+      const fs::path place = target / entry.path().filename();
+      const fs::file_type type = entry.symlink_status().type();
+      if (type == fs::file_type::directory) copyFolder(entry.path(), place);
+      if (type == fs::file_type::regular) copyFile(entry.path(), place);
+    }
   }
-  copyFolder(original, target);
-}
+
+  void copyFile(const fs::path& source, const fs::path& target) const {
+    std::error_code error;
+    if (fs::exists(fs::symlink_status(target, error))) {
+      throw SystemError(
+          EEXIST, fmt::format("{}: '{}' is in the archive already; choose another name",
+                              saveItemName, target.lexically_relative(archiveFolder_).string()));
+    }
+    clonefile(source, target, progress_);
+  }
+
+  const std::string& archiveFolder_;
+  const Progress* progress_;
+};
 
 /// Where an item is to lie. What stands there already may be a link, which is not followed.
 fs::path targetIn(const std::string& archiveFolder, const std::string& relativePath) {
@@ -93,6 +108,7 @@ fs::path targetIn(const std::string& archiveFolder, const std::string& relativeP
   fs::path target(archiveFolder);
   bool leaves = relative.is_absolute() || relativePath.find('\0') != std::string::npos;
   for (const fs::path& component : relative) {
+    if (component.empty() || component == ".") continue;  // "folder/" is "folder"
     target /= component;
     std::error_code error;
     leaves = leaves || component == ".." || fs::is_symlink(target, error);
@@ -114,7 +130,7 @@ void logSaved(std::string_view how, const fs::path& target) {
 /// The alternatives of an item, each with what becomes of it.
 struct ItemSaver {
   const fs::path& target;
-  const std::string& archiveFolder;
+  const ItemCopier& copier;
 
   void operator()(const std::string& text) const {
     writeItem(text, target);
@@ -126,7 +142,7 @@ struct ItemSaver {
     logSaved("written", target);
   }
   void operator()(const FileUrl& file) const {
-    copyItem(file.path, target, archiveFolder);
+    copier.copy(file.path, target);
     logSaved("copied", target);
   }
   void operator()(const UnsupportedItem& item) const {
@@ -147,7 +163,7 @@ auto withSystemErrors(std::string_view routine, Work work) try {
 }  // namespace
 
 void SupportUtils::saveItem(const SupportItem& value, const std::string& relativePath,
-                            const std::string& archiveFolderUrl) {
+                            const std::string& archiveFolderUrl, const Progress* progress) {
   if (relativePath.empty()) {
     logError(site(saveItemName), "Relative path is empty");
     throw SupportLogArchivingError(Case::emptyItemName, "Relative path is empty");
@@ -156,9 +172,10 @@ void SupportUtils::saveItem(const SupportItem& value, const std::string& relativ
     withSystemErrors(saveItemName, [&] {
       const fs::path target = targetIn(archiveFolderUrl, relativePath);
       fs::create_directories(target.parent_path());
-      std::visit(ItemSaver{target, archiveFolderUrl}, value);
+      std::visit(ItemSaver{target, ItemCopier(archiveFolderUrl, progress)}, value);
     });
   } catch (const SystemError& error) {
+    if (error.code() == ECANCELED) throw;
     logError(site(saveItemName), "Can't write/copy file to \"{}/{}\"{}", archiveFolderUrl,
              relativePath, error.what());
     throw;
@@ -190,7 +207,9 @@ class ArchiveFolder {
  private:
   static std::string fileName(const fs::path& destination) {
     std::string name = destination.filename().string();
-    if (name.empty() || name == "." || name == "..") {
+    // As in "...zip", whose content would lie above the folder made for it.
+    const fs::path stem = destination.stem();
+    if (stem.empty() || stem == "." || stem == "..") {
       throw SystemError(EINVAL, fmt::format("{}: '{}'", createFolderName, destination.string()));
     }
     return name;
@@ -245,11 +264,12 @@ class ArchiveJob {
     const std::unique_ptr<ArchiveFolder> folder = makeFolder();
     checkDestination();
     stopIfCancelled();
-    saveLogs(folder->content());
+    unlessCancelled([&] { saveLogs(folder->content()); });
     progress_->completeUnit();
     for (const auto& [relativePath, value] : items_) {
       stopIfCancelled();
-      SupportUtils::saveItem(value, relativePath, folder->content());
+      unlessCancelled(
+          [&] { SupportUtils::saveItem(value, relativePath, folder->content(), progress_.get()); });
       progress_->completeUnit();
     }
     stopIfCancelled();
@@ -264,7 +284,16 @@ class ArchiveJob {
     throw SupportLogArchivingError(Case::cancelled, text);
   }
 
-  void saveLogs(const std::string& folder) const try {
+  /// A step that fails because it was cancelled fails with that.
+  template <class Step>
+  void unlessCancelled(Step step) const try {
+    step();
+  } catch (const SystemError&) {
+    stopIfCancelled();
+    throw;
+  }
+
+  void saveLogs(const std::string& folder) const {
     const auto saved = services_.logManager->saveLogs(LogSubsystemSelector::all(), folder,
                                                       logOptions_, progress_.get());
     if (saved.empty()) {
@@ -272,9 +301,6 @@ class ArchiveJob {
                  "No record of the log is of the time that was asked for: {} holds none",
                  destination_.string());
     }
-  } catch (const SystemError&) {
-    stopIfCancelled();  // which is then what it was
-    throw;
   }
 
   /// What would fail in the end should not take the time until then.
@@ -318,7 +344,7 @@ class ArchiveJob {
     fs::create_directories(destination_.parent_path());
     // A file is replaced by the copy itself. Nobody means a folder that holds something.
     if (fs::is_directory(fs::symlink_status(destination_))) fs::remove(destination_);
-    clonefile(*archive, destination_);
+    unlessCancelled([&] { clonefile(*archive, destination_, progress_.get()); });
     logInfo(site(createArchiveName), "Log archive was written to: {}", destination_.string());
     if (showInFinder_) reveal();
   }

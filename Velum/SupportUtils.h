@@ -87,8 +87,8 @@ class SupportUtils {
   };
 
   /// Makes the archive at `destination`, replacing what is there, in the background. Units of the
-  /// progress are the logs, each item and the packing. Cancelling ends the packing at once, else
-  /// the work at its next step, with the error `cancelled`. On failure what is at `destination`
+  /// progress are the logs, each item and the packing. Cancelling ends the copying of files and the
+  /// packing at once, else the work at its next step, with the error `cancelled`. On failure what is at `destination`
   /// stays, and in no case is anything temporary left. A relative path that leaves the archive is
   /// SystemError EPERM, one that names what another item or a saved log is named is EEXIST, and so
   /// is a `destination` that is a file of the log. A warning says when no record of the log was to
@@ -110,9 +110,9 @@ class SupportUtils {
 
   /// Writes one item into the folder of an archive in the making, with the folders above it.
   /// Throws SupportLogArchivingError or SystemError; nothing is written outside the folder, and no
-  /// file in it is replaced.
+  /// file in it is replaced. A copy ends with ECANCELED when `progress` is cancelled.
   static void saveItem(const SupportItem& value, const std::string& relativePath,
-                       const std::string& archiveFolderUrl);
+                       const std::string& archiveFolderUrl, const Progress* progress = nullptr);
 };
 
 }  // namespace velum

@@ -157,7 +157,7 @@ TEST_F(SupportArchive, HoldsTheLogsAndEveryKindOfItem) {
   fs::create_symlink(folder_ / "file", folder_ / "link");
   ASSERT_EQ(create({{"text.txt", std::string("a t\xC3\xA9xt")},
                     {"sub/folder/data", std::vector<std::uint8_t>{0, 255, 10}},
-                    {"file", FileUrl{folder_ / "file"}},
+                    {"file/", FileUrl{folder_ / "file"}},
                     {"linked", FileUrl{folder_ / "link"}},
                     {"./tree", FileUrl{folder_ / "tree"}}}),
             "");
@@ -208,6 +208,7 @@ TEST_F(SupportArchive, ReportsItemsThatCannotBeSaved) {
   EXPECT_THAT(lastRecord(), AllOf(HasSubstr("Can't write/copy file to \"" + temporary_),
                                   HasSubstr("/support/item\"")));
   EXPECT_EQ(create({{"a", std::string()}, {"a/b", std::string()}}), "Not a directory");
+  EXPECT_EQ(create({{".", FileUrl{"/etc/hosts"}}}), "File exists");
   for (const SupportItem& item :
        {SupportItem(std::string("x")), SupportItem(FileUrl{"/etc/hosts"})}) {
     EXPECT_EQ(create({{"any.log", item}}), "File exists") << "a saved log's name";
@@ -243,7 +244,7 @@ TEST_F(SupportArchive, FailsWithoutATemporaryFolder) {
   const ScopedVariable none("TMPDIR", folder_ / "none");
   EXPECT_EQ(create({}), textOf(Case::createTempFolderFailed));
   EXPECT_THAT(lastRecord(), HasSubstr("Failed to create temporary archive folder. "));
-  for (const std::string name : {"", "/", "..", "\xff.zip"}) {
+  for (const std::string name : {"", "/", "..", "\xff.zip", "..zip", "...zip"}) {
     destination_ = name;
     EXPECT_EQ(create({}), textOf(Case::createTempFolderFailed)) << name;
   }
@@ -290,6 +291,15 @@ TEST_F(SupportArchive, StopsAtEachStepWhenCancelled) {
     EXPECT_EQ(progress_->completedUnitCount(), last == "a" ? 2 : 3);
   }
   EXPECT_FALSE(fs::exists(fs::path(destination_).parent_path()));
+
+  writeFile(folder_ / "tree/leaf", "a leaf");
+  for (const std::string& path : {folder_ / "tree", std::string("/proc/version")}) {
+    const auto copy = [&] {
+      SupportUtils::saveItem(FileUrl{path}, path.substr(path.rfind('/') + 1), folder_ / "inside",
+                             progress_.get());
+    };
+    EXPECT_EQ(errorOf(copy).code(), ECANCELED) << "while it copies";
+  }
 }
 
 TEST_F(SupportArchive, StopsThePackingWhenCancelled) {

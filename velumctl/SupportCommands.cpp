@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <filesystem>
 #include <future>
 #include <iostream>
 #include <memory>
@@ -52,6 +53,23 @@ velum::SupportItems parsedItems(const std::vector<std::string>& includes) {
   return items;
 }
 
+/// The archive's name is that of its one folder as well.
+void checkName(const std::string& archive) {
+  constexpr std::size_t longest = 200;  // leaves room for what temporary names add
+  const std::filesystem::path path(archive);
+  const std::string name = path.filename().string();
+  const std::string stem = path.stem().string();
+  if (stem.empty() || stem == "." || stem == "..") {
+    throw UsageError(fmt::format("\"{}\" does not name a file; write FOLDER/NAME.zip", archive));
+  }
+  if (name.size() > longest) {
+    throw UsageError(fmt::format("the archive's name is too long; use at most {} bytes", longest));
+  }
+  if (!velum::isValidUtf8(name)) {
+    throw UsageError("the archive's name is not valid UTF-8; choose another name");
+  }
+}
+
 [[noreturn]] void report(const std::exception_ptr& error) try {
   std::rethrow_exception(error);
 } catch (const ArchivingError& failure) {
@@ -84,6 +102,7 @@ std::exception_ptr makeArchive(const ArchiveOptions& options, velum::SupportItem
 }
 
 void archive(const ArchiveOptions& options) {
+  checkName(options.archive);
   velum::SupportItems items = parsedItems(options.includes);
   std::optional<velum::LogDate> since;
   if (!options.since.empty()) since = parsedMoment(options.since, velum::LogDate::clock::now());

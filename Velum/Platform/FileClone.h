@@ -6,12 +6,15 @@
 
 namespace velum {
 
+class Progress;
+
 /// Copies a file, sharing its blocks where the volume can (copy on write), with its times, owner
 /// and permissions. Where the owner or the group can't be kept, what it alone was permitted is not.
 /// What stands at `target` is replaced in one step: a reader sees the old or the new file, and a
 /// failure leaves the old one. A symbolic link at `source` is followed. Returns 0 or an errno
-/// value.
-int cloneFile(const std::string& source, const std::string& target) noexcept;
+/// value; ECANCELED when `progress` was cancelled, which is looked at every few MiB.
+int cloneFile(const std::string& source, const std::string& target,
+              const Progress* progress = nullptr) noexcept;
 
 struct CopyOutcome {
   int error = 0;            ///< 0 or an errno value.

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Progress.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum {
@@ -88,6 +89,9 @@ TEST_F(FileCloneTest, ReportsWhatCannotBeCloned) {
   EXPECT_EQ(cloneFile(source, folder / "missing/target"), ENOENT);
   fs::create_directory(target);
   EXPECT_EQ(cloneFile(source, target), EISDIR);
+  Progress cancelled(1);
+  cancelled.cancel();
+  EXPECT_EQ(cloneFile("/proc/version", folder / "new", &cancelled), ECANCELED);
   EXPECT_EQ(files(), 3U) << "nothing is left of failures";
   EXPECT_EQ(setCreationTime(-1, {}), EBADF);
   const UniqueFd file(::open(source.c_str(), O_WRONLY | O_CLOEXEC));

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Progress.h"
 
 namespace velum {
 namespace {
@@ -83,7 +84,9 @@ struct Span {
   int to;
   off_t toOffset;
   std::int64_t left;
+  const Progress* progress = nullptr;
 
+  bool isCancelled() const noexcept { return progress != nullptr && progress->isCancelled(); }
   void advance(ssize_t count) {
     fromOffset += count;
     toOffset += count;
@@ -95,6 +98,7 @@ struct Span {
 CopyOutcome copyThroughBuffer(Span span) {
   std::vector<char> buffer(1U << 20U);
   while (span.left > 0) {
+    if (span.isCancelled()) return {.error = ECANCELED};
     const auto most = std::min(static_cast<std::uint64_t>(span.left), buffer.size());
     const ssize_t got =
         retryInterrupted([&] { return ::pread(span.from, buffer.data(), most, span.fromOffset); });
@@ -114,13 +118,15 @@ CopyOutcome copyThroughBuffer(Span span) {
 }
 
 CopyOutcome copySpan(Span span) {
+  constexpr std::int64_t step = 8'388'608;  // what a slow disk still copies in a moment
   while (span.left > 0) {
+    if (span.isCancelled()) return {.error = ECANCELED};
     // The kernel advances the offsets of the call, not those of the files.
     off_t from = span.fromOffset;
     off_t to = span.toOffset;
     const ssize_t copied = retryInterrupted([&] {
-      return ::copy_file_range(span.from, &from, span.to, &to, static_cast<std::size_t>(span.left),
-                               0);
+      return ::copy_file_range(span.from, &from, span.to, &to,
+                               static_cast<std::size_t>(std::min(span.left, step)), 0);
     });
     // Nothing copied is the end of the file, or a file system that can't and does not say so; an
     // error may mean the same.
@@ -130,10 +136,10 @@ CopyOutcome copySpan(Span span) {
   return {};
 }
 
-CopyOutcome copyContent(int from, int to) {
+CopyOutcome copyContent(int from, int to, const Progress* progress) {
   if (::ioctl(to, FICLONE, from) == 0) return {};
   constexpr std::int64_t everything = std::numeric_limits<std::int64_t>::max() / 2;
-  return copySpan({from, 0, to, 0, everything});
+  return copySpan({from, 0, to, 0, everything, progress});
 }
 
 // Only a privileged process may give files away, and a member of a group give them to it.
@@ -158,7 +164,8 @@ bool copyAttributes(int to, const struct stat& status) {
 
 }  // namespace
 
-int cloneFile(const std::string& source, const std::string& target) noexcept try {
+int cloneFile(const std::string& source, const std::string& target,
+              const Progress* progress) noexcept try {
   // Non-blocking, so that a FIFO at the path is an error and not a wait.
   const UniqueFd from(
       retryInterrupted([&] { return ::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
@@ -167,7 +174,7 @@ int cloneFile(const std::string& source, const std::string& target) noexcept try
   if (!S_ISREG(status.st_mode)) return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
   Replacement replacement(target);
   if (replacement.fd() < 0) return errno;
-  if (const int error = copyContent(from.get(), replacement.fd()).error) return error;
+  if (const int error = copyContent(from.get(), replacement.fd(), progress).error) return error;
   return copyAttributes(replacement.fd(), status) && replacement.publish() ? 0 : errno;
 } catch (const std::bad_alloc&) {
   return ENOMEM;

@@ -126,6 +126,7 @@ struct KeyStorageBase::State final : ForkParticipant {
   State& operator=(const State&) = delete;
   ~State() override { unregisterForFork(); }
 
+  Changes presentLk(const Changes& wanted) const;
   void applyLk(Changes& wanted);
 
   void prepareFork() noexcept override {}
@@ -224,10 +225,7 @@ bool KeyStorageBase::setObjects(Changes changes) {
   {
     const std::lock_guard guard(state_->lock);
     isAlone = state_->writeDelay.count() == 0 && !state_->dirty && !state_->isUnread;
-    for (const auto& [key, value] : changes) {
-      const PropertyList* const old = state_->cache.find(key);
-      before.emplace(key, old != nullptr ? std::optional(*old) : std::nullopt);
-    }
+    if (isAlone) before = state_->presentLk(changes);
     state_->applyLk(changes);
     number = state_->changes;
   }
@@ -243,6 +241,17 @@ bool KeyStorageBase::setObjects(Changes changes) {
     if (value) wipe(*value);
   }
   return isWritten;
+}
+
+/// What is stored under the keys of what is wanted.
+KeyStorageProtocol::Changes KeyStorageBase::State::presentLk(const Changes& wanted) const {
+  lock.assertHeld();
+  Changes present;
+  for (const auto& [key, value] : wanted) {
+    const PropertyList* const old = cache.find(key);
+    present.emplace(key, old != nullptr ? std::optional(*old) : std::nullopt);
+  }
+  return present;
 }
 
 void KeyStorageBase::State::applyLk(Changes& wanted) {

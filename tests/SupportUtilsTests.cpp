@@ -342,7 +342,7 @@ class FileViewer : public SupportArchive {
  protected:
   FileViewer() { services_.workspace = &Workspace::shared(); }
 
-  ScopedVariable address_{"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (folder_ / "socket")};
+  ScopedVariable address_{"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (folder_ / "bus")};
 };
 
 /// A file manager that shows what it is told by keeping it.

@@ -92,6 +92,7 @@ void expectStoreBehaviour(SecretStore& store) {
 
 TEST(SecretStore, KeepsItemsInTheSecretService) {
   SecretServiceEnvironment environment;
+  const test::ScopedVariable socketAlone("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
   SecretStoreLinux store(patient);
   expectStoreBehaviour(store);
   const SecKeychainList keychains = store.searchList(SecPreferencesDomain::user);
@@ -232,7 +233,7 @@ TEST(SecretStore, TakesAServiceThatLostItsKeyringsForNoAnswer) {
   EXPECT_EQ(log.count("on purpose, remove " + mark), 6U);
   {
     std::filesystem::remove(environment.storeFolder() + "/secret-store");
-    const test::ScopedVariable noBus("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+    const test::ScopedVariable noBus("DBUS_SESSION_BUS_ADDRESS", "disabled:");
     EXPECT_EQ(store.copyMatching(token).status, errSecNotAvailable) << "no reason for a vault";
   }
   environment.service().kill();
@@ -358,7 +359,7 @@ TEST(SecretChoice, HoldsWhenTheServiceComesOrGoes) {
 
   const test::ScopedVariable profile("XDG_DATA_HOME", environment.folder() + "/other");
   EXPECT_EQ(store.add(token, secretBytes("in the service")), errSecSuccess);
-  const test::ScopedVariable noBus("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+  const test::ScopedVariable noBus("DBUS_SESSION_BUS_ADDRESS", "disabled:");
   EXPECT_EQ(store.copyMatching(token).status, errSecNotAvailable);
   EXPECT_EQ(store.add(token, secretBytes("x")), errSecNotAvailable);
   EXPECT_FALSE(std::filesystem::exists(environment.folder() + "/other/velum/vault"));

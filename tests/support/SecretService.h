@@ -87,7 +87,7 @@ class PrivateBus {
     EXPECT_TRUE(isReadable(ready.reader.get())) << "no bus";
   }
 
-  std::string socket() const { return folder_ + "/socket"; }
+  std::string socket() const { return folder_ + "/bus"; }
   std::string address() const { return "unix:path=" + socket(); }
   std::string servicesFolder() const { return folder_ + "/services"; }
   Daemon& daemon() { return *daemon_; }

@@ -67,7 +67,7 @@ std::optional<std::string> SecretServiceLinux::sessionBusAddress() {
     if (std::string_view(address) == "disabled:") return std::nullopt;
     return address;
   }
-  const auto folder = absoluteVariable("XDG_RUNTIME_DIR");
+  const auto folder = sessionFolder();
   if (!folder) return std::nullopt;
   const std::string path = *folder + "/bus";
   struct stat status {};

@@ -25,7 +25,7 @@ class SecretServiceLinux final : public SecretPlace {
   enum class Presence : std::uint8_t { present, absent };
 
   /// The address of the session's bus from the environment: DBUS_SESSION_BUS_ADDRESS, else the
-  /// socket "bus" in XDG_RUNTIME_DIR. Nothing when neither is there. Any thread.
+  /// socket "bus" in the session's folder. Nothing when neither is there. Any thread.
   static std::optional<std::string> sessionBusAddress();
 
   /// Whether a prompt waits for the user's answer, in any thread. Any thread.

@@ -36,36 +36,25 @@ const SecretQuery grouped{.service = "service",
                           .usesDataProtectionKeychain = true};
 
 TEST(KeyChain, SavesWithAsFewWritesAsPossible) {
-  const CapturedLog log;
   FakeSecretStore store;
-  const auto save = [&](const char* value) {
-    return KeyChain::save("key", secretBytes(value), "service", {}, store);
-  };
-  EXPECT_EQ(save("one"), 0);
-  EXPECT_THAT(store.takeCalls(), ElementsAre(Call{"copyMatching", plain}, Call{"add", plain}));
-  EXPECT_EQ(save("two"), 0);
-  EXPECT_THAT(store.takeCalls(), ElementsAre(Call{"copyMatching", plain}, Call{"update", plain}));
-  EXPECT_EQ(save("two"), 0);
-  EXPECT_THAT(store.takeCalls(), ElementsAre(Call{"copyMatching", plain}));
-  EXPECT_EQ(KeyChain::load("key", "service", {}, store), secretBytes("two"));
-
-  const std::string record =
-      "D: (KeyChain: save(key:value:service:accessGroup:)) Keychain value for key key ";
-  EXPECT_THAT(log.texts(), ElementsAre(record + "doesn't exist - adding",
-                                       record + "exists - updating", record + "exists - updating"));
-}
-
-TEST(KeyChain, NamesTheAccessGroupInEveryCall) {
-  FakeSecretStore store;
-  KeyChain::save("key", secretBytes("plain"), "service", {}, store);
-  store.takeCalls();
-  KeyChain::save("key", secretBytes("one"), "service", "group", store);
-  KeyChain::save("key", secretBytes("two"), "service", "group", store);
+  for (const SecretQuery& query : {plain, grouped}) {
+    const CapturedLog log;
+    const auto expectCalls = [&](const char* value, const std::vector<Call>& calls) {
+      EXPECT_EQ(KeyChain::save("key", secretBytes(value), "service", query.accessGroup, store), 0);
+      EXPECT_EQ(store.takeCalls(), calls);
+    };
+    expectCalls("one", {{"copyMatching", query}, {"add", query}});
+    expectCalls("two", {{"copyMatching", query}, {"update", query}});
+    expectCalls("two", {{"copyMatching", query}});
+    EXPECT_EQ(KeyChain::load("key", "service", query.accessGroup, store), secretBytes("two"));
+    const std::string record =
+        "D: (KeyChain: save(key:value:service:accessGroup:)) Keychain value for key key ";
+    EXPECT_THAT(log.texts(),
+                ElementsAre(record + "doesn't exist - adding", record + "exists - updating",
+                            record + "exists - updating"));
+  }
   EXPECT_EQ(KeyChain::remove("key", "service", "group", store), 0);
-  EXPECT_THAT(store.takeCalls(), ElementsAre(Call{"copyMatching", grouped}, Call{"add", grouped},
-                                             Call{"copyMatching", grouped}, Call{"update", grouped},
-                                             Call{"remove", grouped}));
-  EXPECT_EQ(KeyChain::load("key", "service", {}, store), secretBytes("plain"));
+  EXPECT_EQ(KeyChain::load("key", "service", {}, store), secretBytes("two"));
 }
 
 TEST(KeyChain, KeepsMissingApartFromOutOfReach) {
@@ -159,13 +148,6 @@ TEST(KeyChain, FindsTheFirstKeychainOfADomain) {
   EXPECT_TRUE(log.has("Failed searching for keychain in SecPreferencesDomain(rawValue: 1)-7"));
 }
 
-TEST(KeyChain, TakesTheMainBundlesIdentifierAsTheService) {
-  FakeSecretStore store;
-  KeyChain::save("key", secretBytes("v"), {}, {}, store);
-  ASSERT_EQ(store.items().size(), 1U);
-  EXPECT_EQ(store.items()[0].query.service, VELUM_BUNDLE_IDENTIFIER);
-}
-
 TEST(KeyChain, StopsAProgramThatHasNoBundle) {
   if (Bundle::main()) {
     // The same program somewhere else.
@@ -196,6 +178,10 @@ TEST(KeyChainData, ReadsOnceAndFollowsWhatItStores) {
   EXPECT_TRUE(data.store(std::nullopt));
   EXPECT_THAT(store.items(), IsEmpty());
   EXPECT_FALSE(data.data());
+  EXPECT_TRUE(data.store(secretBytes("two")));
+  KeyChain::remove("key", {}, {}, store);
+  EXPECT_EQ(data.readAgain().status, errSecItemNotFound);
+  EXPECT_FALSE(data.data()) << "what is gone is kept";
 }
 
 TEST(KeyChainData, IsReadAgainWhereItDoesNotFit) {
@@ -221,6 +207,9 @@ TEST(KeyChainData, IsReadAgainWhereItDoesNotFit) {
   replaceBoth(false);
   EXPECT_TRUE(storage->setObject(PropertyList(true), "ours"));
   EXPECT_EQ(make()->load(), StorageState::loaded) << "sealed with a key that is gone";
+  store.takeCalls();
+  EXPECT_TRUE(storage->setObject(PropertyList(false), "ours"));
+  EXPECT_THAT(store.takeCalls(), IsEmpty()) << "the file is as it was left";
 }
 
 TEST(KeyChainData, SaysWhenItCantStore) {
@@ -254,42 +243,25 @@ TEST(KeyChainStorage, LivesInOneItem) {
     storage.setObject(PropertyList(std::string("hidden")), "name");
     ASSERT_EQ(store.items().size(), 1U);  // written before setObject returned
     EXPECT_EQ(store.items()[0].query.account, "settings");
+    EXPECT_EQ(store.items()[0].query.service, VELUM_BUNDLE_IDENTIFIER);
     EXPECT_TRUE(textView(store.items()[0].value).starts_with("bplist00"));
   }
   KeyChainStorage storage("settings", store);
   storage.load();
   EXPECT_EQ(storage.object("name"), PropertyList(std::string("hidden")));
+  store.failWith(errSecInteractionNotAllowed);
+  EXPECT_EQ(storage.load(), StorageState::unavailable);
+  EXPECT_FALSE(storage.setObject(PropertyList(true), "new"));
+  EXPECT_EQ(log.count("Failed to store"), 1U);
+  store.failWith(errSecSuccess);
+  EXPECT_TRUE(storage.store());
   storage.deleteData();
   EXPECT_THAT(store.items(), IsEmpty());
   EXPECT_TRUE(log.has("Load from settings"));
   EXPECT_TRUE(log.has("Store to settings"));
-  EXPECT_FALSE(log.has("Failed"));
   storage.deleteData();
   EXPECT_TRUE(log.has("Failed to delete settings: -25300"));
   EXPECT_FALSE(log.has("hidden"));
-}
-
-TEST(KeyChainStorage, LosesNothingToALockedKeychain) {
-  const CapturedLog log;
-  FakeSecretStore store;
-  KeyChainStorage("settings", store).setObject(PropertyList(true), "old");
-
-  KeyChainStorage storage("settings", store);
-  store.failWith(errSecInteractionNotAllowed);
-  storage.load();
-  EXPECT_TRUE(log.has("Failed to load stored cache: "));
-  store.failWritesWith(errSecNotAvailable);
-  storage.setObject(PropertyList(std::int64_t{1}), "new");
-  EXPECT_TRUE(log.has("Failed to store settings"));
-  EXPECT_EQ(log.count("Failed to store"), 1U);
-  store.failWith(errSecSuccess);
-  storage.store();
-
-  KeyChainStorage later("settings", store);
-  later.load();
-  EXPECT_EQ(later.dictionaryRepresentation(),
-            (PropertyList::Dictionary{{"new", PropertyList(std::int64_t{1})},
-                                      {"old", PropertyList(true)}}));
 }
 
 }  // namespace

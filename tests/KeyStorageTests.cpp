@@ -95,6 +95,9 @@ TEST(KeyStorage, WritesEveryChangeBeforeItReturns) {
   other.load();
   EXPECT_EQ(other.object("three"), number(3));
   EXPECT_EQ(other.dictionaryRepresentation(), storage.dictionaryRepresentation());
+  Storage delayed(backEnd, never);
+  delayed.reset(std::nullopt);
+  EXPECT_EQ(backEnd.content(), Dictionary{}) << "a reset waits for nothing";
 }
 
 TEST(KeyStorage, RefusesWhatIsNoDictionary) {
@@ -112,18 +115,6 @@ TEST(KeyStorage, RefusesWhatIsNoDictionary) {
   refuses("bplist00 damaged", "Failed to load stored cache: ");
   backEnd.onLoad = [] { throw std::runtime_error("disk on fire"); };
   refuses("", "Failed to load stored cache: disk on fire");
-}
-
-TEST(KeyStorage, ResetsAtOnce) {
-  BackEnd backEnd;
-  Storage storage(backEnd, never);
-  storage.setObject(number(1), "one");
-  storage.reset(Dictionary{{"two", number(2)}});
-  EXPECT_EQ(backEnd.content(), (Dictionary{{"two", number(2)}}));
-  EXPECT_FALSE(storage.object("one"));
-  storage.reset(std::nullopt);
-  EXPECT_EQ(backEnd.content(), Dictionary{});
-  EXPECT_TRUE(storage.isEmpty());
 }
 
 TEST(KeyStorage, WritesNoMoreThanOncePerDelay) {
@@ -169,21 +160,6 @@ TEST(KeyStorage, IsNotTouchedByDelayedWritesAfterItsEnd) {
     for (int change = 0; change < 20; ++change) storage.setObject(number(round), "key");
   }
   EXPECT_EQ(backEnd.content(), (Dictionary{{"key", number(rounds - 1)}}));
-}
-
-TEST(KeyStorage, RetriesAFailedDelayedWriteWithTheNextChange) {
-  const CapturedLog log;
-  BackEnd backEnd;
-  backEnd.onStore = [&] {
-    if (backEnd.writes == 1) throw StorageError("disk full");
-  };
-  Storage storage(backEnd, 0.001);
-  storage.setObject(number(1), "one");
-  ASSERT_TRUE(eventually([&] { return log.has("Failed to store cache: disk full"); }));
-  storage.setObject(number(2), "two");
-  EXPECT_TRUE(eventually([&] {
-    return backEnd.content() == Dictionary{{"one", number(1)}, {"two", number(2)}};
-  }));
 }
 
 TEST(KeyStorage, ChangesMadeByTheBackEndAreWrittenAfterwards) {

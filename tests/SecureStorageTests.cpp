@@ -111,14 +111,13 @@ TEST_F(SecureStorageTest, KeepsAFileWhoseKeyIsOutOfReach) {
   make()->setObject(text("old"), "old");
   const std::string before = readFile(path);
   const auto oldKey = key->value;
-  for (const SecretStatus status : {errSecInteractionNotAllowed, errSecNotAvailable, errSecTimedOut,
-                                    errSecUserCanceled, errSecDecode}) {
+  {
     const CapturedLog log;
-    key->status = status;
+    key->status = errSecInteractionNotAllowed;
     const auto storage = make();
     storage->load();
     storage->setObject(text("new"), "new");
-    EXPECT_EQ(readFile(path), before) << status;
+    EXPECT_EQ(readFile(path), before);
     EXPECT_EQ(key->value, oldKey);
     EXPECT_EQ(log.count("Failed to load stored cache: The key can't be read"), 1U);
     EXPECT_EQ(log.count("Failed to store cache: The key can't be read"), 1U);
@@ -126,8 +125,6 @@ TEST_F(SecureStorageTest, KeepsAFileWhoseKeyIsOutOfReach) {
     key->status = errSecSuccess;
     storage->store();
     EXPECT_EQ(stored(), (Dictionary{{"new", text("new")}, {"old", text("old")}}));
-    storage->setObject(std::nullopt, "new");
-    writeFile(path, before);
   }
   // The same without a file: no new key.
   fs::remove(path);
@@ -222,30 +219,23 @@ TEST_F(SecureStorageTest, RefusesWhatIsNotAFileOfItsOwn) {
   EXPECT_EQ(stored(), (Dictionary{{"name", text("value")}}));
 }
 
-/// Content of half a megabyte that is recognised as whole.
-Dictionary large(char letter) {
-  return {{"letter", text(std::string(1, letter))}, {"text", text(std::string(500'000, letter))}};
-}
-bool isWhole(const Dictionary& content) {
-  const auto letter = content.find("letter");
-  return letter != content.end() && content == large(letter->second.get<std::string>()->front());
-}
-
 TEST_F(SecureStorageTest, TheLastOfSeveralWritersWinsWhole) {
   key->value = SealedBox::newKey();
+  const auto isWhole = [&] {
+    const std::string content = *stored().at("text").get<std::string>();
+    return content == std::string(500'000, content.front());
+  };
   std::vector<test::ChildProcess> writers;
   for (const char letter : {'x', 'y', 'z'}) {
     writers.emplace_back([&, letter] {
       for (int round = 0; round < 8; ++round) {
-        const CapturedLog log;
-        make()->reset(large(letter));
-        EXPECT_FALSE(log.has("Failed"));
-        EXPECT_TRUE(isWhole(stored()));
+        EXPECT_TRUE(make()->reset(Dictionary{{"text", text(std::string(500'000, letter))}}));
+        EXPECT_TRUE(isWhole());
       }
     });
   }
   for (auto& writer : writers) EXPECT_EQ(writer.wait(), 0);
-  EXPECT_TRUE(isWhole(stored()));
+  EXPECT_TRUE(isWhole());
   EXPECT_THAT(names(), ElementsAre("settings.sealed"));
 }
 

@@ -2,10 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Velum/Platform/Linux/SecretChoiceLinux.h"
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
 #include "Velum/Platform/Linux/SecretWorkersLinux.h"
 #include "tests/support/CapturedLog.h"
@@ -221,13 +223,10 @@ TEST(SecretStore, TakesAServiceThatLostItsKeyringsForNoAnswer) {
   std::filesystem::copy(environment.keyrings(), kept, std::filesystem::copy_options::recursive);
   restartWithout(Login::leavesKeyring);
   const test::CapturedLog log;
-  const auto expectStatus = [&](SecretStatus search, SecretStatus add) {
-    EXPECT_EQ(store.copyMatching(token).status, search);
-    EXPECT_EQ(store.add(token, secretBytes("new")), add);
-    EXPECT_EQ(store.update(token, secretBytes("new")), search);
-    EXPECT_EQ(store.remove(token), search);
-  };
-  expectStatus(errSecNotAvailable, errSecNotAvailable);
+  EXPECT_EQ(store.copyMatching(token).status, errSecNotAvailable);
+  EXPECT_EQ(store.add(token, secretBytes("new")), errSecNotAvailable);
+  EXPECT_EQ(store.update(token, secretBytes("new")), errSecNotAvailable);
+  EXPECT_EQ(store.remove(token), errSecNotAvailable);
   EXPECT_EQ(store.list({}).status, errSecNotAvailable);
   EXPECT_EQ(store.searchList(SecPreferencesDomain::user).status, errSecNotAvailable);
   EXPECT_EQ(log.count("on purpose, remove " + mark), 6U);
@@ -245,8 +244,9 @@ TEST(SecretStore, TakesAServiceThatLostItsKeyringsForNoAnswer) {
   EXPECT_EQ(store.copyMatching(token).status, errSecItemNotFound) << "the login made a new one";
   restartWithout(Login::leavesKeyring);
   std::filesystem::remove(mark);
-  // The first use again, which asks for a password for the keyring that it makes.
-  expectStatus(errSecItemNotFound, errSecInteractionNotAllowed);
+  EXPECT_EQ(store.copyMatching(token).status, errSecItemNotFound);
+  EXPECT_EQ(store.add(token, secretBytes("new")), errSecInteractionNotAllowed)
+      << "the first use again, which asks for a password for the keyring that it makes";
 }
 
 TEST(SecretStore, TellsARefusedPromptFromOneThatNobodyAnswers) {
@@ -389,23 +389,37 @@ TEST(SecretChoice, IsNotMadeWhileItIsUncertain) {
   EXPECT_FALSE(hasVault(environment));
 }
 
-TEST(SecretChoice, ReportsADamagedRecord) {
+TEST(SecretChoice, IsThatOfTheFirst) {
   const test::SecretEnvironment environment;
-  SecretStoreLinux store(patient);
-  ASSERT_EQ(store.copyMatching(token).status, errSecItemNotFound);
-  test::writeFile(environment.storeFolder() + "/secret-store", "vau");
-  EXPECT_EQ(store.copyMatching(token).status, errSecDecode);
-  EXPECT_EQ(store.add(token, secretBytes("x")), errSecDecode);
-  EXPECT_EQ(recordedChoice(environment), "vau");
+  const PrivateFolder folder(environment.storeFolder());
+  SecretCall call;
+  call.lockLimit = patient;
+  const SecretChoice choice = chooseSecretPlace(folder, call, [&] {
+    folder.replace(secretChoiceFileName, secretBytes("vault\n"));  // another process
+    return SecretPlaceKind::service;
+  });
+  EXPECT_EQ(choice.kind, SecretPlaceKind::vault);
 }
 
-TEST(SecretStore, NamesStatuses) {
-  EXPECT_EQ(SecretStore::errorText(errSecItemNotFound),
-            "The specified item could not be found in the keychain.");
-  EXPECT_EQ(SecretStore::errorText(errSecErrnoBase + ENOSPC), "No space left on device");
-  EXPECT_EQ(SecretStore::errorText(errSecTimedOut), "Connection timed out");
-  EXPECT_EQ(SecretStore::errorText(-1), std::nullopt);
-  EXPECT_EQ(SecretStore::errorText(errSecErrnoBase + 9999), std::nullopt);
+TEST(SecretWorkers, ServeOthersWhileSomeHang) {
+  SecretWorkers workers(std::chrono::nanoseconds(0));
+  const auto run = [&](SecretWorkers::Work work, std::chrono::milliseconds limit) {
+    return workers.run(std::move(work), SecretCall::Clock::now() + limit);
+  };
+  for (int round = 0; round < 2; ++round) {
+    std::promise<void> end;
+    const auto ended = end.get_future().share();
+    int hanging = 0;
+    EXPECT_TRUE(test::eventually([&] {
+      auto work = std::make_shared<bool>();  // gone with the work that never begins
+      const std::weak_ptr<bool> begun = work;
+      run([work = std::move(work), ended](auto&) { ended.wait(); }, std::chrono::milliseconds(10));
+      if (!begun.expired()) ++hanging;
+      return hanging == SecretWorkers::maximumAbandoned - 1;
+    }));
+    EXPECT_EQ(run([](auto&) {}, patient), SecretWorkers::End::done);
+    end.set_value();
+  }
 }
 
 }  // namespace

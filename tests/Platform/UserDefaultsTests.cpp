@@ -139,12 +139,6 @@ TEST_F(UserDefaultsTest, ArgumentsOverrideWhatIsStored) {
   EXPECT_EQ(defaults->object("name"), text("stored")) << "the child ran nothing";
 }
 
-TEST_F(UserDefaultsTest, RefusesDomainsThatAreNoFolderName) {
-  for (const char* name : {"", ".", "..", "a/b", "/etc"}) {
-    EXPECT_EQ(UserDefaults::domain(name), nullptr) << name;
-  }
-}
-
 TEST_F(UserDefaultsTest, StandardDomainIsNamedForTheProgram) {
   EXPECT_TRUE(UserDefaults::standard().setObject("key", text("value")));
   const std::string program = fs::read_symlink("/proc/self/exe").filename().string();

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
+#include "Velum/Platform/Linux/VaultLinux.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "tests/support/Inspection.h"
 #include "tests/support/SecretEnvironment.h"
@@ -65,21 +66,10 @@ TEST_F(Vault, LeavesADamagedFileAlone) {
     EXPECT_EQ(store.update(token, secretBytes("new")), errSecDecode) << damaged.size();
     EXPECT_EQ(content(), damaged);
   }
-}
-
-TEST_F(Vault, NeverMakesANewKeyForOldContent) {
-  fill();
-  const std::string whole = content();
-  std::filesystem::rename(path("vault-key"), path("kept"));
-  EXPECT_EQ(readStatus(), errSecDecode);
-  EXPECT_EQ(store.add({"a", "b", {}, false}, secretBytes("x")), errSecDecode);
-  EXPECT_FALSE(std::filesystem::exists(path("vault-key")));
-  test::writeFile(path("vault-key"), "too short");
-  std::filesystem::permissions(path("vault-key"), perms::owner_read | perms::owner_write);
-  EXPECT_EQ(readStatus(), errSecDecode);
-  std::filesystem::rename(path("kept"), path("vault-key"));
-  EXPECT_EQ(content(), whole);
-  EXPECT_EQ(value(), "value");
+  test::writeFile(path("vault"), whole);
+  test::writeFile(path("secret-store"), "vau");
+  EXPECT_EQ(store.update(token, secretBytes("new")), errSecDecode);
+  EXPECT_EQ(content() + test::readFile(path("secret-store")), whole + "vau");
 }
 
 TEST_F(Vault, TakesItsKeyFromTheServiceManager) {
@@ -99,6 +89,8 @@ TEST_F(Vault, TakesItsKeyFromTheServiceManager) {
   EXPECT_EQ(readStatus(), errSecErrnoBase + EPERM);
   std::filesystem::remove(file);
   EXPECT_EQ(readStatus(), errSecDecode) << "it was sealed with the key that is gone";
+  EXPECT_EQ(store.add({"a", "b", {}, false}, secretBytes("x")), errSecDecode);
+  EXPECT_FALSE(std::filesystem::exists(path("vault-key"))) << "a new key for old content";
 }
 
 TEST_F(Vault, RefusesWhatOthersCouldHavePlanted) {
@@ -147,6 +139,11 @@ TEST_F(Vault, DoesNotWaitForALockForEver) {
   ASSERT_EQ(::flock(lock.get(), LOCK_UN), 0);
   EXPECT_EQ(store.update({"x", "y", {}, false}, secretBytes("")), errSecItemNotFound);
   EXPECT_EQ(value(), "value") << "a call that was reported as failed was done later";
+  const SecretCall late;  // its deadline is long over
+  EXPECT_THROW(VaultLinux(PrivateFolder(environment.storeFolder()), late)
+                   .update({token.service, token.account, ""}, secretBytes("too late")),
+               SecretFailure);
+  EXPECT_EQ(value(), "value") << "its caller had gone while it waited for the lock";
 }
 
 }  // namespace

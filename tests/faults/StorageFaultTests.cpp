@@ -202,6 +202,7 @@ TEST(Faults, GuardedSettings) {
           },
       .verify =
           [&](Outcome outcome) {
+            if (outcome == Outcome::killed) defaults->setBool(true, "other");
             expectContent(defaults->string("key").value_or(""), outcome);
             make();  // and what the next process finds
             expectContent(defaults->string("key").value_or(""), outcome);

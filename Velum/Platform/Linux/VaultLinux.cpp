@@ -78,13 +78,12 @@ VaultLinux::Content VaultLinux::load() const {
 
 void VaultLinux::change(const std::function<void(VaultTable&)>& edit) {
   const Lock lock(folder_, call_);
-  call_.requireTime();  // the lock may have been long in coming
   Content content = load();
   edit(content.table);
   const SecretBytes plaintext = encodeVaultTable(content.table);
   if (plaintext.size() > maximumContentSize) throw SystemError(EFBIG, folder_.pathOf(fileName));
   if (!content.key) content.key = key();
-  call_.requireTime();
+  call_.requireTime();  // the lock may have been long in coming
   if (!content.key) {
     content.key = makeKey();
     folder_.replace(keyFileName, *content.key);

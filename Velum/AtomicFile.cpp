@@ -164,12 +164,6 @@ bool AtomicFile::isTemporaryName(std::string_view name) const {
          name.ends_with(suffix);
 }
 
-void AtomicFile::removeLeftovers() const noexcept {
-  const UniqueFd folder(retryInterrupted(
-      [&] { return ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-  if (folder) removeLeftovers(folder.get());
-}
-
 void AtomicFile::removeLeftovers(int folder) const noexcept try {
   struct Closer {
     void operator()(DIR* stream) const noexcept { ::closedir(stream); }

@@ -33,14 +33,11 @@ class AtomicFile {
   /// The content is on the disk when this returns. Throws SystemError, with messages that begin
   /// with `caller`: the old file then stands, and nothing is left beside it. (Only when the last
   /// step fails, making the new name durable, the new file stands already.) The folder must
-  /// exist. A symbolic link at the path is replaced, not followed. Begins with `removeLeftovers`.
-  /// Returns the stamp of the new file, whoever replaces it next; nothing when it can't be seen.
+  /// exist. A symbolic link at the path is replaced, not followed. Before that, it removes what
+  /// writers of this file left that were killed while they wrote. Returns the stamp of the new file,
+  /// whoever replaces it next; nothing when it can't be seen.
   std::optional<FileStamp> replace(std::string_view content, std::string_view caller,
                                    Old old = Old::replaced) const;
-
-  /// Removes what writers of this file left that were killed while they wrote. Failures don't
-  /// matter.
-  void removeLeftovers() const noexcept;
 
  private:
   void removeLeftovers(int folder) const noexcept;

@@ -320,6 +320,8 @@ TEST_F(MachineCertificatesTest, OfOneLabelGoTogetherWhoeverAddedThem) {
   test::writeFile(folder() + "/no certificate.crt", "text\n");
   test::writeFile(folder() + "/readme.txt", third.pem());
   std::filesystem::create_directory_symlink("..", folder() + "/corp/loop");
+  test::writeFile(root_ / "elsewhere/other.crt", third.pem());
+  std::filesystem::create_directory_symlink(root_ / "elsewhere", folder() + "/elsewhere");
   std::filesystem::create_symlink("itself", folder() + "/itself");
   EXPECT_EQ(labels(), (Labels{"both", "both", "corp/by hand", "corp/by hand", "100%"}));
   EXPECT_TRUE(store_.remove("both", keychain()).isSuccess());

@@ -45,6 +45,7 @@ struct CertificateOptions {
   long end = 3600;
   const EVP_MD* digest = EVP_sha256();
   int rsaBits = 0;  ///< 0: an elliptic curve of 256 bits.
+  bool isEd25519 = false;
 };
 
 /// A key with its certificate, and the certificates of those above it but for the root's.
@@ -103,8 +104,9 @@ inline SigningIdentity makeIdentity(const CertificateOptions& options,
   using detail::require;
   static long serial = 0;
   SigningIdentity made;
-  made.key.reset(options.rsaBits > 0 ? EVP_RSA_gen(static_cast<unsigned>(options.rsaBits))
-                                     : EVP_EC_gen("P-256"),
+  made.key.reset(options.isEd25519     ? EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519")
+                 : options.rsaBits > 0 ? EVP_RSA_gen(static_cast<unsigned>(options.rsaBits))
+                                       : EVP_EC_gen("P-256"),
                  EVP_PKEY_free);
   made.certificate.reset(X509_new(), X509_free);
   X509* const certificate = made.certificate.get();

@@ -126,6 +126,7 @@ TEST_F(VelumctlVerifyPeer, CertificatesThatWouldNeverCountSignNothing) {
   addIdentity("weak", makeIdentity({.units = {team}, .rsaBits = 1024}, &step_));
   addIdentity("old", makeIdentity({.units = {team}, .digest = EVP_sha1()}, &step_));
   addIdentity("cipher", makeIdentity({.units = {team}, .keyUsage = "keyEncipherment"}, &step_));
+  addIdentity("edwards", makeIdentity({.units = {team}, .isEd25519 = true}, &step_));
   addIdentity("other", makeIdentity({.units = {team}}, &root_));
   struct Case {
     const char* key;
@@ -139,6 +140,7 @@ TEST_F(VelumctlVerifyPeer, CertificatesThatWouldNeverCountSignNothing) {
         Case{"alone.key", "alone.pem", "self-signed"}, Case{"weak.key", "weak.pem", "key too weak"},
         Case{"old.key", "old.pem", "weak digest"},
         Case{"cipher.key", "cipher.pem", "not for signatures"},
+        Case{"edwards.key", "edwards.pem", "a key of the kind ED25519"},
         Case{"other.key", "other.pem", "would not count with"},
         Case{"team.key", "team.key", "can't be read as a certificate"},
         Case{"missing.key", "team.pem", "was not signed"},

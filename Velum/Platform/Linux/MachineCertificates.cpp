@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <set>
 #include <utility>
 
 #include "Velum/AtomicFile.h"
@@ -140,43 +139,27 @@ std::optional<FileIdentity> identity(const std::string& path) {
   throw lastSystemError(fmt::format("stat ({})", path));
 }
 
-/// What is in a folder, links behind what they may lead to.
-std::vector<fs::directory_entry> entriesOf(const std::string& folder) {
+/// Adds the paths of the regular files below a folder. Links to folders are not followed: what is
+/// in this folder has a path without them, what is elsewhere is somebody else's.
+void addFilesBelow(const std::string& folder, std::vector<std::string>& paths) {
   std::error_code error;
   fs::directory_iterator entry;
   do {
     entry = fs::directory_iterator(folder, error);
   } while (error == std::errc::interrupted);
-  std::vector<fs::directory_entry> entries;
   for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
-    entries.push_back(*entry);
+    std::error_code leadsNowhere;
+    const auto kind = entry->status(leadsNowhere).type();
+    if (kind == fs::file_type::regular) paths.push_back(entry->path().string());
+    const bool isOurs = kind == fs::file_type::directory && !entry->is_symlink(leadsNowhere);
+    if (isOurs) addFilesBelow(entry->path().string(), paths);
   }
   if (error) throw SystemError(error.value(), fmt::format("readdir ({})", folder));
-  std::ranges::sort(entries, {}, [](const fs::directory_entry& one) {
-    std::error_code unknown;
-    return std::pair(one.is_symlink(unknown), one.path());
-  });
-  return entries;
-}
-
-/// Adds the paths of the regular files below a folder. Links are followed, as the tool does, but
-/// each folder is `seen` once only: they may lead back.
-void addFilesBelow(const std::string& folder, std::set<FileIdentity>& seen,
-                   std::vector<std::string>& paths) {
-  const auto self = identity(folder);
-  if (!self || !seen.insert(*self).second) return;
-  for (const fs::directory_entry& entry : entriesOf(folder)) {
-    std::error_code leadsNowhere;
-    const auto kind = entry.status(leadsNowhere).type();
-    if (kind == fs::file_type::directory) addFilesBelow(entry.path().string(), seen, paths);
-    if (kind == fs::file_type::regular) paths.push_back(entry.path().string());
-  }
 }
 
 std::vector<std::string> filesBelow(const std::string& folder) {
-  std::set<FileIdentity> seen;
   std::vector<std::string> paths;
-  addFilesBelow(folder, seen, paths);
+  if (identity(folder)) addFilesBelow(folder, paths);
   return paths;
 }
 
@@ -295,10 +278,8 @@ void MachineCertificates::add(const SecCertificate& certificate, const std::stri
     const bool isBegun = item.label == label && !isTrusted(certificate);
     if (item.certificate == certificate && !isBegun) throw CertificateFailure(errSecDuplicateItem);
   }
-  const AtomicFile file(path, everybodyReads);
-  file.removeLeftovers();
   const CertificateStatus status = statusOf([&] {
-    file.replace(certificate.pem(), caller);
+    AtomicFile(path, everybodyReads).replace(certificate.pem(), caller);
     update(Update::added);
     if (!isTrusted(certificate)) {
       throw CertificateFailure(

@@ -29,7 +29,7 @@ class MachineCertificates {
   const std::string& folder() const noexcept { return folder_; }
 
   /// What is in the folder. Files of others count too: their label is the path below the folder
-  /// without ".crt". A folder that several paths lead to counts once.
+  /// without ".crt". Links to folders are not followed.
   std::vector<CertificateItem> certificates() const;
 
   /// Adds a file of mode 0644 and runs the tool. When that fails, or what it makes does not hold

@@ -133,6 +133,8 @@ void makeFolder(const std::string& path) {
   fs::create_directories(path);
 }
 
+constexpr uid_t nobody = 65534;
+
 std::string upFrom(fs::path path, int folders) {
   while (folders-- > 0) path = path.parent_path();
   return path.string();
@@ -153,22 +155,29 @@ TEST_P(DirectoryMonitorLoss, IsToldAndWatchedAgainByTheNextStart) {
   fs::create_directories(folder / "real/top/above/watched");
   fs::create_directory_symlink("real", folder / "link");
   path = folder / "link/top/above/watched";
-  GetParam().prepare(path);
-  const Monitored watched(path);
-  for (const bool stops : {false, true}) {
-    ASSERT_TRUE(watched.monitor->startMonitoring());
-    fs::rename(path, path + ".moved");
-    fs::rename(path + ".moved", path);
-    settle();
-    EXPECT_TRUE(watched.isTold([&] { GetParam().lose(path); }));
-    settle();
-    EXPECT_TRUE(watched.isTold([&] { GetParam().make(path); })) << "made again";
-    if (stops) watched.monitor->stopMonitoring();
-    ASSERT_TRUE(watched.monitor->startMonitoring());
-    settle();
-    EXPECT_TRUE(watched.isTold([&] { touch(path); })) << "watched again";
-    watched.monitor->stopMonitoring();
+  for (const auto& each : fs::recursive_directory_iterator(folder.path())) {
+    EXPECT_TRUE(::geteuid() != 0 || ::lchown(each.path().c_str(), nobody, nobody) == 0);
   }
+  ASSERT_EQ(::chmod(folder.path().c_str(), 0777), 0);
+  test::inChild([&] {  // as one whom permissions bind
+    ASSERT_TRUE(::geteuid() != 0 || ::setuid(nobody) == 0);
+    GetParam().prepare(path);
+    const Monitored watched(path);
+    for (const bool stops : {false, true}) {
+      ASSERT_TRUE(watched.monitor->startMonitoring());
+      fs::rename(path, path + ".moved");
+      fs::rename(path + ".moved", path);
+      settle();
+      EXPECT_TRUE(watched.isTold([&] { GetParam().lose(path); }));
+      settle();
+      EXPECT_TRUE(watched.isTold([&] { GetParam().make(path); })) << "made again";
+      if (stops) watched.monitor->stopMonitoring();
+      ASSERT_TRUE(watched.monitor->startMonitoring());
+      settle();
+      EXPECT_TRUE(watched.isTold([&] { touch(path); })) << "watched again";
+      watched.monitor->stopMonitoring();
+    }
+  });
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -195,6 +204,11 @@ INSTANTIATE_TEST_SUITE_P(
              [](const std::string& path) {
                fs::rename(upFrom(path, 3) + ".old", upFrom(path, 4) + "/real");
              }},
+        Loss{"ClosedAbove", [](const std::string& path) { ::chmod(upFrom(path, 1).c_str(), 0); },
+             [](const std::string& path) { ::chmod(upFrom(path, 1).c_str(), 0700); }},
+        Loss{"ClosedFurtherUp",
+             [](const std::string& path) { ::chmod(upFrom(path, 2).c_str(), 0); },
+             [](const std::string& path) { ::chmod(upFrom(path, 2).c_str(), 0700); }},
         Loss{"AnotherLinkOnTheWay",
              [](const std::string& path) {
                const std::string link = upFrom(path, 3);

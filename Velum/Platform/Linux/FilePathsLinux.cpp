@@ -25,9 +25,16 @@ std::optional<std::pair<dev_t, ino_t>> identity(const std::string& path) {
   return std::pair(status.st_dev, status.st_ino);
 }
 
-bool isFolder(const std::string& path) {
+// A folder that this process may go through.
+bool isPassable(const std::string& path) {
   struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+         ::faccessat(AT_FDCWD, path.c_str(), X_OK, AT_EACCESS) == 0;
+}
+
+// After a watch was refused: whether that is no reason to stop here.
+bool isPassedUnwatched(const std::string& path) {
+  return errno == ENOSPC || (errno == EACCES && isPassable(path));
 }
 
 std::shared_ptr<PathWatcher> sharing(PathWatcher* watcher) {
@@ -62,9 +69,12 @@ std::optional<std::string> FileEventsLinux::passLinkLk(PathWay& way, const std::
   return target;
 }
 
-/// As the kernel goes it; stops where there is no way on.
+/// As the kernel goes it; stops where there is no way on. A folder's attributes say who may go
+/// through. Those of what is in it are told with its own: of the last folder, which may hold much
+/// that changes, they are learned from the one above where that is watched.
 void FileEventsLinux::goLk(PathWay& way, std::string_view path, PathWay::Kind kind) {
   way.folder = path.starts_with('/') ? "/" : ".";
+  int above = -1;  // the watch of that folder
   std::string rest(path);
   for (int links = 0; links <= mostLinks;) {
     std::string name = takeName(rest);
@@ -73,11 +83,15 @@ void FileEventsLinux::goLk(PathWay& way, std::string_view path, PathWay::Kind ki
     const std::string at = pathIn(way.folder, name);
     if (name == "..") {
       way.folder = at;
+      above = -1;
       continue;
     }
     way.steps.emplace_back(way.folder, name);
     if (const auto target = passLinkLk(way, at)) {
-      if (target->starts_with('/')) way.folder = "/";
+      if (target->starts_with('/')) {
+        way.folder = "/";
+        above = -1;
+      }
       rest = rest.empty() ? *target : pathIn(*target, rest);
       ++links;
       continue;
@@ -87,10 +101,12 @@ void FileEventsLinux::goLk(PathWay& way, std::string_view path, PathWay::Kind ki
       way.isWhole = true;
       return;
     }
-    // One that may not be read can't be watched, but gone through.
-    const bool isPassed =
-        passLk(way, way.folders, at, ownEvents | IN_ONLYDIR | IN_DONT_FOLLOW) >= 0;
-    if (!isPassed && errno != EACCES && errno != ENOSPC) return;
+    // One that may not be read can't be watched, but perhaps gone through.
+    const bool isToldAbove = rest.empty() && above >= 0;
+    if (isToldAbove) way.awaited.emplace_back(above, name);
+    const std::uint32_t events = ownEvents | (isToldAbove ? 0U : IN_ATTRIB);
+    above = passLk(way, way.folders, at, events | IN_ONLYDIR | IN_DONT_FOLLOW);
+    if (above < 0 && !isPassedUnwatched(at)) return;
     way.folder = at;
   }
 }
@@ -100,12 +116,12 @@ void FileEventsLinux::goLk(PathWay& way, std::string_view path, PathWay::Kind ki
 void FileEventsLinux::awaitLk(PathWay& way) {
   if (way.isWhole) {
     way.descriptor = passLk(way, way.folders, way.folder, nameEvents);
-    way.isWhole = way.descriptor >= 0 || errno == EACCES || errno == ENOSPC;
+    way.isWhole = way.descriptor >= 0 || isPassedUnwatched(way.folder);
     if (way.isWhole) return;
   }
   std::vector<int> watches;
   for (const auto& [folder, name] : way.steps) {
-    const int descriptor = passLk(way, watches, folder, nameEvents);
+    const int descriptor = passLk(way, watches, folder, nameEvents | IN_ATTRIB);
     if (descriptor >= 0) way.awaited.emplace_back(descriptor, name);
   }
 }
@@ -119,7 +135,7 @@ std::shared_ptr<PathWay> FileEventsLinux::wayLk(std::string_view path, PathWay::
     // What was missing may have come between the two looks.
     if (way->isWhole || attempt == mostAttempts || way->steps.empty()) return way;
     const auto& [folder, name] = way->steps.back();
-    if (!isFolder(pathIn(folder, name))) return way;
+    if (!isPassable(pathIn(folder, name))) return way;
     dropLk(*way);
   }
 }

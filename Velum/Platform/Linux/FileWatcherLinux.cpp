@@ -72,12 +72,13 @@ FileEvent OpenedFileWatcher::linkChange() {
   return links_ == 0 ? FileEvent::deleted | FileEvent::link : FileEvent::link;
 }
 
-// A link that is replaced while somebody uses it only shows a changed number of names.
+// Of a folder or link on the way itself, only attributes are told besides losses. A link that is
+// replaced while somebody uses it shows no more than a changed number of names.
 bool PathWay::isConcerned(const inotify_event& event, std::string_view entry) const {
   const auto isAwaited = [&](const auto& one) {
     return one.first == event.wd && one.second == entry;
   };
-  if (entry.empty()) return std::ranges::find(links, event.wd) != links.end();
+  if (entry.empty()) return (event.mask & IN_ATTRIB) != 0;
   return std::ranges::any_of(awaited, isAwaited);
 }
 

@@ -208,7 +208,7 @@ void FileEventsLinux::releaseLk(int descriptor, const std::shared_ptr<FileWatche
 }
 
 void FileEventsLinux::retireIfUnusedLk(int descriptor) {
-  constexpr std::size_t most = 64;
+  constexpr std::size_t most = 256;
   if (generation_ != forkGeneration()) return;  // the kernel's watches are the parent's
   const auto entry = watched_.find(descriptor);
   if (entry == watched_.end() || !entry->second.isUnused()) return;
@@ -219,6 +219,10 @@ void FileEventsLinux::retireIfUnusedLk(int descriptor) {
 }
 
 void FileEventsLinux::removeRetiredLk() {
+  // Each of them makes an event, for which a thread would be woken that takes the kernel's lock.
+  constexpr std::size_t many = 8;
+  const bool isPaused = retired_.size() >= many;
+  if (isPaused) reader_.pause();
   for (const int descriptor : retired_) {
     const auto entry = watched_.find(descriptor);
     if (entry == watched_.end() || !entry->second.isUnused()) continue;  // wanted again
@@ -227,6 +231,7 @@ void FileEventsLinux::removeRetiredLk() {
     watched_.erase(entry);
   }
   retired_.clear();
+  if (isPaused) reader_.resume();
 }
 
 void FileEventsLinux::removeRetired() {
@@ -259,6 +264,11 @@ void FileEventsLinux::mountsChanged() {
   Outcome outcome(InotifyReader::Turn::pool);
   const std::lock_guard guard(lock_);
   lookAgainAtAllLk(outcome);
+}
+
+void FileEventsLinux::resumeReading() {
+  const std::lock_guard guard(lock_);
+  if (generation_ == forkGeneration()) reader_.resume();
 }
 
 void FileEventsLinux::takeLk(const inotify_event& event, std::string_view name, Outcome& outcome) {

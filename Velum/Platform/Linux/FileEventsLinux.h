@@ -102,6 +102,7 @@ class FileEventsLinux final : public FileEvents,
 
   std::shared_ptr<FileWatcher> take(std::string_view events, InotifyReader::Turn turn) override;
   void mountsChanged() override;
+  void resumeReading() override;
   void takeAllLk(std::string_view events, Outcome& outcome);
   void takeLk(const inotify_event& event, std::string_view name, Outcome& outcome);
   void tellAllLk(Outcome& outcome);

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <utility>
@@ -35,7 +37,11 @@ constexpr std::uint32_t fromMounts = 1;
 bool addExclusively(int epoll, int inotify) noexcept {
   epoll_event event{};
   event.events = EPOLLIN | EPOLLEXCLUSIVE;
-  return ::epoll_ctl(epoll, EPOLL_CTL_ADD, inotify, &event) == 0;
+  return ::epoll_ctl(epoll, EPOLL_CTL_ADD, inotify, &event) == 0 || errno == EEXIST;
+}
+
+void leave(int epoll, int inotify) noexcept {
+  ::epoll_ctl(epoll, EPOLL_CTL_DEL, inotify, nullptr);
 }
 
 }  // namespace
@@ -68,7 +74,7 @@ bool InotifyReader::enterFirst() {
   if (thread_) return true;
   UniqueFd thread(::epoll_create1(EPOLL_CLOEXEC));
   if (!thread) return false;
-  ::epoll_ctl(pool_.get(), EPOLL_CTL_DEL, inotify_.get(), nullptr);
+  leave(pool_.get(), inotify_.get());
   const bool isAdded = addExclusively(thread.get(), inotify_.get());
   mounts_.reset(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
   mountsNumber_ = mounts_.get();
@@ -78,6 +84,26 @@ bool InotifyReader::enterFirst() {
   if (mounts_) ::epoll_ctl(thread.get(), EPOLL_CTL_ADD, mounts_.get(), &event);
   if (isAdded) thread_ = std::move(thread);
   return addExclusively(pool_.get(), inotify_.get()) && isAdded;
+}
+
+void InotifyReader::pause() noexcept {
+  if (!isOpen_) return;
+  if (thread_) leave(thread_.get(), inotify_.get());
+  leave(pool_.get(), inotify_.get());
+}
+
+// Without memory for it, once there is some.
+void InotifyReader::resume() {
+  constexpr std::chrono::milliseconds retryPause{100};
+  if (!isOpen_ || enter()) return;
+  queue_->asyncAfter(retryPause, [this, generation = forkGeneration()] {
+    if (generation == forkGeneration()) sink_.resumeReading();
+  });
+}
+
+bool InotifyReader::enter() noexcept {
+  const bool hasEntered = !thread_ || addExclusively(thread_.get(), inotify_.get());
+  return addExclusively(pool_.get(), inotify_.get()) && hasEntered;
 }
 
 void InotifyReader::readInThread(unsigned generation) {

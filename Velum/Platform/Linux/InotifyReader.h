@@ -40,6 +40,8 @@ class InotifyReader {
     virtual std::shared_ptr<FileWatcher> take(std::string_view events, Turn turn) = 0;
     /// Something was mounted or unmounted, of which no watch tells. Never called during `take`.
     virtual void mountsChanged() = 0;
+    /// Calls `resume` once more.
+    virtual void resumeReading() = 0;
   };
 
   /// Both live for ever.
@@ -56,6 +58,11 @@ class InotifyReader {
   /// Starts the thread unless it runs. Where the system gives none, the pool goes on.
   void startThread();
 
+  /// Nobody is woken for events between the two: for who makes many that matter to nobody. They
+  /// are read afterwards.
+  void pause() noexcept;
+  void resume();
+
   /// For a forked child. The parent reads this descriptor's events; a child that read along would
   /// steal them.
   void resetAfterFork() noexcept;
@@ -64,6 +71,7 @@ class InotifyReader {
   void readInPool();
   void readInThread(unsigned generation);
   bool enterFirst();
+  bool enter() noexcept;
   bool haveMountsChanged() const noexcept;
 
   Sink& sink_;

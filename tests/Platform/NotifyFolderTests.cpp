@@ -228,14 +228,17 @@ TEST_F(NotifyCenterTest, ReadsNoFileOfAFolderThatIsGone) {
 TEST_F(NotifyCenterTest, SweepsFilesNobodyPostedLately) {
   center->post("old");
   center->post("new");
-  const auto old =
-      fs::file_time_type::clock::now() - std::chrono::seconds(NotifyFolder::quietSeconds + 10);
-  fs::last_write_time(fileOf("old"), old);
+  center->post("future");
+  const auto now = fs::file_time_type::clock::now();
+  const std::chrono::seconds quiet(NotifyFolder::quietSeconds + 10);
+  fs::last_write_time(fileOf("old"), now - quiet);
+  fs::last_write_time(fileOf("future"), now + quiet);
   std::atomic<int> count{0};
   const auto observer = counting("old", count);
   const auto another = centerOf(path);  // a new process sweeps with the first file it makes
   another->post("newer");
   EXPECT_FALSE(fs::exists(fileOf("old")));
+  EXPECT_FALSE(fs::exists(fileOf("future")));
   EXPECT_TRUE(fs::exists(fileOf("new")));
   settle();
   EXPECT_EQ(count, 0);

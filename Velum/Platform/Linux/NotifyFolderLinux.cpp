@@ -76,12 +76,12 @@ SystemError folderError(std::string_view call, const std::string& path) {
   return lastSystemError(fmt::format("notify center, {} ({})", call, path));
 }
 
-void write(const NotifyFile& file, const std::string& path, std::string_view bytes) {
+void write(const NotifyFile& file, std::string_view bytes) {
   const ssize_t size =
       retryInterrupted([&] { return ::pwrite(file.fd.get(), bytes.data(), bytes.size(), 0); });
-  if (size < 0) throw postError("pwrite", path);
+  if (size < 0) throw postError("pwrite", file.path);
   if (static_cast<std::size_t>(size) < bytes.size()) {
-    throw SystemError(ENOSPC, fmt::format("post(_:), pwrite ({})", path));
+    throw SystemError(ENOSPC, fmt::format("post(_:), pwrite ({})", file.path));
   }
 }
 
@@ -285,7 +285,7 @@ void NotifyFolder::forget(const std::string& file) const {
 /// gave it away.
 bool NotifyFolder::isAt(const NotifyFile& file) const noexcept {
   struct stat present {};
-  return ::lstat(pathOf(file.file).c_str(), &present) == 0 && present.st_ino == file.inode &&
+  return ::lstat(file.path.c_str(), &present) == 0 && present.st_ino == file.inode &&
          present.st_dev == file.device && present.st_uid == file.owner;
 }
 
@@ -304,7 +304,7 @@ NotifyFolder::File NotifyFolder::openExisting(const UniqueFd& group, const std::
     return nullptr;
   }
   return std::make_shared<const NotifyFile>(
-      NotifyFile{std::move(fd), status.st_dev, status.st_ino, status.st_uid, file});
+      NotifyFile{std::move(fd), status.st_dev, status.st_ino, status.st_uid, pathOf(file)});
 }
 
 // A file of somebody who lets others only read is read as well, but not kept.
@@ -408,7 +408,7 @@ bool NotifyFolder::post(std::string_view name) const {
     bool isNew = false;
     const File opened = openOwn(file, isNew);
     if (!opened) continue;
-    write(*opened, pathOf(opened->file), bytes);
+    write(*opened, bytes);
     if (isAt(*opened)) return isNew;
     recent_.forget(file);
   }
@@ -422,13 +422,16 @@ void NotifyFolder::sweep() const noexcept {
 void NotifyFolder::sweepGroup(std::size_t group) const noexcept {
   const Listing folder = listed(existingGroup(group));
   if (!folder) return;
-  const std::time_t limit = std::time(nullptr) - quietSeconds;
+  const std::time_t now = std::time(nullptr);
   while (const dirent* entry = ::readdir(folder.get())) {
     struct stat status {};
     const int parent = ::dirfd(folder.get());
     const bool isThere = ::fstatat(parent, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    // The time of a file may be set, also to one that never comes.
+    const bool isQuiet =
+        status.st_mtime < now - quietSeconds || status.st_mtime > now + quietSeconds;
     // In a folder for all, only the owner's try succeeds, and root's.
-    if (isThere && !S_ISDIR(status.st_mode) && status.st_mtime < limit) {
+    if (isThere && !S_ISDIR(status.st_mode) && isQuiet) {
       ::unlinkat(parent, entry->d_name, 0);
     }
   }

@@ -32,7 +32,7 @@ struct NotifyFile {
   dev_t device = 0;
   ino_t inode = 0;
   uid_t owner = 0;
-  std::string file;  ///< Its path below the folder.
+  std::string path;
 };
 
 /// The files used last, kept open: to open one costs more than to read or write it. Any thread.

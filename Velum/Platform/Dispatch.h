@@ -14,9 +14,9 @@ using Work = std::function<void()>;
 /// thread that runs Application::run(); concurrent queues, the global one among them, run items
 /// side by side.
 ///
-/// Every operation may be called from any thread. A work item must not throw: an exception that
-/// leaves it stops the process. Work that blocks gets in nobody's way: threads are added as long as
-/// the system has any. Where it has none, work waits for one (with a line on the console).
+/// Every operation may be called from any thread. An exception that leaves a work item stops the
+/// process. Work that blocks gets in nobody's way: threads are added while the system has any. Else
+/// the console is told, and it is asked again by the main queue and by who waits or hands in work.
 ///
 /// After fork(2) the child's queues start empty, with threads of their own. A child that was forked
 /// inside a work item and returns from it serves its own queues from then on: its main queue when

@@ -1,15 +1,13 @@
 // The real helper beside a real application that quits in every way we know of.
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/ptrace.h>
-#include <sys/uio.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <set>
+#include <regex>
+#include <sstream>
 
 #include "Velum/Relauncher.h"
 #include "tests/support/RelaunchTest.h"
@@ -108,101 +106,51 @@ TEST_F(EndToEnd, OpensTheApplicationWhileSomebodyHoldsTheLog) {
   EXPECT_TRUE(isLogged("Process " + std::to_string(application) + " has ended"));
 }
 
-/// Counts a process's system calls from the end of the application that it waits for to the new
-/// process: one for each process of the machine, and others, but for those by which it looks at
-/// other applications that happen to run.
-class CallCounter {
- public:
-  CallCounter(pid_t helper, pid_t application, std::string bundle)
-      : helper_(helper), application_(application), bundle_(std::move(bundle)) {}
-
-  /// False where tracing is not permitted.
-  bool run() {
-    if (::ptrace(PTRACE_SEIZE, helper_, 0, PTRACE_O_TRACESYSGOOD) != 0) return false;
-    ::ptrace(PTRACE_INTERRUPT, helper_, 0, 0);
-    int status = 0;
-    while (::waitpid(helper_, &status, __WALL) == helper_ && WIFSTOPPED(status)) {
-      __ptrace_syscall_info info{};
-      if (WSTOPSIG(status) == (SIGTRAP | 0x80)) {
-        ::ptrace(PTRACE_GET_SYSCALL_INFO, helper_, sizeof info, &info);
-      }
-      if (info.op == PTRACE_SYSCALL_INFO_ENTRY && !enter(info)) break;
-      if (info.op == PTRACE_SYSCALL_INFO_EXIT) leave(info.exit.rval);
-      ::ptrace(PTRACE_SYSCALL, helper_, 0, 0);
-    }
-    return ::ptrace(PTRACE_DETACH, helper_, 0, 0) == 0;
-  }
-
-  int looks = 0;
-  std::vector<std::string> others;
-
- private:
-  /// False at the call that makes the new process.
-  bool enter(const __ptrace_syscall_info& info) {
-    const auto call = static_cast<long>(info.entry.nr);
-    if (call == SYS_clone || call == SYS_clone3 || call == SYS_vfork) return false;
-    isWaiting_ = call == SYS_epoll_wait && static_cast<int>(info.entry.args[3]) == -1;
-    if (isWaiting_ && !hasEnded_) ::kill(application_, SIGKILL);
-    const bool hasPath = call == SYS_openat || call == SYS_newfstatat;
-    const std::string path = call == SYS_access ? text(info.entry.args[0])
-                             : hasPath          ? text(info.entry.args[1])
-                                                : "";
-    const bool isForeign = isOfOthers(path) || foreign_.contains(info.entry.args[0]);
-    isForeignOpen_ = isForeign && call == SYS_openat;
-    if (call == SYS_close) foreign_.erase(info.entry.args[0]);
-    if (!hasEnded_ || isForeign) return true;
-    if (call == SYS_readlinkat) {
-      ++looks;
-    } else {
-      others.push_back(std::to_string(call) + ' ' + path);
-    }
-    return true;
-  }
-
-  void leave(long result) {
-    if (isWaiting_ && result > 0) hasEnded_ = true;
-    if (isForeignOpen_ && result >= 0) foreign_.insert(static_cast<std::uint64_t>(result));
-  }
-
-  bool isOfOthers(const std::string& path) const {
-    constexpr std::string_view processes = "/proc/";
-    if (path.starts_with(processes)) return path.find_first_of("0123456789") == processes.size();
-    if (path.ends_with(" (deleted)")) return true;  // the program of a process is looked for again
-    const bool isInBundle = path.ends_with(".app") || path.find("/Contents") != std::string::npos;
-    return isInBundle && !path.starts_with(bundle_);
-  }
-
-  std::string text(std::uint64_t address) const {
-    std::array<char, 256> buffer{};
-    iovec here{buffer.data(), buffer.size() - 1};
-    iovec there{reinterpret_cast<void*>(address), buffer.size() - 1};  // NOLINT: the helper's
-    return ::process_vm_readv(helper_, &here, 1, &there, 1, 0) > 0 ? buffer.data() : "";
-  }
-
-  pid_t helper_;
-  pid_t application_;
-  std::string bundle_;
-  bool isWaiting_ = false;
-  bool hasEnded_ = false;
-  bool isForeignOpen_ = false;
-  std::set<std::uint64_t> foreign_;
-};
-
+// From the end of the application to the new process: one call for each process of the machine, and
+// others, but for those by which the helper looks at other applications that happen to run.
 TEST_F(EndToEnd, NeedsFewSystemCalls) {
 #ifdef VELUM_SANITIZED
   GTEST_SKIP() << "sanitizers make system calls of their own";
 #endif
+  const std::string strace = "/usr/bin/strace";
+  const std::string trace = folder / "trace";
+  constexpr std::string_view preparation = "/journal/stdout";  // the last of it
+  if (exitStatus(start(strace, {"-qo", trace, "true"}, {})) != 0) {
+    GTEST_SKIP() << "tracing is not permitted here";
+  }
+  helperCommand = {strace, "-D", "-qqyo", trace, "-s256", VELUM_RELAUNCHER};
   // The second time, there is a record of the first.
   for (int round = 0; round < 2; ++round) {
     const pid_t application = startApplication();
     const pid_t helper = startHelper(bundle, application);
-    CallCounter calls(helper, application, bundle);
-    if (!calls.run()) GTEST_SKIP() << "tracing is not permitted here";
+    EXPECT_TRUE(eventually([&] {  // it has prepared everything and sleeps
+      const std::string calls = readFile(trace);
+      const std::size_t last = calls.rfind('\n') + 1;
+      return calls.find(preparation) != std::string::npos &&
+             calls.find("epoll_wait(", last) == last;
+    })) << readFile(trace);
+    ::kill(application, SIGKILL);
     const Event started = next();
-    EXPECT_EQ(started.name, "started");
     EXPECT_EQ(exitStatus(helper), 0);
-    EXPECT_GT(calls.looks, 0);
-    EXPECT_LE(calls.others.size(), 35U) << fmt::format("{}", fmt::join(calls.others, "; "));
+    const std::regex foreign("/proc/(?!" + std::to_string(helper) +
+                             "/)[0-9]| \\(deleted\\)|\\.app\\b|/Contents");
+    const std::string all = readFile(trace);
+    const std::size_t end = all.find(", -1) = 1\n", all.find(preparation));
+    std::istringstream calls(all.substr(end, all.find("\nclone", end) - end));
+    int looks = 0;
+    std::string others;
+    std::string call;
+    for (std::getline(calls, call); std::getline(calls, call);) {
+      const bool isOfOthers =
+          call.find(bundle) == std::string::npos && std::regex_search(call, foreign);
+      if (call.starts_with("readlinkat(")) {
+        ++looks;
+      } else if (!isOfOthers) {
+        others += call + '\n';
+      }
+    }
+    EXPECT_GT(looks, 0);
+    EXPECT_LE(std::ranges::count(others, '\n'), 35) << others;
     ::kill(started.pid, SIGKILL);
     EXPECT_TRUE(exitStatus(started.pid));
   }

@@ -1,18 +1,10 @@
-// What a record costs: system calls and allocations. A program of its own, because it counts every
+// What a record costs in allocations; its system calls are listed in tests/faults. A program of its own, because it counts every
 // allocation it makes.
 
 #include <gtest/gtest.h>
-#include <sys/ptrace.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <new>
-#include <vector>
 
 #include "Velum/Logger/Handlers/FileLogHandler.h"
 #include "Velum/Logger/Logger.h"
@@ -87,52 +79,6 @@ TEST_F(RecordCostTest, ARecordAllocatesNothingOnceTheThreadIsWarm) {
     handler->logWithLevel(LogLevel::info, date + i * 10ms, message);
   }
   EXPECT_EQ(allocations, before);
-}
-
-// The child's system calls between two calls of getppid, which serve as markers.
-std::vector<long> tracedCalls(pid_t child) {
-  std::vector<long> calls;
-  bool isMarked = false;
-  int status = 0;
-  while (::ptrace(PTRACE_SYSCALL, child, 0, 0) == 0 && ::waitpid(child, &status, 0) == child &&
-         WIFSTOPPED(status)) {
-    if (WSTOPSIG(status) != (SIGTRAP | 0x80)) continue;
-    __ptrace_syscall_info info{};
-    ::ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info);
-    if (info.op != PTRACE_SYSCALL_INFO_ENTRY) continue;
-    const long call = static_cast<long>(info.entry.nr);
-    if (call == SYS_getppid && isMarked) return calls;
-    if (call == SYS_getppid) {
-      isMarked = true;
-    } else if (isMarked) {
-      calls.push_back(call);
-    }
-  }
-  return {};
-}
-
-TEST_F(RecordCostTest, ARecordIsThreeSystemCalls) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    const LogDate date = std::chrono::system_clock::now();
-    handler->logWithLevel(LogLevel::info, date, message);  // the child's first: opens the file
-    if (::ptrace(PTRACE_TRACEME, 0, 0, 0) != 0) ::_exit(77);
-    ::kill(::getpid(), SIGSTOP);
-    ::syscall(SYS_getppid);
-    handler->logWithLevel(LogLevel::info, date, message);
-    handler->logWithLevel(LogLevel::info, date, message);
-    ::syscall(SYS_getppid);
-    ::_exit(0);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  if (WIFEXITED(status)) GTEST_SKIP() << "tracing is not permitted here";
-  ASSERT_EQ(::ptrace(PTRACE_SETOPTIONS, child, 0, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL), 0);
-  const std::vector<long> calls = tracedCalls(child);
-  ::kill(child, SIGKILL);
-  ::waitpid(child, &status, 0);
-  EXPECT_EQ(calls,
-            (std::vector<long>{SYS_flock, SYS_write, SYS_flock, SYS_flock, SYS_write, SYS_flock}));
 }
 
 }  // namespace

@@ -127,6 +127,11 @@ class Harness {
         reports_.push_back(call->text() + ": is not on the disk");
       }
     }
+    std::vector<std::string> names;
+    for (const GatedCall& call : calls) names.push_back(call.name);
+    if (!operation_.calls.empty() && names != operation_.calls) {
+      reports_.push_back("makes other calls: " + ::testing::PrintToString(names));
+    }
     const auto locked = find(calls.begin(), calls.end(), "flock", operation_.lock);
     const auto looked = find(calls.begin(), calls.end(), "rename", "");
     const std::string changed = looked == calls.end() ? "" : looked->subject;

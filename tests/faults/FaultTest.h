@@ -37,6 +37,8 @@ struct FaultyOperation {
   CallPredicate isSpared = [](const GatedCall&) { return false; };
   /// Whether a file must be on the disk, by fsync(2), before it gets its name, and the name after.
   bool isDurable = false;
+  /// The names of the calls it makes, where no other may come to them; empty: whichever.
+  std::vector<std::string> calls = {};
   /// How the name ends of the file that must be locked before anything is read for a change.
   std::string lock = {};
   /// With more calls than this, no more of them fail, evenly chosen, of equal ones the first two

@@ -98,6 +98,7 @@ TEST(Faults, LogRecord) {
           [](const GatedCall& call) {
             return call.isOneOf({"open", "read"});
           },  // looking
+      .calls = {"flock", "write", "flock"},
   });
 }
 

@@ -21,11 +21,28 @@ namespace {
 constexpr std::size_t largestInput = std::size_t{64} << 20U;
 
 // In a block of its own size, so that a read beyond the end is noticed.
+void read(const std::string& input) {
+  const std::vector<std::uint8_t> bytes(input.begin(), input.end());
+  require(LLVMFuzzerTestOneInput(bytes.data(), bytes.size()) == 0);
+}
+
 void feed(const std::string& name, const std::string& input) {
   static_cast<void>(std::puts(name.c_str()));
   static_cast<void>(std::fflush(stdout));  // the last name printed is the one that crashed
-  const std::vector<std::uint8_t> bytes(input.begin(), input.end());
-  require(LLVMFuzzerTestOneInput(bytes.data(), bytes.size()) == 0);
+  read(input);
+}
+
+// A short input, cut off everywhere and with each byte replaced.
+void damage(const std::string& input) {
+  constexpr std::size_t most = 300;  // bytes, so that it stays quick
+  for (std::size_t at = 0; at < input.size() && input.size() <= most; ++at) {
+    read(input.substr(0, at));
+    for (const char byte : {'\0', '\x1F', '<', '\x7F', '\xAF', '\xDF', '\xFF'}) {
+      std::string damaged = input;
+      damaged[at] = byte;
+      read(damaged);
+    }
+  }
 }
 
 void replay(const char* folder) {
@@ -40,6 +57,7 @@ void replay(const char* folder) {
     const auto input = readRegularFile(path, largestInput);
     require(input.has_value());
     feed(path, *input);
+    damage(*input);
   }
   const auto crafted = craftedInputs();
   for (std::size_t number = 0; number < crafted.size(); ++number) {

@@ -2,7 +2,8 @@
 """A server that misbehaves on request, for tests: http_server.py FOLDER [CERTIFICATE KEY].
 
 Prints the ports it listens on at 127.0.0.1, two for HTTP and, with a certificate, three for HTTPS,
-on one line; the last two demand a certificate of the client, the very last one in TLS 1.2. Ends when its standard input does.
+on one line. Those ask for a certificate of the client; the last two demand it, the very last one in
+TLS 1.2. Ends when its standard input does.
 """
 
 import gzip
@@ -25,6 +26,7 @@ plain = b"plain " * 1000
 coded = {
     "gzip": ("gzip", gzip.compress(plain)),
     "twice": ("gzip", gzip.compress(plain) * 2 + b"\0"),
+    "nothing": ("gzip", gzip.compress(b"")),
     "short": ("gzip", gzip.compress(plain)[:-9]),
     "bad": ("gzip", b"no gzip at all"),
     "deflate": ("deflate", zlib.compress(plain)),
@@ -170,7 +172,7 @@ def listen(context=None):
 
 ports = [listen(), listen()]
 if len(sys.argv) > 2:
-    for verify, newest in [(ssl.CERT_NONE, ssl.TLSVersion.TLSv1_3),
+    for verify, newest in [(ssl.CERT_OPTIONAL, ssl.TLSVersion.TLSv1_3),
                            (ssl.CERT_REQUIRED, ssl.TLSVersion.TLSv1_3),
                            (ssl.CERT_REQUIRED, ssl.TLSVersion.TLSv1_2)]:
         tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)

@@ -76,6 +76,7 @@ class LineLog {
   std::size_t readSome(std::size_t limit) {
     const ssize_t size = retryInterrupted(
         [&] { return ::read(reader_, buffer_.data(), std::min(limit, buffer_.size())); });
+    if (size < 0) logError(site(), "Can't read a tool's output: {}", systemErrorText(errno));
     if (size <= 0) return 0;
     const std::string_view chunk(buffer_.data(), static_cast<std::size_t>(size));
     if (Logger::shared().passes(LogLevel::info)) {

@@ -1,18 +1,14 @@
 #include "Velum/Process.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <thread>
 
 #include "Velum/LineSplitter.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Dispatch.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Errors.h"
 #include "tests/support/Processes.h"
@@ -183,22 +179,6 @@ TEST_F(ProcessRun, ConnectsAllThreePipes) {
   EXPECT_EQ(process->waitUntilExit(), Termination{});
 }
 
-TEST_F(ProcessRun, LogsAMillionLinesAndHoldsNoneOfThem) {
-  struct Counter final : LogHandlerProtocol {
-    void logWithLevel(LogLevel, LogDate, std::string_view text) override {
-      if (text == "I: (Process) line " + std::to_string(next)) ++next;
-    }
-    int next = 1;  // records come one after the other
-  };
-  const auto counter = std::make_shared<Counter>();
-  Logger::shared().setHandlers({counter});
-  const auto process =
-      Process::run("/usr/bin/seq", {.args = {"-f", "line %.0f", "1000000"}, .wait = true});
-  ASSERT_TRUE(process);
-  EXPECT_EQ(process->termination(), Termination{});
-  EXPECT_EQ(counter->next, 1'000'001);
-}
-
 TEST_F(ProcessRun, EndsWithAllItStartedWhenAsked) {
   for (const std::string script : {"", "trap '' TERM; "}) {
     RunOptions options;
@@ -214,28 +194,6 @@ TEST_F(ProcessRun, EndsWithAllItStartedWhenAsked) {
     log_ = std::make_shared<RecordingLogHandler>();
     Logger::shared().setHandlers({log_});
   }
-}
-
-TEST_F(ProcessRun, NeedsNoOtherThreadOfTheQueueThatItBlocks) {
-  constexpr std::size_t tools = 70;  // more than the queue has threads
-  const TemporaryFolder folder;
-  ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
-  UniqueFd writer(::open((folder / "fifo").c_str(), O_RDWR | O_CLOEXEC));
-  DispatchGroup group;
-  std::atomic<std::size_t> ended{0};
-  for (std::size_t i = 0; i < tools; ++i) {
-    group.async(DispatchQueue::global(), [&] {
-      Process::run("/bin/cat", {.args = {folder / "fifo"}, .wait = true});
-      ++ended;
-    });
-  }
-  ASSERT_TRUE(eventually([] { return Family::children().size() >= 60; }));
-  writer.reset();
-  ASSERT_TRUE(eventually([&] {  // those that begin only now wait for another writer
-    const UniqueFd end(::open((folder / "fifo").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
-    return ended == tools;
-  }));
-  group.wait();
 }
 
 TEST_F(ProcessRun, IsNotWaitedForInAForkedChild) {

@@ -102,6 +102,8 @@ TEST_F(FileLogManagerTest, CutsTheWholeLogAtARecord) {
   EXPECT_EQ(whole(2 * size), a + b);
   EXPECT_EQ(whole(2 * size - 1), b);
   EXPECT_EQ(whole(0), "");
+  live(a + b + a);
+  EXPECT_EQ(whole(2 * size), b + a);
 
   // A piece whose first megabyte holds no separator begins where it begins.
   const std::string text(3'000'000, 'x');
@@ -286,6 +288,14 @@ TEST_F(FileLogManagerTest, ReadsLittleMoreThanTheRangeOfALargeLog) {
             at(4'999) + at(5'000) + at(5'001));
   EXPECT_THAT(save({.startDate = last, .endDate = last - 9s, .maxSize = {}}), IsEmpty());
   EXPECT_THAT(save({.startDate = last + 9s, .endDate = LogDate::max(), .maxSize = {}}), IsEmpty());
+
+  // A record that begins before the end of what is read first, and has its date behind it.
+  const std::size_t fill = 65'536 - record(noon, app, "").size();
+  for (const std::size_t before : {1U, 19U}) {
+    const std::string cut = record(noon + 1h, app, "cut");
+    live(record(noon, app, std::string(fill - before, 'x')) + cut);
+    EXPECT_EQ(save({.startDate = noon + 1h, .endDate = {}, .maxSize = {}}).at(app), cut);
+  }
 
   LogReader reader(folder_ / "name.1.log", "test");
   const LogRange range = LogSearch(reader, 0).range(last - 2'000s, last - 1'990s);

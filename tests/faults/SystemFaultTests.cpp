@@ -8,12 +8,16 @@
 #include <regex>
 #include <semaphore>
 
+#include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/CertificateStoreLinux.h"
 #include "Velum/Platform/Linux/NotifyCenterLinux.h"
+#include "Velum/Process.h"
 #include "Velum/SupportUtils.h"
 #include "Velum/SystemError.h"
 #include "tests/faults/FaultTest.h"
+#include "tests/support/Processes.h"
+#include "tests/support/RecordingLogHandler.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/TestCertificates.h"
 #include "tests/support/Waiting.h"
@@ -94,6 +98,24 @@ TEST(Faults, SupportArchive) {
       .mayRemain = [](const std::string& name) { return name.starts_with("archive.zip."); },
       .isSpared =
           [](const GatedCall& call) { return call.subject.ends_with("/any.log"); },  // the test's
+  });
+}
+
+/// A tool run to its end; what it prints is logged.
+TEST(Faults, ToolRun) {
+  failEveryCall({
+      .enter = [](const std::string&) {},
+      .run =
+          [] {
+            const auto log = std::make_shared<RecordingLogHandler>();
+            Logger::shared().setHandlers({log});
+            const auto tool =
+                Process::run("/bin/sh", {.args = {"-c", "echo text; exit 3"}, .wait = true});
+            const auto lines = log->texts();
+            return tool && tool->termination() == Termination{3, Termination::Reason::exit} &&
+                   lines.size() == 3 && lines[1] == "I: (Process) text";
+          },
+      .verify = [](Outcome) { EXPECT_TRUE(Family::children().empty()); },
   });
 }
 

@@ -325,6 +325,21 @@ TEST_F(FileLogHandlerStressTest, WritesWithoutTheLockOfWhoNeverReleasesItButDoes
   EXPECT_FALSE(fs::exists(folder / "name.1.log"));
 }
 
+TEST_F(FileLogHandlerStressTest, EmptiesNoFileThatIsMovedAwayBeforeItIsCopied) {
+  const auto log = std::make_shared<test::RecordingSystemLog>();
+  onRename = [&](const char*) {
+    EXPECT_EQ(::link(path.c_str(), (folder / "moved").c_str()), 0);
+    EXPECT_EQ(::unlink(path.c_str()), 0);
+  };
+  RotationPolicy policy;
+  policy.firstCheck = 0ns;
+  policy.maxSize = 1;
+  test::writeFile(path, "old\n");
+  const auto handler = open(policy, log);
+  ASSERT_TRUE(log->waitFor("Reopened the log file on removal"));
+  EXPECT_TRUE(test::readFile(folder / "moved").starts_with("old\n"));
+}
+
 TEST_F(FileLogHandlerStressTest, RotatesWhatOthersWroteWithoutTheLockMeanwhile) {
   const auto log = std::make_shared<test::RecordingSystemLog>();
   const auto other = open(neverChecked(), nullptr, 0ns);

@@ -13,9 +13,8 @@ namespace {
 
 class VelumctlCerts : public VelumctlTest {
  protected:
-  Result certs(Strings arguments, const std::string& input = {}) const {
-    arguments.insert(arguments.begin(), "certs");
-    return run(arguments, input);
+  Result certs(const Strings& arguments, const std::string& input = {}) const {
+    return run(Strings{"certs"} + arguments, input);
   }
   std::string onlyErrors(const Strings& arguments, int status) const {
     const Result result = certs(arguments);
@@ -70,10 +69,8 @@ TEST_F(VelumctlCerts, OfTheMachineAreInTheChosenRoot) {
   writeFile(root + "/etc/ca-certificates.conf", "");
   static_cast<void>(certificates_.authority("root", "/CN=Root"));
   const std::string pem = certificates_.pem("root");
-  const Strings machine{"--domain", "admin", "--root", root};
-  const auto with = [&](Strings arguments) {
-    arguments.insert(arguments.end(), machine.begin(), machine.end());
-    return certs(arguments);
+  const auto with = [&](const Strings& arguments) {
+    return certs(arguments + Strings{"--domain", "admin", "--root", root});
   };
   EXPECT_EQ(with({"check", pem}).status, 1);
   EXPECT_EQ(with({"add", pem, "--name", "Corp CA"}).errors, "");

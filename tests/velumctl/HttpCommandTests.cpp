@@ -19,9 +19,8 @@ using testing::Not;
 
 class HttpCommand : public VelumctlTest {
  protected:
-  Result send(Strings arguments, const std::string& input = {}) const {
-    arguments.insert(arguments.begin(), {"http", "send"});
-    return run(arguments, input);
+  Result send(const Strings& arguments, const std::string& input = {}) const {
+    return run(Strings{"http", "send"} + arguments, input);
   }
   json echoed(const Strings& arguments, const std::string& input = {}) const {
     const Result result = send(arguments, input);

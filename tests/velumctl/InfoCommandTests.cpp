@@ -34,11 +34,7 @@ TEST_F(VelumctlInfo, PrintsTheBodyOfAnEvent) {
   const Strings common{"telemetry",      "body",        "--name",        "a/b",
                        "--app-type",     "PLOVER_DESK", "--app-version", "1.0",
                        "--synthetic-id", "x",           "--ref-name",    "r"};
-  const auto body = [&](const Strings& more) {
-    Strings arguments = common;
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    return run(arguments);
-  };
+  const auto body = [&](const Strings& more) { return run(common + more); };
   const Telemetry telemetry("x", Telemetry::AppType::ploverDesk, "1.0");
   Telemetry::Props props;
   props.appLocale = "de-AT";

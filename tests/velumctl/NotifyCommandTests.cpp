@@ -46,10 +46,7 @@ TEST_F(VelumctlNotify, WaitingFailsWhenTheTimeRunsOut) {
 TEST_F(VelumctlNotify, AnswersRequests) {
   const Strings agreed{"status", "--id", "1.7", "--prefix", "com.example"};
   const auto with = [&](const char* command, const Strings& more) {
-    Strings arguments{command};
-    arguments.insert(arguments.end(), agreed.begin(), agreed.end());
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    return arguments;
+    return Strings{command} + agreed + more;
   };
   const Result late = run(with("request", {"--timeout", "0.02", "--json"}));
   EXPECT_EQ(late.output, "{\"name\":\"status\",\"answered\":false}\n");

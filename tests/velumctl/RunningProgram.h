@@ -25,6 +25,11 @@ namespace velum::test {
 
 using Strings = std::vector<std::string>;
 
+inline Strings operator+(Strings first, const Strings& more) {
+  first.insert(first.end(), more.begin(), more.end());
+  return first;
+}
+
 /// This process's environment with some variables changed: "NAME=value", or "NAME" to remove it.
 inline Strings environmentWith(const Strings& changes) {
   Strings names;

@@ -43,14 +43,22 @@ class VelumctlTest : public testing::Test {
             readFile(folder_ / "errors")};
   }
 
-  static Strings commandLine(Strings arguments) {
-    arguments.insert(arguments.begin(), VELUM_VELUMCTL);
-    return arguments;
+  static Strings commandLine(const Strings& arguments) {
+    return Strings{VELUM_VELUMCTL} + arguments;
   }
   static RunningProgram onTerminal(const Strings& arguments, const std::string& pager = "PAGER=cat",
                                    const std::string& colour = "NO_COLOR") {
     return RunningProgram::onTerminal(commandLine(arguments),
                                       {"TERM=xterm", "LESS", colour, pager});
+  }
+
+  /// Runs it on a terminal, where it asks before it does anything; what it printed is `output`.
+  static Result answered(const Strings& arguments, const std::string& answer) {
+    RunningProgram program = onTerminal(arguments);
+    program.readUntil("[y/N] ");
+    program.type(answer);
+    const std::string output = program.readToEnd();
+    return {WEXITSTATUS(program.wait()), output, ""};
   }
 
   static RunningProgram start(const Strings& arguments) {

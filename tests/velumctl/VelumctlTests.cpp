@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -77,9 +76,7 @@ TEST_F(Velumctl, ShowsTheRotatedFileBeforeTheLiveOneWithoutSeparators) {
 TEST_F(Velumctl, ShowsOnlyTheRecordsThatWereAskedFor) {
   writeSampleLog();
   const auto shown = [this](const Strings& options) {
-    Strings arguments{"logs", "show", log_, "--json"};
-    std::ranges::copy(options, std::back_inserter(arguments));
-    const Result result = run(arguments);
+    const Result result = run(Strings{"logs", "show", log_, "--json"} + options);
     EXPECT_EQ(result.status, 0) << result.errors;
     return messages(result.output);
   };
@@ -112,23 +109,16 @@ TEST_F(Velumctl, JsonTakesRecordsApart) {
 }
 
 TEST_F(Velumctl, JsonIsValidWhateverTheLogHolds) {
-  std::mt19937 random(7);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same bytes each time
-  std::string content;
-  while (content.size() < 1'500'000) {
-    content += random() % 64 == 0 ? record("09:00:00", "a", "") : std::string();
-    for (int i = 0; i < 40; ++i) content += static_cast<char>(random());
-  }
+  // Control characters, what is no text, and across the edges of every buffer line ends, characters
+  // of several bytes and the starts of records.
+  std::string longText = "x\x01\x7F\"\\\xFF";
+  while (longText.size() < 1'300'000) longText += "\n\u20ACx";
+  std::string content = record("09:00:00", "a", "I: " + longText);
+  Strings expected(30'001, "b");
+  expected[0] = longText.replace(5, 1, "\uFFFD");
+  for (std::size_t i = 1; i < expected.size(); ++i) content += record("09:00:01", "a", "b");
   writeFile(log_, content);
-  const Result result = run({"logs", "show", log_, "--json"});
-  EXPECT_EQ(result.status, 0) << result.errors;
-  EXPECT_GT(messages(result.output).size(), 100U);  // throws where it is not valid
-
-  // Characters of several bytes across the edges of every buffer.
-  std::string longText = "x";
-  while (longText.size() < 1'300'000) longText += "\u20AC";
-  writeFile(log_, record("09:00:00", "a", "I: " + longText + "\n") + record("09:00:01", "a", "b"));
-  EXPECT_TRUE(messages(run({"logs", "show", log_, "--json"}).output) ==
-              Strings({longText + "\n", "b"}));
+  EXPECT_TRUE(messages(run({"logs", "show", log_, "--json"}).output) == expected);
 }
 
 #ifndef VELUM_SANITIZED
@@ -148,9 +138,6 @@ TEST_F(Velumctl, RejectsWrongUsageInOneLine) {
   writeSampleLog();
   const std::vector<std::pair<Strings, int>> cases{
       {{}, 2},
-      {{"logs"}, 2},
-      {{"logs", "show"}, 2},
-      {{"logs", "show", log_, "more"}, 2},
       {{"logs", "show", log_, "--level", "loud"}, 2},
       {{"logs", "show", log_, "--since", "2026-02-30"}, 2},
       {{"logs", "show", log_, "--since", "25:00"}, 2},
@@ -158,16 +145,12 @@ TEST_F(Velumctl, RejectsWrongUsageInOneLine) {
       {{"logs", "show", log_, "--follow", "--until", "1m"}, 2},
       {{"logs", "save", log_, folder_ / "out", "--whole", "--since", "1d"}, 2},
       {{"logs", "save", log_, folder_ / "out", "--max-size", "-5"}, 2},
-      {{"logs", "reset", log_}, 2},
-      {{"support", "archive", folder_ / "a.zip"}, 2},
       {{"support", "archive", folder_ / "...zip", "--log", log_}, 2},
       {{"support", "archive", folder_.path() + "/", "--log", log_}, 2},
       {{"support", "archive", folder_ / "\xff.zip", "--log", log_}, 2},
       {{"support", "archive", folder_ / std::string(201, 'a'), "--log", log_}, 2},
       {{"support", "archive", folder_ / "a.zip", "--log", log_, "--include", "name"}, 2},
-      {{"run"}, 2},
       {{"keychain", "get", "a"}, 2},
-      {{"keychain", "set", "a", "secret", "--service", "s"}, 2},
       {{"keychain", "set", "a", "--service", "s"}, 2},
       {{"keychain", "delete", "a", "--service", "s"}, 2},
       {{"defaults", "read", "../x"}, 2},
@@ -176,7 +159,6 @@ TEST_F(Velumctl, RejectsWrongUsageInOneLine) {
       {{"defaults", "write", "d", "k", "5x", "--type", "integer"}, 2},
       {{"defaults", "verify", "d", "--key-item", "a"}, 2},
       {{"storage", "dump", log_}, 2},
-      {{"encrypt", log_}, 2},
       {{"encrypt", "--key-fd", "0"}, 2},
       {{"encrypt", log_, "--key-fd", "-1"}, 2},
       {{"verify-peer", "-5", "--team", "a"}, 2},
@@ -227,9 +209,11 @@ TEST_F(Velumctl, SavesAndResets) {
   EXPECT_EQ(result.output, out + "/app.log\n");
   EXPECT_EQ(readFile(out + "/app.log"), readFile(folder_ / "app.1.log") + readFile(log_));
 
-  EXPECT_EQ(run({"logs", "reset", log_}, "y\n").status, 2);
-  EXPECT_THAT(readFile(log_), HasSubstr("three"));
-  EXPECT_EQ(run({"logs", "reset", log_, "--yes"}).status, 0);
+  EXPECT_EQ(run({"logs", "reset", log_}, "y\n").status, 2) << "there is no terminal";
+  for (const std::string answer : {"n\n", "y\n"}) {
+    ASSERT_THAT(readFile(log_), HasSubstr("three"));
+    EXPECT_EQ(answered({"logs", "reset", log_}, answer).status, answer == "y\n" ? 0 : 1) << answer;
+  }
   EXPECT_THAT(readFile(log_), AllOf(HasSubstr("reset"), Not(HasSubstr("three"))));
   EXPECT_FALSE(std::filesystem::exists(folder_ / "app.1.log"));
 }
@@ -238,9 +222,8 @@ TEST_F(Velumctl, FailsWhenItsOutputIsLost) {
   writeSampleLog();
   for (const Strings& arguments : {Strings{"--help"}, Strings{"logs", "show", log_},
                                    Strings{"logs", "save", log_, folder_ / "out", "--whole"}}) {
-    Strings line{"/bin/sh", "-c", "exec \"$@\" 2>&1 >/dev/full", "sh"};
-    std::ranges::copy(commandLine(arguments), std::back_inserter(line));
-    auto program = RunningProgram::piped(line);
+    auto program = RunningProgram::piped(
+        Strings{"/bin/sh", "-c", "exec \"$@\" 2>&1 >/dev/full", "sh"} + commandLine(arguments));
     EXPECT_THAT(program.readToEnd(), HasSubstr("No space left on device; free some space"));
     EXPECT_EQ(WEXITSTATUS(program.wait()), 1) << arguments.at(0);
   }
@@ -249,24 +232,17 @@ TEST_F(Velumctl, FailsWhenItsOutputIsLost) {
 TEST_F(Velumctl, BearsWhatItInherits) {
   const std::string out = folder_ / "out";
   const auto runAfter = [this](const std::string& prelude, const Strings& arguments) {
-    Strings line{"/bin/sh", "-c", prelude + "; exec " VELUM_VELUMCTL " \"$@\"", "sh"};
-    std::ranges::copy(arguments, std::back_inserter(line));
-    return execute(line);
+    return execute(Strings{"/bin/sh", "-c", prelude + "; exec \"$@\"", "sh"} +
+                   commandLine(arguments));
   };
-  writeFile(log_, std::string(30'000, 'x'));
-  Result result = runAfter("ulimit -f 20", {"logs", "save", log_, out, "--whole"});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.errors, HasSubstr("File too large"));
-  EXPECT_TRUE(std::filesystem::is_empty(out));
-
   std::string records;
   for (int i = 0; i < 40; ++i) records += record("10:00:00", fmt::format("s{}", i), "text");
   writeFile(log_, records);
   EXPECT_EQ(runAfter("ulimit -n 20", {"logs", "save", log_, out}).errors, "");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(out), {}), 40);
 
-  result = runAfter("trap '' CHLD; exec 2>&-",
-                    {"run", "--", "sh", "-c", "readlink /proc/$PPID/fd/2; exit 0"});
+  const Result result = runAfter("trap '' CHLD; exec 2>&-",
+                                 {"run", "--", "sh", "-c", "readlink /proc/$PPID/fd/2; exit 0"});
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(result.output, HasSubstr(") /dev/null\n")) << "the next file would be number 2";
 }
@@ -301,20 +277,6 @@ TEST_F(Velumctl, SaysWhatItWaitsForAndCanBeInterrupted) {
   other.reset();
   EXPECT_THAT(show.readToEnd(), HasSubstr("five"));
   EXPECT_EQ(show.wait(), 0);
-}
-
-TEST_F(Velumctl, AsksOnTheTerminalBeforeItResets) {
-  writeSampleLog();
-  const std::string before = readFile(log_);
-  for (const std::string answer : {"n\n", "\n", "\x04", "y\n"}) {
-    ASSERT_EQ(readFile(log_), before);
-    auto program = onTerminal({"logs", "reset", log_});
-    program.readUntil("[y/N] ");
-    program.type(answer);
-    program.readToEnd();
-    EXPECT_EQ(WEXITSTATUS(program.wait()), answer == "y\n" ? 0 : 1) << answer;
-  }
-  EXPECT_NE(readFile(log_), before);
 }
 
 TEST_F(Velumctl, ColoursAndTamesTextOnATerminal) {
@@ -473,10 +435,9 @@ TEST_F(Velumctl, CompletionAndManualKnowEveryOption) {
        {"logs show", "logs save", "logs reset", "support archive", "run", "keychain get",
         "keychain set", "keychain delete", "keychain list", "defaults read", "defaults write",
         "defaults verify", "storage dump", "encrypt", "decrypt", "http send", "verify-peer"}) {
-    Strings arguments{"--help"};
     std::istringstream parts(words);
-    arguments.insert(arguments.begin(), std::istream_iterator<std::string>(parts), {});
-    const auto options = optionsIn(run(arguments).output);
+    const Strings command(std::istream_iterator<std::string>(parts), {});
+    const auto options = optionsIn(run(command + Strings{"--help"}).output);
     ASSERT_FALSE(options.empty()) << words;
     EXPECT_EQ(complete(words + " --"), options) << words;
     for (const std::string& option : options) {

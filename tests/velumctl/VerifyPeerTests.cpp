@@ -37,24 +37,15 @@ class VelumctlVerifyPeer : public VelumctlTest {
 
   Result sign(const std::string& key, const std::string& certificate,
               const Strings& more = {}) const {
-    const std::string script = VELUM_SOURCE_DIR "/scripts/sign-code";
-    Strings arguments{script,
-                      "--key",
-                      folder_ / key,
-                      "--certificate",
-                      folder_ / certificate,
-                      "--chain",
-                      folder_ / "step.pem"};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    arguments.push_back(program_);
-    return execute(arguments);
+    return execute(
+        Strings{VELUM_SOURCE_DIR "/scripts/sign-code", "--key", folder_ / key} +
+        Strings{"--certificate", folder_ / certificate, "--chain", folder_ / "step.pem"} + more +
+        Strings{program_});
   }
 
   Result verify(int pid, Strings more = {}) const {
-    Strings arguments{"verify-peer", std::to_string(pid), "--roots", folder_ / "roots"};
     if (more.empty() || more[0] != "--team") more.insert(more.begin(), {"--team", team});
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    return run(arguments);
+    return run(Strings{"verify-peer", std::to_string(pid), "--roots", folder_ / "roots"} + more);
   }
 
   static bool contains(const std::string& text, const std::string& part) {

@@ -14,9 +14,8 @@ class VelumctlWatch : public VelumctlTest {
  protected:
   VelumctlWatch() { std::filesystem::create_directory(path_); }
 
-  static RunningProgram watching(Strings arguments) {
-    arguments.insert(arguments.begin(), "watch");
-    return start(arguments);
+  static RunningProgram watching(const Strings& arguments) {
+    return start(Strings{"watch"} + arguments);
   }
   static int exitStatus(RunningProgram& program) {
     const int status = program.wait();

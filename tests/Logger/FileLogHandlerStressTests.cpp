@@ -58,18 +58,14 @@ constexpr int processes = 8;
 constexpr int threadsEach = 4;
 constexpr std::size_t allThreads = 32;
 
-RotationPolicy neverChecked() {
-  RotationPolicy policy;
-  policy.firstCheck = 1h;
-  return policy;
-}
+constexpr RotationPolicy neverChecked{.firstCheck = 1h};
 
 struct Pipe : test::Pipe {
   void send() const { ASSERT_EQ(::write(writer.get(), "x", 1), 1); }
-  /// False when nothing came in time; zero milliseconds only looks.
-  bool receive(std::chrono::milliseconds limit = test::deadline) const {
+  /// False when nothing came in time.
+  bool receive() const {
     char byte = 0;
-    return test::isReadable(reader.get(), limit) && ::read(reader.get(), &byte, 1) == 1;
+    return test::isReadable(reader.get()) && ::read(reader.get(), &byte, 1) == 1;
   }
 };
 
@@ -176,10 +172,7 @@ class FileLogHandlerStressTest : public ::testing::Test {
 // the file is still locked.
 TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileManyProcessesWriteAndRotate) {
   constexpr int records = 150;
-  RotationPolicy policy;
-  policy.firstCheck = 0ns;
-  policy.checkInterval = 3ms;
-  policy.maxSize = 100'000;
+  constexpr RotationPolicy policy{.maxSize = 100'000, .firstCheck = 0ns, .checkInterval = 3ms};
   const std::string rotated = folder / "name.1.log";
   onRename = [&](const char* target) {
     static std::atomic<int> generation{0};
@@ -203,7 +196,7 @@ TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileManyProcessesWriteAndRotate) 
 
 TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileTheFileIsDeletedAndRenamedAgainAndAgain) {
   constexpr int records = 60;
-  auto writers = startWriters(records, 4ms, neverChecked());
+  auto writers = startWriters(records, 4ms, neverChecked);
   std::atomic<bool> isOver{false};
   int removed = 0;
   std::thread remover([&] {
@@ -232,52 +225,8 @@ TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileTheFileIsDeletedAndRenamedAga
   EXPECT_GE(removed, 10);
 }
 
-TEST_F(FileLogHandlerStressTest, HoldsItsLockAgainstAForkedChild) {
-  Pipe locked;
-  Pipe unlock;
-  RotationPolicy policy;
-  policy.firstCheck = 300ms;  // after the forks
-  policy.maxSize = 1;
-  onRename = [&](const char*) {
-    locked.send();
-    unlock.receive();
-  };
-  const auto handler = open(policy);
-  Pipe refused;
-  Pipe done;
-  const auto logs = [&](const Pipe& start) {
-    return [&] {
-      start.receive();
-      onRefusal = [&] {
-        refused.send();
-        onRefusal = nullptr;
-      };
-      handler->logWithLevel(LogLevel::info, std::chrono::system_clock::now(), "child");
-      done.send();
-    };
-  };
-  Pipe startFirst;
-  Pipe startSecond;
-  test::ChildProcess first(logs(startFirst));
-  test::ChildProcess second(logs(startSecond));
-  handler->logWithLevel(LogLevel::info, std::chrono::system_clock::now(), "parent");
-  ASSERT_TRUE(locked.receive());
-  test::ChildProcess([] {}).wait();  // a fork does not wait for the rotation
-
-  startFirst.send();
-  ASSERT_TRUE(refused.receive());
-  first.kill();  // its end must not free the parent's lock
-  startSecond.send();
-  ASSERT_TRUE(refused.receive());
-  EXPECT_FALSE(done.receive(0ms));
-  unlock.send();
-  EXPECT_TRUE(done.receive());
-  EXPECT_EQ(second.wait(), 0);
-  handler->logWithLevel(LogLevel::info, std::chrono::system_clock::now(), "parent");
-}
-
 TEST_F(FileLogHandlerStressTest, WaitsForTheLockOfOthersWhileThisProcessForks) {
-  const auto handler = open(neverChecked());
+  const auto handler = open(neverChecked);
   const UniqueFd other(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
   std::latch refused(1);
@@ -299,10 +248,7 @@ TEST_F(FileLogHandlerStressTest, WaitsForTheLockOfOthersWhileThisProcessForks) {
 
 TEST_F(FileLogHandlerStressTest, WritesWithoutTheLockOfWhoNeverReleasesItButDoesNotRotate) {
   const auto log = std::make_shared<test::RecordingSystemLog>();
-  RotationPolicy policy;
-  policy.firstCheck = 0ns;
-  policy.checkInterval = 1h;
-  policy.maxSize = 1;
+  constexpr RotationPolicy policy{.maxSize = 1, .firstCheck = 0ns, .checkInterval = 1h};
   test::writeFile(path, "old\n");
   const UniqueFd other(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
@@ -342,13 +288,11 @@ TEST_F(FileLogHandlerStressTest, EmptiesNoFileThatIsMovedAwayBeforeItIsCopied) {
 
 TEST_F(FileLogHandlerStressTest, RotatesWhatOthersWroteWithoutTheLockMeanwhile) {
   const auto log = std::make_shared<test::RecordingSystemLog>();
-  const auto other = open(neverChecked(), nullptr, 0ns);
+  const auto other = open(neverChecked, nullptr, 0ns);
   onRename = [&](const char*) {  // the copy is made already
     other->logWithLevel(LogLevel::info, std::chrono::system_clock::now(), "late");
   };
-  RotationPolicy policy;
-  policy.firstCheck = 0ns;
-  policy.maxSize = 1;
+  constexpr RotationPolicy policy{.maxSize = 1, .firstCheck = 0ns};
   test::writeFile(path, "old\n");
   const auto handler = open(policy, log);
   ASSERT_TRUE(log->waitFor("Log file has been rotated"));

@@ -1,5 +1,5 @@
-// What a record costs in allocations; its system calls are listed in tests/faults. A program of its own, because it counts every
-// allocation it makes.
+// What a record costs in allocations; its system calls are listed in tests/faults. A program of its
+// own, because it counts every allocation it makes.
 
 #include <gtest/gtest.h>
 
@@ -47,15 +47,9 @@ using namespace std::chrono_literals;
 
 class RecordCostTest : public ::testing::Test {
  protected:
-  static RotationPolicy neverChecked() {
-    RotationPolicy policy;
-    policy.firstCheck = 1h;
-    return policy;
-  }
-
   test::TemporaryFolder folder;
   std::shared_ptr<FileLogHandler> handler =
-      FileLogHandler::create("com.example.vpn", folder / "name.log", true, neverChecked(), {});
+      FileLogHandler::create("com.example.vpn", folder / "name.log", true, {.firstCheck = 1h}, {});
   std::string message = "I: (main) Cookie: secret " + std::string(100, 'x');
 };
 

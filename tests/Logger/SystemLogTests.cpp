@@ -3,14 +3,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <array>
 #include <csignal>
 #include <filesystem>
-#include <map>
-#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -19,6 +16,7 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/HungJournal.h"
 #include "tests/support/PrivateMounts.h"
+#include "tests/support/Processes.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Waiting.h"
 
@@ -31,27 +29,17 @@ constexpr const char* daemonPath = "/lib/systemd/systemd-journald";
 constexpr const char* socketPath = test::journalSocketPath;
 
 // Starts a program whose output goes to `output`; it ends with its parent at the latest.
-test::ChildProcess start(const std::vector<std::string>& command, const std::string& output) {
-  return test::ChildProcess([&] {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const UniqueFd file(::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    ::dup2(file.get(), STDOUT_FILENO);
-    ::dup2(file.get(), STDERR_FILENO);
-    std::vector<char*> arguments;
-    for (const auto& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
-    arguments.push_back(nullptr);
-    ::execvp(arguments[0], arguments.data());
-    ::_exit(127);
-  });
+pid_t start(const std::string& command, const std::string& output) {
+  return test::startShell("exec setpriv --pdeathsig KILL -- " + command + " >'" + output +
+                          "' 2>&1");
 }
 
 // The fields asked for of the records of `identifier`, in the order they were written.
 std::vector<std::string> journalLines(const std::string& identifier, const std::string& field,
                                       const std::string& output) {
-  start({"journalctl", "-a", "-q", "-D", "/run/log/journal", "-o", "cat",
-         "--output-fields=" + field, "SYSLOG_IDENTIFIER=" + identifier},
-        output)
-      .wait();
+  test::exitStatus(start("journalctl -a -q -D /run/log/journal -o cat --output-fields=" + field +
+                             " SYSLOG_IDENTIFIER=" + identifier,
+                         output));
   std::vector<std::string> lines;
   std::istringstream text(test::readFile(output));
   for (std::string line; std::getline(text, line);) lines.push_back(line);
@@ -71,7 +59,8 @@ TEST(SystemLog, WritesRecordsToTheJournalWithPriorityIdentifierAndCategory) {
     test::mountMemory("/etc/systemd", "size=1m");
     test::writeFile("/etc/systemd/journald.conf",
                     "[Journal]\nStorage=volatile\nAudit=no\nReadKMsg=no\nForwardToWall=no\n");
-    std::optional<test::ChildProcess> daemon(start({daemonPath}, folder / "daemon"));
+    const test::Family family;
+    const pid_t daemon = start(daemonPath, folder / "daemon");
     ASSERT_TRUE(test::eventually([] { return fs::exists(socketPath); }))
         << test::readFile(folder / "daemon");
 
@@ -103,9 +92,10 @@ TEST(SystemLog, WritesRecordsToTheJournalWithPriorityIdentifierAndCategory) {
     EXPECT_EQ(streamed("PRIORITY"), Lines{"6"});
 
     // The next journal gets the next record, even one that no datagram has room for.
-    daemon->kill();
+    ::kill(daemon, SIGKILL);
+    test::exitStatus(daemon);
     fs::remove(socketPath);
-    daemon.emplace(start({daemonPath}, folder / "daemon"));
+    start(daemonPath, folder / "daemon");
     ASSERT_TRUE(test::eventually([] { return fs::exists(socketPath); }));
     byDefault.logWithLevel(LogLevel::info, {}, std::string(2'000'000, 'x') + "\nlast");
     EXPECT_TRUE(test::eventually([&] { return lines("MESSAGE").back() == "last"; }));

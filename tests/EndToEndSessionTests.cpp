@@ -57,7 +57,7 @@ TEST_F(DISABLED_InSession, SurvivesTheServiceThatTheApplicationWas) {
                "VELUM_READY_FD=3 \"$1\" \"$2\" $$ 3>&4 & "
                "head -c 1 <&4; exit 0");
   EXPECT_EQ(next().name, "started") << log();
-  EXPECT_TRUE(waitForLog([&] { return isLogged("App was relaunched successfully"); })) << log();
+  EXPECT_TRUE(eventually([&] { return isLogged("App was relaunched successfully"); })) << log();
 }
 
 TEST_F(DISABLED_InSession, FindsItselfOrphanedWhenTheManagerAdoptedIt) {

@@ -15,15 +15,7 @@ class Relaunch final : public RelaunchTest {
   bool run() {
     const pid_t application = startApplication();
     Pipe ready;
-    SpawnOptions options;
-    options.executable.assign(VELUM_RELAUNCHER);
-    options.arguments = {options.executable, bundle, std::to_string(application)};
-    options.environment = environment({"VELUM_READY_FD=3"});
-    options.extraDescriptor = ready.writer.get();
-    options.newSession = true;
-    const pid_t helper = spawn(options);
-    ready.writer.reset();
-    EXPECT_TRUE(isReadable(ready.reader.get())) << "it neither watches nor ends";
+    const pid_t helper = spawnHelper(bundle, application, ready);
     ::kill(application, SIGKILL);
     const auto status = exitStatus(helper);
     EXPECT_TRUE(status) << "it hangs";

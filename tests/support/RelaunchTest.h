@@ -1,7 +1,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/inotify.h>
 
 #include <filesystem>
 #include <sstream>
@@ -62,10 +61,9 @@ class RelaunchTest : public ::testing::Test {
     return pid;
   }
 
-  /// Starts the helper and waits until it watches.
-  pid_t startHelper(const std::string& path, pid_t process,
+  /// Starts the helper, which writes a byte into the pipe when it watches, and closes it.
+  pid_t spawnHelper(const std::string& path, pid_t process, Pipe& ready,
                     const std::vector<std::string>& moreEnvironment = {}) const {
-    Pipe ready;
     SpawnOptions options;
     options.executable = helperCommand.front();
     options.arguments = helperCommand;
@@ -77,8 +75,16 @@ class RelaunchTest : public ::testing::Test {
     options.newSession = true;
     const pid_t helper = spawn(options);
     ready.writer.reset();
+    EXPECT_TRUE(isReadable(ready.reader.get())) << "it neither watches nor ends";
+    return helper;
+  }
+
+  /// Starts the helper and waits until it watches.
+  pid_t startHelper(const std::string& path, pid_t process,
+                    const std::vector<std::string>& moreEnvironment = {}) const {
+    Pipe ready;
+    const pid_t helper = spawnHelper(path, process, ready, moreEnvironment);
     char byte = 0;
-    EXPECT_TRUE(isReadable(ready.reader.get()));
     EXPECT_EQ(::read(ready.reader.get(), &byte, 1), 1) << "the helper ended before it watched";
     return helper;
   }
@@ -110,23 +116,6 @@ class RelaunchTest : public ::testing::Test {
   }
   bool isLogged(std::string_view text) const { return log().find(text) != std::string::npos; }
 
-  /// Waits until a condition holds that a write to the log may bring about; the log file exists.
-  template <class Condition>
-  bool waitForLog(Condition condition) const {
-    const UniqueFd changes(::inotify_init1(IN_CLOEXEC));
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.path())) {
-      if (entry.is_directory()) {
-        ::inotify_add_watch(changes.get(), entry.path().c_str(), IN_MODIFY);
-      }
-    }
-    std::vector<char> buffer(4096);
-    while (!condition()) {
-      if (!isReadable(changes.get())) return false;
-      if (::read(changes.get(), buffer.data(), buffer.size()) <= 0) return false;
-    }
-    return true;
-  }
-
   /// Puts a shell script in the place of the bundle's program.
   void makeScript(const std::string& script) const {
     std::filesystem::remove(program());
@@ -140,7 +129,7 @@ class RelaunchTest : public ::testing::Test {
   std::vector<std::string> helperCommand{VELUM_RELAUNCHER};
   TemporaryFolder folder;
   std::string runtimeFolder = folder.path();
-  std::string bundle = folder / "Sample VPN.app";
+  std::string bundle = folder / "Sample '$(x)' VPN.app";
   std::string identifier = ownIdentifier(folder);
   LineReader events{folder / "events"};
   Family family;

@@ -126,7 +126,7 @@ class Archives : public Tools {
   }
 
   std::string archive(const std::vector<ZipEntry>& entries, std::string_view name = "a.zip") const {
-    writeFile(folder_ / name, zipOf(entries));
+    writeZip(folder_ / name, entries);
     return folder_ / name;
   }
 
@@ -210,10 +210,10 @@ TEST_F(Archives, OfNoUseLeaveTheTargetAlone) {
   writeFile(folder_ / "text", "no archive");
   EXPECT_FALSE(SystemUtil::uncompress(folder_ / "text", target_));
   EXPECT_THAT(lastRecord(), AllOf(StartsWith(failed), HasSubstr(". Output: ")));
-  const std::string whole = zipOf({{"a", "content"}});
+  const std::string whole = readFile(archive({{"a", "content"}}));
   writeFile(folder_ / "cut.zip", whole.substr(0, whole.size() - 30));
   EXPECT_FALSE(SystemUtil::uncompress(folder_ / "cut.zip", target_));
-  std::string damaged = zipOf({{"a", "content"}});
+  std::string damaged = whole;
   damaged.at(damaged.find("content")) = 'X';
   writeFile(folder_ / "damaged.zip", damaged);
   EXPECT_FALSE(SystemUtil::uncompress(folder_ / "damaged.zip", target_));

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Velum/Platform/Linux/HardwareRegistryLinux.h"
+#include "Velum/Telemetry.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -130,12 +131,16 @@ TEST(Mac, ReportsAFailedSearchOnceOrTwice) {
 
 TEST(SystemInfo, MapsProcessorModelAndVersion) {
   FakeRegistry registry;
+  const auto platform = [&] { return Telemetry::makeUserAgent(registry).os.platform; };
   registry.processor = 0x0100000C;
   EXPECT_EQ(SystemInfo::getCPUType(registry), CPUType::arm64);
+  EXPECT_EQ(platform(), "arm");
   registry.processor = 0x01000007;
   EXPECT_EQ(SystemInfo::getCPUType(registry), CPUType::x86_64);
+  EXPECT_EQ(platform(), "x64");
   registry.processor = 7;  // the same in 32 bits
   EXPECT_EQ(SystemInfo::getCPUType(registry), CPUType::unknown);
+  EXPECT_EQ(platform(), "");
   EXPECT_EQ(rawValue(CPUType::x86_64), "x86_64");
   EXPECT_EQ(fromRawValue<CPUType>("arm64"), CPUType::arm64);
   EXPECT_EQ(fromRawValue<CPUType>("ARM64"), std::nullopt);
@@ -144,7 +149,8 @@ TEST(SystemInfo, MapsProcessorModelAndVersion) {
   registry.model = std::string("Mac\xFFPro18,3\0rest", 16);
   EXPECT_EQ(SystemInfo::getHardwareModel(registry), "Mac\xEF\xBF\xBDPro18,3");
   registry.version = {14, 2, 0};
-  EXPECT_EQ(SystemInfo::getOSVersion(registry), "14.2.0");
+  EXPECT_EQ(Telemetry::makeUserAgent(registry).os.version, "14.2.0");
+  EXPECT_EQ(Telemetry::makeUserAgent(registry).device.model, "Mac\xEF\xBF\xBDPro18,3");
 }
 
 TEST(SystemExtensions, ReportsActiveRowsWithoutVersions) {

@@ -49,6 +49,7 @@ TEST(SyntheticId, ReadsOtherTextsAsTheirCodes) {
       {"+-1", "9e633aaa"},
       {"+", "8caaaaaa"},
       {"zzzzzz", "74681926"},
+      {"zd", "a5c1caaa"},  // 122 and 100
       {"\n", "5aaaaaaa"},
       {"\r", "8aaaaaaa"},
       {"\r\n", "5aaaaaaa"},

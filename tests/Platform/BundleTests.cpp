@@ -224,6 +224,8 @@ TEST_F(BundleTest, LooksPlainProgramNamesUpInPath) {
   EXPECT_THAT(words("tool a"), ElementsAre(folder / "two/tool", "a"));
   EXPECT_THAT(words("missing"), IsEmpty());
   EXPECT_THAT(words("two/tool"), IsEmpty());
+  const ScopedVariable relative("PATH", fs::relative("/usr/bin").string());
+  EXPECT_THAT(words("env"), IsEmpty());
 }
 
 }  // namespace

@@ -329,8 +329,9 @@ TEST(PropertyList, RefusesObjectsThatReachOutside) {
     EXPECT_FALSE(PropertyList::read(document({marker + hugeLength}))) << int{marker};
   }
   for (const std::string& object : std::vector<std::string>{
-           "\x5F\x50", "\x5F\x14", "\x80\x01", "\x71x", "\x51\xFF",
-           '\x33' + bigEndian(0x7FF8ULL << 48U, 8), '\x33' + bigEndian(0x7FEULL << 52U, 8)}) {
+           "\x5F\x50", "\x4F\x14" + bigEndian(0, 8) + bigEndian(1, 8) + "x", "\x80\x01", "\x71x",
+           "\x51\xFF", '\x33' + bigEndian(0x7FF8ULL << 48U, 8),
+           '\x33' + bigEndian(0x7FEULL << 52U, 8)}) {
     EXPECT_FALSE(PropertyList::read(document({object}))) << testing::PrintToString(object);
   }
   // A lone surrogate is no reason to refuse a whole document.

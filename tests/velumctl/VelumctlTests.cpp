@@ -43,7 +43,7 @@ class Velumctl : public VelumctlTest {
     writeFile(folder_ / "app.1.log", "no record\n" + record("09:00:00", "a.ui", "I: (Ui) one") +
                                          record("09:30:00", "a.net", "W: (Net) two\nlines"));
     writeFile(log_, record("10:00:00", "a.net", "E: (Net: go()) three") +
-                        record("10:30:00", "a.ui", "D: (Ui: go()) four \xFF \x1E \x1B[2J") +
+                        record("10:30:00", "a.ui", "D: (Ui: go()) four \xFF \x1E \x1B[2J\xC2\x9B") +
                         record("11:00:00", "a.ui", "five"));
   }
 
@@ -104,7 +104,8 @@ TEST_F(Velumctl, JsonTakesRecordsApart) {
                     R"("message":"no record"})");
   EXPECT_EQ(all[3], R"({"date":"2026-11-20 10:00:00.000","process":321,"thread":6659,)"
                     R"("subsystem":"a.net","level":"error","message":"(Net: go()) three"})");
-  EXPECT_EQ(nlohmann::json::parse(all[4]).at("message"), "(Ui: go()) four \uFFFD \x1E \x1B[2J");
+  EXPECT_EQ(nlohmann::json::parse(all[4]).at("message"),
+            "(Ui: go()) four \uFFFD \x1E \x1B[2J\u009B");
   EXPECT_EQ(nlohmann::json::parse(all[5]).at("level"), nullptr);
 }
 
@@ -285,7 +286,7 @@ TEST_F(Velumctl, ColoursAndTamesTextOnATerminal) {
   EXPECT_THAT(text, HasSubstr("\x1B[33m2026-11-20 09:30:00.000   321:1a03     [a.net] W: (Net) "
                               "two\x1B[0m\r\n\x1B[33mlines\x1B[0m\r\n"));
   EXPECT_THAT(text, HasSubstr("\x1B[31m2026-11-20 10:00:00.000"));
-  EXPECT_THAT(text, AllOf(HasSubstr("four \uFFFD ^^ ^[[2J"), Not(HasSubstr("\x1B[2J"))));
+  EXPECT_THAT(text, AllOf(HasSubstr("four \uFFFD ^^ ^[[2J<9B>"), Not(HasSubstr("\x1B[2J"))));
   text = onTerminal({"logs", "show", log_}, "PAGER=cat", "NO_COLOR=1").readToEnd();
   EXPECT_THAT(text, AllOf(HasSubstr("three"), Not(HasSubstr("\x1B"))));
 }

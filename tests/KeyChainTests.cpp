@@ -47,6 +47,7 @@ TEST(KeyChain, SavesWithAsFewWritesAsPossible) {
     expectCalls("two", {{"copyMatching", query}, {"update", query}});
     expectCalls("two", {{"copyMatching", query}});
     EXPECT_EQ(KeyChain::load("key", "service", query.accessGroup, store), secretBytes("two"));
+    store.takeCalls();
     const std::string record =
         "D: (KeyChain: save(key:value:service:accessGroup:)) Keychain value for key key ";
     EXPECT_THAT(log.texts(),

@@ -81,7 +81,6 @@ TEST(KeyStorage, WritesEveryChangeBeforeItReturns) {
   storage.setObject(number(2), "one");
   storage.setObject(number(3), "three");
   EXPECT_EQ(backEnd.content(), (Dictionary{{"one", number(2)}, {"three", number(3)}}));
-  EXPECT_EQ(storage.dictionaryRepresentation(), backEnd.content());
   storage.setObject(std::nullopt, "one");
   EXPECT_EQ(backEnd.content(), (Dictionary{{"three", number(3)}}));
   EXPECT_FALSE(storage.object("one"));
@@ -93,7 +92,6 @@ TEST(KeyStorage, WritesEveryChangeBeforeItReturns) {
 
   Storage other(backEnd, 0);
   other.load();
-  EXPECT_EQ(other.object("three"), number(3));
   EXPECT_EQ(other.dictionaryRepresentation(), storage.dictionaryRepresentation());
   Storage delayed(backEnd, never);
   delayed.reset(std::nullopt);
@@ -172,6 +170,13 @@ TEST(KeyStorage, ChangesMadeByTheBackEndAreWrittenAfterwards) {
   EXPECT_TRUE(eventually([&] {
     return backEnd.content() == Dictionary{{"inside", number(2)}, {"one", number(1)}};
   }));
+  backEnd.onStore = [&] {
+    storage.setObject(number(4), "one");
+    throw StorageError("disk full");
+  };
+  EXPECT_FALSE(storage.setObjects({{"one", number(3)}}));
+  EXPECT_EQ(storage.object("one"), number(4)) << "taken back with what could not be written";
+  backEnd.onStore = [] {};
 }
 
 TEST(KeyStorage, WritesNothingThatCouldNotBeReadAgain) {

@@ -103,6 +103,10 @@ TEST_F(UserDefaultsTest, RegisteredDefaultsStandBackBehindStoredOnes) {
   EXPECT_EQ(defaults->registeredObject("key"), text("newer"));
   EXPECT_EQ(UserDefaults::domain("com.example")->object("other"), std::nullopt);
   EXPECT_FALSE(defaults->persistentDomain()->contains("other"));
+
+  EXPECT_TRUE(UserDefaults::standard().setObject("key", text("value")));
+  const std::string program = fs::read_symlink("/proc/self/exe").filename().string();
+  EXPECT_EQ(UserDefaults::domain(program)->object("key"), text("value"));
 }
 
 // Runs in a process of its own, started with the arguments below.
@@ -137,12 +141,6 @@ TEST_F(UserDefaultsTest, ArgumentsOverrideWhatIsStored) {
                    -number -5 -twice 1 -twice 2 -empty '' --long x -last)")),
             0);
   EXPECT_EQ(defaults->object("name"), text("stored")) << "the child ran nothing";
-}
-
-TEST_F(UserDefaultsTest, StandardDomainIsNamedForTheProgram) {
-  EXPECT_TRUE(UserDefaults::standard().setObject("key", text("value")));
-  const std::string program = fs::read_symlink("/proc/self/exe").filename().string();
-  EXPECT_EQ(UserDefaults::domain(program)->object("key"), text("value"));
 }
 
 }  // namespace

@@ -214,6 +214,7 @@ std::vector<SecretName> SecretServiceLinux::list(const std::optional<std::string
     const auto items = find(session, attributes);
     // Those found elsewhere are not all.
     static_cast<void>(defaultCollection(session));
+    names.reserve(items.size());
     for (const std::string& item : items) {
       names.push_back(nameOf(session.attributes(item)));
     }

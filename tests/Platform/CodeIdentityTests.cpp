@@ -92,16 +92,11 @@ TEST_F(CodeIdentityTest, RefusesWhatIsNoSoundSignatureOfThisContent) {
   };
   const std::vector<Case> cases{
       {"", "damaged"},
-      {"no signature at all", "damaged"},
       {sound.substr(0, sound.size() - 1), "damaged"},
-      {sound.substr(0, sound.size() / 2), "damaged"},
       {sound + '\0', "bytes follow"},
-      {sound + sound, "bytes follow"},
-      {maker().pem(), "damaged"},
       {makeSignature(content + "x", {&maker()}), "content differs"},
       {signedWith(EVP_sha256(), 0), "not detached"},
       {signedWith(EVP_sha1(), CMS_DETACHED), "digest"},
-      {makeSignature(content, {&second}, EVP_md5()), "digest"},
       {signedWith(EVP_sha256(), CMS_DETACHED | CMS_NOATTR), "not made with the key"},
       {signedWith(EVP_sha256(), CMS_DETACHED | CMS_NOCERTS), "lacks the signer's certificate"},
       {makeSignature(content, {&maker(), &second}), "exactly one signer"},

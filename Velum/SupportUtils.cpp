@@ -266,10 +266,11 @@ class ArchiveJob {
     stopIfCancelled();
     unlessCancelled([&] { saveLogs(folder->content()); });
     progress_->completeUnit();
-    for (const auto& [relativePath, value] : items_) {
+    for (const auto& item : items_) {
       stopIfCancelled();
-      unlessCancelled(
-          [&] { SupportUtils::saveItem(value, relativePath, folder->content(), progress_.get()); });
+      unlessCancelled([&] {
+        SupportUtils::saveItem(item.second, item.first, folder->content(), progress_.get());
+      });
       progress_->completeUnit();
     }
     stopIfCancelled();

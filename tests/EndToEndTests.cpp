@@ -133,7 +133,7 @@ TEST_F(EndToEnd, NeedsFewSystemCalls) {
     const Event started = next();
     EXPECT_EQ(exitStatus(helper), 0);
     const std::regex foreign("/proc/(?!" + std::to_string(helper) +
-                             "/)[0-9]| \\(deleted\\)|\\.app\\b|/Contents");
+                             R"(/)[0-9]| \(deleted\)|\.app\b|/Contents)");
     const std::string all = readFile(trace);
     const std::size_t end = all.find(", -1) = 1\n", all.find(preparation));
     std::istringstream calls(all.substr(end, all.find("\nclone", end) - end));

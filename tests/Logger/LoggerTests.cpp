@@ -144,8 +144,9 @@ TEST_F(LoggerTest, BearsNewHandlersWhileOthersLog) {
 }
 
 TEST(LogLevel, IsMadeFromItsNameOrRawValueOnly) {
-  for (int raw = 0; raw <= 4; ++raw)
+  for (int raw = 0; raw <= 4; ++raw) {
     EXPECT_EQ(logLevel(description(logLevel(raw).value())), logLevel(raw));
+  }
   EXPECT_EQ(logLevel("warning"), LogLevel::warning);
   EXPECT_EQ(logLevel(3), LogLevel::warning);
   for (const char* const other : {"Warning", "warn", " info", "info ", "", "fault"}) {

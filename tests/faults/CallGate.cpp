@@ -6,6 +6,7 @@
 #include <linux/fs.h>
 #include <linux/seccomp.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -277,8 +278,9 @@ class CallGate::Supervisor {
     if (::ioctl(listener_.get(), SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) return;  // was interrupted
     const int error = shared_.isArmed ? decide(call) : 0;
     if (error == Injection::kill) {
+      const auto caller = static_cast<pid_t>(call.pid);
       if (isProcessMeant_) ::kill(process_, SIGKILL);
-      ::kill(static_cast<pid_t>(call.pid), SIGKILL);
+      endChild(caller);
       return;
     }
     seccomp_notif_resp response{};
@@ -286,6 +288,15 @@ class CallGate::Supervisor {
     response.error = -error;
     if (error == 0) response.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
     ::ioctl(listener_.get(), SECCOMP_IOCTL_NOTIF_SEND, &response);  // fails for one interrupted
+  }
+
+  /// Kills it, and waits: until it is gone, a child keeps what it inherited, such as locks.
+  void endChild(pid_t caller) const {
+    const UniqueFd child(static_cast<int>(::syscall(SYS_pidfd_open, caller, 0U)));
+    ::kill(caller, SIGKILL);
+    if (!child || caller == process_) return;  // a thread has no descriptor
+    pollfd end{child.get(), POLLIN, 0};
+    retryInterrupted([&] { return ::poll(&end, 1, 10'000); });
   }
 
   /// 0, an errno, or Injection::kill.
@@ -314,9 +325,12 @@ class CallGate::Supervisor {
     const std::uint64_t flags = notice.data.args[kind.argument + 1];
     if (kind.errors == opening && (flags & O_CREAT) != 0)
       call.errors.insert(call.errors.begin(), ENOSPC);
+    // To let go of a lock does not fail.
+    if (notice.data.nr == SYS_flock && notice.data.args[1] == LOCK_UN) call.errors.clear();
 
     int error = 0;
-    if (run_.calls.size() == injection_.index) {
+    const bool canFail = injection_.kills || !call.errors.empty();
+    if (run_.calls.size() == injection_.index && canFail) {
       error =
           injection_.kills ? Injection::kill : call.errors[injection_.error % call.errors.size()];
       run_.injected = call;

@@ -214,6 +214,7 @@ class Harness {
     const bool isSuccess = operation_.run();
     gate.arm(false);
     notes->isSuccess = isSuccess;
+    if (operation_.isSettled) eventually(operation_.isSettled, std::chrono::seconds(2));
     Notes::put(filesBelow(folder), notes->filesAfterRun);
     operation_.verify(isSuccess ? Outcome::succeeded : Outcome::failed);
     tryAgain();

@@ -20,6 +20,8 @@ struct FaultyOperation {
   std::function<void()> prepare = [] {};
   /// The operation; whether it reports success.
   std::function<bool()> run;
+  /// Whether what it set going behind itself rests; waited for before its files are looked at.
+  std::function<bool()> isSettled = {};
   /// Expects that the old or the new state stands, as the outcome allows.
   std::function<void(Outcome)> verify;
   /// The later try, which must succeed; empty: `run` again.

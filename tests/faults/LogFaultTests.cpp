@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <semaphore>
 
 #include "Velum/Logger/FileLogManager.h"
@@ -17,6 +18,7 @@
 namespace velum::test {
 namespace {
 
+namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 constexpr const char* subsystem = "com.example.vpn";
@@ -48,6 +50,13 @@ struct Log {
   bool hasSaid(std::string_view text) const {
     return std::ranges::any_of(systemLog->entries(), [&](const auto& entry) {
       return entry.second.find(text) != std::string::npos;
+    });
+  }
+  /// Whether a copy has not got its name yet, or was left behind.
+  bool isCopying() const {
+    const fs::directory_iterator files(fs::path(path).parent_path());
+    return std::ranges::any_of(files, [this](const auto& file) {
+      return file.path().native().starts_with(rotated + '.');
     });
   }
   bool isRecorded(std::string_view text) const {
@@ -105,12 +114,13 @@ TEST(Faults, LogRecord) {
 /// A handler made, its first record and a rotation; what fails shows in the system log.
 TEST(Faults, LogRotation) {
   Log log;
-  const std::string old = records("old", 20);
+  const std::string old = records("old", 50);
   failEveryCall({
       .enter =
           [&](const std::string& folder) {
             log.enter(folder);
-            log.policy = {.maxSize = 500, .firstCheck = 1ms, .checkInterval = 1ms};
+            // Each check writes as well, and must not soon make another rotation due.
+            log.policy = {.maxSize = 3'000, .firstCheck = 1ms, .checkInterval = 20ms};
           },
       .prepare =
           [&] {
@@ -131,6 +141,7 @@ TEST(Faults, LogRotation) {
             }
             return !has("Failed");
           },
+      .isSettled = [&] { return !log.isCopying(); },  // the next check may have begun
       .verify =
           [&](Outcome outcome) {
             log.handler.reset();

@@ -75,6 +75,7 @@ class RunningProgram {
     int terminal = -1;
     const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, &size);
     if (pid == 0) {
+      ::signal(SIGINT, SIG_DFL);  // who runs the tests in the background ignores it
       ::execve(argumentList[0], argumentList.data(), variableList.data());
       ::_exit(127);
     }

@@ -34,8 +34,8 @@ class AtomicFile {
   /// with `caller`: the old file then stands, and nothing is left beside it. (Only when the last
   /// step fails, making the new name durable, the new file stands already.) The folder must
   /// exist. A symbolic link at the path is replaced, not followed. Before that, it removes what
-  /// writers of this file left that were killed while they wrote. Returns the stamp of the new file,
-  /// whoever replaces it next; nothing when it can't be seen.
+  /// writers of this file left that were killed while they wrote. Returns the stamp of the new
+  /// file, whoever replaces it next; nothing when it can't be seen.
   std::optional<FileStamp> replace(std::string_view content, std::string_view caller,
                                    Old old = Old::replaced) const;
 

@@ -32,8 +32,8 @@ class FileUtils {
 };
 
 /// Clones `source` to `destination` (see cloneFile in Platform/FileClone.h), replacing what is
-/// there. Throws SystemError "clonefile(_:to:), copyfile (source, destination)", with ECANCELED when
-/// `progress` was cancelled meanwhile.
+/// there. Throws SystemError "clonefile(_:to:), copyfile (source, destination)", with ECANCELED
+/// when `progress` was cancelled meanwhile.
 void clonefile(const std::string& source, const std::string& destination,
                const Progress* progress = nullptr);
 

@@ -88,11 +88,11 @@ class SupportUtils {
 
   /// Makes the archive at `destination`, replacing what is there, in the background. Units of the
   /// progress are the logs, each item and the packing. Cancelling ends the copying of files and the
-  /// packing at once, else the work at its next step, with the error `cancelled`. On failure what is at `destination`
-  /// stays, and in no case is anything temporary left. A relative path that leaves the archive is
-  /// SystemError EPERM, one that names what another item or a saved log is named is EEXIST, and so
-  /// is a `destination` that is a file of the log. A warning says when no record of the log was to
-  /// be saved.
+  /// packing at once, else the work at its next step, with the error `cancelled`. On failure what
+  /// is at `destination` stays, and in no case is anything temporary left. A relative path that
+  /// leaves the archive is SystemError EPERM, one that names what another item or a saved log is
+  /// named is EEXIST, and so is a `destination` that is a file of the log. A warning says when no
+  /// record of the log was to be saved.
   ///
   /// `startDate` is where the logs begin instead of the purpose's period; with `showInFinder` the
   /// archive is shown in the file viewer at the end.

@@ -91,8 +91,8 @@ class PathWatcher;
 
 /// How the kernel gets to the folder that holds the last name of a path: through folders and links,
 /// all of which are watched for their own move and end, and for who may go through. As long as it
-/// does not get there, each folder on the way is watched for the name that is looked up in it. One for all watchers that
-/// began together in one folder. Under the registry's lock.
+/// does not get there, each folder on the way is watched for the name that is looked up in it. One
+/// for all watchers that began together in one folder. Under the registry's lock.
 struct PathWay : std::enable_shared_from_this<PathWay> {
   enum class Kind : bool {
     folder,  ///< All of the path are folders, or links to such.

@@ -1,15 +1,10 @@
 #include "Velum/Platform/Linux/SecretServiceLinux.h"
 
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <string_view>
 
 #include "Velum/Platform/Linux/SecretChoiceLinux.h"
-#include "Velum/Platform/Linux/XdgFolders.h"
 #include "Velum/Platform/Posix/PrivateFolder.h"
 #include "Velum/SystemError.h"
 
@@ -59,22 +54,6 @@ std::atomic<bool> PromptTurn::isTaken{false};
 
 bool SecretServiceLinux::isPrompting() noexcept {
   return PromptTurn::isTaken;
-}
-
-std::optional<std::string> SecretServiceLinux::sessionBusAddress() {
-  if (const char* const address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
-      address != nullptr && *address != '\0') {
-    if (std::string_view(address) == "disabled:") return std::nullopt;
-    return address;
-  }
-  const auto folder = sessionFolder();
-  if (!folder) return std::nullopt;
-  const std::string path = *folder + "/bus";
-  struct stat status {};
-  const bool isOwnSocket = ::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) &&
-                           status.st_uid == ::geteuid();
-  if (!isOwnSocket) return std::nullopt;
-  return SecretSession::addressOfSocket(path);
 }
 
 SecretSession& SecretServiceLinux::connected() {

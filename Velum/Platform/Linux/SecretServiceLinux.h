@@ -24,10 +24,6 @@ class SecretServiceLinux final : public SecretPlace {
  public:
   enum class Presence : std::uint8_t { present, absent };
 
-  /// The address of the session's bus from the environment: DBUS_SESSION_BUS_ADDRESS, else the
-  /// socket "bus" in the session's folder. Nothing when neither is there. Any thread.
-  static std::optional<std::string> sessionBusAddress();
-
   /// Whether a prompt waits for the user's answer, in any thread. Any thread.
   static bool isPrompting() noexcept;
 

@@ -271,11 +271,6 @@ bool SecretSession::isText(const std::string& text) {
   return g_utf8_validate_len(text.data(), text.size(), nullptr) != FALSE;
 }
 
-std::string SecretSession::addressOfSocket(const std::string& path) {
-  const GText escaped(g_dbus_address_escape_value(path.c_str()));
-  return std::string("unix:path=") + escaped.get();
-}
-
 SecretSession::SecretSession(std::string busAddress)
     : busAddress_(std::move(busAddress)), handles_(std::make_unique<Handles>()) {
   handles_->connection = connect(busAddress_);

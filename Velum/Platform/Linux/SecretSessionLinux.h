@@ -37,8 +37,6 @@ class SecretSession {
 
   /// Whether a message can carry the text: UTF-8 without NUL. Any thread.
   static bool isText(const std::string& text);
-  /// The address of the bus that listens on a socket. Any thread.
-  static std::string addressOfSocket(const std::string& path);
 
   /// Connects to the bus. Starts no service. Fails in a child forked from a process that had a
   /// session: the bus library's thread does not live there.

@@ -12,6 +12,7 @@
 #include "Velum/Platform/Linux/SecretChoiceLinux.h"
 #include "Velum/Platform/Linux/SecretServiceLinux.h"
 #include "Velum/Platform/Linux/SecretWorkersLinux.h"
+#include "Velum/Platform/Linux/UserBusLinux.h"
 #include "Velum/Platform/Linux/VaultLinux.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
 #include "Velum/SystemError.h"
@@ -32,7 +33,7 @@ SecretCall callNow(std::chrono::milliseconds timeout) {
   call.folder = userFolder("XDG_DATA_HOME", ".local/share");
   if (call.folder) call.folder->append("/velum");
   call.credentialsFolder = absoluteVariable("CREDENTIALS_DIRECTORY");
-  call.busAddress = SecretServiceLinux::sessionBusAddress();
+  call.busAddress = userBusAddress();
   call.hasDisplay = isSet("DISPLAY") || isSet("WAYLAND_DISPLAY");
   return call;
 }

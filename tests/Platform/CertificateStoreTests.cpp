@@ -194,6 +194,14 @@ TEST_F(UserCertificates, SayWhyADatabaseCantBeUsed) {
   EXPECT_EQ(set(root, always), errSecInteractionNotAllowed);
   EXPECT_EQ(store_.copyTrustSettings(root, user).status.number, errSecNoTrustSettings);
   EXPECT_EQ(labels(), Labels{"root"});
+
+  ::chmod(database().c_str(), 0500);
+  ::chmod((database() + "/cert9.db").c_str(), 0400);
+  if (::geteuid() != 0) {
+    EXPECT_EQ(store_.remove("root", keychain()).number, errSecErrnoBase + EACCES);
+  }
+  EXPECT_EQ(labels(), Labels{"root"});
+  ::chmod(database().c_str(), 0700);
 }
 
 TEST_F(UserCertificates, LeaveAnotherDatabaseOfThisProcessAlone) {

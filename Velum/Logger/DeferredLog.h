@@ -23,7 +23,7 @@ class DeferredLog {
   /// Drops the records that were kept since this object was made, if their texts are those in
   /// `told`; else `told` gets them. For what goes wrong in the same way at every look. Without
   /// records nothing happens.
-  void dropRepetition(std::string& told);
+  void dropRepetition(std::string& told) const;
 
  private:
   friend class Logger;

@@ -90,7 +90,7 @@ DeferredLog::DeferredLog() noexcept
   if (isOutermost_) ofThread() = this;
 }
 
-void DeferredLog::dropRepetition(std::string& told) {
+void DeferredLog::dropRepetition(std::string& told) const {
   std::vector<Record>& records = ofThread()->records_;
   const auto first = records.begin() + static_cast<std::ptrdiff_t>(first_);
   std::string texts;

@@ -88,7 +88,7 @@ std::string usualSessionFolder() {
 }
 
 std::optional<std::string> sessionFolder() {
-  const auto named = absoluteVariable("XDG_RUNTIME_DIR");
+  auto named = absoluteVariable("XDG_RUNTIME_DIR");
   struct stat status {};
   if (named && isOwnFolder(*named, status)) return named;
   auto usual = usualSessionFolder();

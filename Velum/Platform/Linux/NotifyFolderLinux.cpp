@@ -283,7 +283,7 @@ void NotifyFolder::forget(const std::string& file) const {
 
 /// Whether that very file still stands at its path: nobody removed or moved it, or its folder, or
 /// gave it away.
-bool NotifyFolder::isAt(const NotifyFile& file) const noexcept {
+bool NotifyFolder::isAt(const NotifyFile& file) noexcept {
   struct stat present {};
   return ::lstat(file.path.c_str(), &present) == 0 && present.st_ino == file.inode &&
          present.st_dev == file.device && present.st_uid == file.owner;

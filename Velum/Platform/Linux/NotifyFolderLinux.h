@@ -152,7 +152,7 @@ class NotifyFolder {
   std::vector<std::string> entriesOf(std::size_t group) const;
   void sweepGroup(std::size_t group) const noexcept;
   std::string pathOf(const std::string& file) const { return path_ + '/' + file; }
-  bool isAt(const NotifyFile& file) const noexcept;
+  static bool isAt(const NotifyFile& file) noexcept;
   File openExisting(const UniqueFd& group, const std::string& file, int access) const noexcept;
   File openForLook(const std::string& file) const noexcept;
   File openOwn(const std::string& name, bool& isNew) const;

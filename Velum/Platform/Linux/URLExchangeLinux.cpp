@@ -394,16 +394,16 @@ URLError URLExchange::failure(CURLcode result, long status) const {
   if (demand_.isMade() && isBroken(result)) {
     failure.code = CURLE_SSL_CLIENTCERT;
     failure.text = "the server demands a client certificate, which is not supported";
-  } else if (result == CURLE_UNSUPPORTED_PROTOCOL && status == 0) {
-    // Before any answer, it is not the URL: what the server sent is no HTTP.
+  } else if ((result == CURLE_UNSUPPORTED_PROTOCOL && status == 0) ||
+             result == CURLE_BAD_FUNCTION_ARGUMENT) {
+    // Before any answer, it is not the URL: what the server sent is no HTTP. Nor is a trailer that
+    // can't be read our argument.
     failure.code = CURLE_WEIRD_SERVER_REPLY;
   } else if (result == CURLE_UNSUPPORTED_PROTOCOL) {
     const auto place = answer_.headers().value("Location").value_or("");
     failure.text = equalsIgnoringCase(place.substr(0, 5), "http:")
                        ? "the server redirected from https to http, which is not followed"
                        : "the server redirected to what is neither http nor https";
-  } else if (result == CURLE_BAD_FUNCTION_ARGUMENT) {
-    failure.code = CURLE_WEIRD_SERVER_REPLY;  // a trailer that is none
   } else if (result == CURLE_OUT_OF_MEMORY && firstByte > 0) {
     // So older versions of libcurl say that a line is longer than they take.
     failure.code = CURLE_WEIRD_SERVER_REPLY;

@@ -33,6 +33,7 @@
 #include "tests/support/HttpServer.h"
 #include "tests/support/SecretEnvironment.h"
 #include "tests/support/UsingProcess.h"
+#include "tests/support/Waiting.h"
 
 namespace velum::test {
 namespace {
@@ -153,7 +154,9 @@ const std::vector<Service> services{
        auto store = std::make_shared<CertificateStoreLinux>();
        return [store] {
          const auto keychains = store->searchList(SecPreferencesDomain::user).keychains;
-         return !keychains.empty() && store->list(keychains.front()).status.isSuccess();
+         // Its locks are not fair: with so many users, one may find it busy for seconds.
+         return !keychains.empty() &&
+                eventually([&] { return store->list(keychains.front()).status.isSuccess(); });
        };
      }},
     {"Messages",

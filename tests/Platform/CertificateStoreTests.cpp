@@ -11,9 +11,11 @@
 #include <filesystem>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Velum/Platform/Linux/CertificateStoreLinux.h"
+#include "Velum/Platform/Linux/LockHolderLinux.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
@@ -408,6 +410,29 @@ TEST_F(UserCertificates, SayThatSomebodyHoldsTheirDatabase) {
   ASSERT_EQ(::fcntl(file.get(), F_OFD_SETLK, &whole), 0);
   const CertificateStatus status = store_.remove("root", keychain());
   EXPECT_EQ(status.number, errSecErrnoBase + EBUSY) << status.text();
+}
+
+TEST(LockHolder, IsFoundWhileOtherLocksComeAndGo) {
+  const TemporaryFolder root;
+  const UniqueFd file(::open((root / "held").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  ASSERT_EQ(::fcntl(file.get(), F_OFD_SETLK, &whole), 0);
+  std::vector<std::jthread> others;
+  for (const char* const name : {"first", "second"}) {
+    others.emplace_back([path = root / name](const std::stop_token& stop) {
+      const UniqueFd other(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+      while (!stop.stop_requested()) {
+        ::flock(other.get(), LOCK_EX);
+        ::flock(other.get(), LOCK_UN);
+      }
+    });
+  }
+  int found = 0;
+  constexpr int looks = 500;
+  for (int look = 0; look < looks; ++look) found += holderOfLock(root / "held") ? 1 : 0;
+  EXPECT_EQ(found, looks);
+  EXPECT_EQ(holderOfLock(root / "missing"), std::nullopt);
 }
 
 TEST(SecCertificate, IsOnlyWhatCanBeParsed) {

@@ -29,14 +29,9 @@ bool isNamed(const std::string& name, const struct stat& status) {
   return name == fmt::format("{:02x}:{:02x}{}", major(status.st_dev), minor(status.st_dev), number);
 }
 
-}  // namespace
-
-std::optional<std::string> holderOfLock(const std::string& path) {
+std::optional<std::string> lookForHolder(const struct stat& status) {
   constexpr std::size_t largest = std::size_t{16} << 20U;
-  struct stat status {};
-  const auto locks = readRegularFile("/proc/locks", largest);
-  if (!locks || ::stat(path.c_str(), &status) != 0) return std::nullopt;
-  std::istringstream lines(*locks);
+  std::istringstream lines(readRegularFile("/proc/locks", largest).value_or(""));
   for (std::string line; std::getline(lines, line);) {
     // 1: POSIX  ADVISORY  WRITE 4711 08:01:1234 0 EOF; who waits has an arrow behind the number.
     std::istringstream fields(line);
@@ -47,6 +42,18 @@ std::optional<std::string> holderOfLock(const std::string& path) {
     if (fields >> word >> word >> process >> file && isNamed(file, status)) return nameOf(process);
   }
   return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> holderOfLock(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+  // A list of several pages misses a lock when one before it goes meanwhile.
+  constexpr int looks = 5;
+  std::optional<std::string> holder;
+  for (int look = 0; look < looks && !holder; ++look) holder = lookForHolder(status);
+  return holder;
 }
 
 }  // namespace velum

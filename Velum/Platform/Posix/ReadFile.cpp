@@ -30,9 +30,11 @@ std::optional<std::string> readRegularFile(int file, std::size_t maximumSize) {
   }
 
   // One byte more than the size tells the end from a file that grew meanwhile, without a read that
-  // finds nothing. Files of the kernel's own claim to be empty.
+  // finds nothing. Files of the kernel's own claim to be empty, and are made up anew at each read
+  // for as many bytes as it asks for, at most these: in smaller pieces a list loses entries.
+  constexpr std::size_t kernelsPiece = 4096;
   const auto size = static_cast<std::size_t>(status.st_size);
-  std::string content(size + 1, '\0');
+  std::string content(size > 0 ? size + 1 : kernelsPiece, '\0');
   std::size_t length = 0;
   for (;;) {
     const ssize_t count = retryInterrupted(

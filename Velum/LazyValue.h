@@ -1,10 +1,9 @@
 #pragma once
 
-#include <sys/types.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <memory>
+
+#include "Velum/Platform/AtFork.h"
 
 namespace velum {
 
@@ -38,14 +37,15 @@ class LazyStatic {
   std::atomic<Value*> value_{nullptr};
 
  private:
-  /// Only one thread of a process computes. `busy` is the process whose thread does, or 0.
+  /// Only one thread of a process computes. `busy` is the generation of the process whose thread
+  /// does, counted from 1, or 0.
   class Turn {
    public:
-    explicit Turn(std::atomic<pid_t>& busy) noexcept : busy_(busy) {
-      const pid_t self = ::getpid();
-      pid_t other = 0;
+    explicit Turn(std::atomic<unsigned>& busy) noexcept : busy_(busy) {
+      const unsigned self = forkGeneration() + 1;
+      unsigned other = 0;
       while (!busy_.compare_exchange_weak(other, self, std::memory_order_acquire)) {
-        // Another number was a thread of the parent: it is not here, and what it made neither.
+        // Another one's was a thread of the parent: it is not here, and what it made neither.
         if (other == self) {
           busy_.wait(self, std::memory_order_relaxed);
           other = 0;
@@ -60,10 +60,10 @@ class LazyStatic {
     }
 
    private:
-    std::atomic<pid_t>& busy_;
+    std::atomic<unsigned>& busy_;
   };
 
-  std::atomic<pid_t> busy_{0};
+  std::atomic<unsigned> busy_{0};
 };
 
 /// The same as a member, which goes with its object.

@@ -2,6 +2,8 @@
 
 #include <openssl/ssl.h>
 
+#include "Velum/LazyValue.h"
+
 namespace velum {
 namespace {
 
@@ -9,11 +11,13 @@ using Flag = std::shared_ptr<bool>;
 
 // Where a connection keeps its flag; -1 without memory for it.
 int flagIndex() {
-  static const int index = SSL_CTX_get_ex_new_index(
-      0, nullptr, nullptr, nullptr, +[](void*, void* flag, CRYPTO_EX_DATA*, int, long, void*) {
-        delete static_cast<Flag*>(flag);  // NOLINT(*-owning-memory): the context owns it
-      });
-  return index;
+  static constinit LazyStatic<int> index;
+  return index.get([] {
+    return SSL_CTX_get_ex_new_index(
+        0, nullptr, nullptr, nullptr, +[](void*, void* flag, CRYPTO_EX_DATA*, int, long, void*) {
+          delete static_cast<Flag*>(flag);  // NOLINT(*-owning-memory): the context owns it
+        });
+  });
 }
 
 int noteDemand(SSL* connection, X509** /*certificate*/, EVP_PKEY** /*key*/) {

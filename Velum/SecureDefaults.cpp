@@ -198,7 +198,7 @@ std::optional<PropertyList> SecureDefaults::compared(std::string_view key) {
   {
     const Inside inside;
     if (inside.isNested()) return copy.object(key);
-    DeferredLog log;
+    const DeferredLog log;
     const std::lock_guard guard(state_->turn);
     finding = compareLk(key);
     if (!state_->isCopyUsable) log.dropRepetition(state_->told);

@@ -17,10 +17,10 @@
 #include <random>
 #include <utility>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Platform/Posix/LockedFile.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

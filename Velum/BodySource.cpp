@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

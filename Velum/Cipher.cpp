@@ -6,9 +6,9 @@
 #include <new>
 #include <string>
 
-#include "Velum/Fatal.h"
-#include "Velum/KeepOpenSsl.h"
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Base/Fatal.h"
+#include "Velum/Base/KeepOpenSsl.h"
 
 namespace velum::detail {
 

@@ -8,8 +8,8 @@
 #include <memory>
 #include <span>
 
-#include "Velum/ByteView.h"
-#include "Velum/SecretBytes.h"
+#include "Velum/Base/ByteView.h"
+#include "Velum/Base/SecretBytes.h"
 
 namespace velum::detail {
 

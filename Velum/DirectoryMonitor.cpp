@@ -5,10 +5,10 @@
 #include <optional>
 #include <utility>
 
-#include "Velum/LazyValue.h"
+#include "Velum/Base/LazyValue.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

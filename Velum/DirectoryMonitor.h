@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Platform/FileEvents.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 

@@ -11,10 +11,10 @@
 #include <optional>
 #include <random>
 
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/FileClone.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

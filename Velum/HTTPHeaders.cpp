@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "Velum/String.h"
+#include "Velum/Base/String.h"
 
 namespace velum {
 

@@ -8,11 +8,11 @@
 #include <string_view>
 #include <utility>
 
-#include "Velum/Fatal.h"
-#include "Velum/ForkSafeLock.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Base/Fatal.h"
+#include "Velum/Base/SystemError.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/AtFork.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "Velum/SecretBytes.h"
+#include "Velum/Base/SecretBytes.h"
 
 namespace velum {
 

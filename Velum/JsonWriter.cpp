@@ -6,8 +6,8 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "Velum/Base/String.h"
 #include "Velum/Json.h"
-#include "Velum/String.h"
 
 namespace velum {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "Velum/RawValue.h"
+#include "Velum/Base/RawValue.h"
 
 namespace velum {
 

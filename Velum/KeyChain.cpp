@@ -6,8 +6,8 @@
 #include <memory>
 #include <utility>
 
-#include "Velum/Fatal.h"
-#include "Velum/LazyValue.h"
+#include "Velum/Base/Fatal.h"
+#include "Velum/Base/LazyValue.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Bundle.h"
 

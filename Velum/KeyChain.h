@@ -6,9 +6,9 @@
 #include <string>
 #include <typeinfo>
 
+#include "Velum/Base/SecretBytes.h"
 #include "Velum/Json.h"
 #include "Velum/Platform/SecretStore.h"
-#include "Velum/SecretBytes.h"
 
 namespace velum {
 

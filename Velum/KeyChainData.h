@@ -3,9 +3,9 @@
 #include <optional>
 #include <string>
 
-#include "Velum/ForkSafeLock.h"
+#include "Velum/Base/SecretBytes.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Platform/SecretStore.h"
-#include "Velum/SecretBytes.h"
 
 namespace velum {
 

@@ -8,12 +8,12 @@
 #include <unordered_map>
 #include <utility>
 
-#include "Velum/Deadline.h"
-#include "Velum/Fatal.h"
-#include "Velum/ForkSafeLock.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Base/Fatal.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/AtFork.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/StorageError.h"
 

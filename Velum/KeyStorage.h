@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
+#include "Velum/Base/SecretBytes.h"
 #include "Velum/KeyStorageProtocol.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/SecretBytes.h"
 
 namespace velum {
 

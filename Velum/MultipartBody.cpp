@@ -4,7 +4,7 @@
 #include <cstring>
 #include <random>
 
-#include "Velum/String.h"
+#include "Velum/Base/String.h"
 
 namespace velum {
 namespace {

@@ -8,11 +8,11 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "Velum/LineSplitter.h"
+#include "Velum/Base/LineSplitter.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Thread.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

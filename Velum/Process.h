@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "Velum/ByteBuffer.h"
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Base/ByteBuffer.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Tool.h"
 #include "Velum/Platform/Posix/UniqueFd.h"

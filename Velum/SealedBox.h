@@ -6,8 +6,8 @@
 #include <span>
 #include <string>
 
-#include "Velum/ByteView.h"
-#include "Velum/SecretBytes.h"
+#include "Velum/Base/ByteView.h"
+#include "Velum/Base/SecretBytes.h"
 
 namespace velum {
 

@@ -3,9 +3,9 @@
 #include <mutex>
 #include <utility>
 
+#include "Velum/Base/Fatal.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/DefaultsConversions.h"
-#include "Velum/Fatal.h"
-#include "Velum/ForkSafeLock.h"
 #include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
 

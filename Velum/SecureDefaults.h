@@ -9,8 +9,8 @@
 #include <string_view>
 #include <type_traits>
 
+#include "Velum/Base/LazyValue.h"
 #include "Velum/KeyStorageProtocol.h"
-#include "Velum/LazyValue.h"
 #include "Velum/Platform/PropertyList.h"
 #include "Velum/Platform/UserDefaults.h"
 

@@ -9,7 +9,8 @@
 #include <filesystem>
 #include <mutex>
 
-#include "Velum/ByteView.h"
+#include "Velum/Base/ByteView.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/KeyChain.h"
 #include "Velum/Logger/DeferredLog.h"
@@ -19,7 +20,6 @@
 #include "Velum/Platform/PropertyListFormats.h"
 #include "Velum/SealedBox.h"
 #include "Velum/StorageError.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

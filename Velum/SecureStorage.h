@@ -4,7 +4,7 @@
 #include <string>
 
 #include "Velum/AtomicFile.h"
-#include "Velum/ForkSafeLock.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/KeyChainData.h"
 #include "Velum/KeyStorage.h"
 

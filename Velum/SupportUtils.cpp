@@ -9,13 +9,13 @@
 #include <filesystem>
 #include <type_traits>
 
-#include "Velum/Fatal.h"
+#include "Velum/Base/Fatal.h"
+#include "Velum/Base/SystemError.h"
+#include "Velum/Concurrency/SyncAsync.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Posix/ChildIo.h"
-#include "Velum/SyncAsync.h"
-#include "Velum/SystemError.h"
 #include "Velum/SystemUtils.h"
 #include "Velum/TemporaryFolder.h"
 

@@ -13,11 +13,11 @@
 #include <variant>
 #include <vector>
 
+#include "Velum/Base/Progress.h"
 #include "Velum/Logger/LogHandler.h"
 #include "Velum/Logger/LogManager.h"
 #include "Velum/Logger/LogSaving.h"
 #include "Velum/Platform/Workspace.h"
-#include "Velum/Progress.h"
 
 namespace velum {
 

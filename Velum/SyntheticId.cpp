@@ -10,8 +10,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "Velum/Base/String.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/String.h"
 #include "Velum/Telemetry.h"
 
 namespace velum {

@@ -7,9 +7,9 @@
 #include <utility>
 #include <variant>
 
-#include "Velum/LazyValue.h"
+#include "Velum/Base/LazyValue.h"
+#include "Velum/Base/String.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/String.h"
 #include "Velum/SystemUtils.h"
 
 namespace velum {

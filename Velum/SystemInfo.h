@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Velum/Base/RawValue.h"
 #include "Velum/Platform/HardwareRegistry.h"
-#include "Velum/RawValue.h"
 
 namespace velum {
 

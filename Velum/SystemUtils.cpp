@@ -8,12 +8,12 @@
 #include <filesystem>
 #include <utility>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
 #include "Velum/Platform/Utf8Locale.h"
 #include "Velum/Process.h"
-#include "Velum/SystemError.h"
 #include "Velum/TemporaryFolder.h"
 
 namespace velum {

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Velum/ByteBuffer.h"
+#include "Velum/Base/ByteBuffer.h"
 #include "Velum/Platform/Posix/Tool.h"
 
 namespace velum {

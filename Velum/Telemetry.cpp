@@ -6,9 +6,9 @@
 #include <stdexcept>
 #include <utility>
 
+#include "Velum/Base/LazyValue.h"
 #include "Velum/Json.h"
 #include "Velum/JsonWriter.h"
-#include "Velum/LazyValue.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Locale.h"
 #include "Velum/SystemInfo.h"

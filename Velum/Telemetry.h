@@ -8,8 +8,8 @@
 #include <string_view>
 #include <variant>
 
+#include "Velum/Base/RawValue.h"
 #include "Velum/Platform/HardwareRegistry.h"
-#include "Velum/RawValue.h"
 #include "Velum/URLRequest.h"
 
 namespace velum {

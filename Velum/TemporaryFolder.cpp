@@ -10,8 +10,8 @@
 #include <chrono>
 #include <filesystem>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "Velum/Fatal.h"
+#include "Velum/Base/Fatal.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Dispatch.h"
 

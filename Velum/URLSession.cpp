@@ -5,10 +5,10 @@
 #include <mutex>
 #include <utility>
 
-#include "Velum/ForkSafeLock.h"
-#include "Velum/LazyValue.h"
+#include "Velum/Base/LazyValue.h"
+#include "Velum/Base/String.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/String.h"
 
 namespace velum {
 namespace {

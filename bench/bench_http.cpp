@@ -22,10 +22,10 @@
 #include <utility>
 #include <vector>
 
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/MultipartBody.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 #include "Velum/URLSession.h"
 #include "bench/support/Memory.h"
 #include "bench/support/Process.h"

@@ -17,11 +17,11 @@
 #include <string>
 #include <vector>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/IPCDarwinMessage.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/NotifyCenter.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SystemError.h"
 #include "bench/support/Process.h"
 #include "bench/support/Table.h"
 

@@ -19,9 +19,9 @@
 #include <thread>
 #include <vector>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/DirectoryMonitor.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SystemError.h"
 #include "bench/support/Memory.h"
 #include "bench/support/Table.h"
 #include "bench/support/TemporaryFolder.h"

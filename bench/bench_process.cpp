@@ -9,9 +9,9 @@
 #include <string>
 #include <string_view>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Process.h"
-#include "Velum/SystemError.h"
 #include "Velum/SystemUtils.h"
 #include "bench/support/Table.h"
 

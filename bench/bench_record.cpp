@@ -27,11 +27,11 @@
 #include <thread>
 #include <vector>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Handlers/FileLogHandler.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SystemError.h"
 #include "bench/support/Table.h"
 #include "bench/support/TemporaryFolder.h"
 

@@ -27,8 +27,8 @@
 #include <thread>
 #include <vector>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SystemError.h"
 #include "bench/support/Process.h"
 #include "bench/support/Table.h"
 #include "bench/support/TemporaryFolder.h"

@@ -8,11 +8,11 @@
 #include <string>
 #include <string_view>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Handlers/FileLogHandler.h"
 #include "Velum/Platform/FileClone.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/SystemLog.h"
-#include "Velum/SystemError.h"
 #include "bench/support/Process.h"
 #include "bench/support/Table.h"
 #include "bench/support/TemporaryFolder.h"

@@ -24,12 +24,12 @@
 #include <vector>
 
 #include "Velum/AES.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/SealedBox.h"
 #include "Velum/SecureStorage.h"
 #include "Velum/StorageError.h"
-#include "Velum/SystemError.h"
 #include "Velum/SystemUtils.h"
 #include "bench/support/Table.h"
 #include "bench/support/TemporaryFolder.h"

@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "Velum/AES.h"
+#include "Velum/Base/LazyValue.h"
 #include "Velum/DirectoryMonitor.h"
 #include "Velum/IPCDarwinMessage.h"
-#include "Velum/LazyValue.h"
 #include "Velum/Logger/Handlers/FileLogHandler.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/Logger.h"

@@ -6,9 +6,9 @@
 #include <optional>
 #include <string>
 
+#include "Velum/Base/String.h"
 #include "Velum/HTTPHeaders.h"
 #include "Velum/MultipartBody.h"
-#include "Velum/String.h"
 #include "Velum/URLSession.h"
 #include "tests/support/Errors.h"
 #include "tests/support/TemporaryFolder.h"

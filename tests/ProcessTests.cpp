@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <thread>
 
-#include "Velum/LineSplitter.h"
+#include "Velum/Base/LineSplitter.h"
 #include "Velum/Logger/Logger.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Errors.h"

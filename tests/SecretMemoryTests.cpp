@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "Velum/AES.h"
-#include "Velum/ByteView.h"
+#include "Velum/Base/ByteView.h"
 #include "Velum/KeyChain.h"
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
 #include "Velum/SealedBox.h"

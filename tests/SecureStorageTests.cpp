@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-#include "Velum/ByteView.h"
+#include "Velum/Base/ByteView.h"
 #include "Velum/SealedBox.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"

@@ -10,10 +10,10 @@
 #include <future>
 #include <thread>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/FileManagerLinux.h"
 #include "Velum/Process.h"
-#include "Velum/SystemError.h"
 #include "Velum/SystemUtils.h"
 #include "tests/support/Environment.h"
 #include "tests/support/Errors.h"

@@ -1,4 +1,4 @@
-#include "Velum/SyncAsync.h"
+#include "Velum/Concurrency/SyncAsync.h"
 
 #include <gtest/gtest.h>
 
@@ -8,8 +8,8 @@
 #include <semaphore>
 #include <thread>
 
-#include "Velum/Deadline.h"
-#include "Velum/ThreadLocal.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Concurrency/ThreadLocal.h"
 #include "tests/support/Waiting.h"
 
 namespace velum {

@@ -1,4 +1,4 @@
-#include "Velum/UnfairLock.h"
+#include "Velum/Concurrency/UnfairLock.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "Velum/ForkSafeLock.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Platform/Thread.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Waiting.h"

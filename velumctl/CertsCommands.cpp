@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "Velum/ByteView.h"
+#include "Velum/Base/ByteView.h"
+#include "Velum/Base/String.h"
 #include "Velum/CertUtils.h"
-#include "Velum/String.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
 #include "velumctl/Secrets.h"

@@ -10,11 +10,11 @@
 #include <string>
 #include <utility>
 
+#include "Velum/Base/String.h"
 #include "Velum/DefaultsConversions.h"
 #include "Velum/Platform/PropertyListText.h"
 #include "Velum/Platform/UserDefaults.h"
 #include "Velum/SecureDefaults.h"
-#include "Velum/String.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
 #include "velumctl/PropertyListPrinter.h"

@@ -11,9 +11,9 @@
 
 #include "Velum/AES.h"
 #include "Velum/AtomicFile.h"
-#include "Velum/ByteView.h"
+#include "Velum/Base/ByteView.h"
+#include "Velum/Base/SecretBytes.h"
 #include "Velum/FileUtils.h"
-#include "Velum/SecretBytes.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
 #include "velumctl/Secrets.h"

@@ -18,11 +18,11 @@
 #include <utility>
 #include <vector>
 
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/MultipartBody.h"
 #include "Velum/Platform/Posix/ChildIo.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 #include "Velum/URLSession.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"

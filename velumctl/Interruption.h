@@ -3,7 +3,7 @@
 #include <array>
 #include <csignal>
 
-#include "Velum/Progress.h"
+#include "Velum/Base/Progress.h"
 
 namespace velumctl {
 

@@ -8,9 +8,9 @@
 #include <optional>
 #include <string>
 
+#include "Velum/Base/String.h"
 #include "Velum/KeyChain.h"
 #include "Velum/Platform/SecretStore.h"
-#include "Velum/String.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
 #include "velumctl/Secrets.h"

@@ -12,11 +12,11 @@
 #include <chrono>
 #include <iostream>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/LogLock.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/LogSearch.h"
-#include "Velum/SystemError.h"
 #include "velumctl/Errors.h"
 
 namespace velumctl {

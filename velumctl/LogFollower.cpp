@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <utility>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/LogSearch.h"
-#include "Velum/SystemError.h"
 
 namespace velumctl {
 

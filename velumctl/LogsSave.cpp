@@ -14,10 +14,10 @@
 #include <system_error>
 #include <vector>
 
+#include "Velum/Base/Progress.h"
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/FileLogManager.h"
-#include "Velum/Progress.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
 #include "velumctl/Interruption.h"

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/LogSearch.h"
-#include "Velum/SystemError.h"
 #include "velumctl/Commands.h"
 #include "velumctl/LogFile.h"
 #include "velumctl/LogFollower.h"

@@ -13,13 +13,13 @@
 #include <utility>
 #include <vector>
 
-#include "Velum/Deadline.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/IPCDarwinMessage.h"
 #include "Velum/Logger/Handlers/NSLogHandler.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/NotifyCenter.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
 #include "velumctl/Terminal.h"

@@ -9,7 +9,7 @@
 #include <iterator>
 #include <string_view>
 
-#include "Velum/String.h"
+#include "Velum/Base/String.h"
 
 namespace velumctl {
 namespace {

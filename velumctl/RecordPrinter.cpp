@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "Velum/String.h"
+#include "Velum/Base/String.h"
 
 namespace velumctl {
 namespace {

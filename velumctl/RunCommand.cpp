@@ -13,11 +13,11 @@
 #include <string_view>
 #include <vector>
 
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Process.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 #include "Velum/SystemUtils.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"

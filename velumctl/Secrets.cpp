@@ -11,6 +11,7 @@
 #include <iostream>
 #include <utility>
 
+#include "Velum/Base/String.h"
 #include "Velum/FileUtils.h"
 #include "Velum/KeyChain.h"
 #include "Velum/Platform/Bundle.h"
@@ -18,7 +19,6 @@
 #include "Velum/Platform/PropertyListFormats.h"
 #include "Velum/SealedBox.h"
 #include "Velum/StorageError.h"
-#include "Velum/String.h"
 #include "velumctl/Errors.h"
 #include "velumctl/Terminal.h"
 

@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "Velum/Base/String.h"
 #include "Velum/Logger/LogManager.h"
-#include "Velum/String.h"
 #include "Velum/SupportUtils.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"

@@ -12,11 +12,11 @@
 #include <sstream>
 #include <utility>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
-#include "Velum/SystemError.h"
 #include "velumctl/Errors.h"
 
 namespace velumctl {

@@ -7,8 +7,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "Velum/Base/String.h"
 #include "Velum/Platform/CodeIdentity.h"
-#include "Velum/String.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
 

@@ -15,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/DirectoryMonitor.h"
 #include "Velum/Logger/Handlers/NSLogHandler.h"
 #include "Velum/Logger/LogRecord.h"
@@ -22,8 +24,6 @@
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
 #include "Velum/Process.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
 #include "velumctl/Interruption.h"

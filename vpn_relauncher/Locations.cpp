@@ -2,8 +2,8 @@
 
 #include <filesystem>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "Velum/LazyValue.h"
+#include "Velum/Base/LazyValue.h"
 #include "Velum/Platform/Directories.h"
 
 namespace velum {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "Velum/Deadline.h"
+#include "Velum/Base/Deadline.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Bundle.h"
 

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Velum/Fatal.h"
+#include "Velum/Base/Fatal.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Application.h"
 #include "Velum/Relauncher.h"

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <limits>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/LogLock.h"
 #include "Velum/Logger/LogRecord.h"
@@ -18,7 +19,6 @@
 #include "Velum/Logger/LogSplitter.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/FileClone.h"
-#include "Velum/SystemError.h"
 #include "Velum/TemporaryFolder.h"
 
 namespace velum {

@@ -6,8 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Velum/Base/Progress.h"
 #include "Velum/Logger/LogSaving.h"
-#include "Velum/Progress.h"
 
 namespace velum {
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "Velum/Deadline.h"
+#include "Velum/Base/Deadline.h"
 
 namespace velum {
 

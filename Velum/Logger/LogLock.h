@@ -5,8 +5,8 @@
 #include <functional>
 #include <optional>
 
+#include "Velum/Base/Progress.h"
 #include "Velum/Platform/Posix/FileLock.h"
-#include "Velum/Progress.h"
 
 namespace velum {
 

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "Velum/ForkSafeLock.h"
+#include "Velum/Base/Progress.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Logger/LogSaving.h"
-#include "Velum/Progress.h"
 
 namespace velum {
 

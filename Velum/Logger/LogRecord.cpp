@@ -12,8 +12,8 @@
 #include <utility>
 #include <vector>
 
-#include "Velum/ForkSafeLock.h"
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Platform/Thread.h"
 
 namespace velum {

@@ -8,10 +8,10 @@
 #include <functional>
 #include <utility>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -5,12 +5,12 @@
 #include <mutex>
 #include <utility>
 
-#include "Velum/Fatal.h"
-#include "Velum/ForkSafeLock.h"
+#include "Velum/Base/Fatal.h"
+#include "Velum/Base/String.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Handlers/NSLogHandler.h"
 #include "Velum/Logger/LogRecord.h"
-#include "Velum/String.h"
 
 namespace velum {
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Velum/ByteView.h"
+#include "Velum/Base/ByteView.h"
 #include "Velum/Platform/PropertyList.h"
 #include "Velum/Platform/SecretStore.h"
 

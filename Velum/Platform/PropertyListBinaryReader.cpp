@@ -1,8 +1,8 @@
 #include <bit>
 #include <cmath>
 
+#include "Velum/Base/String.h"
 #include "Velum/Platform/PropertyListFormats.h"
-#include "Velum/String.h"
 
 namespace velum::detail {
 namespace {

@@ -4,8 +4,8 @@
 #include <type_traits>
 #include <unordered_map>
 
+#include "Velum/Base/String.h"
 #include "Velum/Platform/PropertyListFormats.h"
-#include "Velum/String.h"
 
 namespace velum::detail {
 namespace {

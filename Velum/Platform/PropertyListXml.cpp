@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "Velum/LazyValue.h"
+#include "Velum/Base/LazyValue.h"
 #include "Velum/Platform/PropertyListFormats.h"
 
 namespace velum::detail {

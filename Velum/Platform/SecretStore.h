@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Velum/SecretBytes.h"
+#include "Velum/Base/SecretBytes.h"
 
 namespace velum {
 

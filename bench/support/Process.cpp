@@ -12,8 +12,8 @@
 #include <filesystem>
 #include <utility>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SystemError.h"
 
 namespace bench {
 namespace {

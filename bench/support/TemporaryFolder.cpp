@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "Velum/SystemError.h"
+#include "Velum/Base/SystemError.h"
 
 namespace bench {
 

@@ -15,9 +15,9 @@
 #include <thread>
 #include <vector>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Application.h"
 #include "Velum/Platform/Thread.h"
-#include "Velum/SystemError.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Processes.h"
 #include "tests/support/Waiting.h"

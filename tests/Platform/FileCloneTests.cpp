@@ -8,8 +8,8 @@
 #include <array>
 #include <filesystem>
 
+#include "Velum/Base/Progress.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/Progress.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum {

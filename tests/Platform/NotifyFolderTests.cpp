@@ -18,8 +18,8 @@
 #include <string>
 #include <vector>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/SystemError.h"
 #include "tests/Platform/NotifyCenterTest.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Inspection.h"

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "Velum/SystemError.h"
+#include "Velum/Base/SystemError.h"
 #include "tests/support/Processes.h"
 #include "tests/support/TemporaryFolder.h"
 

@@ -15,11 +15,11 @@
 #include <utility>
 #include <vector>
 
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/BodySource.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/CurlErrors.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"
 #include "tests/support/Exchanges.h"

@@ -6,10 +6,10 @@
 #include <filesystem>
 #include <semaphore>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/FileLogManager.h"
 #include "Velum/Logger/Handlers/FileLogHandler.h"
 #include "Velum/Logger/LogRecord.h"
-#include "Velum/SystemError.h"
 #include "tests/faults/FaultTest.h"
 #include "tests/support/LogRecords.h"
 #include "tests/support/RecordingSystemLog.h"

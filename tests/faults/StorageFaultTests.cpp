@@ -1,12 +1,12 @@
 // Every system call of the storages fails once, and once the process is killed there.
 
 #include "Velum/AtomicFile.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
 #include "Velum/Platform/UserDefaults.h"
 #include "Velum/SealedBox.h"
 #include "Velum/SecureDefaults.h"
 #include "Velum/SecureStorage.h"
-#include "Velum/SystemError.h"
 #include "tests/faults/FaultTest.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/TemporaryFolder.h"

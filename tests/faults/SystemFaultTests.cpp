@@ -8,13 +8,13 @@
 #include <regex>
 #include <semaphore>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/CertificateStoreLinux.h"
 #include "Velum/Platform/Linux/NotifyCenterLinux.h"
 #include "Velum/Process.h"
 #include "Velum/SupportUtils.h"
-#include "Velum/SystemError.h"
 #include "tests/faults/FaultTest.h"
 #include "tests/support/Processes.h"
 #include "tests/support/RecordingLogHandler.h"

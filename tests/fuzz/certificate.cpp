@@ -1,8 +1,8 @@
 // What reads certificates: files from anywhere, and what other programs put into a store.
 
+#include "Velum/Base/String.h"
 #include "Velum/Platform/CertificateStore.h"
 #include "Velum/Platform/Linux/CertificatePlaceLinux.h"
-#include "Velum/String.h"
 #include "tests/fuzz/FuzzTarget.h"
 
 namespace velum::fuzz {

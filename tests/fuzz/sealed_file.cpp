@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "Velum/ByteView.h"
+#include "Velum/Base/ByteView.h"
 #include "Velum/Platform/PropertyList.h"
 #include "Velum/SealedBox.h"
 #include "Velum/StorageError.h"

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Velum/SystemError.h"
+#include "Velum/Base/SystemError.h"
 
 namespace velum::test {
 

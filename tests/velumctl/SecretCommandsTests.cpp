@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "Velum/ByteView.h"
+#include "Velum/Base/ByteView.h"
 #include "Velum/Platform/PropertyList.h"
 #include "Velum/SealedBox.h"
 #include "tests/support/Environment.h"

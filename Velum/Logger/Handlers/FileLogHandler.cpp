@@ -14,12 +14,12 @@
 #include <utility>
 #include <vector>
 
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Platform/FileClone.h"
 #include "Velum/Platform/Posix/FileLock.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

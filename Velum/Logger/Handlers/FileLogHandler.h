@@ -6,13 +6,13 @@
 #include <string>
 #include <string_view>
 
+#include "Velum/Base/AtFork.h"
+#include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Logger/LogHandler.h"
-#include "Velum/Platform/AtFork.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/FileEvents.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/SystemLog.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <charconv>
 
-#include "Velum/String.h"
+#include "Velum/Base/String.h"
 
 namespace velum {
 namespace {

@@ -8,11 +8,11 @@
 #include <string>
 #include <string_view>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/UserBusLinux.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
 #include "Velum/Platform/Posix/ReadFile.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

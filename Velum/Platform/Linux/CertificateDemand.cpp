@@ -2,7 +2,7 @@
 
 #include <openssl/ssl.h>
 
-#include "Velum/LazyValue.h"
+#include "Velum/Base/LazyValue.h"
 
 namespace velum {
 namespace {

@@ -10,9 +10,9 @@
 #include <memory>
 #include <new>
 
-#include "Velum/KeepOpenSsl.h"
+#include "Velum/Base/KeepOpenSsl.h"
+#include "Velum/Base/String.h"
 #include "Velum/Platform/CertificateStore.h"
-#include "Velum/String.h"
 
 namespace velum {
 namespace {

@@ -7,9 +7,9 @@
 #include <string>
 #include <utility>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/CertificateStore.h"
 #include "Velum/Platform/Linux/LockHolderLinux.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 

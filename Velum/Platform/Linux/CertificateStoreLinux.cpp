@@ -9,11 +9,11 @@
 #include <string_view>
 #include <utility>
 
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Linux/CertificatePlaceLinux.h"
 #include "Velum/Platform/Linux/NssDatabase.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

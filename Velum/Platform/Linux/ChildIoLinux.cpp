@@ -11,9 +11,9 @@
 #include <memory>
 #include <string>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Linux/PipeSignalLinux.h"
 #include "Velum/Platform/Posix/ChildIo.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -6,7 +6,7 @@
 #include <memory>
 #include <utility>
 
-#include "Velum/LazyValue.h"
+#include "Velum/Base/LazyValue.h"
 #include "Velum/Platform/Linux/CodeRefusedLinux.h"
 #include "Velum/Platform/Linux/CodeSignatureLinux.h"
 #include "Velum/Platform/Linux/PinnedProgramLinux.h"

@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <new>
 
-#include "Velum/KeepOpenSsl.h"
+#include "Velum/Base/KeepOpenSsl.h"
 #include "Velum/Platform/Linux/CodeRefusedLinux.h"
 
 namespace velum {

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "Velum/ByteView.h"
+#include "Velum/Base/ByteView.h"
 #include "Velum/Platform/CodeIdentity.h"
 
 namespace velum {

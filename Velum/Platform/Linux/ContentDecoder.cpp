@@ -5,7 +5,7 @@
 #include <new>
 #include <utility>
 
-#include "Velum/String.h"
+#include "Velum/Base/String.h"
 
 namespace velum {
 namespace {

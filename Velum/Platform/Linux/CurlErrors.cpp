@@ -8,7 +8,7 @@
 #include <memory>
 #include <string_view>
 
-#include "Velum/String.h"
+#include "Velum/Base/String.h"
 
 namespace velum {
 namespace {

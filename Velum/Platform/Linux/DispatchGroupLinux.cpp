@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <utility>
 
-#include "Velum/Deadline.h"
-#include "Velum/Fatal.h"
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Base/Fatal.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/WorkerPoolLinux.h"
 #include "Velum/Platform/Thread.h"

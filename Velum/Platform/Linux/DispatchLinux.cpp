@@ -7,14 +7,14 @@
 #include <cstdint>
 #include <system_error>
 
-#include "Velum/Deadline.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/DispatchQueueLinux.h"
 #include "Velum/Platform/Linux/MainLoop.h"
 #include "Velum/Platform/Linux/PerProcess.h"
 #include "Velum/Platform/Linux/WorkerPoolLinux.h"
 #include "Velum/Platform/Thread.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 

@@ -12,14 +12,14 @@
 #include <system_error>
 #include <utility>
 
-#include "Velum/Deadline.h"
-#include "Velum/Fatal.h"
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Base/Fatal.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/DispatchQueueLinux.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

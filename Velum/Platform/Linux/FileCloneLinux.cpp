@@ -15,8 +15,8 @@
 #include <new>
 #include <vector>
 
+#include "Velum/Base/Progress.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/Progress.h"
 
 namespace velum {
 namespace {

@@ -14,8 +14,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

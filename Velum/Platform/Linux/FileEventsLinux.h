@@ -12,11 +12,11 @@
 #include <unordered_set>
 #include <vector>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Platform/FileEvents.h"
 #include "Velum/Platform/Linux/FileWatcherLinux.h"
 #include "Velum/Platform/Linux/InotifyReader.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 

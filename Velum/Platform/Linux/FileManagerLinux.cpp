@@ -1,7 +1,7 @@
 #include "Velum/Platform/Linux/FileManagerLinux.h"
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Linux/UserBusLinux.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

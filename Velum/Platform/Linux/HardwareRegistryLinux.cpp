@@ -10,10 +10,10 @@
 #include <system_error>
 #include <utility>
 
-#include "Velum/LazyValue.h"
+#include "Velum/Base/LazyValue.h"
+#include "Velum/Base/String.h"
 #include "Velum/Platform/Linux/PrimaryInterfaceLinux.h"
 #include "Velum/Platform/Posix/ReadFile.h"
-#include "Velum/String.h"
 
 namespace velum {
 namespace {

@@ -13,9 +13,9 @@
 #include <mutex>
 #include <utility>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Thread.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -4,10 +4,10 @@
 #include <memory>
 #include <string_view>
 
+#include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/FileWatcherLinux.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 

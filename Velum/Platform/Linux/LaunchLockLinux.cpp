@@ -8,10 +8,10 @@
 #include <chrono>
 #include <string_view>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Directories.h"
 #include "Velum/Platform/Linux/ProcessLinux.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -6,8 +6,8 @@
 
 #include <sstream>
 
+#include "Velum/Base/String.h"
 #include "Velum/Platform/Posix/ReadFile.h"
-#include "Velum/String.h"
 
 namespace velum {
 namespace {

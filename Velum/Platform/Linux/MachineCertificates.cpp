@@ -14,7 +14,9 @@
 #include <utility>
 
 #include "Velum/AtomicFile.h"
-#include "Velum/Deadline.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
@@ -23,8 +25,6 @@
 #include "Velum/Platform/Posix/ReadFile.h"
 #include "Velum/Platform/Posix/Tool.h"
 #include "Velum/Process.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -4,11 +4,11 @@
 #include <cerrno>
 #include <mutex>
 
-#include "Velum/Deadline.h"
-#include "Velum/LazyValue.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Base/LazyValue.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Directories.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

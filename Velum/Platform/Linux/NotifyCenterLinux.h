@@ -13,13 +13,13 @@
 #include <utility>
 #include <vector>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/NotifyFolderLinux.h"
 #include "Velum/Platform/Linux/NotifyReaderLinux.h"
 #include "Velum/Platform/Linux/NotifyWatchLinux.h"
 #include "Velum/Platform/NotifyCenter.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 

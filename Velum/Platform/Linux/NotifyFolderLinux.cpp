@@ -18,12 +18,12 @@
 #include <memory>
 #include <utility>
 
-#include "Velum/Fatal.h"
-#include "Velum/KeepOpenSsl.h"
+#include "Velum/Base/Fatal.h"
+#include "Velum/Base/KeepOpenSsl.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Directories.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
 #include "Velum/Platform/Thread.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

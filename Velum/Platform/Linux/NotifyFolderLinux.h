@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Velum/ForkSafeLock.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {

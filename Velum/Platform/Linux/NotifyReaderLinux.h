@@ -5,7 +5,7 @@
 #include <functional>
 #include <mutex>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
 
 namespace velum {
 

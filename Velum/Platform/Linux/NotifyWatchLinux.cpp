@@ -8,7 +8,7 @@
 #include <cstring>
 #include <utility>
 
-#include "Velum/SystemError.h"
+#include "Velum/Base/SystemError.h"
 
 namespace velum {
 namespace {

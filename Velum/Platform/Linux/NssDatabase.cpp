@@ -21,13 +21,13 @@
 #include <thread>
 #include <utility>
 
-#include "Velum/Deadline.h"
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Base/SystemError.h"
+#include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Platform/Linux/CertificatePlaceLinux.h"
 #include "Velum/Platform/Posix/LockedFile.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SystemError.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 namespace {

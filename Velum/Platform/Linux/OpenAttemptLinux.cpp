@@ -15,7 +15,9 @@
 #include <cstring>
 #include <filesystem>
 
-#include "Velum/Deadline.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/ControlGroupLinux.h"
 #include "Velum/Platform/Linux/ProcessLinux.h"
@@ -23,8 +25,6 @@
 #include "Velum/Platform/Linux/UserManagerLinux.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

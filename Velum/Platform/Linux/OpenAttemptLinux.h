@@ -8,13 +8,13 @@
 #include <optional>
 #include <string>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/LaunchLockLinux.h"
 #include "Velum/Platform/Linux/UserManagerLinux.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/Workspace.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 

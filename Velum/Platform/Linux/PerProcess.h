@@ -4,7 +4,7 @@
 #include <memory>
 #include <utility>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
 
 namespace velum {
 

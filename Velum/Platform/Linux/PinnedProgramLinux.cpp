@@ -16,9 +16,9 @@
 #include <new>
 #include <string_view>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Linux/CodeRefusedLinux.h"
 #include "Velum/Platform/Posix/ReadFile.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

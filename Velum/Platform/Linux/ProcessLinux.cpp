@@ -10,8 +10,8 @@
 #include <csignal>
 #include <iterator>
 
-#include "Velum/LazyValue.h"
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Base/LazyValue.h"
 
 namespace velum {
 namespace {

@@ -4,9 +4,9 @@
 
 #include <atomic>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Linux/SecretChoiceLinux.h"
 #include "Velum/Platform/Posix/PrivateFolder.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

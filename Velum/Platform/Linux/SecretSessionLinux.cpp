@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <string_view>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
 
 namespace velum {
 namespace {

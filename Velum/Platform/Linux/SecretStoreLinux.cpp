@@ -6,16 +6,16 @@
 #include <system_error>
 #include <utility>
 
-#include "Velum/Deadline.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/AtFork.h"
 #include "Velum/Platform/Linux/SecretChoiceLinux.h"
 #include "Velum/Platform/Linux/SecretServiceLinux.h"
 #include "Velum/Platform/Linux/SecretWorkersLinux.h"
 #include "Velum/Platform/Linux/UserBusLinux.h"
 #include "Velum/Platform/Linux/VaultLinux.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -7,7 +7,7 @@
 #include <system_error>
 #include <utility>
 
-#include "Velum/Deadline.h"
+#include "Velum/Base/Deadline.h"
 #include "Velum/Platform/Linux/SecretServiceLinux.h"
 #include "Velum/Platform/Thread.h"
 

@@ -16,10 +16,10 @@
 #include <string_view>
 #include <utility>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Linux/CodeRefusedLinux.h"
 #include "Velum/Platform/Posix/ReadFile.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "Velum/ForkSafeLock.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 
 namespace velum {
 

@@ -11,11 +11,11 @@
 #include <cstring>
 #include <mutex>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Platform/ConsoleLog.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/SystemLog.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 namespace {

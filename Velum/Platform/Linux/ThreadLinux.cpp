@@ -15,7 +15,7 @@
 #include <thread>
 #include <utility>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
 
 // The compiler's name for the program or shared library that this code is part of.
 extern "C" __attribute__((visibility("hidden"))) void* __dso_handle;  // NOLINT

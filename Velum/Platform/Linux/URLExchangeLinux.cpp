@@ -9,8 +9,8 @@
 #include <new>
 #include <utility>
 
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 
 namespace velum {
 namespace {

@@ -11,11 +11,11 @@
 #include <mutex>
 #include <utility>
 
-#include "Velum/Fatal.h"
-#include "Velum/KeepOpenSsl.h"
+#include "Velum/Base/Fatal.h"
+#include "Velum/Base/KeepOpenSsl.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Linux/WorkerPoolLinux.h"
 #include "Velum/Platform/Thread.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

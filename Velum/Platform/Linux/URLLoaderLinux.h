@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "Velum/ForkSafeLock.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Platform/Linux/URLExchangeLinux.h"
 #include "Velum/Platform/URLLoader.h"
 

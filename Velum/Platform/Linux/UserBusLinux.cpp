@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "Velum/Deadline.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

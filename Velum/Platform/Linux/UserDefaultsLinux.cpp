@@ -10,7 +10,8 @@
 #include <utility>
 
 #include "Velum/AtomicFile.h"
-#include "Velum/LazyValue.h"
+#include "Velum/Base/LazyValue.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
@@ -19,7 +20,6 @@
 #include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/PropertyListText.h"
 #include "Velum/Platform/UserDefaults.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

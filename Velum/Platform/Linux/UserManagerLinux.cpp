@@ -3,8 +3,8 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Linux/UserBusLinux.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "Velum/SystemError.h"
+#include "Velum/Base/SystemError.h"
 
 namespace velum {
 namespace {

@@ -8,11 +8,11 @@
 #include <climits>
 #include <utility>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/AppearanceLinux.h"
 #include "Velum/Platform/Linux/PipeSignalLinux.h"
 #include "Velum/Platform/Thread.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/X11ConnectionLinux.h"
 #include "Velum/Platform/WindowSystem.h"

@@ -12,7 +12,7 @@
 #include <thread>
 #include <utility>
 
-#include "Velum/Deadline.h"
+#include "Velum/Base/Deadline.h"
 #include "Velum/Platform/ConsoleLog.h"
 #include "Velum/Platform/Linux/PerProcess.h"
 #include "Velum/Platform/Thread.h"

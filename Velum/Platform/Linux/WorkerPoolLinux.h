@@ -6,9 +6,9 @@
 #include <chrono>
 #include <functional>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/UnfairLock.h"
 
 namespace velum {
 

@@ -14,14 +14,14 @@
 #include <filesystem>
 #include <iterator>
 
-#include "Velum/LazyValue.h"
+#include "Velum/Base/LazyValue.h"
+#include "Velum/Base/String.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/FileManagerLinux.h"
 #include "Velum/Platform/Linux/OpenAttemptLinux.h"
 #include "Velum/Platform/Linux/ProcessLinux.h"
 #include "Velum/Platform/Linux/UserManagerLinux.h"
-#include "Velum/String.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -8,10 +8,10 @@
 #include <cstring>
 #include <utility>
 
-#include "Velum/Deadline.h"
+#include "Velum/Base/Deadline.h"
+#include "Velum/Base/SystemError.h"
+#include "Velum/Concurrency/SyncAsync.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SyncAsync.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

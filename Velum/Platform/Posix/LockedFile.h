@@ -3,7 +3,7 @@
 #include <chrono>
 #include <optional>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
 #include "Velum/Platform/Posix/FileLock.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
 

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "Velum/SystemError.h"
+#include "Velum/Base/SystemError.h"
 
 namespace velum {
 namespace {

@@ -6,8 +6,8 @@
 #include <span>
 #include <string>
 
+#include "Velum/Base/SecretBytes.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SecretBytes.h"
 
 namespace velum {
 

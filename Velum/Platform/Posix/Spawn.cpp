@@ -9,8 +9,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Posix/UniqueFd.h"
-#include "Velum/SystemError.h"
 
 namespace velum {
 namespace {

@@ -1,4 +1,4 @@
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
 
 #include <algorithm>
 #include <array>
@@ -7,7 +7,7 @@
 #include <mutex>
 #include <system_error>
 
-#include "Velum/Fatal.h"
+#include "Velum/Base/Fatal.h"
 
 namespace velum {
 namespace {

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <memory>
 
-#include "Velum/Platform/AtFork.h"
+#include "Velum/Base/AtFork.h"
 
 namespace velum {
 

@@ -1,6 +1,6 @@
-#include "Velum/SecretBytes.h"
+#include "Velum/Base/SecretBytes.h"
 
-#include "Velum/KeepOpenSsl.h"
+#include "Velum/Base/KeepOpenSsl.h"
 
 namespace velum {
 

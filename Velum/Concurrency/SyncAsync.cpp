@@ -1,4 +1,4 @@
-#include "Velum/SyncAsync.h"
+#include "Velum/Concurrency/SyncAsync.h"
 
 namespace velum {
 

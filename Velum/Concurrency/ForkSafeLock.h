@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Velum/Platform/AtFork.h"
-#include "Velum/UnfairLock.h"
+#include "Velum/Base/AtFork.h"
+#include "Velum/Concurrency/UnfairLock.h"
 
 namespace velum {
 

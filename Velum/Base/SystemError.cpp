@@ -1,4 +1,4 @@
-#include "Velum/SystemError.h"
+#include "Velum/Base/SystemError.h"
 
 #include <cerrno>
 #include <cstring>

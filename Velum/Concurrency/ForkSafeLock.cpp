@@ -1,4 +1,4 @@
-#include "Velum/ForkSafeLock.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 
 namespace velum {
 

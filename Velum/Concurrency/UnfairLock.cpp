@@ -1,6 +1,6 @@
-#include "Velum/UnfairLock.h"
+#include "Velum/Concurrency/UnfairLock.h"
 
-#include "Velum/Fatal.h"
+#include "Velum/Base/Fatal.h"
 #include "Velum/Platform/Thread.h"
 
 namespace velum {

@@ -1,4 +1,4 @@
-#include "Velum/String.h"
+#include "Velum/Base/String.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "Velum/Fatal.h"
+#include "Velum/Base/Fatal.h"
 
 #include <sys/uio.h>
 #include <unistd.h>

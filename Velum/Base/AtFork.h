@@ -7,7 +7,7 @@ namespace velum {
 /// A library must survive the fork(2) of a process that has several threads: the child owns a copy
 /// of every lock, in whatever state some other thread had it, and shares every open file with the
 /// parent. An object that owns a lock or a descriptor registers here; one that has nothing but a
-/// lock uses Velum/ForkSafeLock.h, which does.
+/// lock uses Velum/Concurrency/ForkSafeLock.h, which does.
 ///
 /// Before a fork, `prepareFork` of every participant runs, in the order of their stages (locks are
 /// taken in the same order as in normal work, which excludes deadlock); afterwards the other two

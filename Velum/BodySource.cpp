@@ -9,7 +9,7 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 namespace {

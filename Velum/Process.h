@@ -13,9 +13,9 @@
 
 #include "Velum/Base/AtFork.h"
 #include "Velum/Base/ByteBuffer.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Tool.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
 

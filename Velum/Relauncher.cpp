@@ -21,10 +21,10 @@
 
 #include "Velum/Base/Deadline.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
 namespace {

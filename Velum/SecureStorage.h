@@ -3,8 +3,8 @@
 #include <memory>
 #include <string>
 
-#include "Velum/AtomicFile.h"
 #include "Velum/Concurrency/ForkSafeLock.h"
+#include "Velum/Files/AtomicFile.h"
 #include "Velum/KeyChainData.h"
 #include "Velum/KeyStorage.h"
 

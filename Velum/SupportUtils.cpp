@@ -13,11 +13,11 @@
 #include "Velum/Base/SystemError.h"
 #include "Velum/Concurrency/SyncAsync.h"
 #include "Velum/FileUtils.h"
+#include "Velum/Files/TemporaryFolder.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/SystemUtils.h"
-#include "Velum/TemporaryFolder.h"
 
 namespace velum {
 namespace {

@@ -9,12 +9,12 @@
 #include <utility>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/TemporaryFolder.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/Platform/Posix/Spawn.h"
 #include "Velum/Platform/Utf8Locale.h"
 #include "Velum/Process.h"
-#include "Velum/TemporaryFolder.h"
 
 namespace velum {
 namespace {

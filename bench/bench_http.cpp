@@ -24,8 +24,8 @@
 
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/MultipartBody.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/URLSession.h"
 #include "bench/support/Memory.h"
 #include "bench/support/Process.h"

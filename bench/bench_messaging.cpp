@@ -18,10 +18,10 @@
 #include <vector>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/IPCDarwinMessage.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/NotifyCenter.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "bench/support/Process.h"
 #include "bench/support/Table.h"
 

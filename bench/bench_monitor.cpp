@@ -21,7 +21,7 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/DirectoryMonitor.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 #include "bench/support/Memory.h"
 #include "bench/support/Table.h"
 #include "bench/support/TemporaryFolder.h"

@@ -28,10 +28,10 @@
 #include <vector>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Logger/Handlers/FileLogHandler.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "bench/support/Table.h"
 #include "bench/support/TemporaryFolder.h"
 

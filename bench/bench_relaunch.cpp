@@ -28,7 +28,7 @@
 #include <vector>
 
 #include "Velum/Base/SystemError.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 #include "bench/support/Process.h"
 #include "bench/support/Table.h"
 #include "bench/support/TemporaryFolder.h"

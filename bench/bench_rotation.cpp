@@ -9,9 +9,9 @@
 #include <string_view>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Logger/Handlers/FileLogHandler.h"
 #include "Velum/Platform/FileClone.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/SystemLog.h"
 #include "bench/support/Process.h"
 #include "bench/support/Table.h"

@@ -26,7 +26,7 @@
 #include "Velum/AES.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/SealedBox.h"
 #include "Velum/SecureStorage.h"
 #include "Velum/StorageError.h"

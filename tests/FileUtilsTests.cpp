@@ -10,7 +10,7 @@
 #include <functional>
 #include <regex>
 
-#include "Velum/TemporaryFolder.h"
+#include "Velum/Files/TemporaryFolder.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Errors.h"

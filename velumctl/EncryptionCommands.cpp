@@ -10,10 +10,10 @@
 #include <string_view>
 
 #include "Velum/AES.h"
-#include "Velum/AtomicFile.h"
 #include "Velum/Base/ByteView.h"
 #include "Velum/Base/SecretBytes.h"
 #include "Velum/FileUtils.h"
+#include "Velum/Files/AtomicFile.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"
 #include "velumctl/Secrets.h"

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Logger/LogHandler.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "velumctl/LogRecords.h"
 
 namespace velumctl {

@@ -13,9 +13,9 @@
 
 #include "Velum/Base/String.h"
 #include "Velum/FileUtils.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/KeyChain.h"
 #include "Velum/Platform/Bundle.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/PropertyListFormats.h"
 #include "Velum/SealedBox.h"
 #include "Velum/StorageError.h"

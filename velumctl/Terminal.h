@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velumctl {
 

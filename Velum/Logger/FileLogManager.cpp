@@ -13,13 +13,13 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
+#include "Velum/Files/TemporaryFolder.h"
 #include "Velum/Logger/LogLock.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/LogSearch.h"
 #include "Velum/Logger/LogSplitter.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/FileClone.h"
-#include "Velum/TemporaryFolder.h"
 
 namespace velum {
 namespace {

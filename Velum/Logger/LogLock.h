@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "Velum/Base/Progress.h"
-#include "Velum/Platform/Posix/FileLock.h"
+#include "Velum/Files/FileLock.h"
 
 namespace velum {
 

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Logger/LogHandler.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
 

@@ -7,9 +7,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Logger/LogSaving.h"
 #include "Velum/Logger/LogSearch.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
 

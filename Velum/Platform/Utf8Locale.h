@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "Velum/TemporaryFolder.h"
+#include "Velum/Files/TemporaryFolder.h"
 
 namespace velum {
 

@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "Velum/Base/SystemError.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace bench {
 namespace {

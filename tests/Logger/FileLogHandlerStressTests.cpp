@@ -16,8 +16,8 @@
 #include <sstream>
 #include <thread>
 
+#include "Velum/Files/FileLock.h"
 #include "Velum/Logger/Handlers/FileLogHandler.h"
-#include "Velum/Platform/Posix/FileLock.h"
 #include "Velum/Platform/Thread.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogRecords.h"

@@ -11,7 +11,7 @@
 #include <ctime>
 #include <filesystem>
 
-#include "Velum/Platform/Posix/FileLock.h"
+#include "Velum/Files/FileLock.h"
 #include "Velum/Platform/Thread.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Inspection.h"

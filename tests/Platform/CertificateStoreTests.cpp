@@ -14,9 +14,9 @@
 #include <thread>
 #include <vector>
 
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Linux/CertificateStoreLinux.h"
 #include "Velum/Platform/Linux/LockHolderLinux.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"

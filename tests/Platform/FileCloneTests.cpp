@@ -9,7 +9,7 @@
 #include <filesystem>
 
 #include "Velum/Base/Progress.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum {

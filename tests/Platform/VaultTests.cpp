@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <string>
 
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
 #include "Velum/Platform/Linux/VaultLinux.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "tests/support/Inspection.h"
 #include "tests/support/SecretEnvironment.h"
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum::test {
 

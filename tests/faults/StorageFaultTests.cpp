@@ -1,7 +1,7 @@
 // Every system call of the storages fails once, and once the process is killed there.
 
-#include "Velum/AtomicFile.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/AtomicFile.h"
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
 #include "Velum/Platform/UserDefaults.h"
 #include "Velum/SealedBox.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "Velum/Platform/Posix/ReadFile.h"
+#include "Velum/Files/ReadFile.h"
 #include "tests/fuzz/FuzzTarget.h"
 
 namespace velum::fuzz {

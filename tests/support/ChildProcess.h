@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <functional>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum::test {
 

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <string_view>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum::test {
 

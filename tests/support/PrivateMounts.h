@@ -10,7 +10,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum::test {
 

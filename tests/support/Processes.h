@@ -19,8 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Posix/Spawn.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "tests/support/Waiting.h"
 
 namespace velum::test {

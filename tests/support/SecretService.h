@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Posix/Spawn.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "tests/support/Environment.h"
 #include "tests/support/Processes.h"
 #include "tests/support/SecretEnvironment.h"

@@ -17,8 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Posix/Spawn.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "tests/support/Waiting.h"
 
 namespace velum::test {

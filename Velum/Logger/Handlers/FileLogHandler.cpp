@@ -17,9 +17,9 @@
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
+#include "Velum/Files/FileLock.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Platform/FileClone.h"
-#include "Velum/Platform/Posix/FileLock.h"
 
 namespace velum {
 namespace {

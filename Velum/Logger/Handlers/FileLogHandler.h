@@ -8,10 +8,10 @@
 
 #include "Velum/Base/AtFork.h"
 #include "Velum/Concurrency/UnfairLock.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Logger/LogHandler.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/FileEvents.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/SystemLog.h"
 
 namespace velum {

@@ -9,10 +9,10 @@
 #include <string_view>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/ReadFile.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/UserBusLinux.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
-#include "Velum/Platform/Posix/ReadFile.h"
 
 namespace velum {
 namespace {

@@ -6,10 +6,10 @@
 
 #include <filesystem>
 
+#include "Velum/Files/ReadFile.h"
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Linux/DesktopEntry.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
-#include "Velum/Platform/Posix/ReadFile.h"
 #include "Velum/Platform/PropertyList.h"
 
 namespace velum {

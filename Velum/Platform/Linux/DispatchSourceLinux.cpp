@@ -16,10 +16,10 @@
 #include "Velum/Base/Deadline.h"
 #include "Velum/Base/Fatal.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/DispatchQueueLinux.h"
 #include "Velum/Platform/Posix/ChildIo.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
 namespace {

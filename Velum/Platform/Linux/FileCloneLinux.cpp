@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "Velum/Base/Progress.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 namespace {

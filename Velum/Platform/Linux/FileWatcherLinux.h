@@ -13,9 +13,9 @@
 #include <utility>
 #include <vector>
 
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/FileEvents.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
 

@@ -12,8 +12,8 @@
 
 #include "Velum/Base/LazyValue.h"
 #include "Velum/Base/String.h"
+#include "Velum/Files/ReadFile.h"
 #include "Velum/Platform/Linux/PrimaryInterfaceLinux.h"
-#include "Velum/Platform/Posix/ReadFile.h"
 
 namespace velum {
 namespace {

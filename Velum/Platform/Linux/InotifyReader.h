@@ -5,9 +5,9 @@
 #include <string_view>
 
 #include "Velum/Concurrency/UnfairLock.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/FileWatcherLinux.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
 

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "Velum/Platform/Posix/FileLock.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/FileLock.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 

@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "Velum/Base/String.h"
-#include "Velum/Platform/Posix/ReadFile.h"
+#include "Velum/Files/ReadFile.h"
 
 namespace velum {
 namespace {

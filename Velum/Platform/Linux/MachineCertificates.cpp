@@ -13,16 +13,16 @@
 #include <optional>
 #include <utility>
 
-#include "Velum/AtomicFile.h"
 #include "Velum/Base/Deadline.h"
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
+#include "Velum/Files/AtomicFile.h"
+#include "Velum/Files/LockedFile.h"
+#include "Velum/Files/ReadFile.h"
 #include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/CertificatePlaceLinux.h"
-#include "Velum/Platform/Posix/LockedFile.h"
-#include "Velum/Platform/Posix/ReadFile.h"
 #include "Velum/Platform/Posix/Tool.h"
 #include "Velum/Process.h"
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "Velum/Concurrency/ForkSafeLock.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 

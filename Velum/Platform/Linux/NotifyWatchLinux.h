@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Linux/NotifyFolderLinux.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
 

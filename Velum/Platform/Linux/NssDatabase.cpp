@@ -25,9 +25,9 @@
 #include "Velum/Base/Deadline.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Concurrency/UnfairLock.h"
+#include "Velum/Files/LockedFile.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Linux/CertificatePlaceLinux.h"
-#include "Velum/Platform/Posix/LockedFile.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
 namespace {

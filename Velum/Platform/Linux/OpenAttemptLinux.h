@@ -9,11 +9,11 @@
 #include <string>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/LaunchLockLinux.h"
 #include "Velum/Platform/Linux/UserManagerLinux.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/Workspace.h"
 
 namespace velum {

@@ -17,8 +17,8 @@
 #include <string_view>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/ReadFile.h"
 #include "Velum/Platform/Linux/CodeRefusedLinux.h"
-#include "Velum/Platform/Posix/ReadFile.h"
 
 namespace velum {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 

@@ -4,7 +4,7 @@
 #include <csignal>
 #include <ctime>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 

@@ -11,8 +11,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "Velum/Files/ReadFile.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
-#include "Velum/Platform/Posix/ReadFile.h"
 
 namespace velum {
 namespace {

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 

@@ -2,8 +2,8 @@
 
 #include <functional>
 
+#include "Velum/Files/PrivateFolder.h"
 #include "Velum/Platform/Linux/SecretPlaceLinux.h"
-#include "Velum/Platform/Posix/PrivateFolder.h"
 
 namespace velum {
 

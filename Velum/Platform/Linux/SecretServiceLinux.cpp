@@ -5,8 +5,8 @@
 #include <atomic>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/PrivateFolder.h"
 #include "Velum/Platform/Linux/SecretChoiceLinux.h"
-#include "Velum/Platform/Posix/PrivateFolder.h"
 
 namespace velum {
 namespace {

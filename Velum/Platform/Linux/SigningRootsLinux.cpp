@@ -17,9 +17,9 @@
 #include <utility>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/ReadFile.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Linux/CodeRefusedLinux.h"
-#include "Velum/Platform/Posix/ReadFile.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 
 namespace velum {
 namespace {

@@ -13,8 +13,8 @@
 
 #include "Velum/Base/AtFork.h"
 #include "Velum/Concurrency/UnfairLock.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/ConsoleLog.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/SystemLog.h"
 
 namespace velum {

@@ -9,15 +9,15 @@
 #include <filesystem>
 #include <utility>
 
-#include "Velum/AtomicFile.h"
 #include "Velum/Base/LazyValue.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/AtomicFile.h"
+#include "Velum/Files/LockedFile.h"
+#include "Velum/Files/ReadFile.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
-#include "Velum/Platform/Posix/LockedFile.h"
-#include "Velum/Platform/Posix/ReadFile.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/PropertyListText.h"
 #include "Velum/Platform/UserDefaults.h"
 

@@ -4,10 +4,10 @@
 #include <optional>
 #include <string>
 
+#include "Velum/Files/LockedFile.h"
+#include "Velum/Files/PrivateFolder.h"
 #include "Velum/Platform/Linux/SecretPlaceLinux.h"
 #include "Velum/Platform/Linux/VaultFormat.h"
-#include "Velum/Platform/Posix/LockedFile.h"
-#include "Velum/Platform/Posix/PrivateFolder.h"
 
 namespace velum {
 

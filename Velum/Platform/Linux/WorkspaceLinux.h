@@ -9,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/OpenAttemptLinux.h"
 #include "Velum/Platform/Linux/ProcessTableLinux.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
 #include "Velum/Platform/Workspace.h"
 
 namespace velum {

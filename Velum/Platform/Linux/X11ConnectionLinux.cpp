@@ -11,7 +11,7 @@
 #include "Velum/Base/Deadline.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Concurrency/SyncAsync.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 namespace {

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 

@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "Velum/Base/SystemError.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 namespace {

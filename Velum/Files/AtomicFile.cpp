@@ -1,4 +1,4 @@
-#include "Velum/AtomicFile.h"
+#include "Velum/Files/AtomicFile.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -19,8 +19,8 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
-#include "Velum/Platform/Posix/LockedFile.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/LockedFile.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 namespace {

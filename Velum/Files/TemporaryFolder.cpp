@@ -1,4 +1,4 @@
-#include "Velum/TemporaryFolder.h"
+#include "Velum/Files/TemporaryFolder.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>

@@ -4,8 +4,8 @@
 #include <optional>
 
 #include "Velum/Base/AtFork.h"
-#include "Velum/Platform/Posix/FileLock.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/FileLock.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 

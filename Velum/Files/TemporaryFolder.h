@@ -5,8 +5,8 @@
 #include <string_view>
 #include <system_error>
 
-#include "Velum/Platform/Posix/FileLock.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/FileLock.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 

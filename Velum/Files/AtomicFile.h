@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "Velum/Platform/Posix/FileStamp.h"
+#include "Velum/Files/FileStamp.h"
 
 namespace velum {
 

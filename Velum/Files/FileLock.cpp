@@ -1,4 +1,4 @@
-#include "Velum/Platform/Posix/FileLock.h"
+#include "Velum/Files/FileLock.h"
 
 #include <sched.h>
 #include <sys/file.h>
@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <thread>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 namespace {

@@ -1,11 +1,11 @@
-#include "Velum/Platform/Posix/ReadFile.h"
+#include "Velum/Files/ReadFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "Velum/Base/SecretBytes.h"
-#include "Velum/Platform/Posix/UniqueFd.h"
+#include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 

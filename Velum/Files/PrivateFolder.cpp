@@ -1,4 +1,4 @@
-#include "Velum/Platform/Posix/PrivateFolder.h"
+#include "Velum/Files/PrivateFolder.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 
-#include "Velum/Cipher.h"
+#include "Velum/Sealing/Cipher.h"
 
 namespace velum {
 namespace {

@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <string_view>
 
-#include "Velum/DefaultsConversions.h"
 #include "Velum/KeyChain.h"
 #include "Velum/Logger/Logger.h"
+#include "Velum/PropertyList/DefaultsConversions.h"
 
 namespace velum {
 namespace {

@@ -7,7 +7,7 @@
 #include <typeinfo>
 
 #include "Velum/Base/SecretBytes.h"
-#include "Velum/Json.h"
+#include "Velum/Json/Json.h"
 #include "Velum/Platform/SecretStore.h"
 
 namespace velum {

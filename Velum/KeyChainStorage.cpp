@@ -4,7 +4,7 @@
 
 #include "Velum/KeyChain.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/StorageError.h"
+#include "Velum/Sealing/StorageError.h"
 
 namespace velum {
 namespace {

@@ -15,7 +15,7 @@
 #include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/StorageError.h"
+#include "Velum/Sealing/StorageError.h"
 
 namespace velum {
 namespace {

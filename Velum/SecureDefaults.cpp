@@ -5,9 +5,9 @@
 
 #include "Velum/Base/Fatal.h"
 #include "Velum/Concurrency/ForkSafeLock.h"
-#include "Velum/DefaultsConversions.h"
 #include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
+#include "Velum/PropertyList/DefaultsConversions.h"
 
 namespace velum {
 namespace {

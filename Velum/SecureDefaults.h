@@ -11,8 +11,8 @@
 
 #include "Velum/Base/LazyValue.h"
 #include "Velum/KeyStorageProtocol.h"
-#include "Velum/Platform/PropertyList.h"
 #include "Velum/Platform/UserDefaults.h"
+#include "Velum/PropertyList/PropertyList.h"
 
 namespace velum {
 

@@ -17,9 +17,9 @@
 #include "Velum/KeyChain.h"
 #include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/PropertyListFormats.h"
-#include "Velum/SealedBox.h"
-#include "Velum/StorageError.h"
+#include "Velum/PropertyList/PropertyListFormats.h"
+#include "Velum/Sealing/SealedBox.h"
+#include "Velum/Sealing/StorageError.h"
 
 namespace velum {
 namespace {

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "Velum/Base/LazyValue.h"
-#include "Velum/Json.h"
-#include "Velum/JsonWriter.h"
+#include "Velum/Json/Json.h"
+#include "Velum/Json/JsonWriter.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Locale.h"
 #include "Velum/SystemInfo.h"

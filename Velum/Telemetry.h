@@ -9,8 +9,8 @@
 #include <variant>
 
 #include "Velum/Base/RawValue.h"
+#include "Velum/HTTP/URLRequest.h"
 #include "Velum/Platform/HardwareRegistry.h"
-#include "Velum/URLRequest.h"
 
 namespace velum {
 

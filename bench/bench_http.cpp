@@ -25,7 +25,7 @@
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/UniqueFd.h"
-#include "Velum/MultipartBody.h"
+#include "Velum/HTTP/MultipartBody.h"
 #include "Velum/URLSession.h"
 #include "bench/support/Memory.h"
 #include "bench/support/Process.h"

@@ -7,8 +7,8 @@
 #include <numeric>
 #include <set>
 
-#include "Velum/SealedBox.h"
-#include "Velum/StorageError.h"
+#include "Velum/Sealing/SealedBox.h"
+#include "Velum/Sealing/StorageError.h"
 
 namespace velum {
 namespace {

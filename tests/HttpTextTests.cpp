@@ -7,8 +7,8 @@
 #include <string>
 
 #include "Velum/Base/String.h"
-#include "Velum/HTTPHeaders.h"
-#include "Velum/MultipartBody.h"
+#include "Velum/HTTP/HTTPHeaders.h"
+#include "Velum/HTTP/MultipartBody.h"
 #include "Velum/URLSession.h"
 #include "tests/support/Errors.h"
 #include "tests/support/TemporaryFolder.h"

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <thread>
 
-#include "Velum/StorageError.h"
+#include "Velum/Sealing/StorageError.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Waiting.h"

@@ -18,9 +18,9 @@
 #include "Velum/Base/ByteView.h"
 #include "Velum/KeyChain.h"
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
-#include "Velum/SealedBox.h"
+#include "Velum/Sealing/SealedBox.h"
+#include "Velum/Sealing/StorageError.h"
 #include "Velum/SecureStorage.h"
-#include "Velum/StorageError.h"
 #include "tests/support/MemoryKey.h"
 #include "tests/support/SecretEnvironment.h"
 

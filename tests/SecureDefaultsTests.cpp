@@ -10,9 +10,9 @@
 #include <limits>
 #include <thread>
 
-#include "Velum/DefaultsConversions.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/SealedBox.h"
+#include "Velum/PropertyList/DefaultsConversions.h"
+#include "Velum/Sealing/SealedBox.h"
 #include "Velum/SecureStorage.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"

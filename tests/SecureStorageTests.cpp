@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "Velum/Base/ByteView.h"
-#include "Velum/SealedBox.h"
+#include "Velum/Sealing/SealedBox.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/MemoryKey.h"

@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include "Velum/Json.h"
-#include "Velum/JsonWriter.h"
+#include "Velum/Json/Json.h"
+#include "Velum/Json/JsonWriter.h"
 #include "Velum/Platform/Linux/LocaleLinux.h"
 #include "Velum/Platform/Locale.h"
 #include "tests/support/CapturedLog.h"

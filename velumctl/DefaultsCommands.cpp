@@ -11,9 +11,9 @@
 #include <utility>
 
 #include "Velum/Base/String.h"
-#include "Velum/DefaultsConversions.h"
-#include "Velum/Platform/PropertyListText.h"
 #include "Velum/Platform/UserDefaults.h"
+#include "Velum/PropertyList/DefaultsConversions.h"
+#include "Velum/PropertyList/PropertyListText.h"
 #include "Velum/SecureDefaults.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"

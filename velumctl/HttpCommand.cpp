@@ -21,7 +21,7 @@
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
-#include "Velum/MultipartBody.h"
+#include "Velum/HTTP/MultipartBody.h"
 #include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/URLSession.h"
 #include "velumctl/Commands.h"

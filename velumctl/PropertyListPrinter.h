@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "Velum/Json.h"
-#include "Velum/Platform/PropertyList.h"
+#include "Velum/Json/Json.h"
+#include "Velum/PropertyList/PropertyList.h"
 
 namespace velumctl {
 

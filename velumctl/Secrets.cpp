@@ -16,9 +16,9 @@
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/KeyChain.h"
 #include "Velum/Platform/Bundle.h"
-#include "Velum/Platform/PropertyListFormats.h"
-#include "Velum/SealedBox.h"
-#include "Velum/StorageError.h"
+#include "Velum/PropertyList/PropertyListFormats.h"
+#include "Velum/Sealing/SealedBox.h"
+#include "Velum/Sealing/StorageError.h"
 #include "velumctl/Errors.h"
 #include "velumctl/Terminal.h"
 

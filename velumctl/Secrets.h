@@ -6,8 +6,8 @@
 #include <string_view>
 
 #include "Velum/Base/SecretBytes.h"
-#include "Velum/Platform/PropertyList.h"
 #include "Velum/Platform/SecretStore.h"
+#include "Velum/PropertyList/PropertyList.h"
 
 // What the commands that touch secrets share. Secrets come from standard input, a descriptor or a
 // hidden prompt, never from the command line, which every user of the machine can read.

@@ -1,7 +1,7 @@
 #include <memory>
 #include <string>
 
-#include "Velum/Platform/PropertyList.h"
+#include "Velum/PropertyList/PropertyList.h"
 #include "velumctl/Commands.h"
 #include "velumctl/PropertyListPrinter.h"
 #include "velumctl/Secrets.h"

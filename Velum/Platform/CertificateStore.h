@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "Velum/Base/ByteView.h"
-#include "Velum/Platform/PropertyList.h"
 #include "Velum/Platform/SecretStore.h"
+#include "Velum/PropertyList/PropertyList.h"
 
 namespace velum {
 

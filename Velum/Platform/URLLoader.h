@@ -6,10 +6,10 @@
 #include <optional>
 #include <string>
 
+#include "Velum/HTTP/URLError.h"
+#include "Velum/HTTP/URLRequest.h"
+#include "Velum/HTTP/URLResponse.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/URLError.h"
-#include "Velum/URLRequest.h"
-#include "Velum/URLResponse.h"
 
 namespace velum {
 

@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-#include "Velum/Platform/PropertyList.h"
+#include "Velum/PropertyList/PropertyList.h"
 #include "tests/support/Environment.h"
 #include "tests/support/TemporaryFolder.h"
 

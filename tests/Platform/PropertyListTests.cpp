@@ -1,4 +1,4 @@
-#include "Velum/Platform/PropertyList.h"
+#include "Velum/PropertyList/PropertyList.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "Velum/Platform/PropertyListText.h"
+#include "Velum/PropertyList/PropertyListText.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum {

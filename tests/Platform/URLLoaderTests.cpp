@@ -17,7 +17,7 @@
 
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
-#include "Velum/BodySource.h"
+#include "Velum/HTTP/BodySource.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/CurlErrors.h"
 #include "tests/support/ChildProcess.h"

@@ -4,7 +4,7 @@
 #include "Velum/Files/AtomicFile.h"
 #include "Velum/Platform/Linux/SecretStoreLinux.h"
 #include "Velum/Platform/UserDefaults.h"
-#include "Velum/SealedBox.h"
+#include "Velum/Sealing/SealedBox.h"
 #include "Velum/SecureDefaults.h"
 #include "Velum/SecureStorage.h"
 #include "tests/faults/FaultTest.h"

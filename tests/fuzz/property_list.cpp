@@ -1,6 +1,6 @@
 // What the reader accepts can be written, and is the same when it is read again.
 
-#include "Velum/Platform/PropertyList.h"
+#include "Velum/PropertyList/PropertyList.h"
 
 #include "tests/fuzz/FuzzTarget.h"
 

@@ -4,9 +4,9 @@
 #include <optional>
 
 #include "Velum/Base/ByteView.h"
-#include "Velum/Platform/PropertyList.h"
-#include "Velum/SealedBox.h"
-#include "Velum/StorageError.h"
+#include "Velum/PropertyList/PropertyList.h"
+#include "Velum/Sealing/SealedBox.h"
+#include "Velum/Sealing/StorageError.h"
 #include "tests/fuzz/FuzzTarget.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "Velum/KeyChainData.h"
-#include "Velum/SealedBox.h"
+#include "Velum/Sealing/SealedBox.h"
 
 namespace velum::test {
 

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "Velum/Base/ByteView.h"
-#include "Velum/Platform/PropertyList.h"
-#include "Velum/SealedBox.h"
+#include "Velum/PropertyList/PropertyList.h"
+#include "Velum/Sealing/SealedBox.h"
 #include "tests/support/Environment.h"
 #include "tests/support/SecretEnvironment.h"
 #include "tests/velumctl/VelumctlTest.h"

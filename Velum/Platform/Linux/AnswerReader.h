@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "Velum/HTTPHeaders.h"
+#include "Velum/HTTP/HTTPHeaders.h"
 #include "Velum/Platform/Linux/ContentDecoder.h"
 
 namespace velum {

@@ -10,7 +10,7 @@
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Linux/DesktopEntry.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
-#include "Velum/Platform/PropertyList.h"
+#include "Velum/PropertyList/PropertyList.h"
 
 namespace velum {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "Velum/URLError.h"
+#include "Velum/HTTP/URLError.h"
 
 namespace velum {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "Velum/Platform/PropertyList.h"
+#include "Velum/PropertyList/PropertyList.h"
 
 namespace velum {
 

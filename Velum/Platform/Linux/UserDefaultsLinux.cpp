@@ -18,8 +18,8 @@
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Linux/XdgFolders.h"
-#include "Velum/Platform/PropertyListText.h"
 #include "Velum/Platform/UserDefaults.h"
+#include "Velum/PropertyList/PropertyListText.h"
 
 namespace velum {
 namespace {

@@ -1,4 +1,4 @@
-#include "Velum/MultipartBody.h"
+#include "Velum/HTTP/MultipartBody.h"
 
 #include <array>
 #include <cstring>

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "Velum/HTTPHeaders.h"
+#include "Velum/HTTP/HTTPHeaders.h"
 
 namespace velum {
 

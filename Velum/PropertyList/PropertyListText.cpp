@@ -1,8 +1,8 @@
-#include "Velum/Platform/PropertyListText.h"
+#include "Velum/PropertyList/PropertyListText.h"
 
 #include <charconv>
 
-#include "Velum/Platform/PropertyListFormats.h"
+#include "Velum/PropertyList/PropertyListFormats.h"
 
 namespace velum {
 namespace {

@@ -1,9 +1,9 @@
-#include "Velum/Platform/PropertyList.h"
+#include "Velum/PropertyList/PropertyList.h"
 
 #include <algorithm>
 #include <bit>
 
-#include "Velum/Platform/PropertyListFormats.h"
+#include "Velum/PropertyList/PropertyListFormats.h"
 
 namespace velum {
 namespace {

@@ -1,4 +1,4 @@
-#include "Velum/Cipher.h"
+#include "Velum/Sealing/Cipher.h"
 
 #include <openssl/rand.h>
 

@@ -2,7 +2,7 @@
 #include <cmath>
 
 #include "Velum/Base/String.h"
-#include "Velum/Platform/PropertyListFormats.h"
+#include "Velum/PropertyList/PropertyListFormats.h"
 
 namespace velum::detail {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "Velum/Platform/PropertyList.h"
+#include "Velum/PropertyList/PropertyList.h"
 
 namespace velum {
 

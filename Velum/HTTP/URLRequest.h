@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
-#include "Velum/BodySource.h"
-#include "Velum/HTTPHeaders.h"
+#include "Velum/HTTP/BodySource.h"
+#include "Velum/HTTP/HTTPHeaders.h"
 
 namespace velum {
 

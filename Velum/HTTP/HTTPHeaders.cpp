@@ -1,4 +1,4 @@
-#include "Velum/HTTPHeaders.h"
+#include "Velum/HTTP/HTTPHeaders.h"
 
 #include <algorithm>
 

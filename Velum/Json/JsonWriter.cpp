@@ -1,4 +1,4 @@
-#include "Velum/JsonWriter.h"
+#include "Velum/Json/JsonWriter.h"
 
 #include <fmt/format.h>
 
@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "Velum/Base/String.h"
-#include "Velum/Json.h"
+#include "Velum/Json/Json.h"
 
 namespace velum {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "Velum/BodySource.h"
+#include "Velum/HTTP/BodySource.h"
 
 namespace velum {
 

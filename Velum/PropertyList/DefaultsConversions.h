@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "Velum/Platform/PropertyList.h"
+#include "Velum/PropertyList/PropertyList.h"
 
 namespace velum {
 

@@ -1,12 +1,12 @@
-#include "Velum/SealedBox.h"
+#include "Velum/Sealing/SealedBox.h"
 
 #include <openssl/rand.h>
 
 #include <algorithm>
 #include <array>
 
-#include "Velum/Cipher.h"
-#include "Velum/StorageError.h"
+#include "Velum/Sealing/Cipher.h"
+#include "Velum/Sealing/StorageError.h"
 
 namespace velum {
 namespace {

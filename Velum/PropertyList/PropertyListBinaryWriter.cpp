@@ -5,7 +5,7 @@
 #include <unordered_map>
 
 #include "Velum/Base/String.h"
-#include "Velum/Platform/PropertyListFormats.h"
+#include "Velum/PropertyList/PropertyListFormats.h"
 
 namespace velum::detail {
 namespace {

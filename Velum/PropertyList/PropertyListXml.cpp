@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "Velum/Base/LazyValue.h"
-#include "Velum/Platform/PropertyListFormats.h"
+#include "Velum/PropertyList/PropertyListFormats.h"
 
 namespace velum::detail {
 namespace {

@@ -1,4 +1,4 @@
-#include "Velum/DefaultsConversions.h"
+#include "Velum/PropertyList/DefaultsConversions.h"
 
 #include <fmt/format.h>
 

@@ -1,4 +1,4 @@
-#include "Velum/BodySource.h"
+#include "Velum/HTTP/BodySource.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -14,8 +14,8 @@
 #include "Velum/Base/AtFork.h"
 #include "Velum/Base/ByteBuffer.h"
 #include "Velum/Files/UniqueFd.h"
-#include "Velum/Platform/Posix/ChildIo.h"
-#include "Velum/Platform/Posix/Tool.h"
+#include "Velum/Platform/ChildIo.h"
+#include "Velum/Platform/Tool.h"
 
 namespace velum {
 

@@ -22,9 +22,9 @@
 #include "Velum/Base/Deadline.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/UniqueFd.h"
+#include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/Platform/Posix/ChildIo.h"
-#include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/Platform/Spawn.h"
 
 namespace velum {
 namespace {

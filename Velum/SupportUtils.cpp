@@ -15,8 +15,8 @@
 #include "Velum/FileUtils.h"
 #include "Velum/Files/TemporaryFolder.h"
 #include "Velum/Logger/Logger.h"
+#include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/Platform/Posix/ChildIo.h"
 #include "Velum/SystemUtils.h"
 
 namespace velum {

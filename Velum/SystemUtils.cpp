@@ -11,8 +11,8 @@
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/TemporaryFolder.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Posix/ChildIo.h"
-#include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/Platform/ChildIo.h"
+#include "Velum/Platform/Spawn.h"
 #include "Velum/Platform/Utf8Locale.h"
 #include "Velum/Process.h"
 

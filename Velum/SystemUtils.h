@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "Velum/Base/ByteBuffer.h"
-#include "Velum/Platform/Posix/Tool.h"
+#include "Velum/Platform/Tool.h"
 
 namespace velum {
 

@@ -22,7 +22,7 @@
 #include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/HTTP/MultipartBody.h"
-#include "Velum/Platform/Posix/ChildIo.h"
+#include "Velum/Platform/ChildIo.h"
 #include "Velum/URLSession.h"
 #include "velumctl/Commands.h"
 #include "velumctl/Errors.h"

@@ -15,8 +15,8 @@
 #include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Posix/ChildIo.h"
-#include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/Platform/ChildIo.h"
+#include "Velum/Platform/Spawn.h"
 #include "velumctl/Errors.h"
 
 namespace velumctl {

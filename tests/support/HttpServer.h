@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "Velum/Platform/Posix/ChildIo.h"
-#include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/Platform/ChildIo.h"
+#include "Velum/Platform/Spawn.h"
 #include "tests/support/Processes.h"
 #include "tests/support/TemporaryFolder.h"
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "Velum/Files/UniqueFd.h"
-#include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/Platform/Spawn.h"
 #include "tests/support/Environment.h"
 #include "tests/support/Processes.h"
 #include "tests/support/SecretEnvironment.h"

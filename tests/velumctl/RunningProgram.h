@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "Velum/Files/UniqueFd.h"
-#include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/Platform/Spawn.h"
 #include "tests/support/Waiting.h"
 
 namespace velum::test {

@@ -12,8 +12,8 @@
 #include <string>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Linux/PipeSignalLinux.h"
-#include "Velum/Platform/Posix/ChildIo.h"
 
 namespace velum {
 namespace {

@@ -17,9 +17,9 @@
 #include "Velum/Base/Fatal.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/UniqueFd.h"
+#include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/DispatchQueueLinux.h"
-#include "Velum/Platform/Posix/ChildIo.h"
 
 namespace velum {
 namespace {

@@ -23,7 +23,7 @@
 #include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/CertificatePlaceLinux.h"
-#include "Velum/Platform/Posix/Tool.h"
+#include "Velum/Platform/Tool.h"
 #include "Velum/Process.h"
 
 namespace velum {

@@ -19,12 +19,12 @@
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
+#include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Linux/ControlGroupLinux.h"
 #include "Velum/Platform/Linux/ProcessLinux.h"
 #include "Velum/Platform/Linux/UserBusLinux.h"
 #include "Velum/Platform/Linux/UserManagerLinux.h"
-#include "Velum/Platform/Posix/ChildIo.h"
-#include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/Platform/Spawn.h"
 
 namespace velum {
 namespace {

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Posix/Tool.h"
+#include "Velum/Platform/Tool.h"
 
 #include <poll.h>
 
@@ -8,7 +8,7 @@
 #include <csignal>
 #include <filesystem>
 
-#include "Velum/Platform/Posix/ChildIo.h"
+#include "Velum/Platform/ChildIo.h"
 
 namespace velum {
 namespace {

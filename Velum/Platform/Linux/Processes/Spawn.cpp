@@ -1,4 +1,4 @@
-#include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/Platform/Spawn.h"
 
 #include <fcntl.h>
 #include <spawn.h>

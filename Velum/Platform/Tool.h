@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "Velum/Files/UniqueFd.h"
-#include "Velum/Platform/Posix/Spawn.h"
+#include "Velum/Platform/Spawn.h"
 
 namespace velum {
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Linux/HardwareRegistryLinux.h"
+#include "Velum/Platform/Linux/Machine/HardwareRegistryLinux.h"
 #include "Velum/SystemInfo.h"
 #include "Velum/Telemetry.h"
 #include "bench/support/Table.h"

@@ -6,9 +6,9 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "Velum/Platform/Linux/ProcessLinux.h"
-#include "Velum/Platform/Linux/ProcessTableLinux.h"
-#include "Velum/Platform/Linux/UserManagerLinux.h"
+#include "Velum/Platform/Linux/Processes/ProcessLinux.h"
+#include "Velum/Platform/Linux/Processes/UserManagerLinux.h"
+#include "Velum/Platform/Linux/Workspace/ProcessTableLinux.h"
 #include "tests/support/RelaunchTest.h"
 
 namespace velum::test {

@@ -17,7 +17,7 @@
 #include "Velum/AES.h"
 #include "Velum/Base/ByteView.h"
 #include "Velum/KeyChain.h"
-#include "Velum/Platform/Linux/SecretStoreLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretStoreLinux.h"
 #include "Velum/Sealing/SealedBox.h"
 #include "Velum/Sealing/StorageError.h"
 #include "Velum/SecureStorage.h"

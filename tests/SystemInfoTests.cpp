@@ -7,7 +7,7 @@
 #include <sstream>
 #include <utility>
 
-#include "Velum/Platform/Linux/HardwareRegistryLinux.h"
+#include "Velum/Platform/Linux/Machine/HardwareRegistryLinux.h"
 #include "Velum/Telemetry.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/TemporaryFolder.h"

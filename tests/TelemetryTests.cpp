@@ -9,7 +9,7 @@
 
 #include "Velum/Json/Json.h"
 #include "Velum/Json/JsonWriter.h"
-#include "Velum/Platform/Linux/LocaleLinux.h"
+#include "Velum/Platform/Linux/Machine/LocaleLinux.h"
 #include "Velum/Platform/Locale.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/Environment.h"

@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "Velum/Files/UniqueFd.h"
-#include "Velum/Platform/Linux/CertificateStoreLinux.h"
-#include "Velum/Platform/Linux/LockHolderLinux.h"
+#include "Velum/Platform/Linux/Certificates/CertificateStoreLinux.h"
+#include "Velum/Platform/Linux/Certificates/LockHolderLinux.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"

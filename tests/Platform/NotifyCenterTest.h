@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "Velum/Platform/Linux/NotifyCenterLinux.h"
+#include "Velum/Platform/Linux/Notify/NotifyCenterLinux.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Waiting.h"
 

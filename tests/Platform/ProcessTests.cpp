@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "Velum/Platform/Linux/ControlGroupLinux.h"
-#include "Velum/Platform/Linux/ProcessLinux.h"
+#include "Velum/Platform/Linux/Processes/ControlGroupLinux.h"
+#include "Velum/Platform/Linux/Processes/ProcessLinux.h"
 #include "tests/support/Processes.h"
 
 namespace velum::test {

@@ -19,7 +19,7 @@
 #include "Velum/Base/SystemError.h"
 #include "Velum/HTTP/BodySource.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Linux/CurlErrors.h"
+#include "Velum/Platform/Curl/CurlErrors.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"
 #include "tests/support/Exchanges.h"

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "Velum/Files/UniqueFd.h"
-#include "Velum/Platform/Linux/SecretStoreLinux.h"
-#include "Velum/Platform/Linux/VaultLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretStoreLinux.h"
+#include "Velum/Platform/Linux/Secrets/VaultLinux.h"
 #include "tests/support/Inspection.h"
 #include "tests/support/SecretEnvironment.h"
 

@@ -6,7 +6,7 @@
 #include <csignal>
 #include <mutex>
 
-#include "Velum/Platform/Linux/WindowSystemLinux.h"
+#include "Velum/Platform/Linux/Windows/WindowSystemLinux.h"
 #include "Velum/UIUtils.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"

@@ -9,8 +9,8 @@
 #include <functional>
 #include <future>
 
-#include "Velum/Platform/Linux/ProcessLinux.h"
-#include "Velum/Platform/Linux/WorkspaceLinux.h"
+#include "Velum/Platform/Linux/Processes/ProcessLinux.h"
+#include "Velum/Platform/Linux/Workspace/WorkspaceLinux.h"
 #include "tests/support/MainThread.h"
 #include "tests/support/Processes.h"
 #include "tests/support/SampleBundle.h"

@@ -2,7 +2,7 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/AtomicFile.h"
-#include "Velum/Platform/Linux/SecretStoreLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretStoreLinux.h"
 #include "Velum/Platform/UserDefaults.h"
 #include "Velum/Sealing/SealedBox.h"
 #include "Velum/SecureDefaults.h"

@@ -1,12 +1,12 @@
 // What reads a program's signature, and judges who made it: anybody may put anything there.
 
-#include "Velum/Platform/Linux/CodeSignatureLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/CodeSignatureLinux.h"
 
 #include <openssl/pem.h>
 
 #include <array>
 
-#include "Velum/Platform/Linux/CodeRefusedLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/CodeRefusedLinux.h"
 #include "tests/fuzz/FuzzTarget.h"
 
 namespace velum::fuzz {

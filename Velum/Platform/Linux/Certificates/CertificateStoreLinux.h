@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string>
+
+#include "Velum/Platform/CertificateStore.h"
+#include "Velum/Platform/Linux/Certificates/MachineCertificates.h"
+
+namespace velum {
+
+class CertificateStoreLinux final : public CertificateStore {
+ public:
+  static constexpr const char* standardUpdater = "/usr/sbin/update-ca-certificates";
+
+  /// `root` is the root folder of the system whose certificates the machine's are; empty for this
+  /// one. The user's are those of the user that HOME says at each call.
+  explicit CertificateStoreLinux(std::string root = {}, std::string updater = standardUpdater,
+                                 const MachineCertificates::Limits& limits = {})
+      : machine_(std::move(root), std::move(updater), limits) {}
+
+  SecKeychainList searchList(SecPreferencesDomain domain) override;
+  CertificateStatus add(const SecCertificate& certificate, const std::string& label,
+                        const SecKeychain& keychain) override;
+  CertificateStatus remove(const std::string& label, const SecKeychain& keychain) override;
+  CertificateList list(const SecKeychain& keychain) override;
+  TrustSettings copyTrustSettings(const SecCertificate& certificate,
+                                  SecPreferencesDomain domain) override;
+  CertificateStatus setTrustSettings(const SecCertificate& certificate, SecPreferencesDomain domain,
+                                     const std::optional<PropertyList>& settings) override;
+
+ private:
+  bool isMachine(const SecKeychain& keychain) const { return keychain.name == machine_.folder(); }
+  SecKeychain keychain(SecPreferencesDomain domain);
+
+  MachineCertificates machine_;
+};
+
+}  // namespace velum

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include "Velum/Platform/CodeIdentity.h"
+#include "Velum/Platform/Linux/CodeIdentity/SigningRootsLinux.h"
+
+namespace velum {
+
+/// Checks programs against the authorities in one folder. A verdict is about the moment it is
+/// given: the process may start another program right after.
+class CodeIdentityLinux final : public CodeIdentity {
+ public:
+  static constexpr const char* machineRoots = "/etc/velum/code-signing.d";
+
+  /// Trusts the roots that are in `rootsFolder` at the time of each check; see SigningRoots.
+  explicit CodeIdentityLinux(std::string rootsFolder) : roots_(std::move(rootsFolder)) {}
+
+  CodeVerdict check(int pid, const std::string& teamIdentifier,
+                    const CodeCheckOptions& options) override;
+
+ private:
+  SigningRoots roots_;
+};
+
+}  // namespace velum

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+
+#include "Velum/Platform/Linux/Secrets/SecretPlaceLinux.h"
+#include "Velum/Platform/SecretStore.h"
+
+namespace velum {
+
+/// The store of this process's user. Environment variables count as they are when a call is made.
+///
+/// Names must be UTF-8 without NUL and a value at most `maximumValueSize`, wherever secrets are
+/// kept: errSecInvalidData, or EFBIG. An access group that is empty is none. The first call of a
+/// user, a search as well, chooses and records the place; see chooseSecretPlace.
+///
+/// A child forked without exec uses the vault as it likes; the service, only when its parent had
+/// not used it yet (errSecNotAvailable).
+class SecretStoreLinux final : public SecretStore {
+ public:
+  static constexpr std::size_t maximumValueSize = std::size_t{16} << 20U;  // bytes
+
+  /// After a call that took too long, others fail at once (errSecNotAvailable) for so many times
+  /// as long, unless it comes to an end before; not while a prompt waits for its answer.
+  static constexpr int pauseFactor = 3;
+
+  /// `timeout`: the longest that a call may take.
+  explicit SecretStoreLinux(std::chrono::milliseconds timeout) noexcept : timeout_(timeout) {}
+  SecretStoreLinux(const SecretStoreLinux&) = delete;
+  SecretStoreLinux& operator=(const SecretStoreLinux&) = delete;
+  /// Not while a call is under way.
+  ~SecretStoreLinux() override;
+
+  SecretResult copyMatching(const SecretQuery& query) override;
+  SecretStatus add(const SecretQuery& query, const SecretBytes& value) override;
+  SecretStatus update(const SecretQuery& query, const SecretBytes& value) override;
+  SecretStatus remove(const SecretQuery& query) override;
+  SecretList list(const std::optional<std::string>& service) override;
+  SecKeychainList searchList(SecPreferencesDomain domain) override;
+
+ private:
+  struct Threads;
+
+  SecretStatus run(std::function<void(SecretPlace&)> operation);
+  SecretStatus runNamed(const SecretQuery& query,
+                        std::function<void(SecretPlace&, const SecretName&)> operation);
+  Threads& threads();
+
+  std::chrono::milliseconds timeout_;
+  std::atomic<Threads*> threads_{nullptr};  // owned
+};
+
+}  // namespace velum

@@ -1,7 +1,6 @@
 #include "Velum/Process.h"
 
 #include <fmt/format.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -58,11 +57,6 @@ void Pipe::write(std::string_view bytes) const {
     if (size < 0) throw lastSystemError("Writing data to pipe");
     bytes.remove_prefix(static_cast<std::size_t>(size));
   }
-}
-
-Termination Termination::ofWaitStatus(int waitStatus) noexcept {
-  if (WIFSIGNALED(waitStatus)) return {WTERMSIG(waitStatus), Reason::uncaughtSignal};
-  return {WEXITSTATUS(waitStatus), Reason::exit};
 }
 
 namespace {

@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <future>
 #include <memory>
 #include <optional>
@@ -13,6 +12,7 @@
 
 #include "Velum/Base/AtFork.h"
 #include "Velum/Base/ByteBuffer.h"
+#include "Velum/Base/Termination.h"
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Tool.h"
@@ -41,17 +41,6 @@ class Pipe {
 
  private:
   PipeEnds ends_;
-};
-
-/// How a process ended.
-struct Termination {
-  enum class Reason : std::uint8_t { exit, uncaughtSignal };
-
-  int status = 0;  ///< The exit status, or the number of the signal.
-  Reason reason = Reason::exit;
-
-  static Termination ofWaitStatus(int waitStatus) noexcept;
-  bool operator==(const Termination&) const = default;
 };
 
 /// What `Process::run` gives to the tool besides its path. The environment is this process's own.

@@ -16,15 +16,16 @@
 #include "Velum/Base/Deadline.h"
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Base/Termination.h"
 #include "Velum/FileUtils.h"
 #include "Velum/Files/AtomicFile.h"
 #include "Velum/Files/LockedFile.h"
 #include "Velum/Files/ReadFile.h"
 #include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
+#include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Linux/Certificates/CertificatePlaceLinux.h"
 #include "Velum/Platform/Tool.h"
-#include "Velum/Process.h"
 
 namespace velum {
 namespace {

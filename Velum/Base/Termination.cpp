@@ -1,0 +1,12 @@
+#include "Velum/Base/Termination.h"
+
+#include <sys/wait.h>
+
+namespace velum {
+
+Termination Termination::ofWaitStatus(int waitStatus) noexcept {
+  if (WIFSIGNALED(waitStatus)) return {WTERMSIG(waitStatus), Reason::uncaughtSignal};
+  return {WEXITSTATUS(waitStatus), Reason::exit};
+}
+
+}  // namespace velum

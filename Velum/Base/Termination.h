@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstdint>
+
+namespace velum {
+
+/// How a process ended.
+struct Termination {
+  enum class Reason : std::uint8_t { exit, uncaughtSignal };
+
+  int status = 0;  ///< The exit status, or the number of the signal.
+  Reason reason = Reason::exit;
+
+  /// From what wait(2) told.
+  static Termination ofWaitStatus(int waitStatus) noexcept;
+  bool operator==(const Termination&) const = default;
+};
+
+}  // namespace velum

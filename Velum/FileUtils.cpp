@@ -1,18 +1,15 @@
 #include "Velum/FileUtils.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <optional>
-#include <random>
 
-#include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/UniqueFd.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/FileClone.h"
 
@@ -67,10 +64,12 @@ std::vector<std::string> FileUtils::findFile(std::string_view suffix, const std:
 namespace {
 
 // On the disk before the original goes.
-int cloneDurably(const fs::path& from, const fs::path& to) {
-  if (const int error = cloneFile(from, to)) return error;
+int cloneDurably(const fs::path& from, const fs::path& to) try {
+  cloneFile(from, to);
   const UniqueFd file(::open(to.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   return file && retryInterrupted([&] { return ::fsync(file.get()); }) == 0 ? 0 : errno;
+} catch (const SystemError& error) {
+  return error.code();
 }
 
 // Without replacing a target, which link(2) refuses. Where a link is not possible (another volume,
@@ -116,98 +115,5 @@ void FileUtils::deleteFile(const std::string& path) {
              error.message());
   }
 }
-
-void clonefile(const std::string& source, const std::string& destination,
-               const Progress* progress) {
-  if (const int error = cloneFile(source, destination, progress)) {
-    throw SystemError(error,
-                      fmt::format("clonefile(_:to:), copyfile ({}, {})", source, destination));
-  }
-}
-
-namespace {
-
-// mkdtemp(3) of some systems insists on six placeholders; this name has five.
-bool makeUniqueFolder(std::string& path, std::string_view placeholder, mode_t mode) {
-  constexpr std::string_view alphabet =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-  std::random_device random;
-  std::uniform_int_distribution<std::size_t> index(0, alphabet.size() - 1);
-  for (int attempt = 0; attempt < 1000; ++attempt) {
-    std::generate(path.end() - static_cast<std::ptrdiff_t>(placeholder.size()), path.end(),
-                  [&] { return alphabet[index(random)]; });
-    if (::mkdir(path.c_str(), mode) == 0) return true;
-    if (errno != EEXIST) return false;
-  }
-  return false;
-}
-
-}  // namespace
-
-std::string makeTemporaryFolder(std::string_view name, std::string_view parent,
-                                std::string_view caller, mode_t mode) {
-  constexpr std::string_view placeholder = "XXXXX";
-  const std::string pattern = fmt::format("{}/{}.{}", parent, name, placeholder);
-  if (pattern.find('\0') != std::string::npos) {
-    throw SystemError(
-        EINVAL,
-        fmt::format("{}: Failed to generate template for temporary folder '{}'", caller, pattern));
-  }
-  std::string path = pattern;
-  if (!makeUniqueFolder(path, placeholder, mode)) {
-    throw lastSystemError(
-        fmt::format("{}: Failed to create temporary folder '{}'", caller, pattern));
-  }
-  if (!isValidUtf8(path)) {
-    ::rmdir(path.c_str());
-    throw SystemError(
-        EILSEQ, fmt::format("{}: Failed to validate temporary folder name '{}'", caller, pattern));
-  }
-  return path;
-}
-
-namespace checked {
-
-UniqueFd open(const std::string& path, int flags, mode_t mode, std::string_view caller) {
-  UniqueFd fd(retryInterrupted([&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); }));
-  if (!fd) {
-    throw lastSystemError(fmt::format("{}: open ({}, {:#x}, {:#o})", caller, path, flags, mode));
-  }
-  return fd;
-}
-
-std::size_t read(int fd, void* buffer, std::size_t size, std::string_view caller) {
-  const ssize_t got = retryInterrupted([&] { return ::read(fd, buffer, size); });
-  if (got < 0) throw lastSystemError(fmt::format("{}: read ({}, {})", caller, fd, size));
-  return static_cast<std::size_t>(got);
-}
-
-void write(int fd, const void* bytes, std::size_t size, std::string_view caller) {
-  const auto* next = static_cast<const char*>(bytes);
-  for (std::size_t left = size; left > 0;) {
-    const ssize_t written = retryInterrupted([&] { return ::write(fd, next, left); });
-    if (written < 0) throw lastSystemError(fmt::format("{}: write ({}, {})", caller, fd, left));
-    next += written;
-    left -= static_cast<std::size_t>(written);
-  }
-}
-
-std::int64_t lseek(int fd, std::int64_t offset, int whence, std::string_view caller) {
-  const off_t position = ::lseek(fd, offset, whence);
-  if (position == -1) {
-    throw lastSystemError(fmt::format("{}: lseek ({}, {}, {})", caller, fd, offset, whence));
-  }
-  return position;
-}
-
-std::int64_t fileSize(const std::string& path, std::string_view caller) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) {
-    throw lastSystemError(fmt::format("{}: stat ({})", caller, path));
-  }
-  return status.st_size;
-}
-
-}  // namespace checked
 
 }  // namespace velum

@@ -11,7 +11,7 @@
 
 #include "Velum/Base/ByteView.h"
 #include "Velum/Base/SystemError.h"
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Files/LockedFile.h"
 #include "Velum/Files/ReadFile.h"
 #include "Velum/KeyChain.h"

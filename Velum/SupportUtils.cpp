@@ -12,11 +12,12 @@
 #include "Velum/Base/Fatal.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Concurrency/SyncAsync.h"
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Files/TemporaryFolder.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Dispatch.h"
+#include "Velum/Platform/FileClone.h"
 #include "Velum/SystemUtils.h"
 
 namespace velum {
@@ -95,7 +96,7 @@ class ItemCopier {
           EEXIST, fmt::format("{}: '{}' is in the archive already; choose another name",
                               saveItemName, target.lexically_relative(archiveFolder_).string()));
     }
-    clonefile(source, target, progress_);
+    cloneFile(source, target, progress_);
   }
 
   const std::string& archiveFolder_;
@@ -345,7 +346,7 @@ class ArchiveJob {
     fs::create_directories(destination_.parent_path());
     // A file is replaced by the copy itself. Nobody means a folder that holds something.
     if (fs::is_directory(fs::symlink_status(destination_))) fs::remove(destination_);
-    unlessCancelled([&] { clonefile(*archive, destination_, progress_.get()); });
+    unlessCancelled([&] { cloneFile(*archive, destination_, progress_.get()); });
     logInfo(site(createArchiveName), "Log archive was written to: {}", destination_.string());
     if (showInFinder_) reveal();
   }

@@ -25,7 +25,7 @@
 
 #include "Velum/AES.h"
 #include "Velum/Base/SystemError.h"
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Sealing/SealedBox.h"
 #include "Velum/Sealing/StorageError.h"

@@ -10,7 +10,9 @@
 #include <functional>
 #include <regex>
 
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Files/TemporaryFolder.h"
+#include "Velum/Platform/FileClone.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Errors.h"
@@ -138,9 +140,9 @@ TEST_F(FileUtilsTest, DeletesFilesAndFoldersAndLogsWhatItCannot) {
 TEST_F(FileUtilsTest, ClonesOverAnExistingFileAndSaysWhatFailed) {
   const std::string from = make("from");
   const std::string to = make("to");
-  clonefile(from, to);
+  cloneFile(from, to);
   EXPECT_EQ(test::readFile(to), "from");
-  EXPECT_EQ(errorOf([&] { clonefile(folder / "missing", to); }, ENOENT),
+  EXPECT_EQ(errorOf([&] { cloneFile(folder / "missing", to); }, ENOENT),
             "clonefile(_:to:), copyfile (" + folder / "missing" + ", " + to + ")");
 }
 

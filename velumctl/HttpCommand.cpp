@@ -20,7 +20,7 @@
 
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/HTTP/MultipartBody.h"
 #include "Velum/Platform/ChildIo.h"
 #include "Velum/URLSession.h"

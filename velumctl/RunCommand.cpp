@@ -15,7 +15,7 @@
 
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Process.h"
 #include "Velum/SystemUtils.h"

@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "Velum/Base/String.h"
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/KeyChain.h"
 #include "Velum/Platform/Bundle.h"

@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "Velum/Base/SystemError.h"
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Spawn.h"

@@ -18,7 +18,7 @@
 #include <utility>
 
 #include "Velum/Base/SystemError.h"
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Files/LockedFile.h"
 #include "Velum/Files/UniqueFd.h"
 

@@ -9,9 +9,10 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <random>
 
+#include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
-#include "Velum/FileUtils.h"
 
 namespace velum {
 namespace {
@@ -60,7 +61,44 @@ void removeLeftOver(const std::string& parent, const fs::path& name) {
   }
 }
 
+// mkdtemp(3) of some systems insists on six placeholders; this name has five.
+bool makeUniqueFolder(std::string& path, std::string_view placeholder, mode_t mode) {
+  constexpr std::string_view alphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+  std::random_device random;
+  std::uniform_int_distribution<std::size_t> index(0, alphabet.size() - 1);
+  for (int attempt = 0; attempt < 1000; ++attempt) {
+    std::generate(path.end() - static_cast<std::ptrdiff_t>(placeholder.size()), path.end(),
+                  [&] { return alphabet[index(random)]; });
+    if (::mkdir(path.c_str(), mode) == 0) return true;
+    if (errno != EEXIST) return false;
+  }
+  return false;
+}
+
 }  // namespace
+
+std::string makeTemporaryFolder(std::string_view name, std::string_view parent,
+                                std::string_view caller, mode_t mode) {
+  constexpr std::string_view placeholder = "XXXXX";
+  const std::string pattern = fmt::format("{}/{}.{}", parent, name, placeholder);
+  if (pattern.find('\0') != std::string::npos) {
+    throw SystemError(
+        EINVAL,
+        fmt::format("{}: Failed to generate template for temporary folder '{}'", caller, pattern));
+  }
+  std::string path = pattern;
+  if (!makeUniqueFolder(path, placeholder, mode)) {
+    throw lastSystemError(
+        fmt::format("{}: Failed to create temporary folder '{}'", caller, pattern));
+  }
+  if (!isValidUtf8(path)) {
+    ::rmdir(path.c_str());
+    throw SystemError(
+        EILSEQ, fmt::format("{}: Failed to validate temporary folder name '{}'", caller, pattern));
+  }
+  return path;
+}
 
 TemporaryFolder::TemporaryFolder(std::string_view name, const std::string& parent,
                                  std::string_view caller) {

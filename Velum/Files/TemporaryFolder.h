@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,6 +11,11 @@
 #include "Velum/Files/UniqueFd.h"
 
 namespace velum {
+
+/// Creates the folder `parent`/`name`.xxxxx with five random characters and mode 0700, or another,
+/// and returns its path. Throws SystemError; messages begin with `caller`.
+std::string makeTemporaryFolder(std::string_view name, std::string_view parent,
+                                std::string_view caller, mode_t mode = 0700);
 
 /// A folder for the time of one operation, private to this user; goes with all it holds.
 ///

@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "Velum/Base/SystemError.h"
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Files/UniqueFd.h"
 
 namespace velum {

@@ -12,7 +12,7 @@
 #include <limits>
 
 #include "Velum/Base/SystemError.h"
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Files/TemporaryFolder.h"
 #include "Velum/Logger/LogLock.h"
 #include "Velum/Logger/LogRecord.h"
@@ -274,14 +274,14 @@ std::vector<std::string> FileLogManager::duplicateLogFiles(const std::string& fo
                                                            const Progress* progress) const {
   const HeldLog log(logPath_, O_RDONLY, duplicateName, progress);
   std::vector<std::string> copies{inFolder(folder, logPath_)};
-  clonefile(logPath_, copies.front());
+  cloneFile(logPath_, copies.front());
   const std::string rotated = rotatedFilePath(logPath_, 1);
   if (!openLogFile(rotated, O_RDONLY, duplicateName)) return copies;
   copies.push_back(inFolder(folder, rotated));
   // A second name is clone enough for a file that is replaced and never written into.
   if (::linkat(AT_FDCWD, rotated.c_str(), AT_FDCWD, copies.back().c_str(), AT_SYMLINK_FOLLOW) !=
       0) {
-    clonefile(rotated, copies.back());
+    cloneFile(rotated, copies.back());
   }
   return copies;
 }
@@ -353,7 +353,7 @@ void copyfile(const std::string& source, const std::string& destination, bool ap
       maxSize >= 0 ? 0 : std::max<std::int64_t>(size + maxSize, 0);  // maxSize > -2^63, see noLimit
   const std::int64_t count = maxSize >= 0 ? std::min(maxSize, size) : size - firstByte;
   if (!append && firstByte == 0 && count == size) {
-    clonefile(source, destination);
+    cloneFile(source, destination);
     return;
   }
   UniqueFd file = checked::open(source, O_RDONLY, 0, copyfileName);

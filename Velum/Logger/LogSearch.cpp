@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/Logger.h"
 

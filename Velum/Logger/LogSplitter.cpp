@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "Velum/Base/SystemError.h"
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/Logger.h"
 

@@ -11,10 +11,11 @@ class Progress;
 /// Copies a file, sharing its blocks where the volume can (copy on write), with its times, owner
 /// and permissions. Where the owner or the group can't be kept, what it alone was permitted is not.
 /// What stands at `target` is replaced in one step: a reader sees the old or the new file, and a
-/// failure leaves the old one. A symbolic link at `source` is followed. Returns 0 or an errno
-/// value; ECANCELED when `progress` was cancelled, which is looked at every few MiB.
-int cloneFile(const std::string& source, const std::string& target,
-              const Progress* progress = nullptr) noexcept;
+/// failure leaves the old one. A symbolic link at `source` is followed. Throws SystemError
+/// "clonefile(_:to:), copyfile (source, target)", with ECANCELED when `progress` was cancelled,
+/// which is looked at every few MiB.
+void cloneFile(const std::string& source, const std::string& target,
+               const Progress* progress = nullptr);
 
 struct CopyOutcome {
   int error = 0;            ///< 0 or an errno value.

@@ -16,7 +16,7 @@
 
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
-#include "Velum/FileUtils.h"
+#include "Velum/Files/CheckedIo.h"
 #include "Velum/Files/FileLock.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Platform/FileClone.h"
@@ -319,7 +319,7 @@ bool FileLogHandler::shouldRotateLk(Turn& turn) {
 
 void FileLogHandler::rotateFileLk() {
   const std::string copy = rotatedFilePath(filepath_, 1);
-  clonefile(filepath_, copy);
+  cloneFile(filepath_, copy);
   if (!isOpenFileAtPathLk()) {  // somebody moved it away just now: the clone is of another file
     throw SystemError(ESTALE, descriptorText("rotateFileLk(), stat ("));
   }

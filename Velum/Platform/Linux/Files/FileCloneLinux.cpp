@@ -1,6 +1,7 @@
 #include "Velum/Platform/FileClone.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "Velum/Base/Progress.h"
+#include "Velum/Base/SystemError.h"
 #include "Velum/Files/UniqueFd.h"
 
 namespace velum {
@@ -162,10 +164,8 @@ bool copyAttributes(int to, const struct stat& status) {
   return ::futimens(to, times.data()) == 0;
 }
 
-}  // namespace
-
-int cloneFile(const std::string& source, const std::string& target,
-              const Progress* progress) noexcept try {
+/// Returns 0 or an errno value.
+int cloneOf(const std::string& source, const std::string& target, const Progress* progress) {
   // Non-blocking, so that a FIFO at the path is an error and not a wait.
   const UniqueFd from(
       retryInterrupted([&] { return ::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
@@ -176,8 +176,14 @@ int cloneFile(const std::string& source, const std::string& target,
   if (replacement.fd() < 0) return errno;
   if (const int error = copyContent(from.get(), replacement.fd(), progress).error) return error;
   return copyAttributes(replacement.fd(), status) && replacement.publish() ? 0 : errno;
-} catch (const std::bad_alloc&) {
-  return ENOMEM;
+}
+
+}  // namespace
+
+void cloneFile(const std::string& source, const std::string& target, const Progress* progress) {
+  if (const int error = cloneOf(source, target, progress)) {
+    throw SystemError(error, fmt::format("clonefile(_:to:), copyfile ({}, {})", source, target));
+  }
 }
 
 CopyOutcome copyFileRange(int source, std::int64_t sourceOffset, int target,

@@ -16,7 +16,7 @@ if(TARGET velumctl)
     DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 endif()
 install(DIRECTORY Velum DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-  FILES_MATCHING PATTERN "*.h" PATTERN Linux EXCLUDE)
+  FILES_MATCHING PATTERN "*.h" PATTERN Linux EXCLUDE PATTERN Curl EXCLUDE)
 
 # Below lib whatever the libraries' folder is called: there systemd-tmpfiles looks.
 install(FILES packaging/velum.conf DESTINATION lib/tmpfiles.d)

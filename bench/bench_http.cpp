@@ -159,7 +159,7 @@ void upload(const std::string& url, const std::string& path) {
 
 void benchUpload() {
   const bench::TemporaryFolder folder;
-  const std::string path = folder.file("file");
+  const std::string path = folder / "file";
   std::ofstream(path).close();
   std::filesystem::resize_file(path, static_cast<std::uintmax_t>(fileSize));
   const Sink sink;
@@ -168,7 +168,7 @@ void benchUpload() {
   const bench::Run tool = [&] {
     return bench::timed([&] {
       bench::Process curl(
-          {"curl", "-q", "-s", "-f", "--noproxy", "*", "-F", "file=@" + path, sink.url()});
+          {"/usr/bin/curl", "-q", "-s", "-f", "--noproxy", "*", "-F", "file=@" + path, sink.url()});
       if (curl.wait() != 0) throw velum::SystemError(EIO, "curl");
     });
   };

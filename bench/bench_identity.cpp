@@ -53,9 +53,9 @@ double timed(Work work) {
 
 // An authority, and the maker's certificate below it, in the folder.
 void makeCertificates(const bench::TemporaryFolder& folder) {
-  std::filesystem::create_directory(folder.file("roots"));
-  ::chmod(folder.file("roots").c_str(), 0755);
-  const std::string root = folder.file("roots/root.pem");
+  std::filesystem::create_directory(folder / "roots");
+  ::chmod((folder / "roots").c_str(), 0755);
+  const std::string root = folder / "roots/root.pem";
   run(fmt::format(
       "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=Authority -keyout {0}/root.key"
       " -out {1} && chmod 644 {1}",
@@ -70,7 +70,7 @@ void makeCertificates(const bench::TemporaryFolder& folder) {
 
 // A program of so many bytes, signed by the team.
 std::string makeProgram(const bench::TemporaryFolder& folder, std::uintmax_t size) {
-  const std::string path = folder.file(fmt::format("program-{}", size));
+  const std::string path = folder / fmt::format("program-{}", size);
   std::filesystem::copy_file("/bin/sleep", path);
   // Not a hole: what is read is to be on the disk, as a program is.
   std::ofstream file(path, std::ios::binary | std::ios::app);
@@ -109,8 +109,8 @@ class BareVerify {
 };
 
 void benchCheck(const bench::TemporaryFolder& folder) {
-  const BareVerify bare(folder.file("roots/root.pem"));
-  const auto identity = velum::CodeIdentity::trusting(folder.file("roots"));
+  const BareVerify bare(folder / "roots/root.pem");
+  const auto identity = velum::CodeIdentity::trusting(folder / "roots");
   struct Size {
     std::uintmax_t bytes;
     const char* name;

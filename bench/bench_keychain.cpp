@@ -51,8 +51,8 @@ class Session {
             R"(<allow receive_sender="*"/><allow own="*"/></policy></busconfig>' > {0}/bus.conf; )"
             R"(exec dbus-daemon --nofork --nopidfile --config-file {0}/bus.conf)",
             folder.path()))) {
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + folder.file("bus")).c_str(), 1);
-    waitFor("the bus", [&] { return std::filesystem::exists(folder.file("bus")); });
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", ("unix:path=" + (folder / "bus")).c_str(), 1);
+    waitFor("the bus", [&] { return std::filesystem::exists(folder / "bus"); });
     keyring_ = std::make_unique<bench::Process>(
         shell("exec gnome-keyring-daemon --unlock --components=secrets --foreground <<END\n"
               "password\nEND"));

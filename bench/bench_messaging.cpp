@@ -11,7 +11,6 @@
 
 #include <array>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <semaphore>
 #include <string>
@@ -24,6 +23,7 @@
 #include "Velum/Platform/NotifyCenter.h"
 #include "bench/support/Process.h"
 #include "bench/support/Table.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -42,24 +42,6 @@ void sayReady() {
   constexpr int readyDescriptor = 3;
   if (::write(readyDescriptor, "\n", 1) != 1) throw velum::lastSystemError("write (ready)");
 }
-
-/// A folder in memory, as those of running sessions are.
-class MemoryFolder {
- public:
-  MemoryFolder() {
-    if (::mkdtemp(path_.data()) == nullptr) throw velum::lastSystemError("mkdtemp");
-  }
-  MemoryFolder(const MemoryFolder&) = delete;
-  MemoryFolder& operator=(const MemoryFolder&) = delete;
-  ~MemoryFolder() {
-    std::error_code error;
-    std::filesystem::remove_all(path_, error);
-  }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_ = "/dev/shm/velum-bench-XXXXXX";
-};
 
 /// A file that one process touches and another watches, with nothing else around it.
 class TouchedFile {
@@ -168,8 +150,8 @@ void reportRoundTrip(const std::string& self, const std::string& folder) {
   const auto responder = bench::startReady({self, "messages", "id"});
   const auto toucher = bench::startReady({self, "touches", folder});
   const std::string busAddress = "unix:path=" + folder + "/bus";
-  const auto bus = bench::startReady(
-      {"dbus-daemon", "--session", "--nofork", "--print-address=3", "--address=" + busAddress});
+  const auto bus = bench::startReady({"/usr/bin/dbus-daemon", "--session", "--nofork",
+                                      "--print-address=3", "--address=" + busAddress});
   ::setenv("DBUS_SESSION_BUS_ADDRESS", busAddress.c_str(), 1);
   const auto signaller = bench::startReady({self, "signals"});
   std::array<int, 2> ends{};
@@ -257,7 +239,7 @@ int run(const std::vector<std::string>& arguments) {
     answerSocket();
     return EXIT_SUCCESS;
   }
-  const MemoryFolder folder;
+  const velum::test::TemporaryFolder folder("/dev/shm");  // in memory, as those of sessions are
   bench::isolateEnvironment(folder.path());
   installConfig();
   reportRoundTrip(arguments[0], folder.path());

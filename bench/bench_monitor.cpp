@@ -136,22 +136,22 @@ double delay(const std::string& folder, Notice& notice, std::chrono::microsecond
 }
 
 void measureDelay(const bench::TemporaryFolder& folder) {
-  std::filesystem::create_directory(folder.file("bare"));
-  std::filesystem::create_directory(folder.file("monitored"));
+  std::filesystem::create_directory(folder / "bare");
+  std::filesystem::create_directory(folder / "monitored");
   Notice bareNotice;
   Notice notice;
-  const BareReader bare(folder.file("bare"), bareNotice);
+  const BareReader bare(folder / "bare", bareNotice);
   const auto delegate = std::make_shared<NoticingDelegate>(notice);
-  const auto monitor = velum::DirectoryMonitor::create(folder.file("monitored"));
+  const auto monitor = velum::DirectoryMonitor::create(folder / "monitored");
   monitor->setDelegate(delegate);
   monitor->startMonitoring();
   const auto measure = [&](std::string_view what, std::chrono::microseconds pause) {
     const auto times =
-        bench::interleaved(rounds, {[&] { return delay(folder.file("monitored"), notice, pause); },
-                                    [&] { return delay(folder.file("bare"), bareNotice, pause); }});
+        bench::interleaved(rounds, {[&] { return delay(folder / "monitored", notice, pause); },
+                                    [&] { return delay(folder / "bare", bareNotice, pause); }});
     bench::report(what, times[0], "a thread in read(inotify)", times[1], {1.3});
   };
-  delay(folder.file("monitored"), notice, {});  // all threads have been started by now
+  delay(folder / "monitored", notice, {});  // all threads have been started by now
   place(0, 0);
   measure("change to delegate, one processor", {});
   if (std::thread::hardware_concurrency() > 1) {
@@ -167,7 +167,7 @@ using Monitors = std::vector<std::shared_ptr<velum::DirectoryMonitor>>;
 std::vector<std::string> makeFolders(const bench::TemporaryFolder& folder) {
   std::vector<std::string> paths;
   for (std::size_t i = 0; i < monitorCount; ++i) {
-    paths.push_back(folder.file("folder" + std::to_string(i)));
+    paths.push_back(folder / "folder" + std::to_string(i));
     std::filesystem::create_directory(paths.back());
   }
   return paths;

@@ -224,11 +224,11 @@ class Locked final : public Writer {
 };
 
 void compare(const bench::TemporaryFolder& folder, int threads) {
-  HandlerWriter handler(folder.file("handler.log"));
-  LoggerWriter logger(folder.file("logger.log"));
-  BareWriter bare(folder.file("bare.log"));
-  SpdlogWriter spdlog(folder.file("spdlog.log"));
-  Locked<SpdlogWriter> lockedSpdlog(folder.file("locked_spdlog.log"));
+  HandlerWriter handler(folder / "handler.log");
+  LoggerWriter logger(folder / "logger.log");
+  BareWriter bare(folder / "bare.log");
+  SpdlogWriter spdlog(folder / "spdlog.log");
+  Locked<SpdlogWriter> lockedSpdlog(folder / "locked_spdlog.log");
   const auto times = bench::interleaved(
       rounds, {[&] { return handler.run(threads); }, [&] { return bare.run(threads); },
                [&] { return logger.run(threads); }, [&] { return spdlog.run(threads); },
@@ -236,12 +236,12 @@ void compare(const bench::TemporaryFolder& folder, int threads) {
   // Boost.Log has one core for all loggers of a process, so its two contenders can't be there at
   // once.
   const auto plainBoost = [&] {
-    BoostWriter boost(folder.file("boost.log"));
+    BoostWriter boost(folder / "boost.log");
     return bench::interleaved(
         rounds, {[&] { return logger.run(threads); }, [&] { return boost.run(threads); }});
   }();
   const auto lockedBoost = [&] {
-    Locked<BoostWriter> boost(folder.file("locked_boost.log"));
+    Locked<BoostWriter> boost(folder / "locked_boost.log");
     return bench::interleaved(
         rounds, {[&] { return logger.run(threads); }, [&] { return boost.run(threads); }});
   }();
@@ -279,8 +279,8 @@ double contended(const std::string& path) {
 
 void compareContended(const bench::TemporaryFolder& folder) {
   const auto times =
-      bench::interleaved(11, {[&] { return contended<HandlerWriter>(folder.file("handler.log")); },
-                              [&] { return contended<BareWriter>(folder.file("bare.log")); }});
+      bench::interleaved(11, {[&] { return contended<HandlerWriter>(folder / "handler.log"); },
+                              [&] { return contended<BareWriter>(folder / "bare.log"); }});
   bench::report("file record, 8 processes of 4 threads: handler", times[0],
                 "mutex, flock, write, flock", times[1], {1.25},
                 contendingProcesses * recordsPerRun);

@@ -143,7 +143,7 @@ class Crowd {
 
 std::unique_ptr<bench::Process> shell(const char* script, const std::string& process) {
   return std::make_unique<bench::Process>(
-      std::vector<std::string>{"sh", "-c", script, "sh", BENCH_APPLICATION, process});
+      std::vector<std::string>{"/bin/sh", "-c", script, "sh", BENCH_APPLICATION, process});
 }
 
 // What a look at every process can't do without: the list, and the program of each.
@@ -184,7 +184,7 @@ int main(int count, char** arguments) {
   const std::string session = runtime != nullptr ? runtime : "";
   bench::isolateEnvironment(folder.path());
   if (isInSession) ::setenv("XDG_RUNTIME_DIR", session.c_str(), 1);
-  Events events(folder.file("events"));
+  Events events(folder / "events");
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
 
   // Long enough for everybody to fall asleep, and not in step with any of the polls.

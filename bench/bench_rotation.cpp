@@ -63,8 +63,8 @@ class EndOfRotation final : public velum::SystemLog {
 
 int main() {
   const bench::TemporaryFolder folder;
-  const std::string path = folder.file("name.log");
-  const std::string rotated = folder.file("name.1.log");
+  const std::string path = folder / "name.log";
+  const std::string rotated = folder / "name.1.log";
 
   const bench::Run handler = [&] {
     prepare(path, rotated);
@@ -88,8 +88,8 @@ int main() {
   const bench::Run commands = [&] {
     prepare(path, rotated);
     return bench::timed([&] {
-      if (bench::Process({"cp", "--reflink=auto", path, rotated}).wait() != 0 ||
-          bench::Process({"truncate", "-s", "0", path}).wait() != 0) {
+      if (bench::Process({"/bin/cp", "--reflink=auto", path, rotated}).wait() != 0 ||
+          bench::Process({"/usr/bin/truncate", "-s", "0", path}).wait() != 0) {
         throw velum::SystemError(EIO, "cp, truncate");
       }
     });

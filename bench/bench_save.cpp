@@ -130,9 +130,9 @@ void plainCopy(const std::vector<std::string>& files, const std::string& target)
 
 int main() {
   const bench::TemporaryFolder folder;
-  const std::string live = folder.file("name.log");
-  const std::string rotated = folder.file("name.1.log");
-  const std::string out = folder.file("out");
+  const std::string live = folder / "name.log";
+  const std::string rotated = folder / "name.1.log";
+  const std::string out = folder / "out";
   const std::vector<std::string> files{rotated, live};
   const std::string both = rotated + ' ' + live;
   writeLog(rotated, firstDate);

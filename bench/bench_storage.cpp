@@ -176,7 +176,7 @@ void benchLookUp() {
 void benchChanges(const bench::TemporaryFolder& folder) {
   const auto key = std::make_shared<FixedKey>();
   const bench::Run ours = [&] {
-    velum::SecureStorage storage(key, folder.file("settings"), never);
+    velum::SecureStorage storage(key, folder / "settings", never);
     return bench::timed([&] {
       for (int index = 0; index < keyCount; ++index)
         storage.setObject(value(index), keyName(index));
@@ -184,7 +184,7 @@ void benchChanges(const bench::TemporaryFolder& folder) {
     });
   };
   const bench::Run qt = [&] {
-    const std::string path = folder.file("settings.conf");
+    const std::string path = folder / "settings.conf";
     ::unlink(path.c_str());
     QSettings settings(QString::fromStdString(path), QSettings::NativeFormat);
     return bench::timed([&] {
@@ -272,7 +272,7 @@ class SealingStorage final : public velum::KeyStorageBase {
 
 void benchStore(const bench::TemporaryFolder& folder) {
   const auto key = std::make_shared<FixedKey>();
-  velum::SecureStorage storage(key, folder.file("sealed"), never);
+  velum::SecureStorage storage(key, folder / "sealed", never);
   SealingStorage unwritten;
   for (int index = 0; index < keyCount; ++index) {
     storage.setObject(value(index), keyName(index));
@@ -284,11 +284,10 @@ void benchStore(const bench::TemporaryFolder& folder) {
     return bench::timed([&] { what.store(); });
   };
   const auto times = bench::interleaved(
-      41,
-      {[&] { return stored(storage); },
-       [&] { return bench::timed([&] { bareWrite(folder.file("bare"), bareSeal(plist.get())); }); },
-       [&] { return stored(unwritten); },
-       [&] { return bench::timed([&] { bareSeal(plist.get()); }); }});
+      41, {[&] { return stored(storage); },
+           [&] { return bench::timed([&] { bareWrite(folder / "bare", bareSeal(plist.get())); }); },
+           [&] { return stored(unwritten); },
+           [&] { return bench::timed([&] { bareSeal(plist.get()); }); }});
   bench::report("store() of 10,000 keys to a sealed file", times[0], "libplist, EVP, write, fsync",
                 times[1], {1.15});
   bench::report("the same without the write", times[2], "libplist, EVP", times[3], {1.15});

@@ -1,8 +1,5 @@
 #include "bench/support/Process.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
 #include <sys/wait.h>
 
 #include <array>
@@ -13,56 +10,17 @@
 #include <utility>
 
 #include "Velum/Base/SystemError.h"
-#include "Velum/Files/UniqueFd.h"
+#include "Velum/Platform/Spawn.h"
+#include "tests/support/Processes.h"
 
 namespace bench {
-namespace {
-
-constexpr int readyDescriptor = 3;
-
-// What posix_spawn does in the child before the program begins.
-class FileActions {
- public:
-  FileActions() { ::posix_spawn_file_actions_init(&actions_); }
-  FileActions(const FileActions&) = delete;
-  FileActions& operator=(const FileActions&) = delete;
-  ~FileActions() { ::posix_spawn_file_actions_destroy(&actions_); }
-
-  void open(int descriptor, const char* path) {
-    ::posix_spawn_file_actions_addopen(&actions_, descriptor, path, O_RDWR, 0);
-  }
-  void duplicate(int from, int to) { ::posix_spawn_file_actions_adddup2(&actions_, from, to); }
-  const posix_spawn_file_actions_t* get() const noexcept { return &actions_; }
-
- private:
-  posix_spawn_file_actions_t actions_{};
-};
-
-struct Pipe {
-  Pipe() {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw velum::lastSystemError("pipe2 ()");
-    reader.reset(ends[0]);
-    writer.reset(ends[1]);
-  }
-  velum::UniqueFd reader;
-  velum::UniqueFd writer;
-};
-
-}  // namespace
 
 Process::Process(const std::vector<std::string>& arguments, int inherited) {
-  std::vector<char*> pointers;
-  for (const std::string& argument : arguments) {
-    pointers.push_back(const_cast<char*>(argument.c_str()));  // NOLINT(*-const-cast): C interface
-  }
-  pointers.push_back(nullptr);
-  FileActions actions;
-  for (const int stream : {0, 1, 2}) actions.open(stream, "/dev/null");
-  if (inherited >= 0) actions.duplicate(inherited, readyDescriptor);
-  const int error =
-      ::posix_spawnp(&id_, pointers[0], actions.get(), nullptr, pointers.data(), environ);
-  if (error != 0) throw velum::SystemError(error, "posix_spawnp (" + arguments[0] + ")");
+  velum::SpawnOptions options;
+  options.executable = arguments[0];
+  options.arguments = arguments;
+  if (inherited >= 0) options.extraDescriptor = inherited;
+  id_ = velum::spawn(options);
 }
 
 Process::~Process() {
@@ -82,16 +40,11 @@ int Process::wait() noexcept {
 }
 
 void awaitReadable(int descriptor, const std::string& what) {
-  pollfd waiting{descriptor, POLLIN, 0};
-  constexpr int milliseconds = 10'000;
-  if (velum::retryInterrupted([&] { return ::poll(&waiting, 1, milliseconds); }) != 1 ||
-      (waiting.revents & POLLIN) == 0) {
-    throw velum::SystemError(ETIMEDOUT, what);
-  }
+  if (!velum::test::isReadable(descriptor)) throw velum::SystemError(ETIMEDOUT, what);
 }
 
 std::unique_ptr<Process> startReady(const std::vector<std::string>& arguments) {
-  Pipe pipe;
+  velum::test::Pipe pipe;
   auto process = std::make_unique<Process>(arguments, pipe.writer.get());
   pipe.writer.reset();  // so that the process's death ends the wait
   awaitReadable(pipe.reader.get(), arguments[0] + " does not say that it is ready");
@@ -114,7 +67,7 @@ void isolateEnvironment(const std::string& folder) {
     ::setenv(variable, path.c_str(), 1);
   }
   ::unsetenv("DBUS_SESSION_BUS_ADDRESS");
-  ::setenv("VELUM_READY_FD", std::to_string(readyDescriptor).c_str(), 1);
+  ::setenv("VELUM_READY_FD", std::to_string(velum::SpawnOptions::extraDescriptorNumber).c_str(), 1);
 }
 
 }  // namespace bench

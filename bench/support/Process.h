@@ -11,8 +11,8 @@ namespace bench {
 /// A child process with its standard streams on /dev/null. Killed and reaped when destroyed.
 class Process {
  public:
-  /// Starts the program `arguments[0]`, a path or a name to be found in PATH. The child gets
-  /// `inherited` as descriptor 3 (none when -1) and this process's environment. Throws SystemError.
+  /// Starts the program `arguments[0]`, a path. The child gets `inherited` as descriptor 3 (none
+  /// when -1) and this process's environment. Throws SystemError.
   explicit Process(const std::vector<std::string>& arguments, int inherited = -1);
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
@@ -28,7 +28,7 @@ class Process {
   pid_t id_ = -1;
 };
 
-/// Waits until `descriptor` can be read. Throws after ten seconds, naming what did not come.
+/// Waits until `descriptor` can be read. Throws after 30 seconds, naming what did not come.
 void awaitReadable(int descriptor, const std::string& what);
 
 /// Starts a program that says over VELUM_READY_FD when it is ready, and waits until it does so.

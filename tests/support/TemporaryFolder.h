@@ -12,11 +12,13 @@
 
 namespace velum::test {
 
-/// A folder of the test's own below the system's temporary folder, removed with all it holds.
+/// A folder of the test's own, below the system's temporary folder or another, removed with all it
+/// holds.
 class TemporaryFolder {
  public:
-  TemporaryFolder()
-      : path_((std::filesystem::temp_directory_path() / "velum-test-XXXXXX").string()) {
+  explicit TemporaryFolder(
+      const std::filesystem::path& parent = std::filesystem::temp_directory_path())
+      : path_(parent / "velum-test-XXXXXX") {
     if (::mkdtemp(path_.data()) == nullptr) {
       throw std::system_error(errno, std::generic_category(), path_);
     }

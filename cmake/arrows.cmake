@@ -11,6 +11,7 @@ set(arrows
   "Platform -> Base Files PropertyList HTTP"
   "Concurrency -> Base Platform"
   "Logger -> Base Files Platform Concurrency"
+  "Vault -> Base Files Sealing Platform"
   # Below the seam: who implements it may log, and use what stands under the seam.
   "Platform/Linux/Dispatch -> Base Files Platform Concurrency"
   "Platform/Linux/Files -> Base Files PropertyList Platform Concurrency Logger"
@@ -18,7 +19,7 @@ set(arrows
   "Platform/Linux/Processes -> Base Files Platform Platform/Linux/Files"
   "Platform/Linux/Machine -> Base Files Platform Platform/Linux/Files"
   "Platform/Linux/Notify -> Base Files Platform Concurrency Logger Platform/Linux/Files"
-  "Platform/Linux/Secrets -> Base Files Platform Concurrency Logger Platform/Linux/Files Platform/Linux/Processes"
+  "Platform/Linux/Secrets -> Base Files Platform Concurrency Logger Vault Platform/Linux/Files Platform/Linux/Processes"
   "Platform/Linux/CodeIdentity -> Base Files Platform Concurrency"
   "Platform/Linux/Certificates -> Base Files PropertyList Platform Concurrency Logger Platform/Linux/Files"
   "Platform/Linux/Windows -> Base Files Platform Concurrency Logger Platform/Linux/Files Platform/Linux/Processes"

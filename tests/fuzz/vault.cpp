@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <array>
 
-#include "Velum/Platform/Linux/Secrets/VaultFormat.h"
+#include "Velum/Vault/VaultFormat.h"
 #include "tests/fuzz/FuzzTarget.h"
 
 namespace velum::fuzz {

@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "Velum/Platform/Linux/Secrets/VaultLinux.h"
+#include "Velum/Vault/Vault.h"
 
 namespace velum {
 namespace {
@@ -26,14 +26,14 @@ std::optional<SecretPlaceKind> recorded(const PrivateFolder& folder) {
 SecretChoice chooseSecretPlace(const PrivateFolder& folder, const SecretCall& call,
                                const std::function<SecretPlaceKind()>& probe) {
   if (const auto known = recorded(folder)) return {*known, false};
-  const auto hasVault = [&] { return folder.has(VaultLinux::fileName); };
+  const auto hasVault = [&] { return folder.has(Vault::fileName); };
   SecretPlaceKind choice = SecretPlaceKind::service;
   if (hasVault()) {
     choice = SecretPlaceKind::vault;
   } else if (!folder.has(serviceMarkFileName)) {
     choice = probe();
   }
-  const VaultLinux::Lock lock(folder, call);
+  const Vault::Lock lock(folder, call);
   if (const auto known = recorded(folder)) return {*known, false};
   if (hasVault()) choice = SecretPlaceKind::vault;
   const std::string_view text = choice == SecretPlaceKind::service ? serviceText : vaultText;
@@ -43,7 +43,7 @@ SecretChoice chooseSecretPlace(const PrivateFolder& folder, const SecretCall& ca
 
 void markService(const PrivateFolder& folder, const SecretCall& call) {
   if (folder.has(serviceMarkFileName)) return;
-  const VaultLinux::Lock lock(folder, call);
+  const Vault::Lock lock(folder, call);
   if (!folder.has(serviceMarkFileName)) folder.replace(serviceMarkFileName, secretBytes(markText));
 }
 

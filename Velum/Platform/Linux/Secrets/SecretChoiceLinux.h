@@ -3,7 +3,7 @@
 #include <functional>
 
 #include "Velum/Files/PrivateFolder.h"
-#include "Velum/Platform/Linux/Secrets/SecretPlaceLinux.h"
+#include "Velum/Vault/SecretPlace.h"
 
 namespace velum {
 

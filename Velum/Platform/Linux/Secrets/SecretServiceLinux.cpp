@@ -36,7 +36,7 @@ SecretName nameOf(const SecretSession::Attributes& attributes) {
 /// it; what is locked then stays locked.
 class PromptTurn {
  public:
-  explicit PromptTurn(const SecretCall& call) {
+  explicit PromptTurn(const SecretServiceCall& call) {
     call.requireTime();
     if (!call.hasDisplay || isTaken.exchange(true)) {
       throw SecretFailure(errSecInteractionNotAllowed);
@@ -111,7 +111,7 @@ void SecretServiceLinux::noteFound() const {
   SecretCall call = call_;
   call.lockLimit = {};
   try {
-    markService(PrivateFolder(call.folder.value()), call);
+    markService(PrivateFolder(call_.folder.value()), call);
   } catch (const SecretFailure&) {  // NOLINT(bugprone-empty-catch): the next one does it
   } catch (const SystemError&) {    // NOLINT(bugprone-empty-catch): the same
   }

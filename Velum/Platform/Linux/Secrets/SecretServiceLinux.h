@@ -4,10 +4,20 @@
 #include <optional>
 #include <string>
 
-#include "Velum/Platform/Linux/Secrets/SecretPlaceLinux.h"
 #include "Velum/Platform/Linux/Secrets/SecretSessionLinux.h"
+#include "Velum/Vault/SecretPlace.h"
 
 namespace velum {
+
+/// The surroundings of a call as the service needs them.
+struct SecretServiceCall : SecretCall {
+  /// Where vault, key and record are. Nothing when the user has no home.
+  std::optional<std::string> folder;
+  /// D-Bus address of the session's bus; nothing when there is no session bus.
+  std::optional<std::string> busAddress;
+  /// A prompt would be seen.
+  bool hasDisplay = false;
+};
 
 /// The items in the Secret Service of the user's session. They lie in the default collection under
 /// the attributes service, account and accessGroup (always there, empty for none), labelled
@@ -28,7 +38,7 @@ class SecretServiceLinux final : public SecretPlace {
   static bool isPrompting() noexcept;
 
   /// The call that the next operation is for, with a folder; a copy is kept.
-  void begin(const SecretCall& call) { call_ = call; }
+  void begin(const SecretServiceCall& call) { call_ = call; }
 
   /// Whether the session has a Secret Service. Present: it answered. Absent: there is no bus, or
   /// nobody is the service and nobody can be started to be it. Throws SecretFailure while neither
@@ -56,7 +66,7 @@ class SecretServiceLinux final : public SecretPlace {
   void noteFound() const;
   void unlock(SecretSession& session, const std::vector<std::string>& paths);
 
-  SecretCall call_;
+  SecretServiceCall call_;
   std::unique_ptr<SecretSession> session_;
 };
 

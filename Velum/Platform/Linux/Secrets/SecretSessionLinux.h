@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "Velum/Platform/Linux/Secrets/SecretPlaceLinux.h"
+#include "Velum/Vault/SecretPlace.h"
 
 namespace velum {
 

@@ -15,19 +15,19 @@
 #include "Velum/Platform/Linux/Secrets/SecretChoiceLinux.h"
 #include "Velum/Platform/Linux/Secrets/SecretServiceLinux.h"
 #include "Velum/Platform/Linux/Secrets/SecretWorkersLinux.h"
-#include "Velum/Platform/Linux/Secrets/VaultLinux.h"
+#include "Velum/Vault/Vault.h"
 
 namespace velum {
 namespace {
 
 constexpr std::chrono::seconds publicTimeout(10);
 
-SecretCall callNow(std::chrono::milliseconds timeout) {
+SecretServiceCall callNow(std::chrono::milliseconds timeout) {
   const auto isSet = [](const char* name) {
     const char* const value = std::getenv(name);
     return value != nullptr && *value != '\0';
   };
-  SecretCall call;
+  SecretServiceCall call;
   call.deadline = deadlineAfter(timeout);
   call.lockLimit = bounded(timeout) / 2;
   call.folder = userFolder("XDG_DATA_HOME", ".local/share");
@@ -49,7 +49,7 @@ struct Outcome {
   std::optional<SecretPlaceKind> chosen;  // just now
 };
 
-void onChosenPlace(const SecretCall& call, SecretServiceLinux& service, Outcome& outcome,
+void onChosenPlace(const SecretServiceCall& call, SecretServiceLinux& service, Outcome& outcome,
                    const std::function<void(SecretPlace&)>& operation) {
   if (!call.folder) throw SecretFailure(errSecNotAvailable);
   const PrivateFolder folder(*call.folder);
@@ -60,7 +60,7 @@ void onChosenPlace(const SecretCall& call, SecretServiceLinux& service, Outcome&
   });
   if (choice.isNew) outcome.chosen = choice.kind;
   if (choice.kind == SecretPlaceKind::service) return operation(service);
-  VaultLinux vault(folder, call);
+  Vault vault(folder, call);
   operation(vault);
 }
 
@@ -114,7 +114,7 @@ SecretStoreLinux::Threads& SecretStoreLinux::threads() {
 }
 
 SecretStatus SecretStoreLinux::run(std::function<void(SecretPlace&)> operation) {
-  const SecretCall call = callNow(timeout_);
+  const SecretServiceCall call = callNow(timeout_);
   const auto outcome = std::make_shared<Outcome>();
   auto work = [call, outcome, operation = std::move(operation)](SecretServiceLinux& service) {
     guarded(*outcome, [&] { onChosenPlace(call, service, *outcome, operation); });

@@ -4,8 +4,8 @@
 #include <chrono>
 #include <functional>
 
-#include "Velum/Platform/Linux/Secrets/SecretPlaceLinux.h"
 #include "Velum/Platform/SecretStore.h"
+#include "Velum/Vault/SecretPlace.h"
 
 namespace velum {
 

@@ -5,7 +5,7 @@
 #include <functional>
 #include <memory>
 
-#include "Velum/Platform/Linux/Secrets/SecretPlaceLinux.h"
+#include "Velum/Vault/SecretPlace.h"
 
 namespace velum {
 

@@ -9,7 +9,7 @@
 
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Linux/Secrets/SecretStoreLinux.h"
-#include "Velum/Platform/Linux/Secrets/VaultLinux.h"
+#include "Velum/Vault/Vault.h"
 #include "tests/support/Inspection.h"
 #include "tests/support/SecretEnvironment.h"
 
@@ -21,7 +21,7 @@ using std::filesystem::perms;
 constexpr std::chrono::seconds patient(60);
 const SecretQuery token{"com.example.vpn", "token", {}, false};
 
-class Vault : public testing::Test {
+class VaultFile : public testing::Test {
  protected:
   std::string path(const std::string& name) const { return environment.storeFolder() + '/' + name; }
   std::string content() const { return test::readFile(path("vault")); }
@@ -40,7 +40,7 @@ class Vault : public testing::Test {
   SecretStoreLinux store{patient};
 };
 
-TEST_F(Vault, ClosesItsFilesToOthersAndShowsNothing) {
+TEST_F(VaultFile, ClosesItsFilesToOthersAndShowsNothing) {
   const mode_t before = ::umask(0);
   fill();
   ::umask(before);
@@ -56,7 +56,7 @@ TEST_F(Vault, ClosesItsFilesToOthersAndShowsNothing) {
   EXPECT_NE(content(), first) << "the same nonce twice";
 }
 
-TEST_F(Vault, LeavesADamagedFileAlone) {
+TEST_F(VaultFile, LeavesADamagedFileAlone) {
   fill();
   const std::string whole = content();
   for (const std::string& damaged :
@@ -72,7 +72,7 @@ TEST_F(Vault, LeavesADamagedFileAlone) {
   EXPECT_EQ(content() + test::readFile(path("secret-store")), whole + "vau");
 }
 
-TEST_F(Vault, TakesItsKeyFromTheServiceManager) {
+TEST_F(VaultFile, TakesItsKeyFromTheServiceManager) {
   const std::string credentials = environment.folder() + "/credentials";
   const std::string file = credentials + "/velum-vault-key";
   const test::ScopedVariable variable("CREDENTIALS_DIRECTORY", credentials);
@@ -93,7 +93,7 @@ TEST_F(Vault, TakesItsKeyFromTheServiceManager) {
   EXPECT_FALSE(std::filesystem::exists(path("vault-key"))) << "a new key for old content";
 }
 
-TEST_F(Vault, RefusesWhatOthersCouldHavePlanted) {
+TEST_F(VaultFile, RefusesWhatOthersCouldHavePlanted) {
   fill();
   for (const char* name : {"vault", "vault-key", "secret-store"}) {
     const std::string kept = environment.folder() + "/kept";
@@ -129,7 +129,7 @@ TEST_F(Vault, RefusesWhatOthersCouldHavePlanted) {
   EXPECT_EQ(readStatus(), errSecErrnoBase + ENOTDIR);
 }
 
-TEST_F(Vault, DoesNotWaitForALockForEver) {
+TEST_F(VaultFile, DoesNotWaitForALockForEver) {
   fill();
   const UniqueFd lock(::open(path("lock").c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
@@ -140,7 +140,7 @@ TEST_F(Vault, DoesNotWaitForALockForEver) {
   EXPECT_EQ(store.update({"x", "y", {}, false}, secretBytes("")), errSecItemNotFound);
   EXPECT_EQ(value(), "value") << "a call that was reported as failed was done later";
   const SecretCall late;  // its deadline is long over
-  EXPECT_THROW(VaultLinux(PrivateFolder(environment.storeFolder()), late)
+  EXPECT_THROW(Vault(PrivateFolder(environment.storeFolder()), late)
                    .update({token.service, token.account, ""}, secretBytes("too late")),
                SecretFailure);
   EXPECT_EQ(value(), "value") << "its caller had gone while it waited for the lock";

@@ -6,8 +6,8 @@
 
 #include "Velum/Files/LockedFile.h"
 #include "Velum/Files/PrivateFolder.h"
-#include "Velum/Platform/Linux/Secrets/SecretPlaceLinux.h"
-#include "Velum/Platform/Linux/Secrets/VaultFormat.h"
+#include "Velum/Vault/SecretPlace.h"
+#include "Velum/Vault/VaultFormat.h"
 
 namespace velum {
 
@@ -19,7 +19,7 @@ namespace velum {
 /// file "vault-key" beside the vault, which the first change makes. A vault that can't be opened,
 /// for example because its key is missing, is damaged: errSecDecode, and nothing is touched. The
 /// failure says which file it was.
-class VaultLinux final : public SecretPlace {
+class Vault final : public SecretPlace {
  public:
   static constexpr const char* fileName = "vault";
   static constexpr const char* keyFileName = "vault-key";
@@ -36,7 +36,7 @@ class VaultLinux final : public SecretPlace {
   };
 
   /// Both must outlive the object.
-  VaultLinux(const PrivateFolder& folder, const SecretCall& call) noexcept
+  Vault(const PrivateFolder& folder, const SecretCall& call) noexcept
       : folder_(folder), call_(call) {}
 
   SecretBytes read(const SecretName& name) override;

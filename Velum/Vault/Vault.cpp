@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Secrets/VaultLinux.h"
+#include "Velum/Vault/Vault.h"
 
 #include <fmt/format.h>
 #include <openssl/rand.h>
@@ -41,14 +41,14 @@ VaultTable::iterator existing(VaultTable& table, const SecretName& name) {
 
 }  // namespace
 
-VaultLinux::Lock::Lock(const PrivateFolder& folder, const SecretCall& call)
+Vault::Lock::Lock(const PrivateFolder& folder, const SecretCall& call)
     : file_([&] { return folder.openLock(lockFileName); }, call.lockLimit) {
   if (file_) return;
   throw SecretFailure(errSecTimedOut,
                       folder.pathOf(lockFileName) + " is kept locked by another process");
 }
 
-std::optional<SecretBytes> VaultLinux::key() const {
+std::optional<SecretBytes> Vault::key() const {
   constexpr std::size_t enough = 4096;  // to see that a file is too long to be a key
   if (call_.credentialsFolder) {
     const std::string path = *call_.credentialsFolder + credentialName;
@@ -61,7 +61,7 @@ std::optional<SecretBytes> VaultLinux::key() const {
   return checkedKey(std::move(*key), folder_.pathOf(keyFileName));
 }
 
-VaultLinux::Content VaultLinux::load() const {
+Vault::Content Vault::load() const {
   const auto sealed = folder_.read(fileName, maximumFileSize);
   Content content;
   if (!sealed) return content;
@@ -76,7 +76,7 @@ VaultLinux::Content VaultLinux::load() const {
   return content;
 }
 
-void VaultLinux::change(const std::function<void(VaultTable&)>& edit) {
+void Vault::change(const std::function<void(VaultTable&)>& edit) {
   const Lock lock(folder_, call_);
   Content content = load();
   edit(content.table);
@@ -91,26 +91,26 @@ void VaultLinux::change(const std::function<void(VaultTable&)>& edit) {
   folder_.replace(fileName, sealVault(plaintext, *content.key));
 }
 
-SecretBytes VaultLinux::read(const SecretName& name) {
+SecretBytes Vault::read(const SecretName& name) {
   Content content = load();
   return std::move(existing(content.table, name)->second);
 }
 
-void VaultLinux::add(const SecretName& name, const SecretBytes& value) {
+void Vault::add(const SecretName& name, const SecretBytes& value) {
   change([&](VaultTable& table) {
     if (!table.emplace(name, value).second) throw SecretFailure(errSecDuplicateItem);
   });
 }
 
-void VaultLinux::update(const SecretName& name, const SecretBytes& value) {
+void Vault::update(const SecretName& name, const SecretBytes& value) {
   change([&](VaultTable& table) { existing(table, name)->second = value; });
 }
 
-void VaultLinux::remove(const SecretName& name) {
+void Vault::remove(const SecretName& name) {
   change([&](VaultTable& table) { table.erase(existing(table, name)); });
 }
 
-std::vector<SecretName> VaultLinux::list(const std::optional<std::string>& service) {
+std::vector<SecretName> Vault::list(const std::optional<std::string>& service) {
   const Content content = load();
   std::vector<SecretName> names;
   for (const auto& [name, value] : content.table) {
@@ -119,7 +119,7 @@ std::vector<SecretName> VaultLinux::list(const std::optional<std::string>& servi
   return names;
 }
 
-std::optional<std::string> VaultLinux::keychain() {
+std::optional<std::string> Vault::keychain() {
   return folder_.pathOf(fileName);
 }
 

@@ -40,14 +40,8 @@ struct SecretCall {
   Clock::time_point deadline;
   /// The longest that a lock is waited for: less than that, so that its caller hears of it.
   std::chrono::nanoseconds lockLimit{0};
-  /// Where vault, key and record are. Nothing when the user has no home.
-  std::optional<std::string> folder;
   /// What the service manager hands over to this process.
   std::optional<std::string> credentialsFolder;
-  /// D-Bus address of the session's bus; nothing when there is no session bus.
-  std::optional<std::string> busAddress;
-  /// A prompt would be seen.
-  bool hasDisplay = false;
 
   /// Before a change: one that nobody waits for any more is not begun, for its caller was told
   /// that it failed. Throws SecretFailure.
@@ -56,8 +50,8 @@ struct SecretCall {
   }
 };
 
-/// A place that holds items: the Secret Service or the vault. Operations throw SecretFailure, and
-/// SystemError for system calls. One thread at a time.
+/// A place that holds items: the vault, or a service of the system. Operations throw SecretFailure,
+/// and SystemError for system calls. One thread at a time.
 class SecretPlace {
  public:
   SecretPlace() = default;

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Secrets/VaultFormat.h"
+#include "Velum/Vault/VaultFormat.h"
 
 #include <openssl/evp.h>
 #include <openssl/rand.h>

@@ -6,7 +6,7 @@
 #include <optional>
 #include <span>
 
-#include "Velum/Platform/Linux/Secrets/SecretPlaceLinux.h"
+#include "Velum/Vault/SecretPlace.h"
 
 namespace velum {
 

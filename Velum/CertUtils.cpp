@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "Velum/KeyChain.h"
+#include "Velum/KeychainSearch.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/PropertyList/DefaultsConversions.h"
 
@@ -17,10 +17,9 @@ constexpr std::string_view sourceFile = "Velum/CertUtils";
 /// The domain's keychain; nothing, and a record, when it has none.
 std::optional<SecKeychain> keychainOf(SecPreferencesDomain domain, CertificateStore& store,
                                       std::string_view function) {
-  auto keychain = KeyChain::keychain(domain, store.searchList(domain));
+  auto keychain = firstKeychain(domain, store.searchList(domain));
   if (!keychain) {
-    logError({sourceFile, function}, "There is no keychain for domain {}",
-             KeyChain::domainText(domain));
+    logError({sourceFile, function}, "There is no keychain for domain {}", domainText(domain));
   }
   return keychain;
 }

@@ -8,6 +8,7 @@
 
 #include "Velum/Base/Fatal.h"
 #include "Velum/Base/LazyValue.h"
+#include "Velum/KeychainSearch.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Bundle.h"
 
@@ -81,7 +82,7 @@ SecretResult KeyChain::loadResult(const std::string& key, const Service& service
   SecretResult found = store.copyMatching(baseQuery(key, service, accessGroup));
   if (found.status != errSecSuccess && found.status != errSecItemNotFound) {
     logError({sourceFile, "load(key:service:accessGroup:)"}, "Failed to find {} in Keychain. {}",
-             key, statusText(found.status));
+             key, secretStatusText(found.status));
   }
   return found;
 }
@@ -92,25 +93,7 @@ SecretStatus KeyChain::remove(const std::string& key, const Service& service,
 }
 
 std::optional<SecKeychain> KeyChain::keychain(SecPreferencesDomain domain, SecretStore& store) {
-  return keychain(domain, store.searchList(domain));
-}
-
-std::optional<SecKeychain> KeyChain::keychain(SecPreferencesDomain domain, SecKeychainList list) {
-  if (list.status != errSecSuccess) {
-    logError({sourceFile, "keychain(in:)"}, "Failed searching for keychain in {}{}",
-             domainText(domain), statusText(list.status));
-    return std::nullopt;
-  }
-  if (list.keychains.empty()) return std::nullopt;
-  return std::move(list.keychains.front());
-}
-
-std::string KeyChain::domainText(SecPreferencesDomain domain) {
-  return "SecPreferencesDomain(rawValue: " + std::to_string(static_cast<int>(domain)) + ")";
-}
-
-std::string KeyChain::statusText(SecretStatus status) {
-  return SecretStore::errorText(status).value_or(std::to_string(status));
+  return firstKeychain(domain, store.searchList(domain));
 }
 
 /// The value may be secret: its type stands for it.

@@ -78,16 +78,6 @@ class KeyChain {
   static std::optional<SecKeychain> keychain(SecPreferencesDomain domain,
                                              SecretStore& store = SecretStore::shared());
 
-  /// The first keychain of a search list that is not the secret store's, such as that of
-  /// CertificateStore.
-  static std::optional<SecKeychain> keychain(SecPreferencesDomain domain, SecKeychainList list);
-
-  /// The domain as messages name it.
-  static std::string domainText(SecPreferencesDomain domain);
-
-  /// The system's text for a status, else the number.
-  static std::string statusText(SecretStatus status);
-
  private:
   /// A value that is wiped when it goes.
   struct Json {

@@ -24,7 +24,7 @@ std::optional<SecretBytes> KeyChainStorage::loadData() {
   logDebug({sourceFile, "loadData()"}, "Load from {}", key_);
   SecretResult found = KeyChain::loadResult(key_, {}, {}, store_);
   if (found.status == errSecItemNotFound) return std::nullopt;
-  if (found.status != errSecSuccess) throw StorageUnavailable(KeyChain::statusText(found.status));
+  if (found.status != errSecSuccess) throw StorageUnavailable(secretStatusText(found.status));
   return std::move(found.data);
 }
 
@@ -34,8 +34,7 @@ void KeyChainStorage::storeData(std::string_view bytes) {
   SecretStatus status = isDamaged() ? keepDamaged() : errSecSuccess;
   if (status == errSecSuccess) status = KeyChain::save(key_, secretBytes(bytes), {}, {}, store_);
   if (status == errSecSuccess) return;
-  const std::string text =
-      fmt::format("Failed to store {}: {}", key_, KeyChain::statusText(status));
+  const std::string text = fmt::format("Failed to store {}: {}", key_, secretStatusText(status));
   logError({sourceFile, function}, "{}", text);
   throw StorageErrorLogged(text);
 }

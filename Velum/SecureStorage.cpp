@@ -28,7 +28,7 @@ constexpr std::string_view sourceFile = "Velum/SecureStorage";
 constexpr std::size_t maximumFileSize = detail::PropertyListLimits::size + SealedBox::overhead;
 
 [[noreturn]] void throwKeyUnavailable(SecretStatus status) {
-  throw StorageUnavailable("The key can't be read: " + KeyChain::statusText(status));
+  throw StorageUnavailable("The key can't be read: " + secretStatusText(status));
 }
 
 std::optional<SecretBytes> opened(const std::string& box, const SecretResult& key) {

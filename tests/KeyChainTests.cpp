@@ -69,9 +69,7 @@ TEST(KeyChain, KeepsMissingApartFromOutOfReach) {
     const CapturedLog failures;
     EXPECT_EQ(KeyChain::loadResult("key", "service", {}, store).status, status);
     EXPECT_FALSE(KeyChain::load("key", "service", {}, store));
-    EXPECT_EQ(failures.count("Failed to find key in Keychain. " +
-                             SecretStore::errorText(status).value_or(std::to_string(status))),
-              2U);
+    EXPECT_EQ(failures.count("Failed to find key in Keychain. " + secretStatusText(status)), 2U);
   }
   // A number that has no text stands for itself.
   store.failWith(-7);

@@ -154,7 +154,7 @@ velum::SecretQuery KeychainItem::query() const {
 
 void requireSuccess(velum::SecretStatus status, const std::string& what) {
   if (status == velum::errSecSuccess) return;
-  std::string text = velum::SecretStore::errorText(status).value_or("unknown status");
+  std::string text = velum::secretErrorText(status).value_or("unknown status");
   if (text.ends_with('.')) text.pop_back();
   const char* advice =
       "; see that the keychain's service runs and has a default keyring, then try again";

@@ -8,7 +8,8 @@
 #include <vector>
 
 #include "Velum/Base/ByteView.h"
-#include "Velum/Platform/SecretStore.h"
+#include "Velum/Platform/Keychains.h"
+#include "Velum/Platform/SecretStatus.h"
 #include "Velum/PropertyList/PropertyList.h"
 
 namespace velum {

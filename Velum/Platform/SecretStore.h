@@ -1,37 +1,14 @@
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "Velum/Base/SecretBytes.h"
+#include "Velum/Platform/Keychains.h"
+#include "Velum/Platform/SecretStatus.h"
 
 namespace velum {
-
-/// How an operation on the secret store ended: 0, or one of the numbers below. The numbers are
-/// those that callers, logs and support know from the system's own keychain; errors of system
-/// calls are `errSecErrnoBase` and the errno value.
-using SecretStatus = std::int32_t;
-
-inline constexpr SecretStatus errSecSuccess = 0;
-inline constexpr SecretStatus errSecUnimplemented = -4;              // not on this system
-inline constexpr SecretStatus errSecIO = -36;                        // a tool or library failed
-inline constexpr SecretStatus errSecParam = -50;                     // makes no sense
-inline constexpr SecretStatus errSecUserCanceled = -128;             // a prompt was refused
-inline constexpr SecretStatus errSecNoTrustSettings = -25263;        // of a certificate
-inline constexpr SecretStatus errSecNotAvailable = -25291;           // no store, or it went away
-inline constexpr SecretStatus errSecNoSuchKeychain = -25294;         // of that name or domain
-inline constexpr SecretStatus errSecDuplicateItem = -25299;          // add of an existing item
-inline constexpr SecretStatus errSecItemNotFound = -25300;           // the only "missing"
-inline constexpr SecretStatus errSecInteractionNotAllowed = -25308;  // locked
-inline constexpr SecretStatus errSecDecode = -26275;                 // damaged store
-inline constexpr SecretStatus errSecInvalidData = -67673;            // value can't be encoded
-inline constexpr SecretStatus errSecErrnoBase = 100'000;
-/// The store did not answer in time. 60 is the number of ETIMEDOUT on the system these numbers
-/// come from; it is the same on every system.
-inline constexpr SecretStatus errSecTimedOut = errSecErrnoBase + 60;
 
 /// Names one generic-password item. Two items differ when any of the three differs; no access
 /// group is a value of its own.
@@ -55,19 +32,6 @@ struct SecretResult {
 struct SecretList {
   SecretStatus status = errSecSuccess;
   std::vector<SecretQuery> items;
-};
-
-/// Whose keychains are meant.
-enum class SecPreferencesDomain : std::uint8_t { user, system, common, dynamic };
-
-/// One keychain: what the system calls it (a collection's object path, a vault's file path).
-struct SecKeychain {
-  std::string name;
-};
-
-struct SecKeychainList {
-  SecretStatus status = errSecSuccess;
-  std::vector<SecKeychain> keychains;
 };
 
 /// The place where the system keeps secrets. Every call ends within ten seconds, whatever happens
@@ -98,9 +62,6 @@ class SecretStore {
   /// The items of `service`, of every access group; of all services this library wrote when absent.
   virtual SecretList list(const std::optional<std::string>& service) = 0;
   virtual SecKeychainList searchList(SecPreferencesDomain domain) = 0;
-
-  /// The system's text for a status; nothing when it has none.
-  static std::optional<std::string> errorText(SecretStatus status);
 };
 
 }  // namespace velum

@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "Velum/Platform/SecretStore.h"
+#include "Velum/Base/SecretBytes.h"
+#include "Velum/Platform/SecretStatus.h"
 
 namespace velum {
 

@@ -139,7 +139,7 @@ std::string SecCertificate::fingerprint() const {
 
 std::string CertificateStatus::text() const {
   if (!detail.empty()) return detail;
-  return SecretStore::errorText(number).value_or(std::to_string(number));
+  return secretStatusText(number);
 }
 
 }  // namespace velum

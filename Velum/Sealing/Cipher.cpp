@@ -44,6 +44,12 @@ bool CipherContext::restart(const std::uint8_t* iv) noexcept {
   return EVP_CipherInit_ex2(context_.get(), nullptr, nullptr, iv, -1, nullptr) == 1;
 }
 
+bool CipherContext::authenticate(ByteView along) noexcept {
+  int count = 0;
+  return along.empty() || EVP_CipherUpdate(context_.get(), nullptr, &count, along.data(),
+                                           static_cast<int>(along.size())) == 1;
+}
+
 bool CipherContext::update(ByteView in, std::uint8_t* out, std::size_t& written) noexcept {
   constexpr std::size_t most = std::size_t{1} << 30U;  // the library counts in int
   written = 0;

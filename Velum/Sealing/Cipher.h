@@ -44,6 +44,8 @@ class CipherContext {
                 const std::uint8_t* iv);
 
   bool restart(const std::uint8_t* iv) noexcept;
+  /// Has `along` count for the tag, before anything is transformed. False on failure.
+  bool authenticate(ByteView along) noexcept;
   /// Transforms `in`, of any length, into `out`, which may be the same place, and returns the bytes
   /// that came out; nothing on failure.
   bool update(ByteView in, std::uint8_t* out, std::size_t& written) noexcept;

@@ -21,8 +21,9 @@ std::unique_ptr<CipherContext> context(CipherContext::Direction direction, ByteV
 
 }  // namespace
 
-SealedBox::SealedBox(ByteView key)
-    : encryption_(context(CipherContext::Direction::encrypt, key)),
+SealedBox::SealedBox(ByteView key, ByteView along)
+    : along_(along),
+      encryption_(context(CipherContext::Direction::encrypt, key)),
       decryption_(context(CipherContext::Direction::decrypt, key)),
       random_(std::make_unique<detail::RandomPool>()) {}
 SealedBox::~SealedBox() = default;
@@ -42,6 +43,7 @@ void SealedBox::seal(ByteView plain, std::span<std::uint8_t> box) {
   std::size_t written = 0;
   int rest = 0;
   if (!random_->take(nonce) || !encryption_->restart(nonce.data()) ||
+      !encryption_->authenticate(along_) ||
       !encryption_->update(plain, box.data() + nonceSize, written) ||
       EVP_EncryptFinal_ex(encryption_->get(), tag.data(), &rest) != 1 ||
       EVP_CIPHER_CTX_ctrl(encryption_->get(), EVP_CTRL_AEAD_GET_TAG, tagSize, tag.data()) != 1) {
@@ -65,7 +67,7 @@ void SealedBox::open(ByteView box, std::span<std::uint8_t> plain) {
   const auto ciphertext = box.subspan(nonceSize, plain.size());
   std::size_t written = 0;
   int rest = 0;
-  if (!decryption_->restart(box.data()) ||
+  if (!decryption_->restart(box.data()) || !decryption_->authenticate(along_) ||
       !decryption_->update(ciphertext, plain.data(), written) ||
       EVP_CIPHER_CTX_ctrl(decryption_->get(), EVP_CTRL_AEAD_SET_TAG, tagSize, tag.data()) != 1 ||
       EVP_DecryptFinal_ex(decryption_->get(), tag.data(), &rest) != 1) {

@@ -18,8 +18,9 @@ class RandomPool;
 
 /// AES-256-GCM under one key: seals bytes so that only the key's owner can read them and every
 /// change is noticed. A sealed box is a random nonce of 12 bytes, the ciphertext, as long as the
-/// plaintext, and a tag of 16 bytes. An object is for one thread at a time; key material is wiped
-/// with it. Failures throw StorageError.
+/// plaintext, and a tag of 16 bytes. What is authenticated along stands elsewhere, such as a file's
+/// mark: a box opens with the same bytes only. An object is for one thread at a time; key material
+/// is wiped with it. Failures throw StorageError.
 class SealedBox {
  public:
   static constexpr std::size_t keySize = 32;
@@ -27,8 +28,9 @@ class SealedBox {
   static constexpr std::size_t tagSize = 16;
   static constexpr std::size_t overhead = nonceSize + tagSize;
 
-  /// Throws "incorrectKeySize" for a key of another size.
-  explicit SealedBox(ByteView key);
+  /// Throws "incorrectKeySize" for a key of another size. `along`, which is authenticated along,
+  /// must outlive the object.
+  explicit SealedBox(ByteView key, ByteView along = {});
   SealedBox(const SealedBox&) = delete;
   SealedBox& operator=(const SealedBox&) = delete;
   ~SealedBox();
@@ -49,6 +51,7 @@ class SealedBox {
   void open(ByteView box, std::span<std::uint8_t> plain);
 
  private:
+  const ByteView along_;
   std::unique_ptr<detail::CipherContext> encryption_;
   std::unique_ptr<detail::CipherContext> decryption_;
   std::unique_ptr<detail::RandomPool> random_;

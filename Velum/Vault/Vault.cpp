@@ -1,11 +1,12 @@
 #include "Velum/Vault/Vault.h"
 
 #include <fmt/format.h>
-#include <openssl/rand.h>
 
 #include <cerrno>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Sealing/SealedBox.h"
+#include "Velum/Sealing/StorageError.h"
 
 namespace velum {
 namespace {
@@ -21,16 +22,18 @@ constexpr const char* credentialName = "/velum-vault-key";
 }
 
 SecretBytes checkedKey(SecretBytes key, const std::string& path) {
-  if (key.size() != vaultKeySize) failDamaged(path, "does not hold a key of 32 bytes");
+  if (key.size() != SealedBox::keySize) failDamaged(path, "does not hold a key of 32 bytes");
   return key;
 }
 
-SecretBytes makeKey() {
-  SecretBytes key(vaultKeySize);
-  if (RAND_priv_bytes(key.data(), static_cast<int>(key.size())) != 1) {
+/// Neither a key nor a seal can be made without randomness.
+template <class Make>
+SecretBytes made(Make make) {
+  try {
+    return make();
+  } catch (const StorageError&) {
     throw SecretFailure(errSecNotAvailable);
   }
-  return key;
 }
 
 VaultTable::iterator existing(VaultTable& table, const SecretName& name) {
@@ -85,10 +88,10 @@ void Vault::change(const std::function<void(VaultTable&)>& edit) {
   if (!content.key) content.key = key();
   call_.requireTime();  // the lock may have been long in coming
   if (!content.key) {
-    content.key = makeKey();
+    content.key = made(SealedBox::newKey);
     folder_.replace(keyFileName, *content.key);
   }
-  folder_.replace(fileName, sealVault(plaintext, *content.key));
+  folder_.replace(fileName, made([&] { return sealVault(plaintext, *content.key); }));
 }
 
 SecretBytes Vault::read(const SecretName& name) {

@@ -13,8 +13,6 @@ namespace velum {
 /// What a vault holds: values by name.
 using VaultTable = std::map<SecretName, SecretBytes>;
 
-inline constexpr std::size_t vaultKeySize = 32;  // bytes, AES-256
-
 /// The table as bytes: the number of items, then each item's service, account, access group and
 /// value in the order of the names. Numbers are 32 bits, little-endian; each field is preceded by
 /// its length.
@@ -25,8 +23,8 @@ SecretBytes encodeVaultTable(const VaultTable& table);
 std::optional<VaultTable> decodeVaultTable(std::span<const std::uint8_t> bytes);
 
 /// The bytes of a vault file: eight bytes that mark it, the last one its version, a random nonce of
-/// 12 bytes, the ciphertext of AES-256-GCM, and its tag of 16 bytes.
-/// The mark is authenticated along. `key` has `vaultKeySize` bytes.
+/// 12 bytes, the ciphertext of AES-256-GCM, and its tag of 16 bytes. The mark is authenticated
+/// along. `key` has `SealedBox::keySize` bytes. Throws StorageError, as SealedBox does.
 SecretBytes sealVault(std::span<const std::uint8_t> plaintext, std::span<const std::uint8_t> key);
 
 /// The plaintext; nothing when anything but `sealVault` with this key made the bytes.

@@ -56,6 +56,24 @@ TEST_F(VaultFile, ClosesItsFilesToOthersAndShowsNothing) {
   EXPECT_NE(content(), first) << "the same nonce twice";
 }
 
+TEST_F(VaultFile, OpensWhatIsStoredSinceTheFirstVersion) {
+  const auto bytes = [](const std::string& hex) {
+    std::string text;
+    for (std::size_t i = 0; i < hex.size(); i += 2) {
+      text += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    }
+    return text;
+  };
+  fill();
+  const std::string key = "1282a5aa5e2b61d53dbbbc9337f9e18b1c1c2e5cbde83f29a42e237fcda10103";
+  test::writeFile(path("vault-key"), bytes(key));
+  test::writeFile(path("vault"),
+                  bytes("56656c566c7400014a20521955d53014a5b59dc9cfd03b7dba2e9888c62ce6"
+                        "342a7aa8fd34facb8592ee8383b05ee654e11862e8c441d872edc4575ef16e2b"
+                        "48dacf609ee8b6174b8da07e1eb4dd098b5a"));
+  EXPECT_EQ(value(), "value");
+}
+
 TEST_F(VaultFile, LeavesADamagedFileAlone) {
   fill();
   const std::string whole = content();

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 
+#include "Velum/Sealing/SealedBox.h"
 #include "Velum/Vault/VaultFormat.h"
 #include "tests/fuzz/FuzzTarget.h"
 
@@ -20,7 +21,7 @@ std::vector<std::string> craftedInputs() {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using velum::fuzz::require;
   const std::span bytes(data, size);
-  const std::array<std::uint8_t, velum::vaultKeySize> key{'k'};
+  const std::array<std::uint8_t, velum::SealedBox::keySize> key{'k'};
   // Nobody guesses a tag: whatever opens was sealed.
   require(!velum::openVault(bytes, key));
 

@@ -22,32 +22,16 @@ constexpr LogSite site(std::string_view function, CallPlace where = CallPlace::c
 constexpr std::string_view noSerialNumber = "NOSERIALNUMBER";
 using Bytes = std::vector<std::uint8_t>;
 
-/// The interface that the system calls its primary one; there may be several, or none.
-RegistryServices findEthernetInterfaces(HardwareRegistry& registry) {
-  auto matching = registry.serviceMatching("IOEthernetInterface");
-  if (!matching) return {kernFailure};
-  matching->trueProperty = "IOPrimaryInterface";
-  RegistryServices services = registry.matchingServices(*matching);
-  if (services.status != kernSuccess) {
-    logError(site("FindEthernetInterfaces(_:)"), "IOServiceGetMatchingServices returned {}",
-             services.status);
-  }
-  return services;
-}
-
-/// The address belongs to the controller, the interface's parent. The last interface decides.
-std::optional<Bytes> getMACAddress(const RegistryServices& services) {
+/// The address of the last interface decides.
+std::optional<Bytes> getMACAddress(const std::vector<EthernetInterface>& interfaces) {
   std::optional<Bytes> address;
-  for (const RegistryEntryPointer& service : services.entries) {
-    const RegistryParent parent = service->parentEntry("IOService");
-    if (parent.status != kernSuccess) {
+  for (const EthernetInterface& interface : interfaces) {
+    if (interface.status == kernSuccess) {
+      address = interface.address;
+    } else {
       logError(site("GetMACAddress(_:)"), "IORegistryEntryGetParentEntry returned {}",
-               parent.status);
-      continue;
+               interface.status);
     }
-    RegistryProperty property = parent.entry->property("IOMACAddress");
-    address.reset();
-    if (auto* const bytes = std::get_if<Bytes>(&property)) address = std::move(*bytes);
   }
   return address;
 }
@@ -90,26 +74,28 @@ const std::optional<std::string>& SystemInfo::mac() {
 }
 
 std::string SystemInfo::readSerialNumber(HardwareRegistry& registry) {
-  const auto matching = registry.serviceMatching("IOPlatformExpertDevice");
-  if (!matching) return std::string(noSerialNumber);
-  const RegistryEntryPointer service = registry.matchingService(*matching);
-  if (!service) return std::string(noSerialNumber);
-  RegistryProperty property = service->property("IOPlatformSerialNumber");
-  if (auto* const text = std::get_if<std::string>(&property)) return std::move(*text);
-  const bool isMissing = std::holds_alternative<std::monostate>(property);
-  logError(site("serialNumber"), "IORegistryEntryCreateCFProperty return {}.",
-           isMissing ? "nil" : "not string");
+  auto found = registry.serialNumber();
+  if (auto* const text = std::get_if<std::string>(&found)) return std::move(*text);
+  const auto failure = std::get<SerialNumberFailure>(found);
+  if (failure != SerialNumberFailure::noDevice) {
+    logError(site("serialNumber"), "IORegistryEntryCreateCFProperty return {}.",
+             failure == SerialNumberFailure::missing ? "nil" : "not string");
+  }
   return std::string(noSerialNumber);
 }
 
 std::optional<std::string> SystemInfo::readMac(HardwareRegistry& registry) {
-  const RegistryServices services = findEthernetInterfaces(registry);
-  if (services.status != kernSuccess) {
+  const auto found = registry.primaryEthernetInterfaces();
+  if (const auto* const failure = std::get_if<EthernetFailure>(&found)) {
+    if (failure->isOfSearch) {
+      logError(site("FindEthernetInterfaces(_:)"), "IOServiceGetMatchingServices returned {}",
+               failure->status);
+    }
     logError(site("mac"), "FindEthernetInterfaces returned 0x{:08x}",
-             static_cast<std::uint32_t>(services.status));
+             static_cast<std::uint32_t>(failure->status));
     return std::nullopt;
   }
-  const std::optional<Bytes> address = getMACAddress(services);
+  const auto address = getMACAddress(std::get<std::vector<EthernetInterface>>(found));
   if (!address) return std::nullopt;
   return hexText(std::string(address->begin(), address->end()));
 }

@@ -21,50 +21,20 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using CPUType = SystemInfo::CPUType;
 
-struct FakeEntry final : RegistryEntry {
-  FakeEntry(std::string key_, RegistryProperty value_, RegistryParent parent_ = {})
-      : key(std::move(key_)), value(std::move(value_)), above(std::move(parent_)) {}
-  RegistryProperty property(std::string_view wanted) const override {
-    return wanted == key ? value : RegistryProperty();
-  }
-  RegistryParent parentEntry(std::string_view plane) const override {
-    return plane == "IOService" ? above : RegistryParent{-1};
-  }
-  std::string key;
-  RegistryProperty value;
-  RegistryParent above;
-};
-
 /// A registry whose calls end as a test wants them to.
 struct FakeRegistry final : HardwareRegistry {
-  std::optional<RegistryMatching> serviceMatching(std::string_view className) override {
-    if (!canMatch) return std::nullopt;
-    return RegistryMatching{std::string(className)};
-  }
-  RegistryEntryPointer matchingService(const RegistryMatching& matching) override {
-    return matching.className == "IOPlatformExpertDevice" ? service : nullptr;
-  }
-  RegistryServices matchingServices(const RegistryMatching& matching) override {
-    const bool isAsked = matching.className == "IOEthernetInterface" &&
-                         matching.trueProperty == "IOPrimaryInterface";
-    return isAsked ? services : RegistryServices{};
+  std::variant<std::string, SerialNumberFailure> serialNumber() override { return serial; }
+  std::variant<std::vector<EthernetInterface>, EthernetFailure> primaryEthernetInterfaces()
+      override {
+    return interfaces;
   }
   std::uint32_t cpuType() override { return processor; }
   std::string hardwareModel() override { return model; }
   OSVersion osVersion() override { return version; }
   std::optional<std::string> systemExtensionsTool() override { return tool; }
 
-  void addInterface(RegistryProperty address) {
-    addInterface({kernSuccess, std::make_shared<FakeEntry>("IOMACAddress", std::move(address))});
-  }
-  void addInterface(RegistryParent parent) {
-    services.entries.push_back(
-        std::make_shared<FakeEntry>("", std::monostate(), std::move(parent)));
-  }
-
-  bool canMatch = true;
-  RegistryEntryPointer service;
-  RegistryServices services;
+  std::variant<std::string, SerialNumberFailure> serial;
+  std::variant<std::vector<EthernetInterface>, EthernetFailure> interfaces;
   std::uint32_t processor = 0;
   std::string model;
   OSVersion version;
@@ -72,55 +42,46 @@ struct FakeRegistry final : HardwareRegistry {
 };
 
 TEST(SerialNumber, FallsBackAndSaysWhyAPropertyIsOfNoUse) {
-  const CapturedLog log;
+  using Failure = SerialNumberFailure;
+  const std::string record =
+      "E: (SystemInfo: serialNumber) IORegistryEntryCreateCFProperty return ";
   FakeRegistry registry;
-  const auto expect = [&](const char* serial, const std::vector<std::string>& records) {
-    const std::size_t before = log.texts().size();
-    EXPECT_EQ(SystemInfo::readSerialNumber(registry), serial);
-    auto texts = log.texts();
-    texts.erase(texts.begin(), texts.begin() + static_cast<std::ptrdiff_t>(before));
-    EXPECT_EQ(texts, records);
-  };
-  const auto entry = [](RegistryProperty value) {
-    return std::make_shared<FakeEntry>("IOPlatformSerialNumber", std::move(value));
-  };
-  expect("NOSERIALNUMBER", {});  // no such service
-  registry.service = entry("C02X");
-  expect("C02X", {});
-  registry.service = entry(RegistryOther());
-  expect("NOSERIALNUMBER",
-         {"E: (SystemInfo: serialNumber) IORegistryEntryCreateCFProperty return not string."});
-  registry.service = entry(Bytes{1});
-  expect("NOSERIALNUMBER",
-         {"E: (SystemInfo: serialNumber) IORegistryEntryCreateCFProperty return not string."});
-  registry.service = entry(std::monostate());
-  expect("NOSERIALNUMBER",
-         {"E: (SystemInfo: serialNumber) IORegistryEntryCreateCFProperty return nil."});
-  registry.canMatch = false;
-  expect("NOSERIALNUMBER", {});
+  for (const auto& [failure, records] : {std::pair{Failure::noDevice, std::vector<std::string>()},
+                                         {Failure::notText, {record + "not string."}},
+                                         {Failure::missing, {record + "nil."}}}) {
+    const CapturedLog log;
+    registry.serial = failure;
+    EXPECT_EQ(SystemInfo::readSerialNumber(registry), "NOSERIALNUMBER");
+    EXPECT_EQ(log.texts(), records);
+  }
+  registry.serial = "C02X";
+  EXPECT_EQ(SystemInfo::readSerialNumber(registry), "C02X");
 }
 
 TEST(Mac, IsTheLastInterfacesAndSkipsThoseWithoutAParent) {
   const CapturedLog log;
   FakeRegistry registry;
   EXPECT_EQ(SystemInfo::readMac(registry), std::nullopt);
-  registry.addInterface(Bytes{0, 1, 2, 3, 4, 5});
-  registry.addInterface(RegistryParent{-536870208});
+  std::vector<EthernetInterface> found{{.address = Bytes{0, 1, 2, 3, 4, 5}},
+                                       {.status = -536870208}};
+  registry.interfaces = found;
   EXPECT_EQ(SystemInfo::readMac(registry), "000102030405");
   EXPECT_THAT(log.texts(), ElementsAre("E: (SystemInfo: GetMACAddress(_:)) "
                                        "IORegistryEntryGetParentEntry returned -536870208"));
-  registry.addInterface(Bytes{0xAB, 0xFF});
+  found.push_back({.address = Bytes{0xAB, 0xFF}});
+  registry.interfaces = found;
   EXPECT_EQ(SystemInfo::readMac(registry), "abff");
-  registry.addInterface(RegistryProperty());  // takes back what was found before
+  found.emplace_back();  // takes back what was found before
+  registry.interfaces = found;
   EXPECT_EQ(SystemInfo::readMac(registry), std::nullopt);
 }
 
 TEST(Mac, ReportsAFailedSearchOnceOrTwice) {
   const CapturedLog log;
   FakeRegistry registry;
-  registry.services.status = -536870206;
+  registry.interfaces = EthernetFailure{-536870206};
   EXPECT_EQ(SystemInfo::readMac(registry), std::nullopt);
-  registry.canMatch = false;
+  registry.interfaces = EthernetFailure{kernFailure, false};
   EXPECT_EQ(SystemInfo::readMac(registry), std::nullopt);
   EXPECT_THAT(log.texts(),
               ElementsAre("E: (SystemInfo: FindEthernetInterfaces(_:)) "

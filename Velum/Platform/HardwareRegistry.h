@@ -1,10 +1,8 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -15,45 +13,25 @@ using KernelStatus = std::int32_t;
 inline constexpr KernelStatus kernSuccess = 0;
 inline constexpr KernelStatus kernFailure = 5;
 
-/// A property of a type that nobody here reads.
-struct RegistryOther {};
+/// Why there is no serial number.
+enum class SerialNumberFailure : std::uint8_t {
+  noDevice,  ///< Nothing that could have one is known, or may be read by this process.
+  missing,   ///< The device has none.
+  notText,   ///< What it has is no text.
+};
 
-/// What an entry says under a key: nothing, a text, bytes, or something else.
-using RegistryProperty =
-    std::variant<std::monostate, std::string, std::vector<std::uint8_t>, RegistryOther>;
-
-class RegistryEntry;
-using RegistryEntryPointer = std::shared_ptr<const RegistryEntry>;
-
-/// An entry on the way to another one; `entry` is set exactly when `status` is success.
-struct RegistryParent {
+/// An Ethernet interface, wireless ones included.
+struct EthernetInterface {
+  /// How the way to its controller, which has the address, ended.
   KernelStatus status = kernSuccess;
-  RegistryEntryPointer entry = {};
+  /// The address it uses now; nothing when it has none or its controller is out of reach.
+  std::optional<std::vector<std::uint8_t>> address = {};
 };
 
-/// A device or service, as the system lists it. Thread-safe.
-class RegistryEntry {
- public:
-  RegistryEntry() = default;
-  RegistryEntry(const RegistryEntry&) = delete;
-  RegistryEntry& operator=(const RegistryEntry&) = delete;
-  virtual ~RegistryEntry() = default;
-
-  virtual RegistryProperty property(std::string_view key) const = 0;
-  /// The entry above this one in the tree named `plane`.
-  virtual RegistryParent parentEntry(std::string_view plane) const = 0;
-};
-
-/// Which services are looked for.
-struct RegistryMatching {
-  std::string className;
-  /// Only those that have this property, and have it true.
-  std::optional<std::string> trueProperty = {};
-};
-
-struct RegistryServices {
-  KernelStatus status = kernSuccess;
-  std::vector<RegistryEntryPointer> entries = {};  ///< Of a failed search: empty.
+/// Why there is no list of interfaces.
+struct EthernetFailure {
+  KernelStatus status = kernFailure;
+  bool isOfSearch = true;  ///< False: the system could not even begin one.
 };
 
 struct OSVersion {
@@ -66,16 +44,6 @@ struct OSVersion {
 
 /// What the system knows of the machine. Every call reads afresh; nothing throws but
 /// std::bad_alloc. Thread-safe.
-///
-/// Linux knows two services, as far as this process may read them:
-///   - "IOPlatformExpertDevice" with "IOPlatformSerialNumber": from the firmware's tables (DMI, for
-///     root alone) or the device tree. Where neither can be read there is no such service, so that
-///     ordinary users' programs find none without an error. Texts that vendors forgot to fill in
-///     ("To Be Filled By O.E.M.") are no serial numbers: then the property is missing.
-///   - "IOEthernetInterface" with "IOPrimaryInterface": the Ethernet or wireless interface that the
-///     default route uses, IPv4's before IPv6's; tunnels are passed over, and of bonds, bridges and
-///     VLANs it is the interface of the hardware below. "IOMACAddress" of its parent is the
-///     address it uses now.
 class HardwareRegistry {
  public:
   HardwareRegistry() = default;
@@ -86,19 +54,17 @@ class HardwareRegistry {
   /// The machine's own. Never destroyed.
   static HardwareRegistry& shared();
 
-  /// A search for services of a class; nothing when the system can't make one.
-  virtual std::optional<RegistryMatching> serviceMatching(std::string_view className) = 0;
-  /// The first service found; null when there is none.
-  virtual RegistryEntryPointer matchingService(const RegistryMatching& matching) = 0;
-  virtual RegistryServices matchingServices(const RegistryMatching& matching) = 0;
+  virtual std::variant<std::string, SerialNumberFailure> serialNumber() = 0;
+
+  /// The interfaces that lead to the outside, the hardware's own; none when there is no such route.
+  virtual std::variant<std::vector<EthernetInterface>, EthernetFailure>
+  primaryEthernetInterfaces() = 0;
 
   /// The processor's number, 0x0100000C (64-bit ARM), 0x01000007 (x86-64) or another one; 0 when
   /// it is not known.
   virtual std::uint32_t cpuType() = 0;
-  /// The bytes that name the model, up to a NUL if they hold one. Empty when it is not known, on
-  /// Linux also when the vendor forgot to fill it in.
+  /// The bytes that name the model, up to a NUL if they hold one. Empty when it is not known.
   virtual std::string hardwareModel() = 0;
-  /// Linux: the distribution's version; a distribution without versions has its kernel's.
   virtual OSVersion osVersion() = 0;
   /// The path of the tool that lists system extensions; nothing where it is not installed.
   virtual std::optional<std::string> systemExtensionsTool() = 0;

@@ -19,29 +19,6 @@ namespace velum {
 namespace {
 
 constexpr std::size_t largestFile = 65'536;
-constexpr std::string_view platformExpertClass = "IOPlatformExpertDevice";
-constexpr std::string_view ethernetClass = "IOEthernetInterface";
-constexpr std::string_view primaryProperty = "IOPrimaryInterface";
-
-/// An entry with one property.
-class Entry final : public RegistryEntry {
- public:
-  Entry(std::string key, RegistryProperty value, RegistryEntryPointer parent = nullptr)
-      : key_(std::move(key)), value_(std::move(value)), parent_(std::move(parent)) {}
-
-  RegistryProperty property(std::string_view key) const override {
-    return key == key_ ? value_ : RegistryProperty();
-  }
-  RegistryParent parentEntry(std::string_view plane) const override {
-    if (plane != "IOService" || !parent_) return {kernFailure, nullptr};
-    return {kernSuccess, parent_};
-  }
-
- private:
-  std::string key_;
-  RegistryProperty value_;
-  RegistryEntryPointer parent_;
-};
 
 /// Firmware pads its texts with blanks, and ends those of the device tree with a NUL.
 std::string trimmed(std::string_view text) {
@@ -156,40 +133,21 @@ std::optional<std::string> HardwareRegistryLinux::firstText(const char* path,
   return found ? found : text(otherwise);
 }
 
-RegistryEntryPointer HardwareRegistryLinux::platformExpert() const {
+std::variant<std::string, SerialNumberFailure> HardwareRegistryLinux::serialNumber() {
   const auto serial =
       firstText("/sys/class/dmi/id/product_serial", "/sys/firmware/devicetree/base/serial-number");
-  if (!serial) return nullptr;  // or not for this user's eyes
-  RegistryProperty value;
-  if (!isPlaceholder(*serial)) value = repairedUtf8(*serial);
-  return std::make_shared<Entry>("IOPlatformSerialNumber", std::move(value));
+  if (!serial) return SerialNumberFailure::noDevice;  // or not for this user's eyes
+  if (isPlaceholder(*serial)) return SerialNumberFailure::missing;
+  return repairedUtf8(*serial);
 }
 
-RegistryEntryPointer HardwareRegistryLinux::primaryEthernet() const {
-  const auto interface = primaryEthernetInterface(root_);
-  if (!interface) return nullptr;
-  RegistryProperty address;
-  if (auto bytes = hardwareAddress(root_, *interface)) address = *std::move(bytes);
-  auto controller = std::make_shared<Entry>("IOMACAddress", std::move(address));
-  return std::make_shared<Entry>("BSD Name", *interface, std::move(controller));
-}
-
-std::optional<RegistryMatching> HardwareRegistryLinux::serviceMatching(std::string_view className) {
-  return RegistryMatching{std::string(className)};
-}
-
-RegistryEntryPointer HardwareRegistryLinux::matchingService(const RegistryMatching& matching) {
-  if (matching.className == platformExpertClass && !matching.trueProperty) return platformExpert();
-  if (matching.className == ethernetClass && matching.trueProperty == primaryProperty) {
-    return primaryEthernet();
+std::variant<std::vector<EthernetInterface>, EthernetFailure>
+HardwareRegistryLinux::primaryEthernetInterfaces() {
+  std::vector<EthernetInterface> interfaces;
+  if (const auto interface = primaryEthernetInterface(root_)) {
+    interfaces.push_back({.address = hardwareAddress(root_, *interface)});
   }
-  return nullptr;
-}
-
-RegistryServices HardwareRegistryLinux::matchingServices(const RegistryMatching& matching) {
-  RegistryServices services;
-  if (auto entry = matchingService(matching)) services.entries.push_back(std::move(entry));
-  return services;
+  return interfaces;
 }
 
 std::uint32_t HardwareRegistryLinux::cpuTypeOf(std::string_view machine) noexcept {

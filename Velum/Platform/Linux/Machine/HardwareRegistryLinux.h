@@ -14,11 +14,18 @@ class HardwareRegistryLinux final : public HardwareRegistry {
   /// `root` stands before every path; "" for this machine's.
   explicit HardwareRegistryLinux(std::string root = {}) : root_(std::move(root)) {}
 
-  std::optional<RegistryMatching> serviceMatching(std::string_view className) override;
-  RegistryEntryPointer matchingService(const RegistryMatching& matching) override;
-  RegistryServices matchingServices(const RegistryMatching& matching) override;
+  /// From the firmware's tables (DMI, for root alone) or the device tree. Where neither can be read
+  /// there is no device, so that ordinary users' programs find none without an error. Texts that
+  /// vendors forgot to fill in ("To Be Filled By O.E.M.") are no serial numbers.
+  std::variant<std::string, SerialNumberFailure> serialNumber() override;
+  /// The Ethernet or wireless interface that the default route uses, IPv4's before IPv6's; tunnels
+  /// are passed over, and of bonds, bridges and VLANs it is the interface of the hardware below.
+  std::variant<std::vector<EthernetInterface>, EthernetFailure> primaryEthernetInterfaces()
+      override;
   std::uint32_t cpuType() override;
+  /// Empty also when the vendor forgot to fill it in.
   std::string hardwareModel() override;
+  /// The distribution's version; a distribution without versions has its kernel's.
   OSVersion osVersion() override;
   std::optional<std::string> systemExtensionsTool() override;
 
@@ -28,8 +35,6 @@ class HardwareRegistryLinux final : public HardwareRegistry {
  private:
   std::optional<std::string> text(const char* path) const;
   std::optional<std::string> firstText(const char* path, const char* otherwise) const;
-  RegistryEntryPointer platformExpert() const;
-  RegistryEntryPointer primaryEthernet() const;
 
   std::string root_;
 };

@@ -4,38 +4,19 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdlib>
 #include <new>
 #include <utility>
 
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/HTTP/RequestRules.h"
 
 namespace velum {
 namespace {
 
 constexpr long maxRedirects = 20;
 constexpr std::size_t uploadPiece = std::size_t{256} * 1024;  // bytes read of a body at a time
-constexpr std::array<std::string_view, 2> reservedFields{"Content-Length", "Transfer-Encoding"};
-
-std::chrono::nanoseconds timeoutOf(const URLRequest& request) {
-  constexpr double week = 7.0 * 24 * 60 * 60;
-  const double seconds =
-      request.timeoutInterval > 0 ? request.timeoutInterval : URLRequest::defaultTimeout;
-  return std::chrono::nanoseconds(static_cast<std::int64_t>(std::min(seconds, week) * 1e9));
-}
-
-// The characters that names of methods and header fields are made of.
-bool isToken(std::string_view text) {
-  constexpr std::string_view allowed =
-      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789!#$%&'*+-.^_`|~";
-  return !text.empty() && text.find_first_not_of(allowed) == std::string_view::npos;
-}
-
-bool isFieldValue(std::string_view text) {
-  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
-}
 
 // The value of a variable that names a file or folder; null for an empty one as well.
 const char* namedBy(const char* variable) {
@@ -96,43 +77,24 @@ std::optional<URLError> URLExchange::prepare(SocketOwner& sockets) {
     if (bad != CURLE_OUT_OF_MEMORY) text += "; write a URL such as https://host/path";
     return urlError({.code = bad, .text = std::move(text)});
   }
-  if (!isToken(request_->method)) {
-    return URLError::posix(EINVAL, "the method is not one; write GET or another word");
-  }
+  if (auto error = requestError(*request_)) return error;
   transfer_.reset(curl_easy_init());
-  if (!transfer_) return urlError({.code = CURLE_OUT_OF_MEMORY});
-  if (auto error = setHeaders()) return error;
+  if (!transfer_ || !setHeaders()) return urlError({.code = CURLE_OUT_OF_MEMORY});
   setSafety();
   setSockets(sockets);
   setRequest();
   return std::nullopt;
 }
 
-std::optional<URLError> URLExchange::setHeaders() {
-  for (const auto& [name, value] : request_->headers) {
-    if (!isToken(name) || !isFieldValue(value)) {
-      return URLError::posix(EINVAL, "a header field's name or value holds what it must not");
-    }
-    const auto isThis = [&field = name](std::string_view other) {
-      return equalsIgnoringCase(field, other);
-    };
-    if (std::ranges::any_of(reservedFields, isThis)) continue;
+bool URLExchange::setHeaders() {
+  const HTTPHeaders headers = headersToSend(*request_);
+  for (const auto& [name, value] : headers) {
     // ';' is how libcurl is told of an empty value; "Name:" would remove a field.
-    const std::string_view text = trimmedFieldText(value);
-    const bool isAdded = append(name, text.empty() ? name + ';' : (name + ": ").append(text));
-    if (!isAdded) return urlError({.code = CURLE_OUT_OF_MEMORY});
-  }
-  using Policy = URLRequest::CachePolicy;
-  if (request_->cachePolicy == Policy::reloadIgnoringLocalCacheData &&
-      !request_->headers.value("Cache-Control") &&
-      !append("Cache-Control", "Cache-Control: no-cache")) {
-    return urlError({.code = CURLE_OUT_OF_MEMORY});
+    const std::string line = value.empty() ? name + ';' : (name + ": ").append(value);
+    if (!append(name, line)) return false;
   }
   // Else a large body would wait a second for servers that don't know of asking first.
-  if (!request_->headers.value("Expect") && !append("Expect", "Expect:")) {
-    return urlError({.code = CURLE_OUT_OF_MEMORY});
-  }
-  return std::nullopt;
+  return headers.value("Expect") || append("Expect", "Expect:");
 }
 
 bool URLExchange::append(std::string_view name, const std::string& line) {

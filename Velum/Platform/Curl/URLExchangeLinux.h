@@ -79,7 +79,7 @@ class URLExchange final : public URLTask, public std::enable_shared_from_this<UR
   using Transfer = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
   using List = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
 
-  std::optional<URLError> setHeaders();
+  bool setHeaders();
   bool append(std::string_view name, const std::string& line);
   void setRequest();
   void setBody();

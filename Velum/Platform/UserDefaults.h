@@ -32,9 +32,8 @@ class UserDefaults {
   /// Null for a name that cannot be a folder's: empty, or with a slash.
   static std::unique_ptr<UserDefaults> domain(std::string name);
 
-  /// What this process's arguments set for themselves, in every domain: pairs "-key value", the
-  /// value as propertyListFromText (PropertyListText.h) reads it. An argument with two dashes is no
-  /// key, one with a dash no value, unless it is a number. Of equal keys the last counts.
+  /// What this process's arguments set for themselves, in every domain; defaultsFromArguments
+  /// (DefaultsArguments.h) says how.
   static const PropertyList::Dictionary& argumentDomain();
 
   /// The first value found among the arguments, what is stored, and the registered defaults.

@@ -7,7 +7,9 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <span>
 #include <utility>
+#include <vector>
 
 #include "Velum/Base/LazyValue.h"
 #include "Velum/Base/SystemError.h"
@@ -19,7 +21,7 @@
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Linux/Files/XdgFolders.h"
 #include "Velum/Platform/UserDefaults.h"
-#include "Velum/PropertyList/PropertyListText.h"
+#include "Velum/PropertyList/DefaultsArguments.h"
 
 namespace velum {
 namespace {
@@ -221,36 +223,15 @@ bool UserDefaultsLinux::change(const Edit& edit, const Afterwards& afterwards) {
   return outcome == Outcome::done || outcome == Outcome::damageReplaced;
 }
 
-/// A number, which may begin with a dash, or anything that does not.
-bool isArgumentValue(std::string_view argument) {
-  if (!argument.starts_with('-') || argument == "-") return true;
-  const auto digit = argument.find_first_not_of("-.");
-  return digit <= 2 && argument[digit] >= '0' && argument[digit] <= '9';
-}
-
 PropertyList::Dictionary readArgumentDomain() {
-  PropertyList::Dictionary entries;
   const std::string all = readRegularFile("/proc/self/cmdline", maximumFileSize).value_or("");
-  std::string_view rest = all;
-  const auto next = [&rest] {
-    const std::string_view argument = rest.substr(0, rest.find('\0'));
-    rest.remove_prefix(std::min(argument.size() + 1, rest.size()));
-    return argument;
-  };
-  next();  // the program's name, which may begin with a dash
-  std::string_view key;
-  while (!rest.empty()) {
-    const std::string_view argument = next();
-    if (!key.empty() && isArgumentValue(argument)) {
-      entries.insert_or_assign(std::string(key), propertyListFromText(argument));
-      key = {};
-    } else {
-      const bool isKey =
-          argument.size() > 1 && argument.starts_with('-') && !argument.starts_with("--");
-      key = isKey ? argument.substr(1) : std::string_view();
-    }
+  std::vector<std::string_view> arguments;
+  for (std::string_view rest = all; !rest.empty();) {
+    arguments.push_back(rest.substr(0, rest.find('\0')));
+    rest.remove_prefix(std::min(arguments.back().size() + 1, rest.size()));
   }
-  return entries;
+  if (arguments.empty()) return {};
+  return defaultsFromArguments(std::span(arguments).subspan(1));  // the program's name is none
 }
 
 std::string ownDomain() {

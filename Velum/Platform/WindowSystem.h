@@ -16,9 +16,8 @@ enum class ActivationPolicy : std::int32_t {
   prohibited = 2,  ///< Not listed, and never brought to the front.
 };
 
-/// The system's name of a window; on Linux the id that the X server gave it, which toolkits tell
-/// under names like winId or XID.
-using WindowId = std::uint32_t;
+/// The system's number of a window, which toolkits tell under names like winId.
+using WindowId = std::uint64_t;
 
 /// A window of this application. Two objects with one id stand for one window. The ready-made ones
 /// come from WindowSystem::window; an application may derive its own, over its toolkit's windows.

@@ -97,10 +97,10 @@ class Windows : public ::testing::Test {
   static std::shared_ptr<const Window> window(WindowId id) {
     return onMain([id] { return WindowSystem::shared().window(id); });
   }
-  bool hasSkips(WindowId id, int count) {
+  bool hasSkips(xcb_window_t id, int count) {
     return client_.waitFor([&] { return client_.skips(id) == count; });
   }
-  bool isInFront(WindowId id, std::uint32_t color) {
+  bool isInFront(xcb_window_t id, std::uint32_t color) {
     return client_.waitFor([&] { return client_.activeWindow() == id; }) &&
            test::eventually([&] { return client_.middle() == color; });
   }
@@ -124,13 +124,13 @@ void takeScreenshot() {
 }
 
 TEST_F(Windows, BringTheirApplicationForwardUntilTheLastOneCloses) {
-  const WindowId unregistered = client_.create({.title = "Tray helper"});
+  const xcb_window_t unregistered = client_.create({.title = "Tray helper"});
   ASSERT_TRUE(client_.show(unregistered));
   onMain([] { UIUtils::setActivationPolicy(ActivationPolicy::accessory); });
   EXPECT_TRUE(hasSkips(unregistered, 2));
 
-  const WindowId settings = client_.create({.title = "Settings", .color = red});
-  const WindowId foreign = other_.create({.title = "Editor", .color = blue, .pid = otherPid});
+  const xcb_window_t settings = client_.create({.title = "Settings", .color = red});
+  const xcb_window_t foreign = other_.create({.title = "Editor", .color = blue, .pid = otherPid});
   ASSERT_TRUE(other_.show(foreign));
   ASSERT_TRUE(isInFront(foreign, blue));
 
@@ -160,7 +160,7 @@ TEST_F(Windows, BringTheirApplicationForwardUntilTheLastOneCloses) {
 }
 
 TEST_F(Windows, KeepThePolicyThroughUnmapping) {
-  const WindowId id = client_.create({.title = "Settings"});
+  const xcb_window_t id = client_.create({.title = "Settings"});
   window(id);
   setPolicy(ActivationPolicy::accessory);
   EXPECT_TRUE(hasSkips(id, 2)) << "before it is shown for the first time";
@@ -183,13 +183,13 @@ TEST_F(Windows, KeepThePolicyThroughUnmapping) {
 
 TEST_F(Windows, CloseOnceHoweverTheyDo) {
   const Closings closings(WindowSystem::shared());
-  const WindowId foreign = other_.create({.title = "Editor", .pid = otherPid});
-  const WindowId remote = other_.create({.title = "Remote", .machine = "elsewhere"});
-  const WindowId hidden = client_.create({.title = "Hidden"});
-  const WindowId destroyed = client_.create({.title = "Destroyed"});
-  const WindowId neverShown = client_.create({.title = "Never shown"});
-  for (const WindowId id : {foreign, remote}) ASSERT_TRUE(other_.show(id));
-  for (const WindowId id : {hidden, destroyed}) ASSERT_TRUE(client_.show(id));
+  const xcb_window_t foreign = other_.create({.title = "Editor", .pid = otherPid});
+  const xcb_window_t remote = other_.create({.title = "Remote", .machine = "elsewhere"});
+  const xcb_window_t hidden = client_.create({.title = "Hidden"});
+  const xcb_window_t destroyed = client_.create({.title = "Destroyed"});
+  const xcb_window_t neverShown = client_.create({.title = "Never shown"});
+  for (const xcb_window_t id : {foreign, remote}) ASSERT_TRUE(other_.show(id));
+  for (const xcb_window_t id : {hidden, destroyed}) ASSERT_TRUE(client_.show(id));
   client_.setTitle(destroyed, "Renamed");
   const auto registered = window(neverShown);
   onMain([&] { WindowSystem::shared().willShow(*registered); });
@@ -214,7 +214,7 @@ TEST_F(Windows, CloseOnceHoweverTheyDo) {
 }
 
 TEST_F(Windows, AreActivatedWithTheTimeOfTheUsersLastEvent) {
-  const WindowId id = client_.create({.title = "Settings", .color = red});
+  const xcb_window_t id = client_.create({.title = "Settings", .color = red});
   const auto ours = window(id);
   XClient watcher;
   const auto activate = [&] {
@@ -245,11 +245,11 @@ TEST_F(Windows, AreActivatedWithTheTimeOfTheUsersLastEvent) {
 
 TEST_F(Windows, AreSeenByAForkedChildAndStillByItsParent) {
   const Closings closings(WindowSystem::shared());
-  const WindowId id = client_.create({.title = "Parent's"});
+  const xcb_window_t id = client_.create({.title = "Parent's"});
   ASSERT_TRUE(client_.show(id));
   test::inChild([] {
     XClient client;
-    const WindowId own = client.create({.title = "Child's"});
+    const xcb_window_t own = client.create({.title = "Child's"});
     const auto window = WindowSystem::shared().window(own);
     EXPECT_EQ(window->title(), "Child's");
     WindowSystem::shared().setActivationPolicy(ActivationPolicy::accessory);
@@ -261,16 +261,17 @@ TEST_F(Windows, AreSeenByAForkedChildAndStillByItsParent) {
 }
 
 TEST_F(Windows, MayBeUnknownToTheServer) {
-  constexpr WindowId nowhere = 0x1FFFFFFF;
-  const auto unknown = window(nowhere);
-  EXPECT_EQ(unknown->id(), nowhere);
-  EXPECT_EQ(unknown->title(), "");
-  onMain([&] {
-    WindowSystem::shared().willShow(*unknown);
-    WindowSystem::shared().activateIgnoringOtherApps();
-    WindowSystem::shared().setActivationPolicy(static_cast<ActivationPolicy>(99));
-  });
-  const WindowId id = client_.create({.title = "Settings"});
+  const xcb_window_t id = client_.create({.title = "Settings"});
+  for (const WindowId nowhere : {WindowId{0x1FFFFFFF}, WindowId{1} << 32U | id}) {
+    const auto unknown = window(nowhere);
+    EXPECT_EQ(unknown->id(), nowhere);
+    EXPECT_EQ(unknown->title(), "");
+    onMain([&] {
+      WindowSystem::shared().willShow(*unknown);
+      WindowSystem::shared().activateIgnoringOtherApps();
+      WindowSystem::shared().setActivationPolicy(static_cast<ActivationPolicy>(99));
+    });
+  }
   ASSERT_TRUE(client_.show(id));
   setPolicy(ActivationPolicy::accessory);
   EXPECT_TRUE(hasSkips(id, 2));
@@ -318,7 +319,7 @@ TEST(WindowSystem, WorksWithoutAWindowManager) {
   const test::CapturedLog log;
   const auto system = WindowSystemLinux::make();
   const Closings closings(*system);
-  const WindowId id = client.create({.title = "Settings"});
+  const xcb_window_t id = client.create({.title = "Settings"});
   const auto window = onMain([&] { return system->window(id); });
   onMain([&] {
     system->willShow(*window);

@@ -26,8 +26,8 @@ constexpr LogSite site(std::string_view function, CallPlace where = CallPlace::c
   return {"Velum/WindowSystem", function, where};
 }
 
-bool isManaged(X11Connection& server, WindowId id) {
-  const auto state = server.values(id, server.wmState(), server.wmState());
+bool isManaged(X11Connection& server, xcb_window_t window) {
+  const auto state = server.values(window, server.wmState(), server.wmState());
   return !state.empty() && state[0] != withdrawn;
 }
 
@@ -50,6 +50,10 @@ class WindowSystemLinux::Tracked final : public Window {
   explicit Tracked(WindowId id) : id_(id) {}
 
   WindowId id() const noexcept override { return id_; }
+  /// Its number with the server, which numbers in 32 bits: no window's for an id beyond these.
+  xcb_window_t window() const noexcept {
+    return std::in_range<xcb_window_t>(id_) ? static_cast<xcb_window_t>(id_) : XCB_NONE;
+  }
   std::string debugDescription() const override {
     return fmt::format("<X11 window {:#x} {}>", id_, program.empty() ? "without class" : program);
   }
@@ -194,7 +198,7 @@ void WindowSystemLinux::handleProperty(Server& server, const xcb_property_notify
     managementChanged(server, tracked, event.state == XCB_PROPERTY_NEW_VALUE);
   } else if (event.atom == server.atoms()._NET_WM_STATE) {
     // The manager's own changes, or the user's, are respected.
-    if (!isManaged(server, tracked->id())) applyPolicy(server, *tracked);
+    if (!isManaged(server, tracked->window())) applyPolicy(server, *tracked);
   } else if (event.atom == server.atoms()._NET_WM_NAME || event.atom == XCB_ATOM_WM_NAME) {
     readTitle(server, *tracked);
   }
@@ -204,7 +208,7 @@ void WindowSystemLinux::handleProperty(Server& server, const xcb_property_notify
 /// event, so they alone are counted; the value matters to managers that write "withdrawn".
 void WindowSystemLinux::managementChanged(Server& server, const TrackedPointer& tracked,
                                           bool isSet) {
-  const auto state = server.values(tracked->id(), server.wmState(), server.wmState());
+  const auto state = server.values(tracked->window(), server.wmState(), server.wmState());
   const bool isNowManaged = isSet && (state.empty() || state[0] != withdrawn);
   const bool wasManaged = std::exchange(tracked->wasManaged, isNowManaged);
   applyPolicy(server, *tracked);
@@ -216,7 +220,7 @@ void WindowSystemLinux::managementChanged(Server& server, const TrackedPointer& 
 /// minimised the window. A window that changes its parent is unmapped for a moment as well.
 void WindowSystemLinux::handleUnmap(Server& server, const TrackedPointer& tracked) {
   if (tracked->wasManaged) return;
-  if (server.mapState(tracked->id()) == XCB_MAP_STATE_UNMAPPED) close(tracked);
+  if (server.mapState(tracked->window()) == XCB_MAP_STATE_UNMAPPED) close(tracked);
 }
 
 void WindowSystemLinux::handleDestroy(WindowId id) {
@@ -256,16 +260,17 @@ WindowSystemLinux::TrackedPointer WindowSystemLinux::track(Server& server, Windo
 
 void WindowSystemLinux::watch(Server& server, Tracked& tracked) {
   // First, so that no change is missed between the answers and the events.
-  server.selectEvents(tracked.id(),
+  server.selectEvents(tracked.window(),
                       XCB_EVENT_MASK_STRUCTURE_NOTIFY | XCB_EVENT_MASK_PROPERTY_CHANGE);
-  const auto mapState = server.mapState(tracked.id());
+  const auto mapState = server.mapState(tracked.window());
   if (!mapState) {
     logDebug(site("watch()"), "The X server does not know window {:#x} yet", tracked.id());
     return;
   }
   tracked.isWatched = true;
-  tracked.wasManaged = isManaged(server, tracked.id());
-  const std::string names = server.text(tracked.id(), XCB_ATOM_WM_CLASS);  // instance, NUL, class
+  tracked.wasManaged = isManaged(server, tracked.window());
+  const std::string names =
+      server.text(tracked.window(), XCB_ATOM_WM_CLASS);  // instance, NUL, class
   tracked.program = names.substr(0, names.find('\0'));
   readTitle(server, tracked);
   applyPolicy(server, tracked);
@@ -273,17 +278,17 @@ void WindowSystemLinux::watch(Server& server, Tracked& tracked) {
 }
 
 void WindowSystemLinux::readTitle(Server& server, Tracked& tracked) {
-  std::string title = server.text(tracked.id(), server.atoms()._NET_WM_NAME);
-  if (title.empty()) title = server.text(tracked.id(), XCB_ATOM_WM_NAME);
+  std::string title = server.text(tracked.window(), server.atoms()._NET_WM_NAME);
+  if (title.empty()) title = server.text(tracked.window(), XCB_ATOM_WM_NAME);
   if (!title.empty()) tracked.titleText = std::move(title);  // a window on its way has none
 }
 
 /// Finds the windows that the toolkits of this process have shown.
 void WindowSystemLinux::scan(Server& server) {
   const auto list = server.values(server.root(), server.atoms()._NET_CLIENT_LIST, XCB_ATOM_WINDOW);
-  const std::set<WindowId> listed(list.begin(), list.end());
-  std::erase_if(foreign_, [&](WindowId id) { return !listed.contains(id); });
-  for (const WindowId id : listed) {
+  const std::set<xcb_window_t> listed(list.begin(), list.end());
+  std::erase_if(foreign_, [&](xcb_window_t id) { return !listed.contains(id); });
+  for (const xcb_window_t id : listed) {
     if (foreign_.contains(id)) continue;
     if (find(id) || isOurs(server, id)) {
       track(server, id);
@@ -293,10 +298,10 @@ void WindowSystemLinux::scan(Server& server) {
   }
 }
 
-bool WindowSystemLinux::isOurs(Server& server, WindowId id) {
-  const auto pid = server.values(id, server.atoms()._NET_WM_PID, XCB_ATOM_CARDINAL);
+bool WindowSystemLinux::isOurs(Server& server, xcb_window_t window) {
+  const auto pid = server.values(window, server.atoms()._NET_WM_PID, XCB_ATOM_CARDINAL);
   if (pid.empty() || pid[0] != static_cast<std::uint32_t>(currentProcessId())) return false;
-  std::string machine = server.text(id, XCB_ATOM_WM_CLIENT_MACHINE);
+  std::string machine = server.text(window, XCB_ATOM_WM_CLIENT_MACHINE);
   machine.resize(std::min(machine.find('\0'), machine.size()));  // some end it with one
   return machine == hostName();
 }
@@ -341,19 +346,20 @@ void WindowSystemLinux::applyPolicy(Server& server, const Tracked& tracked) {
   const bool isHidden = *policy_ != ActivationPolicy::regular;
   const auto& atoms = server.atoms();
   const std::array skip{atoms._NET_WM_STATE_SKIP_TASKBAR, atoms._NET_WM_STATE_SKIP_PAGER};
-  auto state = server.values(tracked.id(), atoms._NET_WM_STATE, XCB_ATOM_ATOM);
+  auto state = server.values(tracked.window(), atoms._NET_WM_STATE, XCB_ATOM_ATOM);
   const auto others = std::partition(state.begin(), state.end(), [&](xcb_atom_t atom) {
     return std::find(skip.begin(), skip.end(), atom) == skip.end();
   });
   if (state.end() - others == (isHidden ? 2 : 0)) return;
-  if (isManaged(server, tracked.id())) {
-    server.changeState(tracked.id(), isHidden ? XCB_EWMH_WM_STATE_ADD : XCB_EWMH_WM_STATE_REMOVE,
-                       skip[0], skip[1]);
+  if (isManaged(server, tracked.window())) {
+    server.changeState(tracked.window(),
+                       isHidden ? XCB_EWMH_WM_STATE_ADD : XCB_EWMH_WM_STATE_REMOVE, skip[0],
+                       skip[1]);
     return;
   }
   state.erase(others, state.end());
   if (isHidden) state.insert(state.end(), skip.begin(), skip.end());
-  server.setAtoms(tracked.id(), atoms._NET_WM_STATE, state);
+  server.setAtoms(tracked.window(), atoms._NET_WM_STATE, state);
 }
 
 /// The time tells the manager whether the user has turned to something else since; without a time
@@ -381,17 +387,19 @@ void WindowSystemLinux::bringForward(Server& server, xcb_timestamp_t time) {
   }
   activationTime_ = time;
   const TrackedPointer target = candidate_ != XCB_NONE ? find(candidate_) : topmost(server);
-  if (!target || !isManaged(server, target->id())) return;  // when it is
+  if (!target || !isManaged(server, target->window())) return;  // when it is
   activationTime_.reset();
-  server.activate(target->id(), time);
+  server.activate(target->window(), time);
 }
 
 std::optional<xcb_timestamp_t> WindowSystemLinux::userTime(Server& server) const {
   std::optional<xcb_timestamp_t> latest;
   for (const auto& [id, tracked] : windows_) {
     // Toolkits may keep it on a window of its own, so that nobody else is woken by it.
-    const auto keeper = server.values(id, server.atoms()._NET_WM_USER_TIME_WINDOW, XCB_ATOM_WINDOW);
-    const auto time = server.values(keeper.empty() ? id : keeper[0],
+    const xcb_window_t own = tracked->window();
+    const auto keeper =
+        server.values(own, server.atoms()._NET_WM_USER_TIME_WINDOW, XCB_ATOM_WINDOW);
+    const auto time = server.values(keeper.empty() ? own : keeper[0],
                                     server.atoms()._NET_WM_USER_TIME, XCB_ATOM_CARDINAL);
     constexpr xcb_timestamp_t none = 0;
     if (time.empty() || time[0] == none) continue;

@@ -80,7 +80,7 @@ class WindowSystemLinux final : public WindowSystem,
   void watch(Server& server, Tracked& tracked);
   static void readTitle(Server& server, Tracked& tracked);
   void scan(Server& server);
-  static bool isOurs(Server& server, WindowId id);
+  static bool isOurs(Server& server, xcb_window_t window);
 
   // What is asked of the manager.
   void applyPolicy(Server& server, const Tracked& tracked);
@@ -98,7 +98,7 @@ class WindowSystemLinux final : public WindowSystem,
 
   std::optional<ActivationPolicy> policy_;
   std::map<WindowId, TrackedPointer> windows_;
-  std::set<WindowId> foreign_;  // of other processes, as long as the manager lists them
+  std::set<xcb_window_t> foreign_;  // of other processes, as long as the manager lists them
 
   WindowId candidate_ = XCB_NONE;                  // about to be shown
   bool awaitsTime_ = false;                        // the server's, for an activation

@@ -8,8 +8,9 @@ namespace velum {
 
 /// What the system knows about an application that can be opened. A value, read once.
 struct Bundle {
-  /// As it was given: a bundle folder with Contents/Info.plist. Linux also takes a desktop entry
-  /// (*.desktop; identifier = its file name without the suffix) and a plain file (no identifier).
+  /// As it was given: a bundle folder with Contents/Info.plist, or in what other form the system
+  /// knows applications, a desktop entry (*.desktop; identifier = its file name without the suffix)
+  /// or a plain file (no identifier) for instance.
   std::string path;
   std::optional<std::string> identifier;
   /// The program to start. For a bundle folder: Contents/MacOS/ and CFBundleExecutable, or the
@@ -30,8 +31,8 @@ struct Bundle {
 
   /// The bundle whose main program is the file `executable`: the nearest enclosing folder that
   /// is a bundle, when its `executable` is that very file. Other programs inside a bundle
-  /// (helpers, daemons) are not the application. A trailing " (deleted)" is understood, as
-  /// /proc shows it for a program that was replaced while it runs.
+  /// (helpers, daemons) are not the application. What the system puts behind the name of a program
+  /// that was replaced while it runs is understood.
   static std::optional<Bundle> ofExecutable(const std::string& executable);
 
   /// The bundle whose main program this process runs. Nothing for a program outside a bundle.

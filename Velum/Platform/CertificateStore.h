@@ -84,15 +84,10 @@ inline constexpr std::int64_t trustResultDeny = 3;
 /// that several certificates may share. Nothing throws but std::bad_alloc. Thread-safe; calls may
 /// read and write files and run tools, so keep them off threads that must not wait.
 ///
-/// Linux: the user's are in the NSS database ~/.pki/nssdb, which browsers read; settings there are
-/// per use: "sslServer", "sslClient", "SMIME" and "CodeSigning". Setting a certificate that is no
-/// authority to always trusted means itself, not what it signs. "NSS database" means any, by its
-/// keychain "sql:FOLDER".
-///
-/// Those of the machine (domains common and system) are the files of one folder, which
-/// update-ca-certificates makes known to the machine's programs. There are no settings there: a
-/// certificate that is present is always trusted, and nothing else can be set
-/// (errSecUnimplemented). Changes need root.
+/// Settings may be per use: "sslServer", "sslClient", "SMIME" and "CodeSigning". Setting a
+/// certificate that is no authority to always trusted means itself, not what it signs. A place may
+/// keep no settings (errSecUnimplemented): what is present there is always trusted. Changes to the
+/// machine's (domains common and system) need root.
 class CertificateStore {
  public:
   CertificateStore() = default;
@@ -108,8 +103,8 @@ class CertificateStore {
   static std::unique_ptr<CertificateStore> forRoot(const std::string& root);
 
   /// Where the domain's certificates are. Not the keychains of SecretStore: secrets and
-  /// certificates live in different places on Linux, and looking for the one must not unlock or
-  /// create the other.
+  /// certificates may live in different places, and looking for the one must not unlock or create
+  /// the other.
   virtual SecKeychainList searchList(SecPreferencesDomain domain) = 0;
 
   /// errSecDuplicateItem when it is there already, under whatever label.

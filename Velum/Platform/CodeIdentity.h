@@ -28,10 +28,6 @@ struct CodeCheckOptions {
 /// Tells who signed the program that a process runs. What the process loaded beside its executable
 /// (libraries, plug-ins, an interpreter's script) is not looked at. Any thread; nothing throws but
 /// std::bad_alloc.
-///
-/// Linux: the executable is read through the process itself, never through a path that could be
-/// replaced; its signature is a detached CMS signature (DER), in its extended attribute
-/// user.velum.signature or, where there is none, in the file NAME.p7s beside it.
 class CodeIdentity {
  public:
   CodeIdentity() = default;

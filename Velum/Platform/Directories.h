@@ -15,20 +15,16 @@ class Directories {
 
   static Directories& shared();
 
-  /// The folder shared by the user's applications of one group; not created here. Linux:
-  /// $XDG_DATA_HOME/<groupIdentifier>, by default below ~/.local/share; relative or empty values
-  /// of the variable are ignored, and without HOME the user database is asked. Nothing when the
+  /// The folder shared by the user's applications of one group; not created here. Nothing when the
   /// user has no home.
   virtual std::optional<std::string> groupContainer(const std::string& groupIdentifier) = 0;
 
-  /// The Library folder of the whole machine, created when missing (/Library on macOS,
-  /// /var/local/Library on Linux). Nothing when it is neither there nor can be made.
+  /// The Library folder of the whole machine, created when missing. Nothing when it is neither
+  /// there nor can be made.
   virtual std::optional<std::string> localLibrary() = 0;
 
-  /// A folder of mode 0700 for this user's sockets and locks, gone when the user has logged out:
-  /// "velum" below $XDG_RUNTIME_DIR, else below /run/user/<user id>, else below the temporary
-  /// folder with the user id in its name. Created when missing; nothing when it can't be made or
-  /// belongs to somebody else.
+  /// A folder of mode 0700 for this user's sockets and locks, gone when the user has logged out.
+  /// Created when missing; nothing when it can't be made or belongs to somebody else.
   virtual std::optional<std::string> runtime() = 0;
 };
 

@@ -27,8 +27,8 @@ struct CopyOutcome {
 CopyOutcome copyFileRange(int source, std::int64_t sourceOffset, int target,
                           std::int64_t targetOffset, std::int64_t size) noexcept;
 
-/// Sets the creation time of an open file. Returns 0 or an errno value. Linux keeps a creation
-/// time that nobody can set: the call then does nothing and succeeds.
+/// Sets the creation time of an open file. Returns 0 or an errno value. Where nobody can set it,
+/// the call does nothing and succeeds.
 int setCreationTime(int descriptor, timespec time) noexcept;
 
 }  // namespace velum

@@ -16,7 +16,7 @@ struct SecretQuery {
   std::string service;
   std::string account;
   std::optional<std::string> accessGroup;
-  /// Set exactly when there is an access group; Linux stores need no difference.
+  /// Set exactly when there is an access group; a store may need no difference.
   bool usesDataProtectionKeychain = false;
 
   bool operator==(const SecretQuery&) const = default;
@@ -38,11 +38,8 @@ struct SecretList {
 /// to the store meanwhile, and changes one place only. Nothing throws but std::bad_alloc.
 /// Thread-safe.
 ///
-/// Linux: the Secret Service of the user's session; on hosts that have none (headless machines,
-/// privileged daemons) an encrypted vault file, $XDG_DATA_HOME/velum/vault. Which of the two is
-/// decided once per user and recorded beside the vault; a service that is missing later is an
-/// error (errSecNotAvailable), never a silent change of place, and so is one without a default
-/// keyring that has held secrets of the user before.
+/// A user's secrets stay in one place: one that is missing later is an error (errSecNotAvailable),
+/// never a reason to use another.
 class SecretStore {
  public:
   SecretStore() = default;

@@ -7,12 +7,11 @@
 
 namespace velum {
 
-/// A handle to the machine's system log for one subsystem and category (os_log on macOS, the
-/// journal on Linux). Thread-safe.
+/// A handle to the machine's system log for one subsystem and category. Thread-safe.
 class SystemLog {
  public:
-  /// The message types of the system log, mildest first; the journal's priorities in brackets.
-  enum class Type : std::uint8_t { normal, error, fault };  // [LOG_NOTICE, LOG_ERR, LOG_CRIT]
+  /// The message types of the system log, mildest first.
+  enum class Type : std::uint8_t { normal, error, fault };
 
   SystemLog() = default;
   SystemLog(const SystemLog&) = delete;

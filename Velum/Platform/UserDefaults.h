@@ -10,11 +10,9 @@
 
 namespace velum {
 
-/// The user's persistent settings of one domain. Linux: $XDG_CONFIG_HOME/<domain>/defaults.plist
-/// (default ~/.config), replaced atomically, read-modify-write under a file lock, so that several
-/// processes never lose each other's keys; a lock that somebody keeps for 5 seconds fails the
-/// change. A file that is no property list counts as empty and is kept as defaults.plist.damaged,
-/// with a record, when the next change replaces it. Thread-safe.
+/// The user's persistent settings of one domain. Several processes never lose each other's keys;
+/// a change fails that others hold up for 5 seconds. Stored content that can't be understood counts
+/// as empty and is kept, with a record, when the next change replaces it. Thread-safe.
 class UserDefaults {
  public:
   /// Changes the entries; returns whether there is anything to write.

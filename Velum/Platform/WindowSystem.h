@@ -58,10 +58,8 @@ class Alert final : public Window {
 /// isDarkMode. Nothing throws: what the desktop can't do is logged once, as a warning that says
 /// what is missing, and calls then do nothing.
 ///
-/// On Linux this speaks to the X server that DISPLAY names, over a connection of its own, and sees
-/// the windows of every toolkit: those handed in, and those whose _NET_WM_PID and WM_CLIENT_MACHINE
-/// say that they are this process's. Waits for the server are bounded; one that does not answer for
-/// 10 seconds, or dies, counts as missing from then on.
+/// Sees the windows of every toolkit. Waits are bounded: a desktop that does not answer for 10
+/// seconds counts as missing from then on.
 class WindowSystem {
  public:
   /// Gets the window that closes, or null where the system tells of something else.
@@ -77,8 +75,8 @@ class WindowSystem {
   static WindowSystem& shared();
 
   /// Calls `handler` on the main queue for each window of this process that closes, whether anybody
-  /// registered it or not. Being minimised or on another desktop is not closing. On Linux, being
-  /// hidden by its program is: to the system it is the same.
+  /// registered it or not. Being minimised or on another desktop is not closing; being hidden by
+  /// its program is, where to the system it is the same.
   [[nodiscard]] virtual CloseObserver observeClosing(CloseHandler handler) = 0;
 
   /// The ready-made object of a window; it knows the last title after the window is gone. The
@@ -93,13 +91,13 @@ class WindowSystem {
   virtual void setActivationPolicy(ActivationPolicy policy) = 0;
 
   /// Bring this application to the front, whichever is there: as the object with the event loop,
-  /// and as one of the running applications. macOS knows both; on Linux they are the same. Refused
-  /// while the policy is prohibited.
+  /// and as one of the running applications. A system may know no difference. Refused while the
+  /// policy is prohibited.
   virtual void activateIgnoringOtherApps() = 0;
   virtual void activateCurrentApplication() = 0;
 
-  /// Whether the user wants dark windows, asked anew by each call. Any thread. On Linux: what the
-  /// settings portal says, for which this waits up to a second, else the theme of GTK programs.
+  /// Whether the user wants dark windows, asked anew by each call, which waits a second at most.
+  /// Any thread.
   virtual bool isDarkMode() = 0;
 };
 

@@ -46,7 +46,7 @@ struct OpenConfiguration {
   bool createsNewApplicationInstance = false;
 };
 
-/// The user's running applications, and the way to open one (NSWorkspace on macOS).
+/// The user's running applications, and the way to open one.
 class Workspace {
  public:
   /// Nothing when the application was opened, else why not, for people.

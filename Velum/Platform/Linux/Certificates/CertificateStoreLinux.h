@@ -7,6 +7,11 @@
 
 namespace velum {
 
+/// The user's certificates are in the NSS database ~/.pki/nssdb, which browsers read, with settings
+/// per use. The keychain "sql:FOLDER" means any such database.
+///
+/// Those of the machine are the files of one folder, which update-ca-certificates makes known to
+/// the machine's programs, without settings.
 class CertificateStoreLinux final : public CertificateStore {
  public:
   static constexpr const char* standardUpdater = "/usr/sbin/update-ca-certificates";

@@ -9,6 +9,10 @@ namespace velum {
 
 /// Checks programs against the authorities in one folder. A verdict is about the moment it is
 /// given: the process may start another program right after.
+///
+/// The executable is read through the process itself, never through a path that could be replaced;
+/// its signature is a detached CMS signature (DER), in its extended attribute user.velum.signature
+/// or, where there is none, in the file NAME.p7s beside it.
 class CodeIdentityLinux final : public CodeIdentity {
  public:
   static constexpr const char* machineRoots = "/etc/velum/code-signing.d";

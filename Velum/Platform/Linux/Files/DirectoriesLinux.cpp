@@ -48,6 +48,7 @@ std::optional<std::string> privateFolder(std::string path) {
 
 class DirectoriesLinux final : public Directories {
  public:
+  /// $XDG_DATA_HOME/<groupIdentifier>, by default below ~/.local/share.
   std::optional<std::string> groupContainer(const std::string& groupIdentifier) override {
     if (!isFileName(groupIdentifier)) return std::nullopt;
     const auto data = userFolder("XDG_DATA_HOME", ".local/share");
@@ -62,6 +63,8 @@ class DirectoriesLinux final : public Directories {
     return localLibraryPath;
   }
 
+  /// "velum" in the folder for the time of the login, else in the temporary folder with the user id
+  /// in its name.
   std::optional<std::string> runtime() override {
     if (const auto session = sessionFolder()) return privateFolder(*session + "/velum");
     const std::string temporary = absoluteVariable("TMPDIR").value_or("/tmp");

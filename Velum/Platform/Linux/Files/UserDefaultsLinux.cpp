@@ -83,6 +83,9 @@ class RegisteredDefaults {
   std::atomic<Node*> newest_{nullptr};
 };
 
+/// $XDG_CONFIG_HOME/<domain>/defaults.plist (default ~/.config), replaced atomically under a lock.
+/// One that is no property list is kept as defaults.plist.damaged.
+///
 /// The file is the only stored state, and the file lock the only lock: every call opens the lock
 /// file anew, which excludes threads as well as processes and leaves nothing behind in a forked
 /// child.

@@ -92,6 +92,8 @@ std::optional<std::string> languageTag(std::string_view locale) {
   return tag;
 }
 
+/// As for translated programs: LANGUAGE and then the first of LC_ALL, LC_MESSAGES and LANG that is
+/// set; when that is "C" or "POSIX", LANGUAGE is ignored.
 std::vector<std::string> preferredLanguages() {
   std::string_view locale;
   for (const char* const name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
@@ -115,6 +117,7 @@ std::vector<std::string> preferredLanguages() {
   return tags;
 }
 
+/// The locale that the program has set for its messages.
 std::optional<std::string> applicationLanguage() {
   const char* const locale = std::setlocale(LC_MESSAGES, nullptr);
   return locale != nullptr ? languageTag(locale) : std::nullopt;

@@ -9,7 +9,12 @@
 
 namespace velum {
 
-/// The store of this process's user. Environment variables count as they are when a call is made.
+/// The store of this process's user: the Secret Service of the user's session; on hosts that have
+/// none (headless machines, privileged daemons) an encrypted vault file,
+/// $XDG_DATA_HOME/velum/vault. Which of the two is decided once per user and recorded beside the
+/// vault; a service that is missing later is an error, and so is one without a default keyring that
+/// has held secrets of the user before. Environment variables count as they are when a call is
+/// made.
 ///
 /// Names must be UTF-8 without NUL and a value at most `maximumValueSize`, wherever secrets are
 /// kept: errSecInvalidData, or EFBIG. An access group that is empty is none. The first call of a

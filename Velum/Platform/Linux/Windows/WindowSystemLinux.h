@@ -16,12 +16,13 @@
 
 namespace velum {
 
-/// The windows of this process at an X server whose window manager follows ICCCM and EWMH. Those
-/// two shape all of it:
+/// The windows of this process at the X server that DISPLAY names: those handed in, and those whose
+/// _NET_WM_PID and WM_CLIENT_MACHINE say that they are. A server that does not answer, or dies,
+/// counts as missing from then on. Its window manager follows ICCCM and EWMH, and those two shape
+/// all of it:
 ///
-/// - A window is managed while it has the property WM_STATE with anything but "withdrawn", also
-/// when
-///   it is minimised. The state of a managed window belongs to the manager, which is asked to
+/// - A window is managed while it has the property WM_STATE with anything but "withdrawn",
+///   minimised ones too. The state of a managed window belongs to the manager, which is asked to
 ///   change it; that of a withdrawn one is a property to be written, which the manager reads when
 ///   the window is mapped and deletes when it is withdrawn again. So it is written anew after each
 ///   withdrawal.

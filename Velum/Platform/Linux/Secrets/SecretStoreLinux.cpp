@@ -42,53 +42,63 @@ SecretStatus statusOfErrno(int code) noexcept {
   return code == ETIMEDOUT ? errSecTimedOut : errSecErrnoBase + code;
 }
 
-/// What the calling thread learns and logs: the worker's may hold up other calls.
-struct Outcome {
-  SecretStatus status = errSecSuccess;
-  std::string report;
-  std::optional<SecretPlaceKind> chosen;  // just now
-};
-
-void onChosenPlace(const SecretServiceCall& call, SecretServiceLinux& service, Outcome& outcome,
-                   const std::function<void(SecretPlace&)>& operation) {
-  if (!call.folder) throw SecretFailure(errSecNotAvailable);
-  const PrivateFolder folder(*call.folder);
-  service.begin(call);
-  const SecretChoice choice = chooseSecretPlace(folder, call, [&] {
-    const bool isPresent = service.probe() == SecretServiceLinux::Presence::present;
-    return isPresent ? SecretPlaceKind::service : SecretPlaceKind::vault;
-  });
-  if (choice.isNew) outcome.chosen = choice.kind;
-  if (choice.kind == SecretPlaceKind::service) return operation(service);
-  Vault vault(folder, call);
-  operation(vault);
-}
-
-/// No exception leaves the thread.
-void guarded(Outcome& outcome, const std::function<void()>& work) noexcept {
-  try {
-    work();
-  } catch (const SecretFailure& failure) {
-    outcome.status = failure.status();
-    outcome.report = failure.report();
-  } catch (const SystemError& error) {
-    outcome.status = statusOfErrno(error.code());
-    outcome.report = error.what();
-  } catch (const std::bad_alloc&) {
-    outcome.status = statusOfErrno(ENOMEM);
+/// Nothing for what no place takes.
+std::optional<SecretName> nameOf(const SecretQuery& query) {
+  SecretName name{query.service, query.account, query.accessGroup.value_or("")};
+  for (const std::string* text : {&name.service, &name.account, &name.accessGroup}) {
+    if (!SecretSession::isText(*text)) return std::nullopt;
   }
-}
-
-void log(const Outcome& outcome) {
-  constexpr LogSite site{"SecretStore", "run()"};
-  if (outcome.chosen) {
-    logDebug(site, "Secrets are kept in the {}",
-             *outcome.chosen == SecretPlaceKind::service ? "Secret Service" : "vault");
-  }
-  if (!outcome.report.empty()) logError(site, "{}", outcome.report);
+  return name;
 }
 
 }  // namespace
+
+/// What came of a call. The calling thread logs it: the worker's may hold up other calls.
+struct SecretStoreLinux::Answer {
+  SecretStatus status = errSecSuccess;
+  std::string report = {};
+  std::optional<SecretPlaceKind> chosen = {};  // just now
+  SecretBytes value = {};
+  std::vector<SecretName> names = {};
+  std::optional<std::string> keychain = {};
+
+  void log() const;
+};
+
+void SecretStoreLinux::Answer::log() const {
+  constexpr LogSite site{"SecretStore", "run()"};
+  if (chosen) {
+    logDebug(site, "Secrets are kept in the {}",
+             *chosen == SecretPlaceKind::service ? "Secret Service" : "vault");
+  }
+  if (!report.empty()) logError(site, "{}", report);
+}
+
+/// On a worker's thread, which no exception leaves.
+void SecretStoreLinux::perform(const Operation& operation, const SecretServiceCall& call,
+                               SecretServiceLinux& service, Answer& answer) noexcept {
+  try {
+    if (!call.folder) throw SecretFailure(errSecNotAvailable);
+    const PrivateFolder folder(*call.folder);
+    service.begin(call);
+    const SecretChoice choice = chooseSecretPlace(folder, call, [&] {
+      const bool isPresent = service.probe() == SecretServiceLinux::Presence::present;
+      return isPresent ? SecretPlaceKind::service : SecretPlaceKind::vault;
+    });
+    if (choice.isNew) answer.chosen = choice.kind;
+    Vault vault(folder, call);
+    const bool isService = choice.kind == SecretPlaceKind::service;
+    operation(isService ? static_cast<SecretPlace&>(service) : vault, answer);
+  } catch (const SecretFailure& failure) {
+    answer.status = failure.status();
+    answer.report = failure.report();
+  } catch (const SystemError& error) {
+    answer.status = statusOfErrno(error.code());
+    answer.report = error.what();
+  } catch (const std::bad_alloc&) {
+    answer.status = statusOfErrno(ENOMEM);
+  }
+}
 
 struct SecretStoreLinux::Threads {
   explicit Threads(std::chrono::milliseconds pause) : workers(bounded(pause)) {}
@@ -113,69 +123,55 @@ SecretStoreLinux::Threads& SecretStoreLinux::threads() {
   return *seen;
 }
 
-SecretStatus SecretStoreLinux::run(std::function<void(SecretPlace&)> operation) {
+SecretStoreLinux::Answer SecretStoreLinux::run(Operation operation) {
   const SecretServiceCall call = callNow(timeout_);
-  const auto outcome = std::make_shared<Outcome>();
-  auto work = [call, outcome, operation = std::move(operation)](SecretServiceLinux& service) {
-    guarded(*outcome, [&] { onChosenPlace(call, service, *outcome, operation); });
+  const auto answer = std::make_shared<Answer>();
+  auto work = [call, answer, operation = std::move(operation)](SecretServiceLinux& service) {
+    perform(operation, call, service, *answer);
   };
   try {
     switch (threads().workers.run(std::move(work), call.deadline)) {
       case SecretWorkers::End::done:
         break;
       case SecretWorkers::End::late:
-        return errSecTimedOut;
+        return {.status = errSecTimedOut};  // what there is of an answer is not ours
       case SecretWorkers::End::refused:
-        return errSecNotAvailable;
+        return {.status = errSecNotAvailable};
     }
   } catch (const std::system_error& error) {
-    return statusOfErrno(error.code().value());  // no more threads
+    return {.status = statusOfErrno(error.code().value())};  // no more threads
   }
-  log(*outcome);
-  return outcome->status;
-}
-
-SecretStatus SecretStoreLinux::runNamed(
-    const SecretQuery& query, std::function<void(SecretPlace&, const SecretName&)> operation) {
-  SecretName name{query.service, query.account, query.accessGroup.value_or("")};
-  for (const std::string* text : {&name.service, &name.account, &name.accessGroup}) {
-    if (!SecretSession::isText(*text)) return errSecInvalidData;
-  }
-  return run([name = std::move(name), operation = std::move(operation)](SecretPlace& place) {
-    operation(place, name);
-  });
+  answer->log();
+  return std::move(*answer);
 }
 
 SecretResult SecretStoreLinux::copyMatching(const SecretQuery& query) {
-  const auto data = std::make_shared<SecretBytes>();
-  const SecretStatus status =
-      runNamed(query, [data](SecretPlace& place, const auto& name) { *data = place.read(name); });
-  if (status != errSecSuccess) return {status, {}};  // after a time-out, the data is not ours
-  return {status, std::move(*data)};
+  const auto name = nameOf(query);
+  if (!name) return {errSecInvalidData, {}};
+  Answer found = run([name](SecretPlace& place, Answer& to) { to.value = place.read(*name); });
+  return {found.status, std::move(found.value)};
 }
 
-SecretStatus SecretStoreLinux::add(const SecretQuery& query, const SecretBytes& value) {
+SecretStatus SecretStoreLinux::write(const SecretQuery& query, const SecretBytes& value,
+                                     decltype(&SecretPlace::add) how) {
   if (value.size() > maximumValueSize) return statusOfErrno(EFBIG);
-  return runNamed(query, [value](SecretPlace& place, const auto& name) { place.add(name, value); });
-}
-
-SecretStatus SecretStoreLinux::update(const SecretQuery& query, const SecretBytes& value) {
-  if (value.size() > maximumValueSize) return statusOfErrno(EFBIG);
-  return runNamed(query,
-                  [value](SecretPlace& place, const auto& name) { place.update(name, value); });
+  const auto name = nameOf(query);
+  if (!name) return errSecInvalidData;
+  return run([name, value, how](SecretPlace& place, Answer&) { (place.*how)(*name, value); })
+      .status;
 }
 
 SecretStatus SecretStoreLinux::remove(const SecretQuery& query) {
-  return runNamed(query, [](SecretPlace& place, const auto& name) { place.remove(name); });
+  const auto name = nameOf(query);
+  if (!name) return errSecInvalidData;
+  return run([name](SecretPlace& place, Answer&) { place.remove(*name); }).status;
 }
 
 SecretList SecretStoreLinux::list(const std::optional<std::string>& service) {
-  const auto names = std::make_shared<std::vector<SecretName>>();
   if (service && !SecretSession::isText(*service)) return {errSecInvalidData, {}};
-  SecretList result;
-  result.status = run([names, service](SecretPlace& place) { *names = place.list(service); });
-  if (result.status != errSecSuccess) return result;
-  for (SecretName& name : *names) {
+  Answer found = run([service](SecretPlace& place, Answer& to) { to.names = place.list(service); });
+  SecretList result{found.status, {}};
+  for (SecretName& name : found.names) {
     const bool hasGroup = !name.accessGroup.empty();
     SecretQuery& query = result.items.emplace_back();
     query.service = std::move(name.service);
@@ -187,11 +183,10 @@ SecretList SecretStoreLinux::list(const std::optional<std::string>& service) {
 }
 
 SecKeychainList SecretStoreLinux::searchList(SecPreferencesDomain domain) {
-  SecKeychainList result;
-  if (domain != SecPreferencesDomain::user) return result;  // Linux has them for users only
-  const auto name = std::make_shared<std::optional<std::string>>();
-  result.status = run([name](SecretPlace& place) { *name = place.keychain(); });
-  if (result.status == errSecSuccess && *name) result.keychains.push_back({std::move(**name)});
+  if (domain != SecPreferencesDomain::user) return {};  // Linux has them for users only
+  Answer found = run([](SecretPlace& place, Answer& to) { to.keychain = place.keychain(); });
+  SecKeychainList result{found.status, {}};
+  if (found.keychain) result.keychains.push_back({std::move(*found.keychain)});
   return result;
 }
 

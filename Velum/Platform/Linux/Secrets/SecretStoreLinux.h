@@ -9,6 +9,9 @@
 
 namespace velum {
 
+class SecretServiceLinux;
+struct SecretServiceCall;
+
 /// The store of this process's user: the Secret Service of the user's session; on hosts that have
 /// none (headless machines, privileged daemons) an encrypted vault file,
 /// $XDG_DATA_HOME/velum/vault. Which of the two is decided once per user and recorded beside the
@@ -38,18 +41,26 @@ class SecretStoreLinux final : public SecretStore {
   ~SecretStoreLinux() override;
 
   SecretResult copyMatching(const SecretQuery& query) override;
-  SecretStatus add(const SecretQuery& query, const SecretBytes& value) override;
-  SecretStatus update(const SecretQuery& query, const SecretBytes& value) override;
+  SecretStatus add(const SecretQuery& query, const SecretBytes& value) override {
+    return write(query, value, &SecretPlace::add);
+  }
+  SecretStatus update(const SecretQuery& query, const SecretBytes& value) override {
+    return write(query, value, &SecretPlace::update);
+  }
   SecretStatus remove(const SecretQuery& query) override;
   SecretList list(const std::optional<std::string>& service) override;
   SecKeychainList searchList(SecPreferencesDomain domain) override;
 
  private:
   struct Threads;
+  struct Answer;
+  using Operation = std::function<void(SecretPlace&, Answer&)>;
 
-  SecretStatus run(std::function<void(SecretPlace&)> operation);
-  SecretStatus runNamed(const SecretQuery& query,
-                        std::function<void(SecretPlace&, const SecretName&)> operation);
+  SecretStatus write(const SecretQuery& query, const SecretBytes& value,
+                     decltype(&SecretPlace::add) how);
+  Answer run(Operation operation);
+  static void perform(const Operation& operation, const SecretServiceCall& call,
+                      SecretServiceLinux& service, Answer& answer) noexcept;
   Threads& threads();
 
   std::chrono::milliseconds timeout_;

@@ -22,7 +22,7 @@
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/Certificates/CertificateStoreLinux.h"
-#include "Velum/Platform/Linux/Notify/NotifyFolderLinux.h"
+#include "Velum/Platform/Linux/Notify/NotifyFolder.h"
 #include "Velum/Platform/Linux/Secrets/SecretStoreLinux.h"
 #include "Velum/Sealing/SealedBox.h"
 #include "Velum/SecureDefaults.h"

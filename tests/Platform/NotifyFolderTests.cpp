@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Notify/NotifyFolderLinux.h"
+#include "Velum/Platform/Linux/Notify/NotifyFolder.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -15,7 +15,7 @@
 #include "Velum/Base/AtFork.h"
 #include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Platform/FileEvents.h"
-#include "Velum/Platform/Linux/Files/FileWatcherLinux.h"
+#include "Velum/Platform/Linux/Files/FileWatcher.h"
 #include "Velum/Platform/Linux/Files/InotifyReader.h"
 
 namespace velum {

@@ -7,7 +7,7 @@
 #include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/Platform/Linux/Files/FileWatcherLinux.h"
+#include "Velum/Platform/Linux/Files/FileWatcher.h"
 
 namespace velum {
 

@@ -16,9 +16,9 @@
 #include "Velum/Base/AtFork.h"
 #include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/Platform/Linux/Notify/NotifyFolderLinux.h"
-#include "Velum/Platform/Linux/Notify/NotifyReaderLinux.h"
-#include "Velum/Platform/Linux/Notify/NotifyWatchLinux.h"
+#include "Velum/Platform/Linux/Notify/NotifyFolder.h"
+#include "Velum/Platform/Linux/Notify/NotifyReaderRole.h"
+#include "Velum/Platform/Linux/Notify/NotifyWatch.h"
 #include "Velum/Platform/NotifyCenter.h"
 
 namespace velum {

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "Velum/Files/UniqueFd.h"
-#include "Velum/Platform/Linux/Notify/NotifyFolderLinux.h"
+#include "Velum/Platform/Linux/Notify/NotifyFolder.h"
 
 namespace velum {
 

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Notify/NotifyWatchLinux.h"
+#include "Velum/Platform/Linux/Notify/NotifyWatch.h"
 
 #include <poll.h>
 #include <sys/ioctl.h>

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Notify/NotifyReaderLinux.h"
+#include "Velum/Platform/Linux/Notify/NotifyReaderRole.h"
 
 #include <memory>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Files/FileWatcherLinux.h"
+#include "Velum/Platform/Linux/Files/FileWatcher.h"
 
 #include <sys/inotify.h>
 #include <sys/stat.h>

@@ -28,6 +28,7 @@
 namespace velum {
 namespace {
 
+constexpr std::chrono::minutes sweepPause{1};
 constexpr std::size_t longestPlainName = 200;
 constexpr char hashMark = '=';
 constexpr char posterMark = '#';
@@ -399,7 +400,7 @@ NotifyFolder::File NotifyFolder::openOwn(const std::string& name, bool& isNew) c
   return opened;
 }
 
-bool NotifyFolder::post(std::string_view name) const {
+void NotifyFolder::post(std::string_view name) const {
   requirePath();
   const std::string file = fileName(name);
   const std::string bytes = content(name);
@@ -409,10 +410,23 @@ bool NotifyFolder::post(std::string_view name) const {
     const File opened = openOwn(file, isNew);
     if (!opened) continue;
     write(*opened, bytes);
-    if (isAt(*opened)) return isNew;
+    if (isAt(*opened)) {
+      if (isNew) sweepNowAndThen();
+      return;
+    }
     recent_.forget(file);
   }
   throw SystemError(EBUSY, fmt::format("post(_:), open ({})", pathOf(file)));
+}
+
+void NotifyFolder::sweepNowAndThen() const noexcept {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  auto next = nextSweep_.load(std::memory_order_relaxed);
+  const auto pause = std::chrono::steady_clock::duration(sweepPause);
+  if (now.count() < next || !nextSweep_.compare_exchange_strong(next, (now + pause).count())) {
+    return;
+  }
+  sweep();
 }
 
 void NotifyFolder::sweep() const noexcept {

@@ -4,6 +4,8 @@
 #include <sys/types.h>
 
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -136,8 +138,8 @@ class NotifyFolder {
   void forget(const std::string& file) const;
   void forgetAll() const { recent_.forgetAll(); }
 
-  /// Writes a new generation; true when the file was made for it. Throws SystemError.
-  bool post(std::string_view name) const;
+  /// Writes a new generation. Throws SystemError. Sweeps now and then where it made the file.
+  void post(std::string_view name) const;
 
   /// Removes the files nobody posted lately and this user may remove.
   void sweep() const noexcept;
@@ -150,6 +152,7 @@ class NotifyFolder {
   UniqueFd openGroup(const UniqueFd& top, std::size_t group, bool mayMake) const;
   UniqueFd existingGroup(std::size_t group) const noexcept;
   std::vector<std::string> entriesOf(std::size_t group) const;
+  void sweepNowAndThen() const noexcept;
   void sweepGroup(std::size_t group) const noexcept;
   std::string pathOf(const std::string& file) const { return path_ + '/' + file; }
   static bool isAt(const NotifyFile& file) noexcept;
@@ -161,6 +164,7 @@ class NotifyFolder {
   std::string path_;
   Sharing sharing_;
   mutable RecentNotifyFiles recent_;
+  mutable std::atomic<std::chrono::steady_clock::rep> nextSweep_{0};
 };
 
 }  // namespace velum

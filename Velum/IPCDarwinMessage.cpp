@@ -1,7 +1,6 @@
 #include "Velum/IPCDarwinMessage.h"
 
 #include <atomic>
-#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -32,12 +31,6 @@ std::string responseName(const std::string& message, const std::string& id) {
 
 NotifyCenter& center() {
   return NotifyCenter::shared(IPCDarwinMessageConfig::shared().scope);
-}
-
-/// How many responses came that somebody in this process had asked for: what all requesters watch.
-std::atomic<std::uint64_t>& responses() {
-  static std::atomic<std::uint64_t> count{0};
-  return count;
 }
 
 /// The observers of requests, one per message.
@@ -120,11 +113,9 @@ bool IPCDarwinMessage::sendRequest(const std::string& message, const std::string
                                    std::chrono::nanoseconds timeout) try {
   constexpr std::string_view function = "sendRequest(_:responseId:)";
   logVerbose({sourceFile, function}, "calling sendRequest");
-  const auto observer =
-      center().addAwaited(responseName(message, responseId), [] { ++responses(); });
-  const std::uint64_t seen = responses();
+  const auto response = center().expect(responseName(message, responseId));
   center().post(requestName(message));
-  const bool result = center().wait([seen] { return responses() != seen; }, timeout);
+  const bool result = response->wait(timeout);
   logDebug({sourceFile, function}, "After waiting, result: {}", result);
   return result;
 } catch (const SystemError& error) {

@@ -19,9 +19,6 @@ namespace velum {
 ///
 /// Every operation may be called from any thread and inside callbacks. A forked child observes
 /// nothing until it adds observers itself; handles it inherited do nothing.
-///
-/// On Linux a post is a write to a file of that name in a folder all processes of the scope share;
-/// posts that were lost by the kernel are found again by what the files hold.
 class NotifyCenter {
  public:
   /// Who hears each other: the processes of this user, or those of all users of the machine, where
@@ -42,6 +39,20 @@ class NotifyCenter {
     virtual ~Observer() = default;
   };
 
+  /// What a thread waits for, until it is destroyed.
+  class Expectation {
+   public:
+    Expectation() = default;
+    Expectation(const Expectation&) = delete;
+    Expectation& operator=(const Expectation&) = delete;
+    virtual ~Expectation() = default;
+
+    /// Blocks until something was posted since this was made, or waited for last, that any thread
+    /// of this process expects of the center; false when `timeout` passed first. One thread at a
+    /// time. In a callback, it keeps that one's queue. Throws SystemError.
+    virtual bool wait(std::chrono::nanoseconds timeout) = 0;
+  };
+
   NotifyCenter() = default;
   NotifyCenter(const NotifyCenter&) = delete;
   NotifyCenter& operator=(const NotifyCenter&) = delete;
@@ -57,22 +68,13 @@ class NotifyCenter {
   /// where all such callbacks of the scope run one after the other: they should be short. The
   /// observer is active when this returns. Throws SystemError.
   virtual std::unique_ptr<Observer> addObserver(std::string_view name, Callback callback) = 0;
-
-  /// The same on `queue`, where it keeps only that queue waiting. As long as all observers have the
-  /// same queue, what was posted is read there, and no other thread has to be woken.
+  /// The same on `queue`, which is serial.
   virtual std::unique_ptr<Observer> addObserver(std::string_view name,
                                                 std::shared_ptr<DispatchQueue> queue,
                                                 Callback callback) = 0;
 
-  /// The same for somebody about to `wait`: `callback` is called while some thread does, perhaps on
-  /// that thread, and maybe never when none does. It should be short.
-  virtual std::unique_ptr<Observer> addAwaited(std::string_view name, Callback callback) = 0;
-
-  /// Blocks until `isDone`, which callbacks make true, is asked after one of them and says so;
-  /// false when `timeout` passed first. `isDone` is called under a lock: it should look at an
-  /// atomic value. Not to be called inside an awaited callback; in others it keeps their queue.
-  /// Throws SystemError.
-  virtual bool wait(const std::function<bool()>& isDone, std::chrono::nanoseconds timeout) = 0;
+  /// Expects posts of `name` from now on. Throws SystemError.
+  virtual std::unique_ptr<Expectation> expect(std::string_view name) = 0;
 };
 
 }  // namespace velum

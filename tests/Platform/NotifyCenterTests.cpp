@@ -178,12 +178,11 @@ TEST_F(NotifyCenterTest, ABusyQueueKeepsNobodyElseWaiting) {
   center->post("long");
   ASSERT_TRUE(begun.try_acquire_for(test::deadline));
   // A thread that waits reads itself, and hands on what is the queue's.
-  std::atomic<int> answers{0};
-  const auto awaited = center->addAwaited("answer", [&] { ++answers; });
+  const auto answer = center->expect("answer");
   center->post("long");
   center->post("answer");
-  EXPECT_TRUE(center->wait([&] { return answers == 1; }, test::deadline));
-  EXPECT_FALSE(center->wait([&] { return answers == 2; }, std::chrono::milliseconds(1)));
+  EXPECT_TRUE(answer->wait(test::deadline));
+  EXPECT_FALSE(answer->wait(std::chrono::milliseconds(1)));
   // For an observer elsewhere it is read elsewhere.
   std::atomic<int> count{0};
   auto observer = counting("name", count);
@@ -203,29 +202,25 @@ TEST_F(NotifyCenterTest, ABusyQueueKeepsNobodyElseWaiting) {
 
 TEST_F(NotifyCenterTest, WhoObservesANameAgainHearsWhatComesAndNothingOlder) {
   const auto poster = centerOf(path);  // as in another process
-  const auto isHeard = [&](std::atomic<int>& count) {
-    return center->wait([&] { return count > 0; }, std::chrono::milliseconds(1));
-  };
+  constexpr std::chrono::milliseconds moment(1);
   // Keeps the name's group watched, also while nobody observes the name.
-  const std::string neighbour = neighbourOf("name");
-  std::atomic<int> others{0};
-  auto other = center->addAwaited(neighbour, [&] { ++others; });
+  auto neighbour = center->expect(neighbourOf("name"));
   for (int round = 0; round < 64; ++round) {
-    std::atomic<int> count{0};
-    auto observer = center->addAwaited("name", [&] { ++count; });
-    EXPECT_FALSE(isHeard(count)) << round;
+    auto name = center->expect("name");
+    EXPECT_FALSE(name->wait(moment)) << round;
     poster->post("name");
     const bool isAwaited = (round & 1) == 0;
     if (isAwaited) {
-      EXPECT_TRUE(center->wait([&] { return count == 1; }, test::deadline)) << round;
+      EXPECT_TRUE(name->wait(test::deadline)) << round;
     }
-    observer.reset();
+    name.reset();
     if ((round & 2) != 0) poster->post("name");
-    if ((round & 4) != 0) isHeard(others);  // reads what is there, for nobody
+    while ((round & 4) != 0 && neighbour->wait(moment)) {  // reads what is there, for nobody
+    }
     if ((round & 8) != 0) fs::remove(fileOf("name"));
-    if ((round & 16) != 0) other.reset();
+    if ((round & 16) != 0) neighbour.reset();
     if ((round & 32) != 0) poster->post("name");
-    if (!other) other = center->addAwaited(neighbour, [&] { ++others; });
+    if (!neighbour) neighbour = center->expect(neighbourOf("name"));
   }
 }
 
@@ -274,13 +269,14 @@ TEST_F(NotifyCenterTest, ObservesAThousandNamesWithOneDescriptor) {
 TEST_F(NotifyCenterTest, AForkedChildBeginsAnewAndLeavesTheParentItsEvents) {
   std::atomic<int> count{0};
   auto observer = counting("name", count);
+  const auto expected = center->expect("other");
   center->post("name");
   EXPECT_TRUE(reaches(count, 1));
   for (const bool drops : {false, true}) {
     test::inChild([&] {
       if (drops) observer.reset();  // before it observes anything itself
       const int before = count;
-      EXPECT_FALSE(center->wait([] { return false; }, std::chrono::milliseconds(1)));
+      EXPECT_FALSE(expected->wait(std::chrono::milliseconds(1)));
       std::atomic<int> own{0};
       const auto mine = counting("name", own);
       for (int i = 1; i <= 2; ++i) {

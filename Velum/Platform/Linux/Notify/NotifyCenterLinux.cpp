@@ -38,6 +38,23 @@ class NotifyCenterLinux::Handle final : public Observer {
   std::shared_ptr<NotifyObserver> observer_;
 };
 
+class NotifyCenterLinux::ExpectationHandle final : public Expectation {
+ public:
+  ExpectationHandle(std::shared_ptr<NotifyCenterLinux> center, std::unique_ptr<Handle> handle)
+      : center_(std::move(center)), handle_(std::move(handle)), seen_(center_->expected_) {}
+
+  bool wait(std::chrono::nanoseconds timeout) override {
+    const bool isPosted = center_->wait(seen_, timeout);
+    seen_ = center_->expected_;
+    return isPosted;
+  }
+
+ private:
+  std::shared_ptr<NotifyCenterLinux> center_;
+  std::unique_ptr<Handle> handle_;
+  std::uint64_t seen_;
+};
+
 NotifyCenter& NotifyCenter::shared(Scope scope) {
   if (scope == Scope::user) {
     static constinit LazyStatic<std::shared_ptr<NotifyCenterLinux>> user;
@@ -80,12 +97,12 @@ std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::addObserver(
   return add(std::make_shared<NotifyObserver>(name, std::move(queue), std::move(callback)));
 }
 
-std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::addAwaited(std::string_view name,
-                                                                      Callback callback) {
-  return add(std::make_shared<NotifyObserver>(name, nullptr, std::move(callback)));
+std::unique_ptr<NotifyCenter::Expectation> NotifyCenterLinux::expect(std::string_view name) {
+  return std::make_unique<ExpectationHandle>(
+      shared_from_this(), add(std::make_shared<NotifyObserver>(name, nullptr, nullptr)));
 }
 
-std::unique_ptr<NotifyCenter::Observer> NotifyCenterLinux::add(
+std::unique_ptr<NotifyCenterLinux::Handle> NotifyCenterLinux::add(
     std::shared_ptr<NotifyObserver> observer) {
   const std::size_t group = observer->group();
   NotifyObservers::Table inherited;  // dropped after the lock
@@ -133,8 +150,8 @@ NotifyCenterLinux::Clock::time_point NotifyCenterLinux::readDeadline() {
   return isDone ? Clock::time_point::max() : readQueue_.nextRetry();
 }
 
-bool NotifyCenterLinux::wait(const std::function<bool()>& isDone,
-                             std::chrono::nanoseconds timeout) {
+bool NotifyCenterLinux::wait(std::uint64_t seen, std::chrono::nanoseconds timeout) {
+  const auto isDone = [&] { return expected_ != seen; };
   const auto deadline = deadlineAfter(timeout);
   Inotify inotify;
   NotifyObservers::Table inherited;  // dropped after the lock
@@ -147,8 +164,8 @@ bool NotifyCenterLinux::wait(const std::function<bool()>& isDone,
   while (reader_.take(isDone, deadline) == NotifyReaderRole::Answer::mine) {
     events.read(*inotify, std::min(deadline, readDeadline()));
     const NotifyNews news = take(events);
-    news.callAwaited();
-    news.tellOthers(nullptr);
+    if (news.isExpected()) ++expected_;
+    news.tell(nullptr);
     reader_.giveUp();
   }
   const std::lock_guard guard(lock_);
@@ -172,9 +189,9 @@ void NotifyCenterLinux::read(const DispatchQueue& queue) {
   NotifyWatch::Events events;
   events.read(*inotify, {});
   const NotifyNews news = take(events);
-  news.callAwaited();
+  if (news.isExpected()) ++expected_;
   reader_.giveUp();
-  news.tellOthers(&queue);
+  news.tell(&queue);
 }
 
 NotifyNews NotifyCenterLinux::take(const NotifyWatch::Events& events) {

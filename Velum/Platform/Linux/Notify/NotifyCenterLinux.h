@@ -1,7 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
-#include <functional>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -23,8 +24,8 @@ namespace velum {
 /// files hold.
 ///
 /// What happens to a post: NotifyWatch says which files changed, NotifyObservers whom that
-/// concerns, NotifyNews tells them. NotifyReadQueue and NotifyReaderRole say who reads: the queue of
-/// the observers, or a thread that waits, which then hands the queue what is to be called there.
+/// concerns, NotifyNews tells them. NotifyReadQueue and NotifyReaderRole say who reads: the queue
+/// of the observers, or a thread that waits, which then hands the queue what is to be called there.
 class NotifyCenterLinux final : public NotifyCenter,
                                 public ForkParticipant,
                                 public std::enable_shared_from_this<NotifyCenterLinux> {
@@ -41,8 +42,7 @@ class NotifyCenterLinux final : public NotifyCenter,
   std::unique_ptr<Observer> addObserver(std::string_view name, Callback callback) override;
   std::unique_ptr<Observer> addObserver(std::string_view name, std::shared_ptr<DispatchQueue> queue,
                                         Callback callback) override;
-  std::unique_ptr<Observer> addAwaited(std::string_view name, Callback callback) override;
-  bool wait(const std::function<bool()>& isDone, std::chrono::nanoseconds timeout) override;
+  std::unique_ptr<Expectation> expect(std::string_view name) override;
 
   void prepareFork() noexcept override { lock_.lock(); }
   void afterForkInParent() noexcept override { lock_.unlock(); }
@@ -52,15 +52,17 @@ class NotifyCenterLinux final : public NotifyCenter,
   using Clock = NotifyReaderRole::Clock;
   using Inotify = std::shared_ptr<NotifyWatch::Inotify>;
   class Handle;
+  class ExpectationHandle;
 
   NotifyCenterLinux(std::string folder, NotifyFolder::Sharing sharing);
 
-  std::unique_ptr<Observer> add(std::shared_ptr<NotifyObserver> observer);
+  std::unique_ptr<Handle> add(std::shared_ptr<NotifyObserver> observer);
   void remove(const std::shared_ptr<NotifyObserver>& observer);
   void openLk(NotifyObservers::Table& inherited);
   int descriptorLk() const noexcept { return watch_.inotify()->fd.get(); }
 
   void read(const DispatchQueue& queue);
+  bool wait(std::uint64_t seen, std::chrono::nanoseconds timeout);
   Clock::time_point readDeadline();
   NotifyNews take(const NotifyWatch::Events& events);
   void watchAgainLk(NotifyNews& news);
@@ -68,6 +70,7 @@ class NotifyCenterLinux final : public NotifyCenter,
 
   const NotifyFolder folder_;
   NotifyReaderRole reader_;
+  std::atomic<std::uint64_t> expected_{0};  // how often something was posted that a thread expects
 
   UnfairLock lock_;  // guards what is below
   unsigned generation_ = forkGeneration();

@@ -7,13 +7,12 @@
 
 namespace velum {
 
-void NotifyNews::callAwaited() const {
-  for (const auto& observer : due_) {
-    if (!observer->queue()) observer->call();
-  }
+bool NotifyNews::isExpected() const {
+  return std::ranges::any_of(
+      due_, [](const auto& observer) { return !observer->queue() && !observer->isCancelled(); });
 }
 
-void NotifyNews::tellOthers(const DispatchQueue* own) const {
+void NotifyNews::tell(const DispatchQueue* own) const {
   for (const std::string& complaint : complaints_) {
     logError({"Velum/NotifyCenter", "read()"}, "{}", complaint);
   }

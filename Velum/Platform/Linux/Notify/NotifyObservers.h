@@ -26,7 +26,7 @@ using NotifyGenerations = std::vector<std::pair<uid_t, NotifyGeneration>>;
 /// One observer of a name. Shared by the center, the observer's handle and calls on their way.
 class NotifyObserver {
  public:
-  /// Without a queue, it is awaited: called by whoever reads.
+  /// Without a queue, it stands for a thread that waits, and has no callback.
   NotifyObserver(std::string_view name, std::shared_ptr<DispatchQueue> queue,
                  NotifyCenter::Callback callback)
       : name_(NotifyFolder::fileName(name)),
@@ -40,8 +40,9 @@ class NotifyObserver {
 
   /// Nothing after `cancel`. Any thread.
   void call() const {
-    if (!isCancelled_.load(std::memory_order_acquire)) callback_();
+    if (!isCancelled()) callback_();
   }
+  bool isCancelled() const noexcept { return isCancelled_.load(std::memory_order_acquire); }
   void cancel() noexcept { isCancelled_.store(true, std::memory_order_release); }
 
  private:
@@ -62,11 +63,11 @@ class NotifyNews {
   void add(std::shared_ptr<NotifyObserver> observer) { due_.push_back(std::move(observer)); }
   void complain(std::string text) { complaints_.push_back(std::move(text)); }
 
-  /// Calls those that are awaited.
-  void callAwaited() const;
-  /// Logs the complaints and has the others called, each on its queue: those of `own`, which this
-  /// runs on, last and at once, since they may take long.
-  void tellOthers(const DispatchQueue* own) const;
+  /// Whether threads that wait are to be told.
+  bool isExpected() const;
+  /// Logs the complaints and has the callbacks called, each on its queue: those of `own`, which
+  /// this runs on, last and at once, since they may take long.
+  void tell(const DispatchQueue* own) const;
 
  private:
   std::vector<std::shared_ptr<NotifyObserver>> due_;

@@ -37,8 +37,8 @@ NotifyReadQueue::Queue NotifyReadQueue::leave(const Queue& queue, int descriptor
 }
 
 void NotifyReadQueue::readOn(const Queue& queue, int descriptor) {
-  source_ = DispatchSource::readable(descriptor, *queue,
-                                     [read = read_, on = queue.get()] { read(*on); });
+  source_ =
+      DispatchSource::readable(descriptor, *queue, [read = read_, on = queue.get()] { read(*on); });
   queue_ = queue;
 }
 
@@ -54,8 +54,7 @@ void NotifyReadQueue::resume(int descriptor) {
 void NotifyReadQueue::retryAfter(Clock::duration delay) {
   nextRetry_ = deadlineAfter(delay);
   if (!queue_) return;  // then only threads that wait have anything to look for
-  timer_ = DispatchSource::timer(delay, *queue_,
-                                 [read = read_, on = queue_.get()] { read(*on); });
+  timer_ = DispatchSource::timer(delay, *queue_, [read = read_, on = queue_.get()] { read(*on); });
 }
 
 void NotifyReadQueue::resetAfterFork() noexcept {

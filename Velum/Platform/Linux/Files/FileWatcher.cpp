@@ -2,17 +2,11 @@
 
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <array>
-#include <climits>
 #include <utility>
 
 namespace velum {
-namespace {
 
-// All but `extended` and `link`, which inotify does not tell from others.
 FileEvent plainlyTranslated(std::uint32_t mask) noexcept {
   constexpr std::uint32_t entries = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO;
   FileEvent happened = FileEvent::none;
@@ -23,8 +17,6 @@ FileEvent plainlyTranslated(std::uint32_t mask) noexcept {
   if ((mask & IN_UNMOUNT) != 0) happened = happened | FileEvent::revoked;
   return happened;
 }
-
-}  // namespace
 
 FileWatcher::FileWatcher(std::shared_ptr<DispatchQueue> queue, FileEvents::Handler handler)
     : queue_(std::move(queue)), handler_(std::move(handler)) {}
@@ -72,67 +64,13 @@ FileEvent OpenedFileWatcher::linkChange() {
   return links_ == 0 ? FileEvent::deleted | FileEvent::link : FileEvent::link;
 }
 
-// Of a folder or link on the way itself, only attributes are told besides losses. A link that is
-// replaced while somebody uses it shows no more than a changed number of names.
-bool PathWay::isConcerned(const inotify_event& event, std::string_view entry) const {
-  const auto isAwaited = [&](const auto& one) {
-    return one.first == event.wd && one.second == entry;
-  };
-  if (entry.empty()) return (event.mask & IN_ATTRIB) != 0;
-  return std::ranges::any_of(awaited, isAwaited);
-}
-
-PathWatcher::PathWatcher(std::string path, std::shared_ptr<DispatchQueue> queue,
-                         FileEvents::Handler handler)
-    : FileWatcher(std::move(queue), std::move(handler)),
-      path_(std::move(path)),
-      size_(path_.find_last_not_of('/') + 1) {
-  if (size_ == 0) size_ = std::min<std::size_t>(path_.size(), 1);  // the root
-}
-
-FileEvent PathWatcher::translated(std::uint32_t mask) {
-  return plainlyTranslated(mask);
-}
-
-FileEvent PathWatcher::wanted() const noexcept {
-  return FileEvent::deleted | FileEvent::written | FileEvent::attribute | FileEvent::renamed |
-         FileEvent::created;
-}
-
-std::string_view lastName(std::string_view path) noexcept {
-  const std::string_view name = path.substr(path.find_last_of('/') + 1);
-  return name == "." || name == ".." ? std::string_view() : name;
-}
-
-std::string_view folderAbove(std::string_view path) noexcept {
-  const std::size_t slash = path.find_last_of('/');
-  if (slash == std::string_view::npos) return ".";
-  const std::size_t end = path.find_last_not_of('/', slash);
-  return end == std::string_view::npos ? "/" : path.substr(0, end + 1);
-}
-
-std::string pathIn(const std::string& folder, std::string_view name) {
-  std::string path = folder;
-  if (!path.ends_with('/')) path += '/';
-  return path += name;
-}
-
-std::string takeName(std::string& path) {
-  std::string name;
-  do {
-    path.erase(0, path.find_first_not_of('/'));
-    name = path.substr(0, path.find('/'));
-    path.erase(0, name.size());
-  } while (name == ".");
-  path.erase(0, path.find_first_not_of('/'));
-  return name;
-}
-
-std::optional<std::string> linkTarget(const std::string& path) {
-  std::array<char, PATH_MAX> target;  // NOLINT(*-member-init): set by the call
-  const ssize_t size = ::readlink(path.c_str(), target.data(), target.size());
-  if (size <= 0) return std::nullopt;
-  return std::string(target.data(), static_cast<std::size_t>(size));
+void FileDeliveries::add(FileWatcher& watcher, FileEvent events) {
+  if (events == FileEvent::none || !watcher.add(events)) return;
+  if (mayRunOne_ && !first_ && watcher.mayRunAnywhere()) {
+    first_ = watcher.shared_from_this();
+  } else {
+    watcher.schedule();
+  }
 }
 
 }  // namespace velum

@@ -1,17 +1,10 @@
 #pragma once
 
-#include <sys/inotify.h>
 #include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <unordered_set>
-#include <utility>
-#include <vector>
 
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Dispatch.h"
@@ -22,6 +15,10 @@ namespace velum {
 constexpr bool has(FileEvent set, FileEvent bits) noexcept {
   return (set & bits) != FileEvent::none;
 }
+
+/// What an inotify event of a file means: all but `extended` and `link`, which it does not tell
+/// from others.
+FileEvent plainlyTranslated(std::uint32_t mask) noexcept;
 
 /// A handler that waits for events of a file. Shared by the registry and by calls on their way.
 /// Any thread, unless a member says otherwise.
@@ -49,6 +46,11 @@ class FileWatcher : public std::enable_shared_from_this<FileWatcher> {
   /// No call begins from here on.
   void cancel() noexcept { isCancelled_.store(true, std::memory_order_release); }
 
+  /// Whether it still is where it was found. Looks, for what no event tells. Under the registry's
+  /// lock.
+  virtual bool isStillThere() { return true; }
+  /// Gives up what it watches besides the file. Under the registry's lock.
+  virtual void leave() {}
   /// What was watched is no longer where it was found.
   bool isOutdated() const noexcept { return isOutdated_.load(std::memory_order_acquire); }
   void setOutdated() noexcept { isOutdated_.store(true, std::memory_order_release); }
@@ -87,68 +89,21 @@ class OpenedFileWatcher final : public FileWatcher {
   nlink_t links_ = 0;
 };
 
-class PathWatcher;
-
-/// How the kernel gets to the folder that holds the last name of a path: through folders and links,
-/// all of which are watched for their own move and end, and for who may go through. As long as it
-/// does not get there, each folder on the way is watched for the name that is looked up in it. One
-/// for all watchers that began together in one folder. Under the registry's lock.
-struct PathWay : std::enable_shared_from_this<PathWay> {
-  enum class Kind : bool {
-    folder,  ///< All of the path are folders, or links to such.
-    path,    ///< But for the last name, which is followed while it is a link.
-  };
-
-  std::string folder;  ///< Where it ends, free of links.
-  std::string name;    ///< Kind::path: of what stands there.
-  bool isWhole = false;
-  int descriptor = -1;     ///< The watch of that folder for the names in it.
-  bool isRefused = false;  ///< The user may not have as many watches.
-  std::vector<int> folders;
-  std::vector<int> links;
-  std::vector<std::pair<std::string, std::string>>
-      steps;                                         ///< Folders, and what is looked up there.
-  std::vector<std::pair<int, std::string>> awaited;  ///< Watches, and the name of interest.
-  std::unordered_set<PathWatcher*> watchers;
-
-  /// Whether an event of the watch of one of its folders or links, other than that one's own end
-  /// and move, may have it lead elsewhere.
-  bool isConcerned(const inotify_event& event, std::string_view entry) const;
-};
-
-/// Watches a path: what stands there, and what becomes of the way to it. All under the registry's
-/// lock.
-class PathWatcher final : public FileWatcher {
+/// What comes of the events of one read: has watchers called, each on its queue.
+class FileDeliveries {
  public:
-  PathWatcher(std::string path, std::shared_ptr<DispatchQueue> queue, FileEvents::Handler handler);
+  /// `mayRunOne`: the thread that reads can be kept busy by one that may run anywhere.
+  explicit FileDeliveries(bool mayRunOne) : mayRunOne_(mayRunOne) {}
 
-  FileEvent translated(std::uint32_t mask) override;
-  FileEvent wanted() const noexcept override;
-
-  /// The path without slashes at its end, but for the root's.
-  std::string_view path() const noexcept { return {path_.data(), size_}; }
-
-  std::shared_ptr<PathWay> way;
-  /// What it waits for in the folder where the way ends; empty where nothing can come there.
-  std::string_view name;
-  /// Device and inode of what stood there when it was last looked for.
-  std::optional<std::pair<dev_t, ino_t>> seen;
+  void add(FileWatcher& watcher, FileEvent events);
+  /// Calls the one that is left for this thread, if there is one; without any lock.
+  void run() const {
+    if (first_) first_->run();
+  }
 
  private:
-  std::string path_;
-  std::size_t size_;  // of the path without slashes at its end
+  const bool mayRunOne_;
+  std::shared_ptr<FileWatcher> first_;
 };
-
-/// The last name of a path without slashes at its end; empty when a folder's events never give it:
-/// the root, "." and "..".
-std::string_view lastName(std::string_view path) noexcept;
-/// The folder that holds the last name: "/a" for "/a/b", "/" for "/a", "." for "a".
-std::string_view folderAbove(std::string_view path) noexcept;
-/// The path of a name in a folder.
-std::string pathIn(const std::string& folder, std::string_view name);
-/// Takes the first name from a path, and the slashes behind it; "." is passed over.
-std::string takeName(std::string& path);
-/// Where a symbolic link leads; nothing for anything else.
-std::optional<std::string> linkTarget(const std::string& path);
 
 }  // namespace velum

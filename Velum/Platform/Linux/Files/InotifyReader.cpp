@@ -46,8 +46,8 @@ void leave(int epoll, int inotify) noexcept {
 
 }  // namespace
 
-InotifyReader::InotifyReader(Sink& sink, std::shared_ptr<DispatchQueue> queue)
-    : sink_(sink), queue_(std::move(queue)) {}
+InotifyReader::InotifyReader(Sink& sink, UnfairLock& lock, std::shared_ptr<DispatchQueue> queue)
+    : sink_(sink), lock_(lock), queue_(std::move(queue)) {}
 
 void InotifyReader::open() {
   if (isOpen_) return;
@@ -97,7 +97,8 @@ void InotifyReader::resume() {
   constexpr std::chrono::milliseconds retryPause{100};
   if (!isOpen_ || enter()) return;
   queue_->asyncAfter(retryPause, [this, generation = forkGeneration()] {
-    if (generation == forkGeneration()) sink_.resumeReading();
+    const std::lock_guard guard(lock_);
+    if (generation == forkGeneration()) resume();
   });
 }
 
@@ -113,14 +114,10 @@ void InotifyReader::readInThread(unsigned generation) {
   while (generation == forkGeneration()) {
     epoll_event event{};
     retryInterrupted([&] { return ::epoll_wait(epoll, &event, 1, -1); });
-    std::shared_ptr<FileWatcher> first;
-    {
-      const std::lock_guard guard(reading_);
-      if (event.data.u32 == fromMounts) sink_.mountsChanged();
-      const std::string_view events = buffer->read(inotify_.get());
-      if (!events.empty()) first = sink_.take(events, Turn::own);
-    }
-    if (first) first->run();
+    std::unique_lock reading(reading_);
+    if (event.data.u32 == fromMounts) sink_.mountsChanged();
+    const std::string_view events = buffer->read(inotify_.get());
+    if (!events.empty()) sink_.take(events, std::move(reading));
   }
 }
 
@@ -131,7 +128,7 @@ void InotifyReader::readInPool() {
   if (haveMountsChanged()) sink_.mountsChanged();
   Buffer buffer{};
   for (std::string_view events; !(events = buffer.read(inotify_.get())).empty();) {
-    sink_.take(events, Turn::pool);
+    sink_.take(events, {});
   }
 }
 

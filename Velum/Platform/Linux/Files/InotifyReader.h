@@ -2,12 +2,12 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string_view>
 
 #include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/Platform/Linux/Files/FileWatcher.h"
 
 namespace velum {
 
@@ -26,31 +26,27 @@ namespace velum {
 /// busy, the pool looks with each event.
 class InotifyReader {
  public:
-  enum class Turn : bool {
-    pool,  ///< Everything is to be scheduled.
-    own,   ///< One watcher that may run anywhere can be returned, to be run at once.
-  };
   class Sink {
    public:
     Sink() = default;
     Sink(const Sink&) = delete;
     Sink& operator=(const Sink&) = delete;
     virtual ~Sink() = default;
-    /// Takes the bytes of one read(2). Never called twice at once.
-    virtual std::shared_ptr<FileWatcher> take(std::string_view events, Turn turn) = 0;
+    /// Takes the bytes of one read(2). Never called twice at once until `reading` is let go of, the
+    /// thread's right to read: it may then run one handler that may run anywhere. Without it, all
+    /// are to be scheduled.
+    virtual void take(std::string_view events, std::unique_lock<UnfairLock> reading) = 0;
     /// Something was mounted or unmounted, of which no watch tells. Never called during `take`.
     virtual void mountsChanged() = 0;
-    /// Calls `resume` once more.
-    virtual void resumeReading() = 0;
   };
 
-  /// Both live for ever.
-  InotifyReader(Sink& sink, std::shared_ptr<DispatchQueue> queue);
+  /// All live for ever. `lock` is the caller's.
+  InotifyReader(Sink& sink, UnfairLock& lock, std::shared_ptr<DispatchQueue> queue);
   InotifyReader(const InotifyReader&) = delete;
   InotifyReader& operator=(const InotifyReader&) = delete;
   ~InotifyReader() = default;
 
-  // Up to `startThread`, called under the caller's lock.
+  // Called under the caller's lock.
 
   /// Opens the descriptor unless it is open. Throws SystemError.
   void open();
@@ -75,6 +71,7 @@ class InotifyReader {
   bool haveMountsChanged() const noexcept;
 
   Sink& sink_;
+  UnfairLock& lock_;
   const std::shared_ptr<DispatchQueue> queue_;
   UnfairLock reading_;  // held while events are read and handed on
   UniqueFd inotify_;

@@ -22,18 +22,11 @@ const std::shared_ptr<DispatchQueue>& sharedQueue() {
 
 std::shared_ptr<DirectoryMonitor> DirectoryMonitor::create(std::string path,
                                                            FileEvents& fileEvents) {
-  auto monitor = std::make_shared<DirectoryMonitor>(Private{}, std::move(path), fileEvents);
-  monitor->registerForFork();
-  return monitor;
+  return std::make_shared<DirectoryMonitor>(Private{}, std::move(path), fileEvents);
 }
 
-// Before the services: the lock is held while the file events' own is taken.
 DirectoryMonitor::DirectoryMonitor(Private /*unused*/, std::string path, FileEvents& fileEvents)
-    : ForkParticipant(Stage::handler), path_(std::move(path)), fileEvents_(fileEvents) {}
-
-DirectoryMonitor::~DirectoryMonitor() {
-  unregisterForFork();
-}
+    : path_(std::move(path)), fileEvents_(fileEvents) {}
 
 std::shared_ptr<DirectoryMonitorDelegate> DirectoryMonitor::delegate() const {
   const std::lock_guard guard(lock_);
@@ -86,21 +79,6 @@ void DirectoryMonitor::stopMonitoring() {
   cancelled = std::move(dispatchSource_);
   isStarted_ = false;
   descriptor_ = -1;
-}
-
-void DirectoryMonitor::prepareFork() noexcept {
-  lock_.lock();
-}
-
-void DirectoryMonitor::afterForkInParent() noexcept {
-  lock_.unlock();
-}
-
-void DirectoryMonitor::afterForkInChild() noexcept {
-  // The source is the parent's; it is dropped by the next start or the end.
-  isStarted_ = false;
-  descriptor_ = -1;
-  lock_.resetAfterFork();
 }
 
 }  // namespace velum

@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
-#include "Velum/Base/AtFork.h"
-#include "Velum/Concurrency/UnfairLock.h"
+#include "Velum/Base/ProcessFlag.h"
+#include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Platform/FileEvents.h"
 
 namespace velum {
@@ -57,7 +57,6 @@ class IDirectoryMonitor {
 /// and are told by one call afterwards; the last change is always followed by a call. A forked
 /// child inherits no watch: start again there.
 class DirectoryMonitor final : public IDirectoryMonitor,
-                               public ForkParticipant,
                                public std::enable_shared_from_this<DirectoryMonitor> {
   struct Private {};  // keeps construction to `create`
 
@@ -70,16 +69,12 @@ class DirectoryMonitor final : public IDirectoryMonitor,
   DirectoryMonitor(const DirectoryMonitor&) = delete;
   DirectoryMonitor& operator=(const DirectoryMonitor&) = delete;
   /// Stops.
-  ~DirectoryMonitor() override;
+  ~DirectoryMonitor() override = default;
 
   std::shared_ptr<DirectoryMonitorDelegate> delegate() const override;
   void setDelegate(std::weak_ptr<DirectoryMonitorDelegate> delegate) override;
   bool startMonitoring() override;
   void stopMonitoring() override;
-
-  void prepareFork() noexcept override;
-  void afterForkInParent() noexcept override;
-  void afterForkInChild() noexcept override;
 
  private:
   void openLk();
@@ -91,8 +86,9 @@ class DirectoryMonitor final : public IDirectoryMonitor,
   std::int32_t descriptor_ = -1;
   std::int32_t lastDescriptor_ = -1;
   std::unique_ptr<FileEvents::Watch> dispatchSource_;
-  mutable UnfairLock lock_;  // guards all of these
-  bool isStarted_ = false;
+  ProcessFlag isStarted_;  // in a forked child, the source is the parent's
+  // Guards all of these. Before the services: it is held while the file events' own is taken.
+  mutable ForkSafeLock lock_{ForkSafeLock::Stage::handler};
   const std::string path_;
   FileEvents& fileEvents_;
 };

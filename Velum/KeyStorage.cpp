@@ -8,9 +8,9 @@
 #include <unordered_map>
 #include <utility>
 
-#include "Velum/Base/AtFork.h"
 #include "Velum/Base/Deadline.h"
 #include "Velum/Base/Fatal.h"
+#include "Velum/Base/ProcessFlag.h"
 #include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
@@ -115,40 +115,26 @@ void log(const std::exception& error, std::string_view function, std::string_vie
 
 }  // namespace
 
-struct KeyStorageBase::State final : ForkParticipant {
+struct KeyStorageBase::State {
   State(std::string label, double delay)
-      : ForkParticipant(Stage::service),
-        queue(DispatchQueue::serial(std::move(label))),
-        writeDelay(duration(delay)) {
-    registerForFork();
-  }
-  State(const State&) = delete;
-  State& operator=(const State&) = delete;
-  ~State() override { unregisterForFork(); }
+      : queue(DispatchQueue::serial(std::move(label))), writeDelay(duration(delay)) {}
 
   Changes presentLk(const Changes& wanted) const;
   void applyLk(Changes& wanted);
 
-  void prepareFork() noexcept override {}
-  void afterForkInParent() noexcept override {}
-  // What the parent has not written yet is the parent's to write: by the time the child ends, it
-  // would be older than what is stored.
-  void afterForkInChild() noexcept override {
-    dirty = false;
-    isScheduled = false;
-  }
-
   const std::shared_ptr<DispatchQueue> queue;
   const std::chrono::nanoseconds writeDelay;
 
-  ForkSafeLock lock{Stage::service};
+  ForkSafeLock lock{ForkSafeLock::Stage::service};
   Cache cache;
-  bool dirty = false;
+  // What the parent has not written yet is the parent's to write, not a forked child's: by the time
+  // the child ends, it would be older than what is stored.
+  ProcessFlag dirty;
   std::uint64_t changes = 0;
   // The changes between two writes are a period; its first change schedules its one write. What is
   // scheduled for a period that something else has written finds another number and does nothing.
   std::uint64_t period = 0;
-  bool isScheduled = false;
+  ProcessFlag isScheduled;
   bool isComplete = false;  // `cache` was read or reset: nothing is stored that it doesn't know
   // There is stored content that `load` could not get at. What was removed since stays removed.
   bool isUnread = false;
@@ -276,7 +262,8 @@ bool KeyStorageBase::writeChange() {
   std::uint64_t period = 0;
   {
     const std::lock_guard guard(state_->lock);
-    if (!state_->dirty || std::exchange(state_->isScheduled, true)) return true;
+    if (!state_->dirty || state_->isScheduled) return true;
+    state_->isScheduled = true;
     period = ++state_->period;
   }
   state_->queue->asyncAfter(state_->writeDelay, writeJob(period));

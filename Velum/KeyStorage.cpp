@@ -94,7 +94,7 @@ class Cache {
 PropertyList::Dictionary decoded(const SecretBytes& bytes, std::string_view function) {
   constexpr const char* isOther = "The decoded object is not a dictionary";
   auto list = PropertyList::read(textView(bytes));
-  if (!list) throw StorageError("The data is no property list, or exceeds its limits");
+  if (!list) throw StorageError("The data is not a property list, or it exceeds the limits of one");
   if (auto* dictionary = std::get_if<PropertyList::Dictionary>(&list->value)) {
     return std::move(*dictionary);
   }

@@ -29,7 +29,8 @@ using velum::UserDefaults;
 
 std::unique_ptr<UserDefaults> domainNamed(const std::string& name) {
   auto domain = UserDefaults::domain(name);
-  if (!domain) throw UsageError(fmt::format("\"{}\" is no domain; name it without a slash", name));
+  if (!domain)
+    throw UsageError(fmt::format("\"{}\" is not a domain; name it without a slash", name));
   return domain;
 }
 
@@ -79,7 +80,7 @@ PropertyList numberFrom(const std::string& text) {
   const char* const end = text.data() + text.size();
   const auto result = std::from_chars(text.data(), end, number);
   if (result.ec != std::errc() || result.ptr != end) {
-    throw UsageError("the value is no such number; correct it, or choose another --type");
+    throw UsageError("the value is not such a number; correct it, or choose another --type");
   }
   return PropertyList(number);
 }
@@ -87,7 +88,7 @@ PropertyList numberFrom(const std::string& text) {
 PropertyList boolFrom(const std::string& text) {
   const bool isTrue = text == "true" || text == "YES" || text == "yes" || text == "1";
   if (!isTrue && text != "false" && text != "NO" && text != "no" && text != "0") {
-    throw UsageError("the value is no flag; write true or false");
+    throw UsageError("the value is not a flag; write true or false");
   }
   return PropertyList(isTrue);
 }

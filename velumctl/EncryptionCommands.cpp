@@ -82,7 +82,7 @@ constexpr std::size_t mostBytes = std::size_t{1} << 30U;
 void encrypt(const CipherOptions& options) {
   const SecretBytes key = readKey(options);
   if (options.output.empty() && isTerminal(STDOUT_FILENO)) {
-    throw UsageError("the result is no text; say --output FILE, or send it to a program");
+    throw UsageError("the result is not text; say --output FILE, or send it to a program");
   }
   const auto blob = velum::AES::encrypted(readAll(options.input, mostBytes), key);
   const std::string_view bytes(reinterpret_cast<const char*>(blob.data()), blob.size());  // NOLINT
@@ -95,8 +95,8 @@ void decrypt(const CipherOptions& options) try {
   writeResult(options,
               velum::textView(velum::AES::decrypted(readAll(options.input, mostBytes), key)));
 } catch (const velum::AESError& error) {
-  throw Failure(fmt::format("{} ({}); this is no blob of that key, or it is damaged", error.what(),
-                            error.detail()));
+  throw Failure(fmt::format("{} ({}); the blob was made with another key, or it is damaged",
+                            error.what(), error.detail()));
 }
 
 CLI::App& addCommand(CLI::App& app, const std::string& name, const std::string& description,

@@ -103,7 +103,7 @@ std::optional<LogDate> parsedAge(std::string_view text, LogDate now) {
 LogDate parsedMoment(const std::string& text, LogDate now) {
   if (const auto age = parsedAge(text, now)) return *age;
   if (const auto moment = parsedCalendar(text, now)) return *moment;
-  throw UsageError(fmt::format("\"{}\" is no moment; write {}", text, momentHelp));
+  throw UsageError(fmt::format("\"{}\" is not a time; write {}", text, momentHelp));
 }
 
 }  // namespace velumctl

@@ -34,7 +34,7 @@ constexpr char controlC = '\x03';
 class HiddenInput {
  public:
   HiddenInput() {
-    if (::tcgetattr(STDIN_FILENO, &before_) != 0) throw Failure("standard input is no terminal");
+    if (::tcgetattr(STDIN_FILENO, &before_) != 0) throw Failure("standard input is not a terminal");
     termios hidden = before_;
     hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);
     hidden.c_cc[VEOL] = static_cast<cc_t>(controlC);
@@ -120,7 +120,7 @@ void confirmShowing(const std::string& what, bool isAgreed) {
 void writeSecret(std::string_view bytes) {
   const bool onTerminal = isTerminal(STDOUT_FILENO);
   if (onTerminal && !isPlainText(bytes)) {
-    throw Failure("the result is no text and can't be shown; send it to a file or a program");
+    throw Failure("the result is not text and can't be shown; send it to a file or a program");
   }
   velum::checked::write(STDOUT_FILENO, bytes.data(), bytes.size(), "velumctl");
   if (onTerminal && !bytes.ends_with('\n')) {
@@ -143,7 +143,7 @@ velum::SecretQuery KeychainItem::query() const {
     if (bundle) query.service = std::move(bundle->identifier).value_or("");
   }
   if (query.service.empty()) {
-    throw UsageError("this program belongs to no bundle; say --service NAME");
+    throw UsageError("this program is not part of a bundle; say --service NAME");
   }
   if (!group.empty()) {
     query.accessGroup = group;
@@ -177,7 +177,7 @@ velum::PropertyList::Dictionary readSealedFile(const std::string& path, const Ke
   } catch (const velum::StorageError&) {
     throw Failure(path + " does not belong to that key, or was changed; check --key-item");
   }
-  throw Failure(path + " holds no dictionary; name the file of a storage");
+  throw Failure(path + " does not contain a dictionary; name the file of a storage");
 }
 
 }  // namespace velumctl

@@ -43,7 +43,7 @@ velum::SupportItems parsedItems(const std::vector<std::string>& includes) {
   for (const std::string& include : includes) {
     const std::size_t equals = include.find('=');
     if (equals == 0 || equals == std::string::npos || equals + 1 == include.size()) {
-      throw UsageError(fmt::format("\"{}\" is no item; write --include NAME=PATH", include));
+      throw UsageError(fmt::format("\"{}\" is not an item; write --include NAME=PATH", include));
     }
     const std::string name = include.substr(0, equals);
     if (!items.emplace(name, velum::FileUrl{include.substr(equals + 1)}).second) {

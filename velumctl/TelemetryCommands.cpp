@@ -114,7 +114,7 @@ void printSyntheticId(const std::string& text) {
   const std::string identifier = Telemetry::createSyntheticId(text);
   std::cout << identifier << '\n';
   if (identifier == Telemetry::invalidSyntheticId) {
-    throw Failure("no identifier of its own can be made of this text; choose another one");
+    throw Failure("this text can't be made into an identifier of its own; choose another one");
   }
 }
 

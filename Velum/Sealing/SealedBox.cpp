@@ -31,7 +31,7 @@ SealedBox::~SealedBox() = default;
 SecretBytes SealedBox::newKey() {
   SecretBytes key(keySize);
   if (RAND_priv_bytes(key.data(), static_cast<int>(key.size())) != 1) {
-    throw StorageError("There is no randomness for a key");
+    throw StorageError("The system gave no random bytes for a key");
   }
   return key;
 }

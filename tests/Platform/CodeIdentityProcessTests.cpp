@@ -82,7 +82,7 @@ TEST_F(CodeIdentityTest, RefusesRootsThatAreNotWhatTheyShouldBe) {
   }
   fs::remove(roots_);
   fs::create_directory(roots_);
-  expectReason(verdict(process.pid()), "holds no file");
+  expectReason(verdict(process.pid()), "contains no");
   for (int number = 0; number <= 1000; ++number) addRoot(std::to_string(number) + ".pem", "");
   expectReason(verdict(process.pid()), "more than 1000");
 }
@@ -95,7 +95,7 @@ TEST_F(CodeIdentityTest, NoticesChangesOfTheRootsAtOnce) {
   EXPECT_EQ(verdict(process.pid()), "valid");
   EXPECT_EQ(verdict(process.pid()), "valid");
   fs::rename(file, roots_ + "/authority.off");
-  expectReason(verdict(process.pid()), "holds no file");
+  expectReason(verdict(process.pid()), "contains no");
   fs::rename(roots_ + "/authority.off", file);
   EXPECT_EQ(verdict(process.pid()), "valid");
 
@@ -133,7 +133,7 @@ TEST_F(CodeIdentityTest, RefusesProcessesWithoutAProgramOfTheirOwn) {
   expectReason(verdict(script.pid()), "not signed");
 
   if (::geteuid() == 0 && fs::exists("/proc/2/comm") && readFile("/proc/2/cmdline").empty()) {
-    expectReason(verdict(2), "runs no program");
+    expectReason(verdict(2), "kernel thread");
   }
 }
 

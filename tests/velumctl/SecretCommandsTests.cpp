@@ -85,7 +85,7 @@ TEST_F(VelumctlKeychain, AsksBeforeItShowsOrDeletes) {
   // Bytes that are no text are not sent to a terminal, whatever the answer.
   EXPECT_EQ(keychain("set", {"token", "--service", service, "--stdin"}, "\x1B[2J gem").status, 0);
   auto program = onTerminal({"keychain", "get", "token", "--service", service, "--yes"});
-  EXPECT_THAT(program.readToEnd(), AllOf(HasSubstr("is no text"), Not(HasSubstr("gem"))));
+  EXPECT_THAT(program.readToEnd(), AllOf(HasSubstr("is not text"), Not(HasSubstr("gem"))));
 }
 
 TEST_F(VelumctlKeychain, DoesNotShowWhatIsTyped) {

@@ -104,7 +104,7 @@ URLError urlError(const CurlFailure& failure) {
   std::string text = failure.text.empty() ? curl_easy_strerror(failure.code) : failure.text;
   // What libcurl can't use of a proxy it quotes, with the password.
   if (text.find("roxy") != std::string::npos && text.find('\'') != std::string::npos) {
-    text = "http_proxy, https_proxy or all_proxy names no proxy that can be used; check its value";
+    text = "http_proxy, https_proxy or all_proxy does not name a usable proxy; check its value";
   }
   text = repairedUtf8(text);
   if (failure.code == CURLE_OUT_OF_MEMORY) return URLError::posix(ENOMEM, std::move(text));

@@ -34,7 +34,7 @@ URLError noSocket(int systemError) {
   return URLError::posix(systemError,
                          systemError == EMFILE
                              ? "this process may open no more files; raise its limit (ulimit -n)"
-                             : "the system gives no socket: " + systemErrorText(systemError));
+                             : "the system can't open a socket: " + systemErrorText(systemError));
 }
 
 URLError bodyEnded() {
@@ -237,7 +237,7 @@ bool URLExchange::guarded(Work work) noexcept {
   } catch (const BodyTooLarge& error) {
     callbackError_ = URLError::url(URLError::dataLengthExceedsMaximum, error.what());
   } catch (const std::bad_alloc&) {
-    callbackError_ = URLError::posix(ENOMEM, "no memory for the exchange");
+    callbackError_ = URLError::posix(ENOMEM, "out of memory for the exchange");
   } catch (const std::exception& error) {
     callbackError_ = URLError::url(URLError::unknown, error.what());
   }

@@ -206,7 +206,7 @@ std::shared_ptr<URLTask> URLLoaderLinux::load(std::shared_ptr<const URLRequest> 
     if (auto error = exchange->prepare(serving)) {
       exchange->fail(std::move(*error));
     } else if (!serving.start(exchange)) {
-      exchange->fail(URLError::posix(EAGAIN, "the system gives no thread for the exchange"));
+      exchange->fail(URLError::posix(EAGAIN, "the system can't start a thread for the exchange"));
     }
   } catch (const SystemError& error) {
     exchange->fail(URLError::posix(error.code(), error.what()));

@@ -76,7 +76,7 @@ CertificateStatus CertificateStoreLinux::add(const SecCertificate& certificate,
                                              const SecKeychain& keychain) {
   return statusOf([&] {
     if (!isText(label)) {
-      throw CertificateFailure(errSecParam, "The name is no UTF-8 text, or holds a NUL.");
+      throw CertificateFailure(errSecParam, "The name is not UTF-8 text, or contains a NUL.");
     }
     if (isMachine(keychain)) return machine_.add(certificate, label);
     const std::string folder = databaseFolder(keychain);

@@ -29,7 +29,7 @@ struct FreeText {
 std::string organisationalUnit(X509* certificate) {
   const X509_NAME* const subject = X509_get_subject_name(certificate);
   const int index = X509_NAME_get_index_by_NID(subject, NID_organizationalUnitName, -1);
-  if (index < 0) throw CodeRefused("the signer's certificate names no organisational unit (OU)");
+  if (index < 0) throw CodeRefused("the signer's certificate has no organisational unit (OU)");
   if (X509_NAME_get_index_by_NID(subject, NID_organizationalUnitName, index) >= 0) {
     throw CodeRefused("the signer's certificate names more than one organisational unit (OU)");
   }
@@ -37,7 +37,7 @@ std::string organisationalUnit(X509* certificate) {
   const int length =
       ASN1_STRING_to_UTF8(&text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index)));
   const std::unique_ptr<unsigned char, FreeText> owner(text);
-  if (length < 0) throw CodeRefused("the organisational unit of the signer is no text");
+  if (length < 0) throw CodeRefused("the organisational unit of the signer is not text");
   return {text, text + length};
 }
 
@@ -57,7 +57,7 @@ const EVP_MD* strongDigest(const X509_ALGOR* algorithm) {
     case NID_sha512:
       return EVP_sha512();
     default:
-      throw CodeRefused("the signature's digest is none of SHA-256, SHA-384 and SHA-512");
+      throw CodeRefused("the signature's digest is not SHA-256, SHA-384 or SHA-512");
   }
 }
 
@@ -71,7 +71,7 @@ CodeSignature::CodeSignature(std::string_view der) {
   const auto* position = byteView(der).data();
   const auto* const end = position + der.size();
   message_.reset(d2i_CMS_ContentInfo(nullptr, &position, static_cast<long>(der.size())));
-  if (!message_) throw CodeRefused("the signature is damaged, or no CMS signature (DER)");
+  if (!message_) throw CodeRefused("the signature is damaged, or it is not a CMS signature (DER)");
   if (position != end) throw CodeRefused("bytes follow the signature");
   if (OBJ_obj2nid(CMS_get0_type(message_.get())) != NID_pkcs7_signed) {
     throw CodeRefused("the signature is a CMS message of another kind");

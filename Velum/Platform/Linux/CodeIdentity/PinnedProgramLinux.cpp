@@ -89,10 +89,10 @@ PinnedProgram::PinnedProgram(int pid, std::uint64_t maximumSize) {
     throw CodeRefused("not permitted to read its program; run this as its user or as root");
   }
   if (!file_ && error == ENOENT) {
-    throw CodeRefused("it runs no program that can be seen: a kernel thread, or hidden from users");
+    throw CodeRefused("its program can't be seen: it is a kernel thread, or hidden from users");
   }
   if (!file_ || ::fstat(file_.get(), &status_) != 0) refuse(unreadable, file_ ? errno : error);
-  if (!S_ISREG(status_.st_mode)) throw CodeRefused("its program is no regular file");
+  if (!S_ISREG(status_.st_mode)) throw CodeRefused("its program is not a regular file");
   if (static_cast<std::uint64_t>(status_.st_size) > maximumSize) {
     throw CodeRefused(
         fmt::format("its program has {} bytes, more than the {} that are read at most",

@@ -103,7 +103,7 @@ SigningRoots::Listing SigningRoots::list(int folder) const {
     listing.push_back(entry(std::string(name), status));
   }
   if (errno != 0) refuse("", "can't be read: " + systemErrorText(errno));
-  if (listing.size() == 1) refuse("", "holds no file *.pem");
+  if (listing.size() == 1) refuse("", "contains no *.pem file");
   std::sort(listing.begin() + 1, listing.end(),
             [](const Entry& one, const Entry& other) { return one.name < other.name; });
   return listing;
@@ -149,7 +149,7 @@ std::shared_ptr<X509_STORE> SigningRoots::load() {
   const UniqueFd folder(retryInterrupted(
       [&] { return ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
   if (!folder && errno == ENOENT) refuse("", "is missing");
-  if (!folder && errno == ENOTDIR) refuse("", "is no folder, or a symbolic link");
+  if (!folder && errno == ENOTDIR) refuse("", "is not a folder, or it is a symbolic link");
   if (!folder) refuse("", "can't be read: " + systemErrorText(errno));
 
   const auto known = [this] {

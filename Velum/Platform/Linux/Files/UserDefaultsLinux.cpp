@@ -220,7 +220,7 @@ bool UserDefaultsLinux::change(const Edit& edit, const Afterwards& afterwards) {
   if (outcome == Outcome::locked) {
     logError(site, "{} is kept locked by another process; nothing was changed", path + ".lock");
   } else if (outcome == Outcome::damageReplaced) {
-    logError(site, "{} was no property list; it is kept as {}{}", path, path,
+    logError(site, "{} was not a property list; it is kept as {}{}", path, path,
              AtomicFile::asideSuffix);
   }
   return outcome == Outcome::done || outcome == Outcome::damageReplaced;

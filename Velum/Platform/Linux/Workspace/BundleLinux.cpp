@@ -90,7 +90,7 @@ std::optional<std::string> programFile(const std::string& program) {
 
 /// Why the application of a desktop entry can't be opened; empty when nothing speaks against it.
 std::string obstacleOf(const DesktopEntry& entry, const std::optional<std::string>& program) {
-  if (entry.needsTerminal) return "it wants a terminal to run in, and gets none (Terminal=true)";
+  if (entry.needsTerminal) return "it needs a terminal, and gets none here (Terminal=true)";
   if (!program) return fmt::format("its program {} is not installed (Exec)", entry.program);
   if (entry.tryProgram.empty()) return {};
   const std::optional<std::string> wanted = programFile(entry.tryProgram);

@@ -309,7 +309,7 @@ NotifyFolder::File NotifyFolder::openExisting(const UniqueFd& group, const std::
 }
 
 // A file of somebody who lets others only read is read as well, but not kept.
-NotifyFolder::File NotifyFolder::openForLook(const std::string& file) const noexcept {
+NotifyFolder::File NotifyFolder::openForReading(const std::string& file) const noexcept {
   if (auto kept = recent_.find(file)) return kept;
   const UniqueFd group = existingGroup(groupOf(file));
   if (!group) return nullptr;
@@ -322,18 +322,18 @@ NotifyFolder::File NotifyFolder::openForLook(const std::string& file) const noex
   return opened;
 }
 
-NotifyFolder::Look NotifyFolder::look(const std::string& file) const noexcept {
+NotifyFolder::LastPost NotifyFolder::read(const std::string& file) const noexcept {
   // Nobody watched where it stands.
   if (const auto kept = recent_.find(file); kept && !isAt(*kept)) recent_.forget(file);
-  return lookAgain(file);
+  return readWatched(file);
 }
 
-NotifyFolder::Look NotifyFolder::lookAgain(const std::string& file) const noexcept {
-  const auto failed = [](int error) -> Look {
+NotifyFolder::LastPost NotifyFolder::readWatched(const std::string& file) const noexcept {
+  const auto failed = [](int error) -> LastPost {
     if (error == ENOENT) return {};
     return {isRefusal(error) ? State::refused : State::unread, {}, 0, error};
   };
-  const File opened = openForLook(file);
+  const File opened = openForReading(file);
   if (!opened) return failed(errno);
   Header header;
   const ssize_t size =

@@ -90,7 +90,7 @@ class NotifyFolder {
     refused,  ///< Something else stands in the file's place, or its owner lets nobody read it.
     unread,   ///< It can't be read for the moment.
   };
-  struct Look {
+  struct LastPost {
     State state = State::absent;
     NotifyGeneration generation;  ///< When posted.
     uid_t poster = 0;             ///< When posted.
@@ -130,9 +130,9 @@ class NotifyFolder {
   std::vector<std::string> filesOf(const std::string& name) const;
 
   /// What the file tells, `file` being one of `filesOf`.
-  Look look(const std::string& file) const noexcept;
+  LastPost read(const std::string& file) const noexcept;
   /// The same for somebody who calls `forget` as soon as other files get that name.
-  Look lookAgain(const std::string& file) const noexcept;
+  LastPost readWatched(const std::string& file) const noexcept;
 
   /// Looks for the file anew, the next time.
   void forget(const std::string& file) const;
@@ -157,7 +157,7 @@ class NotifyFolder {
   std::string pathOf(const std::string& file) const { return path_ + '/' + file; }
   static bool isAt(const NotifyFile& file) noexcept;
   File openExisting(const UniqueFd& group, const std::string& file, int access) const noexcept;
-  File openForLook(const std::string& file) const noexcept;
+  File openForReading(const std::string& file) const noexcept;
   File openOwn(const std::string& name, bool& isNew) const;
   File openOrCreate(const UniqueFd& group, const std::string& file, bool& isNew) const;
 

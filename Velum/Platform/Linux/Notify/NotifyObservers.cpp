@@ -39,10 +39,10 @@ void NotifyObservers::begin(NotifyObserver& observer, int watch, std::uint64_t p
 NotifyGenerations NotifyObservers::present(const std::string& name) const {
   NotifyGenerations seen;
   for (const std::string& file : folder_.filesOf(name)) {
-    const NotifyFolder::Look look = folder_.look(file);
-    if (look.state == NotifyFolder::State::posted) seen.emplace_back(look.poster, look.generation);
-    if (look.state == NotifyFolder::State::unread) {
-      throw SystemError(look.error,
+    const NotifyFolder::LastPost post = folder_.read(file);
+    if (post.state == NotifyFolder::State::posted) seen.emplace_back(post.poster, post.generation);
+    if (post.state == NotifyFolder::State::unread) {
+      throw SystemError(post.error,
                         "addObserver(_:callback:), read (" + folder_.path() + '/' + file + ")");
     }
   }
@@ -93,30 +93,30 @@ void NotifyObservers::compare(const std::string& name, const std::string& file, 
                               NotifyNews& news) {
   const auto entry = observers_.find(name);
   if (entry == observers_.end()) return;
-  const NotifyFolder::Look look = folder_.lookAgain(file);
+  const NotifyFolder::LastPost post = folder_.readWatched(file);
   using State = NotifyFolder::State;
-  if (look.state == State::refused || look.state == State::unread) {
-    const char* const what = look.state == State::refused ? "Refused " : "Can't read ";
-    complainOnce(name, what + folder_.path() + '/' + file + ": " + systemErrorText(look.error),
+  if (post.state == State::refused || post.state == State::unread) {
+    const char* const what = post.state == State::refused ? "Refused " : "Can't read ";
+    complainOnce(name, what + folder_.path() + '/' + file + ": " + systemErrorText(post.error),
                  news);
   }
-  if (look.state == State::unread && place == noPlace) isStale_ = true;
+  if (post.state == State::unread && place == noPlace) isStale_ = true;
   for (const auto& observer : entry->second) {
-    if (isNews(look, place, *observer)) news.add(observer);
+    if (isNews(post, place, *observer)) news.add(observer);
   }
 }
 
-bool NotifyObservers::isNews(const NotifyFolder::Look& look, std::uint64_t place,
+bool NotifyObservers::isNews(const NotifyFolder::LastPost& post, std::uint64_t place,
                              NotifyObserver& observer) {
-  switch (look.state) {
+  switch (post.state) {
     case NotifyFolder::State::posted: {
       auto known =
-          std::ranges::find(observer.seen_, look.poster, &NotifyGenerations::value_type::first);
+          std::ranges::find(observer.seen_, post.poster, &NotifyGenerations::value_type::first);
       if (known == observer.seen_.end()) {
-        observer.seen_.emplace_back(look.poster, look.generation);
+        observer.seen_.emplace_back(post.poster, post.generation);
         return true;
       }
-      return std::exchange(known->second, look.generation) != look.generation;
+      return std::exchange(known->second, post.generation) != post.generation;
     }
     // Written, and swept away since or not to be read: there was a post, for those who observed the
     // name by then.

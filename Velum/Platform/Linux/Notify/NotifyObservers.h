@@ -113,7 +113,8 @@ class NotifyObservers {
   NotifyGenerations present(const std::string& name) const;
   void compare(const std::string& name, const std::string& file, std::uint64_t place,
                NotifyNews& news);
-  static bool isNews(const NotifyFolder::Look& look, std::uint64_t place, NotifyObserver& observer);
+  static bool isNews(const NotifyFolder::LastPost& post, std::uint64_t place,
+                     NotifyObserver& observer);
   void complainOnce(const std::string& name, std::string text, NotifyNews& news);
 
   const NotifyFolder& folder_;

@@ -150,14 +150,14 @@ namespace {
 /// The right to use the back end, for one thread at a time. Inside of the back end's operations
 /// the thread has it already.
 template <class State>
-class Turn {
+class BackEndTurn {
  public:
-  explicit Turn(State& state) : state_(state), isNested_(state.writing.isHeld()) {
+  explicit BackEndTurn(State& state) : state_(state), isNested_(state.writing.isHeld()) {
     if (!isNested_) state_.writing.lock();
   }
-  Turn(const Turn&) = delete;
-  Turn& operator=(const Turn&) = delete;
-  ~Turn() {
+  BackEndTurn(const BackEndTurn&) = delete;
+  BackEndTurn& operator=(const BackEndTurn&) = delete;
+  ~BackEndTurn() {
     if (!isNested_) state_.writing.unlock();
   }
 
@@ -177,7 +177,7 @@ KeyStorageBase::KeyStorageBase(std::string queueLabel, double writeDelay)
 }
 
 KeyStorageBase::~KeyStorageBase() {
-  const Turn turn(*state_);
+  const BackEndTurn turn(*state_);
   state_->storage = nullptr;
 }
 
@@ -290,7 +290,7 @@ bool KeyStorageBase::reset(std::optional<PropertyList::Dictionary> content) {
 
 StorageState KeyStorageBase::load() {
   constexpr std::string_view function = "load()";
-  const Turn turn(*state_);
+  const BackEndTurn turn(*state_);
   try {
     const auto bytes = loadData();
     auto content = bytes ? std::optional(decoded(*bytes, function)) : std::nullopt;
@@ -316,7 +316,7 @@ StorageState KeyStorageBase::load() {
 }
 
 bool KeyStorageBase::store() {
-  const Turn turn(*state_);
+  const BackEndTurn turn(*state_);
   if (!turn.isNested()) return writeLk();
   state_->queue->async(writeJob(std::nullopt));  // the write that called this one comes first
   return true;
@@ -327,7 +327,7 @@ Work KeyStorageBase::writeJob(std::optional<std::uint64_t> period) const {
   return [weak = std::weak_ptr(state_), period] {
     const auto state = weak.lock();
     if (!state) return;
-    const Turn turn(*state);
+    const BackEndTurn turn(*state);
     if (state->storage == nullptr) return;
     if (period) {
       const std::lock_guard guard(state->lock);
@@ -417,7 +417,7 @@ void KeyStorageBase::deleteData() {
 }
 
 void KeyStorageBase::finish() noexcept {
-  const Turn turn(*state_);
+  const BackEndTurn turn(*state_);
   writeLk();
   state_->storage = nullptr;
 }

@@ -26,7 +26,7 @@ class LazyStatic {
   template <class Make>
   Value& get(const Make& make) {
     if (Value* const known = value_.load(std::memory_order_acquire)) return *known;
-    const Turn turn(busy_);
+    const ComputingTurn turn(busy_);
     if (Value* const known = value_.load(std::memory_order_acquire)) return *known;
     std::unique_ptr<Value> fresh(new Value(make()));  // which may be one that can't be moved
     value_.store(fresh.get(), std::memory_order_release);
@@ -39,9 +39,9 @@ class LazyStatic {
  private:
   /// Only one thread of a process computes. `busy` is the generation of the process whose thread
   /// does, counted from 1, or 0.
-  class Turn {
+  class ComputingTurn {
    public:
-    explicit Turn(std::atomic<unsigned>& busy) noexcept : busy_(busy) {
+    explicit ComputingTurn(std::atomic<unsigned>& busy) noexcept : busy_(busy) {
       const unsigned self = forkGeneration() + 1;
       unsigned other = 0;
       while (!busy_.compare_exchange_weak(other, self, std::memory_order_acquire)) {
@@ -52,9 +52,9 @@ class LazyStatic {
         }
       }
     }
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
-    ~Turn() {
+    ComputingTurn(const ComputingTurn&) = delete;
+    ComputingTurn& operator=(const ComputingTurn&) = delete;
+    ~ComputingTurn() {
       busy_.store(0, std::memory_order_release);
       busy_.notify_all();
     }

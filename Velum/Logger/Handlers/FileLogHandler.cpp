@@ -70,12 +70,12 @@ thread_local RecordBuffer::Kept RecordBuffer::kept;
 
 /// What one thread does with the file, from taking the handler's lock to releasing it; after that,
 /// the system log is told what is to be told.
-class FileLogHandler::Turn {
+class FileLogHandler::FileTurn {
  public:
-  explicit Turn(FileLogHandler& handler) : handler_(handler), guard_(handler.lock_) {}
-  Turn(const Turn&) = delete;
-  Turn& operator=(const Turn&) = delete;
-  ~Turn() {
+  explicit FileTurn(FileLogHandler& handler) : handler_(handler), guard_(handler.lock_) {}
+  FileTurn(const FileTurn&) = delete;
+  FileTurn& operator=(const FileTurn&) = delete;
+  ~FileTurn() {
     unlockFile();
     guard_.unlock();
     for (const auto& [type, text] : reports_) handler_.oslog_->write(type, text);
@@ -96,7 +96,7 @@ class FileLogHandler::Turn {
   std::vector<std::pair<SystemLog::Type, std::string>> reports_;
 };
 
-bool FileLogHandler::Turn::lockFile() {
+bool FileLogHandler::FileTurn::lockFile() {
   constexpr std::chrono::nanoseconds once{0};
   constexpr std::chrono::seconds hasteTime(10);
   using Clock = std::chrono::steady_clock;
@@ -126,7 +126,7 @@ std::shared_ptr<FileLogHandler> FileLogHandler::create(std::string subsystem, st
   auto handler = std::make_shared<FileLogHandler>(
       Private{}, std::move(subsystem), std::move(filepath), addPrefix, policy, std::move(services));
   handler->registerForFork();
-  Turn turn(*handler);
+  FileTurn turn(*handler);
   handler->openAndWatchLk(turn);
   handler->startRotationChecksLk(turn);
   return handler;
@@ -149,7 +149,7 @@ FileLogHandler::~FileLogHandler() {
   unregisterForFork();
 }
 
-void FileLogHandler::openAndWatchLk(Turn& turn) {
+void FileLogHandler::openAndWatchLk(FileTurn& turn) {
   const std::lock_guard changing(changing_);
   isForked_ = false;
   fdSource_.reset();
@@ -157,7 +157,7 @@ void FileLogHandler::openAndWatchLk(Turn& turn) {
   startRemovalWatchLk(turn);
 }
 
-void FileLogHandler::openLogFileLk(Turn& turn) {
+void FileLogHandler::openLogFileLk(FileTurn& turn) {
   fd_.reset();
   // Non-blocking, because opening a FIFO waits for a reader; a FIFO that has one is refused in the
   // same way. Makes no difference to a regular file.
@@ -174,7 +174,7 @@ void FileLogHandler::openLogFileLk(Turn& turn) {
   }
 }
 
-void FileLogHandler::startRemovalWatchLk(Turn& turn) {
+void FileLogHandler::startRemovalWatchLk(FileTurn& turn) {
   constexpr int attempts = 10;  // against somebody who keeps replacing the file
   for (int attempt = 0; fd_ && attempt < attempts; ++attempt) {
     try {
@@ -208,13 +208,13 @@ bool FileLogHandler::isOpenFileAtPathLk() const {
 }
 
 void FileLogHandler::reopenOnRemoval() {
-  Turn turn(*this);
+  FileTurn turn(*this);
   if (isForked_) return;  // the parent's event: the first record opens the child's file
   // Other attributes, a new link, a move there and back or lost events are no removal.
   if (!isOpenFileAtPathLk()) reopenLk(turn);
 }
 
-void FileLogHandler::reopenLk(Turn& turn) {
+void FileLogHandler::reopenLk(FileTurn& turn) {
   turn.lockFile();  // waits for whoever is writing into the old file
   turn.unlockFile();
   openAndWatchLk(turn);
@@ -234,7 +234,7 @@ void FileLogHandler::logWithLevel(LogLevel /*level*/, LogDate date, bool addPref
   appendStrippedHeaders(record.text, message);
   record.text += '\n';
 
-  Turn turn(*this);
+  FileTurn turn(*this);
   const bool isNew = isForked_;
   if (isNew) openAndWatchLk(turn);
   if (isNew || isUnchecked_) startRotationChecksLk(turn);
@@ -243,7 +243,7 @@ void FileLogHandler::logWithLevel(LogLevel /*level*/, LogDate date, bool addPref
   writeRecord(fd_.get(), record.text);
 }
 
-void FileLogHandler::loggerLogLk(Turn& turn, std::string_view message, LogLevel level) {
+void FileLogHandler::loggerLogLk(FileTurn& turn, std::string_view message, LogLevel level) {
   lock_.assertHeld();
   if (fd_.get() >= 1) {  // a log on descriptor 0 is a program that lost its standard input
     RecordBuffer record;
@@ -256,7 +256,7 @@ void FileLogHandler::loggerLogLk(Turn& turn, std::string_view message, LogLevel 
   turn.report(level == LogLevel::error ? SystemLog::Type::error : SystemLog::Type::normal, message);
 }
 
-void FileLogHandler::startRotationChecksLk(Turn& turn) try {
+void FileLogHandler::startRotationChecksLk(FileTurn& turn) try {
   const auto check = [weak = weak_from_this()] {
     if (const auto self = weak.lock()) self->checkRotation();
   };
@@ -271,7 +271,7 @@ void FileLogHandler::startRotationChecksLk(Turn& turn) try {
 }
 
 void FileLogHandler::checkRotation() {
-  Turn turn(*this);
+  FileTurn turn(*this);
   if (isForked_) return;
   if (!fd_) openAndWatchLk(turn);
   if (fd_ && !isOpenFileAtPathLk()) reopenLk(turn);  // its event is on its way, or was lost
@@ -282,7 +282,7 @@ void FileLogHandler::checkRotation() {
   rotateIfNeededLk(turn);
 }
 
-void FileLogHandler::rotateIfNeededLk(Turn& turn) try {
+void FileLogHandler::rotateIfNeededLk(FileTurn& turn) try {
   if (!turn.lockFile()) {
     throw SystemError(EWOULDBLOCK, descriptorText("rotateIfNeededLk(), flock ("));
   }
@@ -293,7 +293,7 @@ void FileLogHandler::rotateIfNeededLk(Turn& turn) try {
   loggerLogLk(turn, "Failed to rotate file " + filepath_ + ": " + error.what(), LogLevel::error);
 }
 
-bool FileLogHandler::shouldRotateLk(Turn& turn) {
+bool FileLogHandler::shouldRotateLk(FileTurn& turn) {
   struct stat status {};
   if (::fstat(fd_.get(), &status) != 0) {
     throw lastSystemError(descriptorText("shouldRotateLk(), fstat ("));

@@ -78,24 +78,24 @@ class FileLogHandler final : public LogHandlerProtocol,
   void afterForkInChild() noexcept override;
 
  private:
-  class Turn;
+  class FileTurn;
 
-  void openLogFileLk(Turn& turn);
-  void startRemovalWatchLk(Turn& turn);
+  void openLogFileLk(FileTurn& turn);
+  void startRemovalWatchLk(FileTurn& turn);
   bool isOpenFileAtPathLk() const;
-  void openAndWatchLk(Turn& turn);
+  void openAndWatchLk(FileTurn& turn);
   void reopenOnRemoval();
-  void reopenLk(Turn& turn);
+  void reopenLk(FileTurn& turn);
 
-  void startRotationChecksLk(Turn& turn);
+  void startRotationChecksLk(FileTurn& turn);
   void checkRotation();
-  void rotateIfNeededLk(Turn& turn);
-  bool shouldRotateLk(Turn& turn);
+  void rotateIfNeededLk(FileTurn& turn);
+  bool shouldRotateLk(FileTurn& turn);
   void rotateFileLk();
   void copyLateRecordsLk(const std::string& copy) const;
 
   /// A record about the log itself: into the file, when one is open, and to the system log.
-  void loggerLogLk(Turn& turn, std::string_view message, LogLevel level);
+  void loggerLogLk(FileTurn& turn, std::string_view message, LogLevel level);
   std::string descriptorText(std::string_view call) const;
 
   UniqueFd fd_;

@@ -38,10 +38,10 @@ constexpr char labelSeparator = ' ';
 /// another closed; and a child that was forked in the middle could never use it again. So a fork
 /// waits for the turn, but not for long: the database may lie on a volume that has gone, and the
 /// child does without then.
-class Turn final : public ForkParticipant {
+class NssTurn final : public ForkParticipant {
  public:
-  static Turn& shared() {
-    static Turn& instance = *new Turn;  // NOLINT(*-owning-memory): never destroyed
+  static NssTurn& shared() {
+    static NssTurn& instance = *new NssTurn;  // NOLINT(*-owning-memory): never destroyed
     return instance;
   }
 
@@ -74,7 +74,7 @@ class Turn final : public ForkParticipant {
   }
 
  private:
-  Turn() : ForkParticipant(Stage::outside) { registerForFork(); }
+  NssTurn() : ForkParticipant(Stage::outside) { registerForFork(); }
 
   UnfairLock lock_;
   bool isForkers_ = false;
@@ -267,7 +267,7 @@ class NssDatabase::Session {
                   [&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
             },
             limit),
-        turn_(Turn::shared()) {
+        turn_(NssTurn::shared()) {
     if (!processTurn_) throw heldElsewhere(databaseIs(folder), folder);
     // A context of our own, without a database: another user of NSS in this process keeps its.
     constexpr PRUint32 flags = NSS_INIT_READONLY | NSS_INIT_NOCERTDB | NSS_INIT_NOMODDB |
@@ -290,7 +290,7 @@ class NssDatabase::Session {
 
  private:
   LockedFile processTurn_;  // a database that another process is just making can't be read
-  std::lock_guard<Turn> turn_;
+  std::lock_guard<NssTurn> turn_;
   Owned<NSSInitContext> context_;
   Owned<PK11SlotInfo> slot_;
 };

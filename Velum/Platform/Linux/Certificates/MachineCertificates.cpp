@@ -165,21 +165,22 @@ std::vector<std::string> filesBelow(const std::string& folder) {
 }
 
 /// A file that was renamed so that the tool does not see it.
-class Hidden {
+class SetAsideFile {
  public:
   static constexpr std::string_view mark = ".removed";
 
-  explicit Hidden(std::string path) : path_(std::move(path)), away_(path_ + std::string(mark)) {
+  explicit SetAsideFile(std::string path)
+      : path_(std::move(path)), away_(path_ + std::string(mark)) {
     if (::rename(path_.c_str(), away_.c_str()) != 0) {
       throw lastSystemError(fmt::format("rename ({}, {})", path_, away_));
     }
   }
-  Hidden(Hidden&& other) noexcept
+  SetAsideFile(SetAsideFile&& other) noexcept
       : path_(std::exchange(other.path_, {})), away_(std::exchange(other.away_, {})) {}
-  Hidden& operator=(Hidden&&) = delete;
-  Hidden(const Hidden&) = delete;
-  Hidden& operator=(const Hidden&) = delete;
-  ~Hidden() {
+  SetAsideFile& operator=(SetAsideFile&&) = delete;
+  SetAsideFile(const SetAsideFile&) = delete;
+  SetAsideFile& operator=(const SetAsideFile&) = delete;
+  ~SetAsideFile() {
     if (away_.empty() || ::rename(away_.c_str(), path_.c_str()) == 0) return;
     logError({"MachineCertificates", "remove(_:)"}, "{} could not be brought back as {}: {}", away_,
              path_, systemErrorText(errno));
@@ -296,20 +297,20 @@ void MachineCertificates::add(const SecCertificate& certificate, const std::stri
 void MachineCertificates::remove(const std::string& label) const {
   const DeferredLog records;
   const ChangeLock lock(root_ + lockFolder, limits_.lock);
-  Hidden::restoreAll(folder_);  // the machine's programs may still trust it
-  std::vector<Hidden> hidden;
+  SetAsideFile::restoreAll(folder_);  // the machine's programs may still trust it
+  std::vector<SetAsideFile> setAside;
   std::vector<SecCertificate> removed;
   for (const File& file : files()) {
     if (file.label != label) continue;
-    hidden.emplace_back(file.path);
+    setAside.emplace_back(file.path);
     removed.insert(removed.end(), file.certificates.begin(), file.certificates.end());
   }
-  if (hidden.empty()) throw CertificateFailure(errSecItemNotFound);
+  if (setAside.empty()) throw CertificateFailure(errSecItemNotFound);
   const CertificateStatus status = statusOf([&] {
     update(Update::removed);
-    for (Hidden& file : hidden) file.removeForGood();
+    for (SetAsideFile& file : setAside) file.removeForGood();
   });
-  hidden.clear();
+  setAside.clear();
   if (status.isSuccess()) return;
   failTakenBack(status, Update::added, removed);
 }

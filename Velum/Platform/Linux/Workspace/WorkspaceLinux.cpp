@@ -115,7 +115,7 @@ void WorkspaceLinux::addObserver(WorkspaceObserver& observer, std::string_view k
   }
   watches_.push_back(std::move(watch));
   processes_.reset();  // it knows nothing of this process of interest
-  DispatchQueue::main().async([this] { rehearse(); });
+  DispatchQueue::main().async([this] { warmUp(); });
 }
 
 void WorkspaceLinux::prepareToOpen(const std::string& path) {
@@ -126,7 +126,7 @@ void WorkspaceLinux::prepareToOpen(const std::string& path) {
 /// What the kernel is asked for the first time, and code that runs for the first time, takes
 /// several times as long as later. So that happens while there is nothing to do yet, and not when
 /// the application has ended and every moment counts.
-void WorkspaceLinux::rehearse() {
+void WorkspaceLinux::warmUp() {
   if (std::ranges::all_of(watches_, hasEnded)) return;
   if (const int error = sources_.processes.open(); error != 0) {
     logWarning(site("prepareToOpen(_:)"),

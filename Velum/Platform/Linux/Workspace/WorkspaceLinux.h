@@ -53,7 +53,7 @@ class WorkspaceLinux final : public Workspace {
   UniqueFd pinned(pid_t process) const;
   static bool hasEnded(const Watch& watch);
   void processEnded(std::uint64_t number);
-  void rehearse();
+  void warmUp();
   std::optional<pid_t> instanceOf(const Bundle& bundle, const std::string& canonicalPath,
                                   const std::optional<LaunchRecord>& lastLaunch);
   /// The processes as of this turn of the main loop, which is when the system's own list changes

@@ -186,17 +186,17 @@ class Interrupts {
   std::unique_ptr<velum::DispatchSource> source_;
 };
 
-struct Outcome {
+struct Exchanged {
   std::string data;
   std::optional<URLResponse> response;
   std::optional<URLError> error;
 };
 
-Outcome exchanged(URLRequest request, unsigned retries) {
+Exchanged exchanged(URLRequest request, unsigned retries) {
   const std::int64_t total = request.bodyStream ? request.bodyStream->size()
                                                 : static_cast<std::int64_t>(request.body.size());
-  const auto end = std::make_shared<std::promise<Outcome>>();
-  auto outcome = end->get_future();
+  const auto end = std::make_shared<std::promise<Exchanged>>();
+  auto exchange = end->get_future();
   Interrupts interrupts;
   const auto task = velum::URLSession::shared().execute(
       std::move(request), retries,
@@ -204,10 +204,10 @@ Outcome exchanged(URLRequest request, unsigned retries) {
         end->set_value({std::move(data), std::move(response), std::move(error)});
       });
   interrupts.cancel(task);
-  waitWithBar(outcome, total > 0 && isTerminal(STDERR_FILENO), [&] {
+  waitWithBar(exchange, total > 0 && isTerminal(STDERR_FILENO), [&] {
     return static_cast<double>(task->countOfBytesSent()) / static_cast<double>(total);
   });
-  return outcome.get();
+  return exchange.get();
 }
 
 std::string_view advice(const URLError& error) {
@@ -248,17 +248,17 @@ bool isSecret(std::string_view header) {
          velum::equalsIgnoringCase(header, "Cookie");
 }
 
-void printJson(const Outcome& outcome, bool withBody) {
+void printJson(const Exchanged& exchange, bool withBody) {
   nlohmann::ordered_json object;
-  object["status"] = outcome.response->statusCode;
-  object["url"] = velum::repairedUtf8(shownUrl(outcome.response->url));
+  object["status"] = exchange.response->statusCode;
+  object["url"] = velum::repairedUtf8(shownUrl(exchange.response->url));
   auto headers = nlohmann::ordered_json::array();
-  for (const auto& [name, value] : outcome.response->headers) {
+  for (const auto& [name, value] : exchange.response->headers) {
     headers.push_back(
         {velum::repairedUtf8(name), isSecret(name) ? "stripped" : velum::repairedUtf8(value)});
   }
   object["headers"] = std::move(headers);
-  if (withBody) object["body"] = velum::repairedUtf8(outcome.data);
+  if (withBody) object["body"] = velum::repairedUtf8(exchange.data);
   std::cout << object.dump() << '\n' << std::flush;
 }
 
@@ -302,16 +302,16 @@ class OutputFile {
 
 void send(const SendOptions& options) {
   OutputFile output(options.output);
-  const Outcome outcome = exchanged(parsedRequest(options), options.retries);
-  if (outcome.error) report(*outcome.error);
-  output.put(outcome.data);
+  const Exchanged exchange = exchanged(parsedRequest(options), options.retries);
+  if (exchange.error) report(*exchange.error);
+  output.put(exchange.data);
   if (options.json) {
-    printJson(outcome, options.output.empty());
+    printJson(exchange, options.output.empty());
   } else if (options.output.empty()) {
-    write(STDOUT_FILENO, outcome.data);
+    write(STDOUT_FILENO, exchange.data);
   }
-  if (!outcome.response->isSuccess()) {
-    throw Failure(fmt::format("the server answered with status {}", outcome.response->statusCode));
+  if (!exchange.response->isSuccess()) {
+    throw Failure(fmt::format("the server answered with status {}", exchange.response->statusCode));
   }
 }
 

@@ -35,7 +35,7 @@ class WritersLock {
       : lock_(fd, {.limit = std::chrono::seconds(isStuck ? 0 : 10), .onWait = [&path] {
                      std::cerr << "velumctl: waiting for another process to release " + path + '\n';
                    }}) {
-    const bool isHeld = lock_.outcome() == velum::LogLock::Outcome::goOn;
+    const bool isHeld = lock_.waitResult() == velum::LogLock::WaitResult::goOn;
     if (!isHeld && !isStuck) {
       std::cerr << "velumctl: going on without the lock; the last record may be incomplete\n";
     }

@@ -22,15 +22,15 @@ class SyncResult {
  public:
   using Stored = std::conditional_t<std::is_void_v<Value>, std::monostate, Value>;
 
-  static SyncResult success(Stored value) { return SyncResult(Outcome(std::move(value))); }
-  static SyncResult failure(std::exception_ptr error) { return SyncResult(Outcome(error)); }
-  static SyncResult timeOut() { return SyncResult(Outcome(TimedOut{})); }
+  static SyncResult success(Stored value) { return SyncResult(Ending(std::move(value))); }
+  static SyncResult failure(std::exception_ptr error) { return SyncResult(Ending(error)); }
+  static SyncResult timeOut() { return SyncResult(Ending(TimedOut{})); }
 
-  bool hasValue() const noexcept { return std::holds_alternative<Stored>(outcome_); }
-  bool timedOut() const noexcept { return std::holds_alternative<TimedOut>(outcome_); }
+  bool hasValue() const noexcept { return std::holds_alternative<Stored>(ending_); }
+  bool timedOut() const noexcept { return std::holds_alternative<TimedOut>(ending_); }
   /// The error of the work; null for a value or a time-out.
   std::exception_ptr error() const noexcept {
-    const auto* error = std::get_if<std::exception_ptr>(&outcome_);
+    const auto* error = std::get_if<std::exception_ptr>(&ending_);
     return error != nullptr ? *error : nullptr;
   }
 
@@ -38,16 +38,16 @@ class SyncResult {
   Value get() && {
     if (auto thrown = error()) std::rethrow_exception(thrown);
     if (timedOut()) throw std::runtime_error("timed out");
-    if constexpr (!std::is_void_v<Value>) return std::get<Stored>(std::move(outcome_));
+    if constexpr (!std::is_void_v<Value>) return std::get<Stored>(std::move(ending_));
   }
 
  private:
   struct TimedOut {};
-  using Outcome = std::variant<TimedOut, std::exception_ptr, Stored>;
+  using Ending = std::variant<TimedOut, std::exception_ptr, Stored>;
 
-  explicit SyncResult(Outcome outcome) : outcome_(std::move(outcome)) {}
+  explicit SyncResult(Ending ending) : ending_(std::move(ending)) {}
 
-  Outcome outcome_;
+  Ending ending_;
 };
 
 /// Runs work on a serial queue of its own, and lets callers wait for work that runs elsewhere.
@@ -80,8 +80,7 @@ class SyncAsync {
     SyncResult<Value> run(Timeout timeout) const {
       const auto result = std::make_shared<std::optional<SyncResult<Value>>>();
       DispatchGroup job;
-      job.async(DispatchQueue::global(),
-                [result, body = body_] { result->emplace(outcome(body)); });
+      job.async(DispatchQueue::global(), [result, body = body_] { result->emplace(ending(body)); });
       if (!job.wait(timeout.value_or(std::chrono::nanoseconds::max()))) {
         return SyncResult<Value>::timeOut();
       }
@@ -89,7 +88,7 @@ class SyncAsync {
     }
 
    private:
-    static SyncResult<Value> outcome(const std::function<Value()>& body) try {
+    static SyncResult<Value> ending(const std::function<Value()>& body) try {
       if constexpr (std::is_void_v<Value>) {
         body();
         return SyncResult<Value>::success({});

@@ -79,8 +79,8 @@ class HeldLog {
                                          "Waiting for another process to release {}", path);
                             }}) {
     if (!file_) throw SystemError(ENOENT, fmt::format("{}: open ({})", caller, path));
-    if (lock_.outcome() == LogLock::Outcome::cancelled) stopIfCancelled(progress, caller);
-    if (lock_.outcome() == LogLock::Outcome::timedOut) {
+    if (lock_.waitResult() == LogLock::WaitResult::cancelled) stopIfCancelled(progress, caller);
+    if (lock_.waitResult() == LogLock::WaitResult::timedOut) {
       throw SystemError(ETIMEDOUT,
                         fmt::format("{}: lock ({}), another process holds it", caller, path));
     }

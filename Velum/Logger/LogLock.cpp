@@ -17,12 +17,12 @@ LogLock::LogLock(int fd, const LogLockWait& wait) {
   for (bool isTold = !wait.onWait;
        !lock_.emplace(FileLock::tryFor(fd, std::min(step, limit - waited)));) {
     if (wait.progress != nullptr && wait.progress->isCancelled()) {
-      outcome_ = Outcome::cancelled;
+      waitResult_ = WaitResult::cancelled;
       return;
     }
     waited = Clock::now() - start;
     if (waited >= limit) {
-      outcome_ = Outcome::timedOut;
+      waitResult_ = WaitResult::timedOut;
       return;
     }
     if (!isTold && waited >= patience) {

@@ -23,15 +23,15 @@ struct LogLockWait {
 /// held and the caller goes on.
 class LogLock {
  public:
-  enum class Outcome : std::uint8_t { goOn, cancelled, timedOut };
+  enum class WaitResult : std::uint8_t { goOn, cancelled, timedOut };
 
   /// The descriptor must stay open as long as the lock.
   LogLock(int fd, const LogLockWait& wait);
-  Outcome outcome() const noexcept { return outcome_; }
+  WaitResult waitResult() const noexcept { return waitResult_; }
 
  private:
   std::optional<FileLock> lock_;
-  Outcome outcome_ = Outcome::goOn;
+  WaitResult waitResult_ = WaitResult::goOn;
 };
 
 }  // namespace velum

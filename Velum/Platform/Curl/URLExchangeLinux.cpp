@@ -389,24 +389,24 @@ void URLExchange::deliver() {
   body_.reset();
   ahead_ = {};
   // On the heap, because work has to be copyable and the data should not be copied.
-  struct Outcome {
+  struct Delivery {
     URLCompletion completion;
     std::string data;
     std::optional<URLResponse> response;
     std::optional<URLError> error;
   };
-  auto outcome =
-      std::make_shared<Outcome>(Outcome{std::exchange(completion_, nullptr), {}, {}, {}});
+  auto delivery =
+      std::make_shared<Delivery>(Delivery{std::exchange(completion_, nullptr), {}, {}, {}});
   if (error_) {
-    outcome->error = std::move(error_);
+    delivery->error = std::move(error_);
   } else {
-    outcome->data = std::move(answer_.data());
-    outcome->response = std::move(response_);
+    delivery->data = std::move(answer_.data());
+    delivery->response = std::move(response_);
   }
   answer_.drop();
-  queue_.async([outcome = std::move(outcome)] {
-    outcome->completion(std::move(outcome->data), std::move(outcome->response),
-                        std::move(outcome->error));
+  queue_.async([delivery = std::move(delivery)] {
+    delivery->completion(std::move(delivery->data), std::move(delivery->response),
+                         std::move(delivery->error));
   });
 }
 

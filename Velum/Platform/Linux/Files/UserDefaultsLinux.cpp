@@ -165,18 +165,18 @@ class UserDefaultsLinux final : public UserDefaults {
   }
 
   /// Under the lock; nothing is logged there.
-  enum class Outcome : std::uint8_t { done, damageReplaced, failed, locked };
-  static Outcome changeUnderLock(const std::string& path, const Edit& edit,
-                                 const Afterwards& afterwards);
-  static Outcome edited(const std::string& path, const Edit& edit, Content content);
+  enum class EditResult : std::uint8_t { done, damageReplaced, failed, locked };
+  static EditResult changeUnderLock(const std::string& path, const Edit& edit,
+                                    const Afterwards& afterwards);
+  static EditResult edited(const std::string& path, const Edit& edit, Content content);
 
   std::string domain_;
   RegisteredDefaults registered_;
 };
 
-UserDefaultsLinux::Outcome UserDefaultsLinux::changeUnderLock(const std::string& path,
-                                                              const Edit& edit,
-                                                              const Afterwards& afterwards) {
+UserDefaultsLinux::EditResult UserDefaultsLinux::changeUnderLock(const std::string& path,
+                                                                 const Edit& edit,
+                                                                 const Afterwards& afterwards) {
   const LockedFile lock(
       [name = path + ".lock"] {
         return UniqueFd(retryInterrupted([&] {
@@ -184,30 +184,30 @@ UserDefaultsLinux::Outcome UserDefaultsLinux::changeUnderLock(const std::string&
         }));
       },
       longestWait);
-  if (lock.get() < 0) return Outcome::failed;
-  if (!lock) return Outcome::locked;
+  if (lock.get() < 0) return EditResult::failed;
+  if (!lock) return EditResult::locked;
 
   Content content = read(path);
-  if (content.isUnreadable) return Outcome::failed;
-  const Outcome outcome = edited(path, edit, std::move(content));
-  if (afterwards) afterwards(outcome != Outcome::failed);
-  return outcome;
+  if (content.isUnreadable) return EditResult::failed;
+  const EditResult result = edited(path, edit, std::move(content));
+  if (afterwards) afterwards(result != EditResult::failed);
+  return result;
 }
 
-UserDefaultsLinux::Outcome UserDefaultsLinux::edited(const std::string& path, const Edit& edit,
-                                                     Content content) {
+UserDefaultsLinux::EditResult UserDefaultsLinux::edited(const std::string& path, const Edit& edit,
+                                                        Content content) {
   const bool isDamaged = !content.entries;
   if (isDamaged) content.entries.emplace();
-  if (!edit(*content.entries)) return Outcome::done;
+  if (!edit(*content.entries)) return EditResult::done;
   const auto bytes = PropertyList(std::move(*content.entries)).readableBinary();
-  if (!bytes) return Outcome::failed;
+  if (!bytes) return EditResult::failed;
   const auto old = isDamaged ? AtomicFile::Old::setAside : AtomicFile::Old::replaced;
   try {
     AtomicFile(path).replace(*bytes, "change", old);
   } catch (const SystemError&) {
-    return Outcome::failed;
+    return EditResult::failed;
   }
-  return isDamaged ? Outcome::damageReplaced : Outcome::done;
+  return isDamaged ? EditResult::damageReplaced : EditResult::done;
 }
 
 bool UserDefaultsLinux::change(const Edit& edit, const Afterwards& afterwards) {
@@ -215,15 +215,15 @@ bool UserDefaultsLinux::change(const Edit& edit, const Afterwards& afterwards) {
   if (!folder) return false;
   makeFolders(*folder);
   const std::string path = *folder + fileName;
-  const Outcome outcome = changeUnderLock(path, edit, afterwards);
+  const EditResult result = changeUnderLock(path, edit, afterwards);
   constexpr LogSite site{"UserDefaults", "change()"};
-  if (outcome == Outcome::locked) {
+  if (result == EditResult::locked) {
     logError(site, "{} is kept locked by another process; nothing was changed", path + ".lock");
-  } else if (outcome == Outcome::damageReplaced) {
+  } else if (result == EditResult::damageReplaced) {
     logError(site, "{} was not a property list; it is kept as {}{}", path, path,
              AtomicFile::asideSuffix);
   }
-  return outcome == Outcome::done || outcome == Outcome::damageReplaced;
+  return result == EditResult::done || result == EditResult::damageReplaced;
 }
 
 PropertyList::Dictionary readArgumentDomain() {

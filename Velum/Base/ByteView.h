@@ -12,5 +12,8 @@ using ByteView = std::span<const std::uint8_t>;
 inline ByteView byteView(std::string_view text) noexcept {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};  // NOLINT: bytes
 }
+inline std::string_view textView(ByteView bytes) noexcept {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};  // NOLINT: bytes are bytes
+}
 
 }  // namespace velum

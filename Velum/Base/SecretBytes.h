@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Velum/Base/ByteView.h"
+
 namespace velum {
 
 /// Overwrites `size` bytes with zeros, in a way that no optimiser removes.
@@ -37,9 +39,6 @@ using SecretBytes = std::vector<std::uint8_t, WipingAllocator<std::uint8_t>>;
 
 inline SecretBytes secretBytes(std::string_view text) {
   return {text.begin(), text.end()};
-}
-inline std::string_view textView(const SecretBytes& bytes) noexcept {
-  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};  // NOLINT: bytes are bytes
 }
 
 }  // namespace velum

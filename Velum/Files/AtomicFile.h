@@ -14,8 +14,8 @@ namespace velum {
 /// A file that is replaced as a whole: whatever happens to the process or the power, its path names
 /// the old content or the new. Of several writers, in any processes, the last one wins.
 ///
-/// The new content is written to a hidden file beside it, "." + name + "." + random letters +
-/// ".new", mode 0600 until it is complete, which no link that somebody planted can stand for.
+/// The new content is written to a TemporaryFile beside it, whose mode is 0600 until it is
+/// complete.
 class AtomicFile {
  public:
   /// What becomes of the file that is replaced.
@@ -38,10 +38,12 @@ class AtomicFile {
   /// file, whoever replaces it next; nothing when it can't be seen.
   std::optional<FileStamp> replace(std::string_view content, std::string_view caller,
                                    Old old = Old::replaced) const;
+  /// The same in the file's folder where the caller has it open, whatever its path names by now.
+  std::optional<FileStamp> replaceIn(int folder, std::string_view content, std::string_view caller,
+                                     Old old = Old::replaced) const;
 
  private:
-  void removeLeftovers(int folder) const noexcept;
-  bool isTemporaryName(std::string_view name) const;
+  void nameAside(int folder, std::string_view caller) const;
 
   std::string path_;
   mode_t mode_;

@@ -9,12 +9,26 @@
 
 namespace velum::checked {
 
-UniqueFd open(const std::string& path, int flags, mode_t mode, std::string_view caller) {
-  UniqueFd fd(retryInterrupted([&] { return ::open(path.c_str(), flags | O_CLOEXEC, mode); }));
+namespace {
+
+UniqueFd openAt(int folder, const char* name, const std::string& path, int flags, mode_t mode,
+                std::string_view caller) {
+  UniqueFd fd(retryInterrupted([&] { return ::openat(folder, name, flags | O_CLOEXEC, mode); }));
   if (!fd) {
     throw lastSystemError(fmt::format("{}: open ({}, {:#x}, {:#o})", caller, path, flags, mode));
   }
   return fd;
+}
+
+}  // namespace
+
+UniqueFd open(const std::string& path, int flags, mode_t mode, std::string_view caller) {
+  return openAt(AT_FDCWD, path.c_str(), path, flags, mode, caller);
+}
+
+UniqueFd openIn(int folder, const std::string& path, int flags, mode_t mode,
+                std::string_view caller) {
+  return openAt(folder, path.c_str() + path.rfind('/') + 1, path, flags, mode, caller);
 }
 
 std::size_t read(int fd, void* buffer, std::size_t size, std::string_view caller) {

@@ -17,6 +17,9 @@ namespace checked {
 
 /// open(2), always with O_CLOEXEC.
 UniqueFd open(const std::string& path, int flags, mode_t mode, std::string_view caller);
+/// The same for a file in a folder that is open: of the path, only the last part is looked up.
+UniqueFd openIn(int folder, const std::string& path, int flags, mode_t mode,
+                std::string_view caller);
 /// read(2) of at most `size` bytes; 0 at the end of the file.
 std::size_t read(int fd, void* buffer, std::size_t size, std::string_view caller);
 /// Writes all `size` bytes.

@@ -4,10 +4,10 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <utility>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/AtomicFile.h"
 
 namespace velum {
 namespace {
@@ -71,22 +71,6 @@ void makeParents(const std::string& path) {
   }
 }
 
-void writeAll(int fd, std::span<const std::uint8_t> content, const std::string& path) {
-  while (!content.empty()) {
-    const ssize_t count =
-        retryInterrupted([&] { return ::write(fd, content.data(), content.size()); });
-    if (count < 0) throw lastSystemError("write (" + path + ")");
-    content = content.subspan(static_cast<std::size_t>(count));
-  }
-}
-
-/// A file system that has no such operation for folders says EINVAL; it is as good as it gets.
-void syncFolder(int fd, const std::string& path) {
-  if (retryInterrupted([&] { return ::fsync(fd); }) != 0 && errno != EINVAL) {
-    throw lastSystemError("fsync (" + path + ")");
-  }
-}
-
 }  // namespace
 
 PrivateFolder::PrivateFolder(std::string path) : path_(std::move(path)) {
@@ -117,25 +101,8 @@ std::optional<SecretBytes> PrivateFolder::read(const char* name, std::size_t max
   return readGuarded(folder_.get(), name, pathOf(name), maximumSize, requireOwnerOnly);
 }
 
-void PrivateFolder::replace(const char* name, std::span<const std::uint8_t> content) const {
-  const std::string temporary = std::string(name) + ".new";
-  const std::string path = pathOf(temporary.c_str());
-  ::unlinkat(folder_.get(), temporary.c_str(), 0);  // left by a process that was killed
-  const UniqueFd file = openGuarded(folder_.get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL);
-  if (!file) throw lastSystemError("open (" + path + ")");
-  try {
-    writeAll(file.get(), content, path);
-    if (retryInterrupted([&] { return ::fsync(file.get()); }) != 0) {
-      throw lastSystemError("fsync (" + path + ")");
-    }
-    if (::renameat(folder_.get(), temporary.c_str(), folder_.get(), name) != 0) {
-      throw lastSystemError("rename (" + path + ")");
-    }
-  } catch (const SystemError&) {
-    ::unlinkat(folder_.get(), temporary.c_str(), 0);
-    throw;
-  }
-  syncFolder(folder_.get(), path_);
+void PrivateFolder::replace(const char* name, ByteView content) const {
+  AtomicFile(pathOf(name), ownerOnlyFile).replaceIn(folder_.get(), textView(content), "replace");
 }
 
 UniqueFd PrivateFolder::openLock(const char* name) const {

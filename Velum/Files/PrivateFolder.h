@@ -1,11 +1,10 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 
+#include "Velum/Base/ByteView.h"
 #include "Velum/Base/SecretBytes.h"
 #include "Velum/Files/UniqueFd.h"
 
@@ -31,11 +30,8 @@ class PrivateFolder {
   /// The whole content of a file; nothing when there is none. EFBIG beyond `maximumSize` bytes.
   std::optional<SecretBytes> read(const char* name, std::size_t maximumSize) const;
 
-  /// Replaces a file, or makes it, with mode 0600. When this returns, the content is on the disk;
-  /// a process or machine that stops at any point leaves the old file or the new one, whole. So
-  /// does a failure: the old one, unless only the folder's fsync(2) failed. Writers of one file
-  /// exclude each other with a lock.
-  void replace(const char* name, std::span<const std::uint8_t> content) const;
+  /// Replaces a file, or makes it, with mode 0600, as an AtomicFile does.
+  void replace(const char* name, ByteView content) const;
 
   /// A descriptor of the file `name`, made when missing, for a LockedFile. Every call opens it
   /// anew, so that the lock excludes threads as well as processes.

@@ -29,14 +29,21 @@
 namespace {
 // Called while the log is locked, before a rotated copy takes its name, and each time that the lock
 // is refused.
-std::function<void(const char* target)> onRename;
+std::function<void(const char* target)> onNaming;
 std::function<void()> onRefusal;
 }  // namespace
 
 // Stand before the C library's.
 extern "C" int rename(const char* from, const char* to) noexcept {
-  if (onRename) onRename(to);
+  if (onNaming) onNaming(to);
   return static_cast<int>(::syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
+}
+extern "C" int linkat(int fromFolder, const char* from, int toFolder, const char* to,
+                      int flags) noexcept {
+  const bool isFree = ::access(to, F_OK) != 0;  // else it takes the name over
+  if (onNaming && isFree && !std::filesystem::path(to).filename().string().starts_with('.'))
+    onNaming(to);
+  return static_cast<int>(::syscall(SYS_linkat, fromFolder, from, toFolder, to, flags));
 }
 extern "C" int flock(int fd, int operation) noexcept {
   const int result = static_cast<int>(::syscall(SYS_flock, fd, operation));
@@ -81,7 +88,7 @@ class FileLogHandlerStressTest : public ::testing::Test {
                                   {&FileEvents::shared(), std::move(log), patience});
   }
   ~FileLogHandlerStressTest() override {
-    onRename = nullptr;
+    onNaming = nullptr;
     onRefusal = nullptr;
   }
 
@@ -174,13 +181,13 @@ TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileManyProcessesWriteAndRotate) 
   constexpr int records = 150;
   constexpr RotationPolicy policy{.maxSize = 100'000, .firstCheck = 0ns, .checkInterval = 3ms};
   const std::string rotated = folder / "name.1.log";
-  onRename = [&](const char* target) {
+  onNaming = [&](const char* target) {
     static std::atomic<int> generation{0};
     const std::string kept = folder / fmt::format("kept.{}.{}", ::getpid(), ++generation);
     if (rotated == target) static_cast<void>(::link(target, kept.c_str()));
   };
   for (auto& writer : startWriters(records, 0us, policy)) EXPECT_EQ(writer.wait(), 0);
-  onRename = nullptr;
+  onNaming = nullptr;
 
   collect(rotated);
   int generations = 0;
@@ -273,7 +280,7 @@ TEST_F(FileLogHandlerStressTest, WritesWithoutTheLockOfWhoNeverReleasesItButDoes
 
 TEST_F(FileLogHandlerStressTest, EmptiesNoFileThatIsMovedAwayBeforeItIsCopied) {
   const auto log = std::make_shared<test::RecordingSystemLog>();
-  onRename = [&](const char*) {
+  onNaming = [&](const char*) {
     EXPECT_EQ(::link(path.c_str(), (folder / "moved").c_str()), 0);
     EXPECT_EQ(::unlink(path.c_str()), 0);
   };
@@ -289,7 +296,7 @@ TEST_F(FileLogHandlerStressTest, EmptiesNoFileThatIsMovedAwayBeforeItIsCopied) {
 TEST_F(FileLogHandlerStressTest, RotatesWhatOthersWroteWithoutTheLockMeanwhile) {
   const auto log = std::make_shared<test::RecordingSystemLog>();
   const auto other = open(neverChecked, nullptr, 0ns);
-  onRename = [&](const char*) {  // the copy is made already
+  onNaming = [&](const char*) {  // the copy is made already
     other->logWithLevel(LogLevel::info, std::chrono::system_clock::now(), "late");
   };
   constexpr RotationPolicy policy{.maxSize = 1, .firstCheck = 0ns};

@@ -74,6 +74,7 @@ TEST_F(UserDefaultsTest, WritesThroughNoPlantedLink) {
   writeFile(victim, "precious");
   fs::remove(file);
   fs::create_symlink(victim, file);
+  fs::create_directory(file + ".new");
   EXPECT_TRUE(defaults->setObject("key", text("new")));
   EXPECT_EQ(defaults->object("key"), text("new"));
   fs::remove(file + ".lock");

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <regex>
 #include <set>
 
 #include "Velum/Logger/Logger.h"
@@ -135,7 +136,8 @@ class Harness {
     const auto locked = find(calls.begin(), calls.end(), "flock", operation_.lock);
     const auto looked = find(calls.begin(), calls.end(), "rename", "");
     const std::string changed = looked == calls.end() ? "" : looked->subject;
-    const std::string target = changed.substr(0, changed.rfind(".new"));
+    const std::string target =
+        std::regex_replace(changed, std::regex(R"(/\.(.+)\.[0-9a-f]{16}\.new$)"), "/$1");
     if (!operation_.lock.empty() && locked >= find(calls.begin(), calls.end(), "open", target)) {
       reports_.push_back("reads before it has the lock");
     }

@@ -160,7 +160,6 @@ TEST(Faults, LogRotation) {
             return call.isOneOf(
                 {"flock", "clone_file", "copy_file_range", "stat", "write", "clone"});
           },
-      .mayRemain = [](const std::string& name) { return name.starts_with("name.1.log."); },
       // The reactor has other ways, which take another number of descriptors.
       .isSpared =
           [](const GatedCall& call) {

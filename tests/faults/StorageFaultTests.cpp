@@ -48,7 +48,8 @@ void enterSession(const std::string& folder) {
 /// process may be found, and be in the way, or not; a folder that could not be made can't be
 /// opened.
 bool isOfNoMatter(const GatedCall& call) {
-  return call.isOneOf({"flock", "unlink", "stat", "getdents", "mkdir"});
+  return call.isOneOf({"flock", "unlink", "stat", "getdents", "mkdir"}) ||
+         call.subject.ends_with("/.");
 }
 
 TEST(Faults, AtomicFile) {

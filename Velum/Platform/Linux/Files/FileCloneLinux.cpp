@@ -1,7 +1,6 @@
 #include "Velum/Platform/FileClone.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -10,73 +9,82 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <limits>
 #include <new>
+#include <optional>
 #include <vector>
 
 #include "Velum/Base/Progress.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/FileLock.h"
+#include "Velum/Files/TemporaryFile.h"
 #include "Velum/Files/UniqueFd.h"
 
 namespace velum {
 namespace {
 
-/// A new file in the target's folder that takes the target's place when it is complete. Removed
-/// when abandoned; where the file system allows it, it has no name until then, so that not even a
-/// killed process leaves a partial file behind.
+/// The copy, which takes the target's place when it is complete. Where the file system allows it,
+/// it has no name until then, so that not even a killed process leaves a partial file behind.
+/// Throws SystemError.
 class Replacement {
  public:
-  explicit Replacement(const std::string& target) : target_(target) {
-    const std::string folder = target.substr(0, target.find_last_of('/') + 1);
-    fd_ = UniqueFd(retryInterrupted(
-        [&] { return ::open((folder + ".").c_str(), O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600); }));
-    if (fd_ || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL)) return;
-    isNamed_ = takeName([this](const char* name) {
-      constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-      fd_ = UniqueFd(retryInterrupted([&] { return ::open(name, flags, 0600); }));
-      return bool{fd_};
-    });
-  }
-  Replacement(const Replacement&) = delete;
-  Replacement& operator=(const Replacement&) = delete;
-  ~Replacement() {
-    if (isNamed_) ::unlink(temporary_.c_str());
+  explicit Replacement(const std::string& target)
+      : target_(target),
+        name_(target.substr(target.find_last_of('/') + 1)),
+        folder_(name_ == target ? "./" : target.substr(0, target.size() - name_.size())) {
+    nameless_ = open(folder_ + '.', O_WRONLY | O_TMPFILE);
+    if (nameless_) return;
+    if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) throw lastSystemError("open");
+    place_ = open(folder_, O_PATH | O_DIRECTORY);
+    named_.emplace(place_.get(), folder_, name_, "Replacement");
   }
 
-  int fd() const noexcept { return fd_.get(); }
+  int fd() const noexcept { return named_ ? named_->get() : nameless_.get(); }
 
-  bool publish() {
-    if (!isNamed_) isNamed_ = takeName([this](const char* name) { return giveName(name); });
-    if (!isNamed_ || ::rename(temporary_.c_str(), target_.c_str()) != 0) return false;
-    isNamed_ = false;
-    return true;
+  void publish() {
+    if (named_) {
+      named_->takePlace("Replacement");
+    } else if (!giveName(target_)) {
+      if (errno != EEXIST) throw lastSystemError("link");
+      replaceOld();
+    }
   }
 
  private:
-  bool giveName(const char* name) const {
-    const std::string source = "/proc/self/fd/" + std::to_string(fd_.get());
-    return ::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, name, AT_SYMLINK_FOLLOW) == 0;
+  static UniqueFd open(const std::string& path, int flags) {
+    return UniqueFd(
+        retryInterrupted([&] { return ::open(path.c_str(), flags | O_CLOEXEC, ownerOnly); }));
   }
 
-  /// Tries names beside the target until `take`, which makes a file of that name, finds one free.
-  template <class Take>
-  bool takeName(Take take) {
-    for (int attempt = 0; attempt < 100; ++attempt) {
-      std::uint64_t number = 0;
-      if (::getentropy(&number, sizeof number) != 0) return false;
-      temporary_ = target_ + '.' + std::to_string(number);
-      if (take(temporary_.c_str())) return true;
-      if (errno != EEXIST) return false;
-    }
-    return false;
+  bool giveName(const std::string& path) const {
+    const std::string source = "/proc/self/fd/" + std::to_string(nameless_.get());
+    return ::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0;
   }
+
+  /// A name can't be given twice, only taken over. Locked before it has one of its own, by which
+  /// the next copy would find what this process, killed, had left.
+  void replaceOld() const {
+    const FileLock alive = FileLock::tryFor(nameless_.get(), std::chrono::nanoseconds(0));
+    TemporaryFile::removeAbandoned(open(folder_, O_RDONLY | O_DIRECTORY), name_);
+    const std::string temporary = folder_ + TemporaryFile::anyName(name_);
+    if (!giveName(temporary)) throw lastSystemError("link");
+    if (::rename(temporary.c_str(), target_.c_str()) == 0) return;
+    const SystemError error = lastSystemError("rename");
+    ::unlink(temporary.c_str());
+    throw error;
+  }
+
+  static constexpr mode_t ownerOnly = 0600;
 
   std::string target_;
-  std::string temporary_;
-  UniqueFd fd_;
-  bool isNamed_ = false;
+  std::string name_;
+  std::string folder_;  // with a slash at its end
+  UniqueFd nameless_;
+  UniqueFd place_;  // the folder, where there must be a name at once
+  std::optional<TemporaryFile> named_;
 };
 
 /// What is still to be copied, and where.
@@ -165,7 +173,7 @@ bool copyAttributes(int to, const struct stat& status) {
 }
 
 /// Returns 0 or an errno value.
-int cloneOf(const std::string& source, const std::string& target, const Progress* progress) {
+int cloneOf(const std::string& source, const std::string& target, const Progress* progress) try {
   // Non-blocking, so that a FIFO at the path is an error and not a wait.
   const UniqueFd from(
       retryInterrupted([&] { return ::open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
@@ -173,16 +181,19 @@ int cloneOf(const std::string& source, const std::string& target, const Progress
   if (!from || ::fstat(from.get(), &status) != 0) return errno;
   if (!S_ISREG(status.st_mode)) return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
   Replacement replacement(target);
-  if (replacement.fd() < 0) return errno;
   if (const int error = copyContent(from.get(), replacement.fd(), progress).error) return error;
-  return copyAttributes(replacement.fd(), status) && replacement.publish() ? 0 : errno;
+  if (!copyAttributes(replacement.fd(), status)) return errno;
+  replacement.publish();
+  return 0;
+} catch (const SystemError& error) {
+  return error.code();
 }
 
 }  // namespace
 
 void cloneFile(const std::string& source, const std::string& target, const Progress* progress) {
   if (const int error = cloneOf(source, target, progress)) {
-    throw SystemError(error, fmt::format("clonefile(_:to:), copyfile ({}, {})", source, target));
+    throw SystemError(error, "clonefile(_:to:), copyfile (" + source + ", " + target + ")");
   }
 }
 

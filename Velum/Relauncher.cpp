@@ -13,7 +13,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -21,6 +20,7 @@
 
 #include "Velum/Base/Deadline.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/AbsolutePath.h"
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Dispatch.h"
@@ -56,13 +56,6 @@ class HelperReaper {
   std::shared_ptr<DispatchQueue> queue_ = DispatchQueue::serial("Relauncher");
   std::map<pid_t, std::unique_ptr<DispatchSource>> ends_;  // touched on the queue only
 };
-
-// The helper works in another folder.
-std::string absolute(const std::string& path) {
-  std::error_code error;
-  const std::filesystem::path result = std::filesystem::absolute(path, error);
-  return error ? path : result.native();
-}
 
 /// Waits for the helper's byte; the code of what came instead.
 int waitUntilReady(int descriptor, std::chrono::milliseconds timeout) {
@@ -126,8 +119,8 @@ pid_t startRelauncher(const std::string& helperPath, const std::string& bundlePa
                       std::chrono::milliseconds timeout) {
   auto [reader, writer] = makePipe();
   SpawnOptions options;
-  options.executable = absolute(helperPath);
-  options.arguments = {options.executable, absolute(bundlePath), std::to_string(::getpid())};
+  options.executable = absolutePath(helperPath);  // the helper works in another folder
+  options.arguments = {options.executable, absolutePath(bundlePath), std::to_string(::getpid())};
   // The bundle's path in this environment names this application, which the helper is not.
   options.environment = environmentWithout({readyVariable, "VELUM_BUNDLE_PATH"});
   options.environment->push_back(

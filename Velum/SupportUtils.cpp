@@ -12,6 +12,7 @@
 #include "Velum/Base/Fatal.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Concurrency/SyncAsync.h"
+#include "Velum/Files/AbsolutePath.h"
 #include "Velum/Files/CheckedIo.h"
 #include "Velum/Files/TemporaryFolder.h"
 #include "Velum/Logger/Logger.h"
@@ -220,12 +221,6 @@ class ArchiveFolder {
   fs::path content_;
 };
 
-/// Which does not change when this process changes its working folder; empty for an empty path.
-fs::path absolute(const std::string& path) {
-  std::error_code error;
-  return fs::absolute(path, error);
-}
-
 /// The bytes of the files in a folder.
 std::uintmax_t sizeOfContent(const fs::path& folder) {
   std::uintmax_t size = 0;
@@ -240,7 +235,7 @@ class ArchiveJob {
  public:
   ArchiveJob(const std::string& destination, SupportItems items, LogSavingOpts logOptions,
              bool showInFinder, SupportUtils::Services services)
-      : destination_(absolute(destination)),
+      : destination_(absolutePath(destination)),
         items_(std::move(items)),
         logOptions_(logOptions),
         showInFinder_(showInFinder),

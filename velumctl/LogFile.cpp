@@ -14,6 +14,7 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/FileUtils.h"
+#include "Velum/Files/FileIdentity.h"
 #include "Velum/Logger/LogLock.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Logger/LogSearch.h"
@@ -69,10 +70,8 @@ std::optional<LogFile> LogFile::open(const std::string& path) {
 }
 
 bool LogFile::isAtItsPath() const {
-  struct stat open {};
-  struct stat named {};
-  return ::fstat(fd_.get(), &open) == 0 && ::stat(path_.c_str(), &named) == 0 &&
-         open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+  const auto open = velum::FileIdentity::ofFile(fd_.get());
+  return open && open == velum::FileIdentity::ofPath(path_);
 }
 
 bool LogFile::isIntact() {

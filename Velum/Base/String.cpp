@@ -163,6 +163,13 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept {
   });
 }
 
+std::string_view trimmed(std::string_view text) noexcept {
+  constexpr std::string_view blanks = " \t\r\n";
+  const auto first = text.find_first_not_of(blanks);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
 std::string escapedUrlQueryParam(std::optional<std::string_view> text) {
   std::string out;
   if (!text) return out;

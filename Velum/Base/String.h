@@ -26,6 +26,9 @@ std::string repairedUtf8(std::string_view text);
 /// Whether two texts differ in the case of ASCII letters at most; independent of the locale.
 bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept;
 
+/// `text` without the spaces, tabs and ends of lines at its ends.
+std::string_view trimmed(std::string_view text) noexcept;
+
 /// `text` as a name or value in a URL's query: every byte but ASCII letters, digits, '-', '.', '_'
 /// and '~' becomes "%XX". Nothing becomes an empty text.
 std::string escapedUrlQueryParam(std::optional<std::string_view> text);

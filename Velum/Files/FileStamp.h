@@ -7,14 +7,15 @@
 #include <optional>
 #include <string>
 
+#include "Velum/Files/FileIdentity.h"
+
 namespace velum {
 
 /// What tells one content of a file that is replaced, or written to, from another. Two contents of
 /// one size that come within a tick of the kernel's clock (4 ms) may look the same, if the second
 /// one's file has the inode of the first, or is the first. A default one stands for no file.
 struct FileStamp {
-  std::uint64_t device = 0;
-  std::uint64_t inode = 0;
+  FileIdentity file;
   std::int64_t size = 0;
   std::int64_t seconds = 0;
   std::int64_t nanoseconds = 0;
@@ -34,8 +35,7 @@ struct FileStamp {
 
  private:
   static FileStamp of(const struct stat& status) noexcept {
-    return {.device = status.st_dev,
-            .inode = status.st_ino,
+    return {.file = FileIdentity::of(status),
             .size = status.st_size,
             .seconds = status.st_mtim.tv_sec,
             .nanoseconds = status.st_mtim.tv_nsec};

@@ -17,6 +17,7 @@
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/CheckedIo.h"
+#include "Velum/Files/FileIdentity.h"
 
 namespace velum {
 namespace {
@@ -35,16 +36,13 @@ bool isTemporaryName(std::string_view text, std::string_view name) {
 void removeIfAbandoned(int folder, const char* name) {
   const UniqueFd file(retryInterrupted(
       [&] { return ::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
-  struct stat open {};
-  struct stat named {};
-  if (!file || ::fstat(file.get(), &open) != 0 || !S_ISREG(open.st_mode) ||
-      open.st_uid != ::geteuid() || ::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+  struct stat status {};
+  if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+      status.st_uid != ::geteuid() || ::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
     return;
   }
   // A writer that finished meanwhile gave the file another name.
-  const bool isNamed = ::fstatat(folder, name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
-                       open.st_dev == named.st_dev && open.st_ino == named.st_ino;
-  if (isNamed) ::unlinkat(folder, name, 0);
+  if (FileIdentity::ofEntry(folder, name) == FileIdentity::of(status)) ::unlinkat(folder, name, 0);
 }
 
 /// Whether an open file was removed; false when that can't be seen.

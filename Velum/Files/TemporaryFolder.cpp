@@ -13,6 +13,7 @@
 
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/FileIdentity.h"
 
 namespace velum {
 namespace {
@@ -123,10 +124,8 @@ bool TemporaryFolder::tryToOwn() {
   lock_.reset();
   folder_ = openFolder(path_);
   if (!folder_ || !lock_.emplace(FileLock::tryFor(folder_.get(), once))) return false;
-  struct stat own {};
-  struct stat named {};
-  return ::fstat(folder_.get(), &own) == 0 && ::lstat(path_.c_str(), &named) == 0 &&
-         own.st_dev == named.st_dev && own.st_ino == named.st_ino;
+  const auto own = FileIdentity::ofFile(folder_.get());
+  return own && own == FileIdentity::ofEntry(AT_FDCWD, path_.c_str());
 }
 
 std::error_code TemporaryFolder::remove() const noexcept {

@@ -28,9 +28,4 @@ std::optional<std::string_view> HTTPHeaders::value(std::string_view name) const 
   return std::nullopt;
 }
 
-std::string_view trimmedFieldText(std::string_view text) noexcept {
-  const std::size_t begin = std::min(text.find_first_not_of(" \t\r\n"), text.size());
-  return text.substr(begin, text.find_last_not_of(" \t\r\n") + 1 - begin);
-}
-
 }  // namespace velum

@@ -35,7 +35,4 @@ class HTTPHeaders {
   std::vector<Field> fields_;
 };
 
-/// A field's name or value without the white space around it, which is no part of it.
-std::string_view trimmedFieldText(std::string_view text) noexcept;
-
 }  // namespace velum

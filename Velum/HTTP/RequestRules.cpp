@@ -45,7 +45,7 @@ std::optional<URLError> requestError(const URLRequest& request) {
 HTTPHeaders headersToSend(const URLRequest& request) {
   HTTPHeaders headers;
   for (const auto& [name, value] : request.headers) {
-    if (!isReserved(name)) headers.add(name, std::string(trimmedFieldText(value)));
+    if (!isReserved(name)) headers.add(name, std::string(trimmed(value)));
   }
   const bool reloads = request.cachePolicy == URLRequest::CachePolicy::reloadIgnoringLocalCacheData;
   if (reloads && !headers.value("Cache-Control")) headers.add("Cache-Control", "no-cache");

@@ -13,6 +13,7 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/CheckedIo.h"
+#include "Velum/Files/FileIdentity.h"
 #include "Velum/Files/TemporaryFolder.h"
 #include "Velum/Logger/LogLock.h"
 #include "Velum/Logger/LogRecord.h"
@@ -105,24 +106,19 @@ void limitReaders(const UniqueFd& file, const std::string& path, const struct st
   }
 }
 
-bool isSameFile(const struct stat& a, const struct stat& b) noexcept {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
 /// What stands at a path; nothing when nothing does.
-std::optional<struct stat> statusAt(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) == 0) return status;
-  if (errno != ENOENT && errno != ENOTDIR) {
+std::optional<FileIdentity> fileAt(const std::string& path) {
+  const auto file = FileIdentity::ofPath(path);
+  if (!file && errno != ENOENT && errno != ENOTDIR) {
     throw lastSystemError(fmt::format("{}: stat ({})", holdsName, path));
   }
-  return std::nullopt;
+  return file;
 }
 
 bool leadToTheSame(const std::string& a, const std::string& b) {
-  const auto first = statusAt(a);
-  const auto second = statusAt(b);
-  return first && second && isSameFile(*first, *second);
+  const auto first = fileAt(a);
+  const auto second = fileAt(b);
+  return first && first == second;
 }
 
 /// Whether two paths name the same entry of a folder, or lead to the same file.

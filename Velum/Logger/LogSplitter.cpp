@@ -8,6 +8,7 @@
 #include <functional>
 #include <utility>
 
+#include "Velum/Base/StableHash.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/CheckedIo.h"
 #include "Velum/Logger/LogRecord.h"
@@ -23,8 +24,8 @@ constexpr std::size_t mostGathered = 4 * writeUnit;  // for one file
 constexpr std::size_t mostGatheredTogether = std::size_t{4} << 20U;
 
 // The name comes from the log's content, which any process of the group may have written: what
-// can't name a file, or is not plain ASCII, is replaced, and a number made of the whole name
-// (FNV-1a) tells it from others.
+// can't name a file, or is not plain ASCII, is replaced, and a number made of the whole name tells
+// it from others.
 std::string fileName(std::string_view subsystem) {
   constexpr std::size_t longestName = 200;
   const auto isPlain = [](char c) { return c >= ' ' && c <= '~' && c != '/'; };
@@ -35,11 +36,7 @@ std::string fileName(std::string_view subsystem) {
   }
   std::ranges::replace_if(name, std::not_fn(isPlain), '_');
   if (name.starts_with('.')) name.front() = '_';  // not hidden
-  std::uint32_t number = 2'166'136'261U;
-  for (const char c : subsystem) {
-    number = (number ^ static_cast<unsigned char>(c)) * 16'777'619U;
-  }
-  name += fmt::format("-{:08x}.log", number);
+  name += fmt::format("-{:08x}.log", stableHash<std::uint32_t>(subsystem));
   logWarning({"Velum/FileLogManager", "doSaveLogs(_:selecting:in:opts:)"},
              "The records of a subsystem whose name can't name a file are saved as {}", name);
   return name;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Velum/Base/LazyValue.h"
+#include "Velum/Base/String.h"
 #include "Velum/PropertyList/PropertyListFormats.h"
 
 namespace velum::detail {
@@ -20,12 +21,6 @@ namespace {
 using Limits = PropertyListLimits;
 
 constexpr std::string_view blanks = " \t\r\n";
-
-std::string_view trimmed(std::string_view text) {
-  const auto first = text.find_first_not_of(blanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
 
 /// The whole of `text` as a number; nothing when it is none or does not fit.
 template <class Number, class... Base>

@@ -17,6 +17,7 @@
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/CheckedIo.h"
+#include "Velum/Files/FileIdentity.h"
 #include "Velum/Files/FileLock.h"
 #include "Velum/Logger/LogRecord.h"
 #include "Velum/Platform/FileClone.h"
@@ -201,10 +202,8 @@ void FileLogHandler::startRemovalWatchLk(FileTurn& turn) {
 }
 
 bool FileLogHandler::isOpenFileAtPathLk() const {
-  struct stat open {};
-  struct stat named {};
-  return ::fstat(fd_.get(), &open) == 0 && ::stat(filepath_.c_str(), &named) == 0 &&
-         open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+  const auto open = FileIdentity::ofFile(fd_.get());
+  return open && open == FileIdentity::ofPath(filepath_);
 }
 
 void FileLogHandler::reopenOnRemoval() {

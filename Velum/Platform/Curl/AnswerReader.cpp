@@ -28,7 +28,7 @@ void AnswerReader::takeLine(std::string_view line) {
   if (headerBytes_ > maxHeaderBytes) throw BadAnswer(hugeHeader);
   if (line.starts_with("HTTP/")) {
     begin(line);
-  } else if (trimmedFieldText(line).empty()) {
+  } else if (trimmed(line).empty()) {
     checkLength();
   } else {
     takeField(line);
@@ -45,8 +45,8 @@ void AnswerReader::begin(std::string_view statusLine) {
 void AnswerReader::takeField(std::string_view line) {
   const std::size_t colon = line.find(':');
   if (colon == std::string_view::npos) return;
-  const std::string_view name = trimmedFieldText(line.substr(0, colon));
-  const std::string_view value = trimmedFieldText(line.substr(colon + 1));
+  const std::string_view name = trimmed(line.substr(0, colon));
+  const std::string_view value = trimmed(line.substr(colon + 1));
   // libcurl would hand out what it can't decode.
   if (equalsIgnoringCase(name, "Transfer-Encoding") && !equalsIgnoringCase(value, "chunked") &&
       !equalsIgnoringCase(value, "identity")) {

@@ -4,13 +4,13 @@
 
 #include <fmt/format.h>
 #include <cerrno>
-#include <filesystem>
 #include <new>
 #include <string_view>
 #include <utility>
 
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/AbsolutePath.h"
 #include "Velum/Platform/Linux/Certificates/CertificatePlaceLinux.h"
 #include "Velum/Platform/Linux/Certificates/NssDatabase.h"
 #include "Velum/Platform/Linux/Files/XdgFolders.h"
@@ -161,9 +161,7 @@ CertificateStore& CertificateStore::shared() {
 }
 
 std::unique_ptr<CertificateStore> CertificateStore::forRoot(const std::string& root) {
-  std::error_code error;
-  const auto absolute = std::filesystem::absolute(root, error);
-  return std::make_unique<CertificateStoreLinux>(error ? root : absolute.string());
+  return std::make_unique<CertificateStoreLinux>(absolutePath(root));
 }
 
 }  // namespace velum

@@ -17,8 +17,10 @@
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Base/Termination.h"
+#include "Velum/Files/AbsolutePath.h"
 #include "Velum/Files/AtomicFile.h"
 #include "Velum/Files/CheckedIo.h"
+#include "Velum/Files/FileIdentity.h"
 #include "Velum/Files/LockedFile.h"
 #include "Velum/Files/ReadFile.h"
 #include "Velum/Logger/DeferredLog.h"
@@ -130,14 +132,11 @@ std::unique_ptr<Tool> start(const std::string& path, const std::vector<std::stri
   }
 }
 
-using FileIdentity = std::pair<dev_t, ino_t>;
-
 /// Nothing where there is no such file.
 std::optional<FileIdentity> identity(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) == 0) return FileIdentity(status.st_dev, status.st_ino);
-  if (errno == ENOENT) return std::nullopt;
-  throw lastSystemError(fmt::format("stat ({})", path));
+  const auto file = FileIdentity::ofPath(path);
+  if (!file && errno != ENOENT) throw lastSystemError(fmt::format("stat ({})", path));
+  return file;
 }
 
 /// Adds the paths of the regular files below a folder. Links to folders are not followed: what is
@@ -240,7 +239,7 @@ MachineCertificates::MachineCertificates(std::string root, std::string updater,
                                          const Limits& limits)
     : root_(std::move(root)), updater_(std::move(updater)), limits_(limits) {
   // The tool works in another folder.
-  if (!root_.empty()) root_ = fs::absolute(root_).string();
+  root_ = absolutePath(root_);
   while (root_.ends_with('/')) root_.pop_back();
   folder_ = root_ + "/usr/local/share/ca-certificates";
   distributed_ = root_ + "/usr/share/ca-certificates";

@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/FileIdentity.h"
 #include "Velum/Files/ReadFile.h"
 #include "Velum/Platform/Linux/CodeIdentity/CodeRefusedLinux.h"
 
@@ -28,7 +29,7 @@ constexpr const char* touched = "its program was changed while it was looked at"
 constexpr const char* unreadable = "its program can't be read: ";
 
 bool isSameFile(const struct stat& one, const struct stat& other) {
-  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+  return FileIdentity::of(one) == FileIdentity::of(other);
 }
 
 bool isSameMoment(const timespec& one, const timespec& other) {

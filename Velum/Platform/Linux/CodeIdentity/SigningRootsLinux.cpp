@@ -52,13 +52,12 @@ SigningRoots::SigningRoots(std::string folder) : folder_(std::move(folder)) {
 }
 
 bool SigningRoots::Entry::operator==(const Entry& other) const noexcept {
-  return number == other.number && device == other.device && size == other.size &&
-         changed.tv_sec == other.changed.tv_sec && changed.tv_nsec == other.changed.tv_nsec &&
-         name == other.name;
+  return file == other.file && size == other.size && changed.tv_sec == other.changed.tv_sec &&
+         changed.tv_nsec == other.changed.tv_nsec && name == other.name;
 }
 
 SigningRoots::Entry SigningRoots::entry(const std::string& name, const struct stat& status) {
-  return {name, status.st_dev, status.st_ino, status.st_size, status.st_ctim};
+  return {name, FileIdentity::of(status), status.st_size, status.st_ctim};
 }
 
 void SigningRoots::refuse(const std::string& name, const std::string& why) const {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Velum/Concurrency/ForkSafeLock.h"
+#include "Velum/Files/FileIdentity.h"
 
 namespace velum {
 
@@ -35,8 +36,7 @@ class SigningRoots final {
   /// every change of its content, owner or mode, and nobody else can.
   struct Entry {
     std::string name;
-    dev_t device = 0;
-    ino_t number = 0;
+    FileIdentity file;
     off_t size = 0;
     timespec changed{};
 

@@ -21,11 +21,8 @@ namespace {
 constexpr std::size_t largestFile = 65'536;
 
 /// Firmware pads its texts with blanks, and ends those of the device tree with a NUL.
-std::string trimmed(std::string_view text) {
-  text = text.substr(0, text.find('\0'));
-  constexpr std::string_view blanks = " \t\r\n";
-  text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
-  return std::string(text.substr(0, text.find_last_not_of(blanks) + 1));
+std::string firmwareText(std::string_view text) {
+  return std::string(trimmed(text.substr(0, text.find('\0'))));
 }
 
 /// "12345", "0123456789": what was typed to type something.
@@ -109,7 +106,7 @@ std::string versionId(std::string_view release) {
     release.remove_prefix(std::min(line.size() + 1, release.size()));
     if (line.starts_with(key)) value = line.substr(key.size());
   }
-  std::string text = trimmed(value);
+  std::string text(trimmed(value));
   std::erase_if(text, [](char c) { return c == '"' || c == '\''; });
   return text;
 }
@@ -124,7 +121,7 @@ HardwareRegistry& HardwareRegistry::shared() {
 std::optional<std::string> HardwareRegistryLinux::text(const char* path) const {
   const auto content = readRegularFile(root_ + path, largestFile);
   if (!content) return std::nullopt;
-  return trimmed(*content);
+  return firmwareText(*content);
 }
 
 std::optional<std::string> HardwareRegistryLinux::firstText(const char* path,

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/ReadFile.h"
 #include "Velum/Logger/Logger.h"
@@ -56,13 +57,6 @@ std::optional<bool> portalPrefersDark(std::chrono::microseconds timeout) {
              error.what());
   }
   return std::nullopt;
-}
-
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view blanks = " \t\r";
-  const auto first = text.find_first_not_of(blanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
 /// The last value of a key in a settings file of GTK, which has one group.

@@ -6,6 +6,8 @@
 
 #include <filesystem>
 
+#include "Velum/Files/AbsolutePath.h"
+#include "Velum/Files/FileIdentity.h"
 #include "Velum/Files/ReadFile.h"
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Linux/Files/XdgFolders.h"
@@ -24,13 +26,6 @@ constexpr std::string_view desktopSuffix = ".desktop";
 std::string withoutTrailingSlashes(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
-}
-
-/// `path` from the root on, its links left as they are: the opener works in another folder.
-std::string absolute(const std::string& path) {
-  std::error_code error;
-  const fs::path result = fs::absolute(path, error);
-  return error ? path : result.string();
 }
 
 /// A malformed, huge, unreadable or missing property list is an empty one.
@@ -58,7 +53,7 @@ Bundle folderBundle(const std::string& path) {
   const auto* program = properties.get<std::string>("CFBundleExecutable");
   const bool isUsable = program != nullptr && isFileName(*program);
   bundle.executable =
-      absolute(folder).append(programFolder).append(isUsable ? *program : nameOfFolder(folder));
+      absolutePath(folder).append(programFolder).append(isUsable ? *program : nameOfFolder(folder));
   return bundle;
 }
 
@@ -101,7 +96,7 @@ std::string obstacleOf(const DesktopEntry& entry, const std::optional<std::strin
 std::optional<Bundle> desktopBundle(const std::string& path) {
   const auto text = readRegularFile(path, maximumInfoSize);
   if (!text) return std::nullopt;
-  auto entry = DesktopEntry::parse(*text, absolute(path));
+  auto entry = DesktopEntry::parse(*text, absolutePath(path));
   if (!entry) return std::nullopt;
   const std::optional<std::string> program = programFile(entry->program);
   Bundle bundle;
@@ -115,10 +110,8 @@ std::optional<Bundle> desktopBundle(const std::string& path) {
 }
 
 bool isSameFile(const std::string& one, const std::string& other) {
-  struct stat first {};
-  struct stat second {};
-  return ::stat(one.c_str(), &first) == 0 && ::stat(other.c_str(), &second) == 0 &&
-         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+  const auto first = FileIdentity::ofPath(one);
+  return first && first == FileIdentity::ofPath(other);
 }
 
 /// /proc marks a program whose file is gone; a file may also really have such a name.
@@ -140,7 +133,7 @@ std::optional<Bundle> Bundle::at(const std::string& path) {
   if (path.ends_with(desktopSuffix)) return desktopBundle(path);
   Bundle bundle;
   bundle.path = path;
-  bundle.executable = absolute(path);
+  bundle.executable = absolutePath(path);
   return bundle;
 }
 

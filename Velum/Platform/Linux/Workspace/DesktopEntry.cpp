@@ -4,17 +4,12 @@
 #include <iterator>
 #include <map>
 
+#include "Velum/Base/String.h"
+
 namespace velum {
 namespace {
 
 using Keys = std::map<std::string_view, std::string_view>;
-
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view blanks = " \t\r";
-  const auto first = text.find_first_not_of(blanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
 
 /// The keys of the main group; the first of two equal ones counts.
 Keys mainGroup(std::string_view text) {

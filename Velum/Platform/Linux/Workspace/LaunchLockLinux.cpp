@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "Velum/Base/AtFork.h"
+#include "Velum/Base/StableHash.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Directories.h"
 #include "Velum/Platform/Linux/Processes/ProcessLinux.h"
@@ -17,15 +18,6 @@ namespace velum {
 namespace {
 
 constexpr std::string_view filePrefix = "launch-";
-
-/// FNV-1a: two applications with the same value merely wait for each other.
-std::uint64_t hash(std::string_view text) {
-  std::uint64_t value = 0xcbf29ce484222325;
-  for (const char byte : text) {
-    value = (value ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
-  }
-  return value;
-}
 
 // O_NONBLOCK: whatever stands there under our name, opening it does not wait.
 UniqueFd openFile(int folder, const std::string& name, int flags) {
@@ -76,9 +68,7 @@ bool LaunchRecord::isAlive() const {
 }
 
 bool LaunchFolder::isCurrent() const noexcept {
-  struct stat status {};
-  return folder_ && generation_ == forkGeneration() && ::stat(path_.c_str(), &status) == 0 &&
-         status.st_dev == status_.st_dev && status.st_ino == status_.st_ino;
+  return folder_ && generation_ == forkGeneration() && FileIdentity::ofPath(path_) == identity_;
 }
 
 bool LaunchFolder::open() {
@@ -89,7 +79,8 @@ bool LaunchFolder::open() {
   path_ = *path;
   folder_.reset(::opendir(path_.c_str()));
   generation_ = forkGeneration();
-  if (folder_ && ::fstat(::dirfd(folder_.get()), &status_) != 0) folder_.reset();
+  if (folder_) identity_ = FileIdentity::ofFile(::dirfd(folder_.get()));
+  if (!identity_) folder_.reset();
   return folder_ != nullptr;
 }
 
@@ -113,7 +104,8 @@ UniqueFd LaunchFolder::lockFile(const std::string& key, std::string& problem) {
     problem = "There is no runtime folder for the lock of a launch";
     return {};
   }
-  const std::string name = fmt::format("{}{:016x}", filePrefix, hash(key));
+  // Two applications with the same value merely wait for each other.
+  const std::string name = fmt::format("{}{:016x}", filePrefix, stableHash<std::uint64_t>(key));
   UniqueFd file = openFile(::dirfd(folder_.get()), name, O_RDWR | O_CREAT);
   if (!file) problem = lastSystemError(fmt::format("open ({}/{})", path_, name)).what();
   return file;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <dirent.h>
-#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -10,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "Velum/Files/FileIdentity.h"
 #include "Velum/Files/FileLock.h"
 #include "Velum/Files/UniqueFd.h"
 
@@ -49,7 +49,7 @@ class LaunchFolder {
 
   std::string path_;
   std::unique_ptr<DIR, Closer> folder_;
-  struct stat status_ {};
+  std::optional<FileIdentity> identity_;  // of the folder
   unsigned generation_ = 0;  // of the process: a forked child would share our place in the folder
 };
 

@@ -11,12 +11,12 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
 #include <iterator>
 
 #include "Velum/Base/LazyValue.h"
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Files/AbsolutePath.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/Processes/ProcessLinux.h"
 #include "Velum/Platform/Linux/Processes/UserManagerLinux.h"
@@ -42,12 +42,6 @@ void leaveServiceOf(pid_t process) {
     logDebug(site("addObserver(_:forKeyPath:processOfInterest:)"), "This process stays in {}: {}",
              *own, *error);
   }
-}
-
-std::string absolute(const std::string& path) {
-  std::error_code error;
-  const std::filesystem::path result = std::filesystem::absolute(path, error);
-  return error ? path : result.native();
 }
 
 /// Why there is no application at `path`.
@@ -120,7 +114,7 @@ void WorkspaceLinux::addObserver(WorkspaceObserver& observer, std::string_view k
 
 void WorkspaceLinux::prepareToOpen(const std::string& path) {
   requireDescriptors();
-  pathToOpen_ = absolute(path);
+  pathToOpen_ = absolutePath(path);
 }
 
 /// What the kernel is asked for the first time, and code that runs for the first time, takes
@@ -155,7 +149,7 @@ void WorkspaceLinux::openApplication(const std::string& path,
                                      const OpenConfiguration& configuration,
                                      OpenCompletion completion) {
   // The new process works in another folder.
-  const std::string fullPath = absolute(path);
+  const std::string fullPath = absolutePath(path);
   std::optional<Bundle> bundle = Bundle::at(fullPath);
   if (!bundle || !bundle->obstacle.empty()) {
     const std::string error =
@@ -183,7 +177,7 @@ std::optional<pid_t> WorkspaceLinux::instanceOf(const Bundle& bundle,
 
 void WorkspaceLinux::activateFileViewer(const std::vector<std::string>& paths) {
   std::vector<std::string> fullPaths;
-  std::ranges::transform(paths, std::back_inserter(fullPaths), absolute);
+  std::ranges::transform(paths, std::back_inserter(fullPaths), absolutePath);
   constexpr std::chrono::seconds timeout(20);  // the first file manager of a session starts slowly
   if (const std::optional<std::string> error = showItems(fullPaths, timeout)) {
     logError(site("activateFileViewer"), "Can't show {}: {}", fmt::join(fullPaths, ", "), *error);

@@ -9,6 +9,7 @@
 
 #include "Velum/Base/AtFork.h"
 #include "Velum/Base/Fatal.h"
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Logger/Logger.h"
@@ -37,8 +38,8 @@ NotifyCenter& center() {
 class Listeners {
  public:
   static Listeners& shared() {
-    static Listeners& instance = *new Listeners;  // NOLINT(*-owning-memory): never destroyed
-    return instance;
+    static NeverDestroyed<Listeners> instance;
+    return *instance;
   }
 
   void set(const std::string& message, NotifyCenter::Callback callback) {
@@ -59,6 +60,8 @@ class Listeners {
   }
 
  private:
+  friend class NeverDestroyed<Listeners>;
+
   using Observer = std::unique_ptr<NotifyCenter::Observer>;
 
   Listeners() = default;
@@ -85,9 +88,8 @@ IPCDarwinMessageQueue::IPCDarwinMessageQueue()
     : queue_(DispatchQueue::serialWithThread("IPCDarwinMessageQueue.Requests")) {}
 
 IPCDarwinMessageQueue& IPCDarwinMessageQueue::shared() {
-  static IPCDarwinMessageQueue& instance =
-      *new IPCDarwinMessageQueue;  // NOLINT(*-owning-memory): never destroyed
-  return instance;
+  static NeverDestroyed<IPCDarwinMessageQueue> instance;
+  return *instance;
 }
 
 void IPCDarwinMessageQueue::async(Work work) {

@@ -19,6 +19,7 @@
 #include <string_view>
 
 #include "Velum/Base/Deadline.h"
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/AbsolutePath.h"
 #include "Velum/Files/UniqueFd.h"
@@ -36,8 +37,8 @@ constexpr char readyByte = 1;
 class HelperReaper {
  public:
   static HelperReaper& shared() {
-    static HelperReaper& instance = *new HelperReaper;  // NOLINT(*-owning-memory): never destroyed
-    return instance;
+    static NeverDestroyed<HelperReaper> instance;
+    return *instance;
   }
 
   void reapLater(pid_t helper) {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Velum/Base/Fatal.h"
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Dispatch.h"
 
@@ -76,9 +77,8 @@ void UIUtils::removeWindow(const WindowPointer& window) {
 }
 
 UIUtils& UIUtils::shared() {
-  static const auto& instance =
-      *new auto(make(WindowSystem::shared()));  // NOLINT(*-owning-memory): never destroyed
-  return *instance;
+  static NeverDestroyed<std::shared_ptr<UIUtils>> instance(make(WindowSystem::shared()));
+  return **instance;
 }
 
 std::shared_ptr<UIUtils> UIUtils::make(WindowSystem& system) {

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 
@@ -23,8 +24,8 @@ std::string filePath(const std::optional<std::string>& folder, std::string_view 
 }  // namespace
 
 Locations& Locations::shared() {
-  static Locations& instance = *new Locations;  // NOLINT: never destroyed
-  return instance;
+  static NeverDestroyed<Locations> instance;
+  return *instance;
 }
 
 const std::optional<std::string>& Locations::appGroupDirectory() {

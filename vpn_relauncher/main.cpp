@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Velum/Base/Fatal.h"
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Application.h"
 #include "Velum/Relauncher.h"
@@ -44,8 +45,7 @@ std::int32_t parsedProcessId(std::string_view text) {
 std::vector<std::string> arguments;
 std::string executablePath;
 std::int32_t parentProcessId = 0;
-std::unique_ptr<velum::TerminationListener>& listener =
-    *new std::unique_ptr<velum::TerminationListener>;  // outlives exit(3) on purpose
+velum::NeverDestroyed<std::unique_ptr<velum::TerminationListener>> listener;
 
 void setUp(int argc, char** argv) {
   velum::LogConfig::setUp(std::string(velum::relauncherSubsystem));
@@ -59,7 +59,7 @@ void setUp(int argc, char** argv) {
   executablePath = arguments[1];
   parentProcessId = parsedProcessId(arguments[2]);
   velum::logInfo(site(), "Looking for :{} {}", executablePath, parentProcessId);
-  listener = std::make_unique<velum::TerminationListener>(executablePath, parentProcessId);
+  *listener = std::make_unique<velum::TerminationListener>(executablePath, parentProcessId);
 }
 
 }  // namespace

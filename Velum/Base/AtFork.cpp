@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "Velum/Base/Fatal.h"
+#include "Velum/Base/NeverDestroyed.h"
 
 namespace velum {
 namespace {
@@ -44,8 +45,8 @@ unsigned forksBegun() noexcept {
 class ForkRegistry {
  public:
   static ForkRegistry& shared() {
-    static ForkRegistry& instance = *new ForkRegistry;  // NOLINT(*-owning-memory): never destroyed
-    return instance;
+    static NeverDestroyed<ForkRegistry> instance;
+    return *instance;
   }
 
   void add(ForkParticipant& participant) noexcept {
@@ -67,6 +68,8 @@ class ForkRegistry {
   }
 
  private:
+  friend class NeverDestroyed<ForkRegistry>;
+
   struct List {
     ForkParticipant* first = nullptr;
     ForkParticipant* last = nullptr;

@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Logger/FileLogManager.h"
 #include "Velum/Logger/Logger.h"
 
@@ -24,8 +25,8 @@ bool LogManagerProtocol::holds(const std::string& /*path*/) const {
 }
 
 LogManager& LogManager::shared() {
-  static LogManager& instance = *new LogManager;  // NOLINT(*-owning-memory): never destroyed
-  return instance;
+  static NeverDestroyed<LogManager> instance;
+  return *instance;
 }
 
 void LogManager::setLogPath(std::string logPath) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Velum/Base/AtFork.h"
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Platform/Thread.h"
 
@@ -30,8 +31,8 @@ using std::chrono::seconds;
 class LocalZone {
  public:
   static LocalZone& shared() {
-    static LocalZone& instance = *new LocalZone;  // NOLINT(*-owning-memory): never destroyed
-    return instance;
+    static NeverDestroyed<LocalZone> instance;
+    return *instance;
   }
 
   /// What is to be added to a time to have the clock on the wall.

@@ -13,6 +13,7 @@
 
 #include "Velum/Base/Fatal.h"
 #include "Velum/Base/KeepOpenSsl.h"
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Linux/Dispatch/WorkerPoolLinux.h"
 #include "Velum/Platform/Thread.h"
@@ -240,11 +241,10 @@ void URLLoaderLinux::stop() noexcept {
 }
 
 URLLoader& URLLoader::shared() {
-  static URLLoaderLinux& instance =
-      *new URLLoaderLinux;  // NOLINT(*-owning-memory): never destroyed
+  static NeverDestroyed<URLLoaderLinux> instance;
   // Called where OpenSSL is torn down all the same.
-  [[maybe_unused]] static const int isStopped = OPENSSL_atexit([] { instance.stop(); });
-  return instance;
+  [[maybe_unused]] static const int isStopped = OPENSSL_atexit([] { (*instance).stop(); });
+  return *instance;
 }
 
 }  // namespace velum

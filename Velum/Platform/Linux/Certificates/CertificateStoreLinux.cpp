@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/AbsolutePath.h"
@@ -156,8 +157,8 @@ CertificateStatus CertificateStoreLinux::setTrustSettings(
 }
 
 CertificateStore& CertificateStore::shared() {
-  static CertificateStoreLinux& instance = *new CertificateStoreLinux;  // NOLINT: never ends
-  return instance;
+  static NeverDestroyed<CertificateStoreLinux> instance;
+  return *instance;
 }
 
 std::unique_ptr<CertificateStore> CertificateStore::forRoot(const std::string& root) {

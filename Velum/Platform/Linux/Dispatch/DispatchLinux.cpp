@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "Velum/Base/Deadline.h"
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Dispatch.h"
 #include "Velum/Platform/Linux/Dispatch/DispatchQueueLinux.h"
@@ -44,8 +45,8 @@ struct MainContext {
 };
 
 PerProcess<MainContext>& mainContexts() {
-  static auto& instance = *new PerProcess<MainContext>;  // NOLINT(*-owning-memory): never destroyed
-  return instance;
+  static NeverDestroyed<PerProcess<MainContext>> instance;
+  return *instance;
 }
 
 class MainQueue final : public QueueBase {
@@ -127,8 +128,8 @@ class ThreadQueue final : public QueueBase {
 }  // namespace
 
 DispatchQueue& DispatchQueue::main() {
-  static MainQueue& instance = *new MainQueue;  // NOLINT(*-owning-memory): never destroyed
-  return instance;
+  static NeverDestroyed<MainQueue> instance;
+  return *instance;
 }
 
 bool DispatchQueue::isMain() noexcept {
@@ -139,9 +140,8 @@ bool DispatchQueue::isMain() noexcept {
 }
 
 DispatchQueue& DispatchQueue::global() {
-  static ConcurrentQueue& instance =
-      *new ConcurrentQueue("global");  // NOLINT(*-owning-memory): never destroyed
-  return instance;
+  static NeverDestroyed<ConcurrentQueue> instance("global");
+  return *instance;
 }
 
 std::shared_ptr<DispatchQueue> DispatchQueue::serial(std::string label) {

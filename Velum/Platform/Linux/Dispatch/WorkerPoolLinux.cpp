@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "Velum/Base/Deadline.h"
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Platform/ConsoleLog.h"
 #include "Velum/Platform/Linux/Dispatch/PerProcess.h"
 #include "Velum/Platform/Thread.h"
@@ -26,8 +27,8 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::seconds patience(5);
 
 PerProcess<WorkerPool>& pools() {
-  static auto& instance = *new PerProcess<WorkerPool>;  // NOLINT(*-owning-memory): never destroyed
-  return instance;
+  static NeverDestroyed<PerProcess<WorkerPool>> instance;
+  return *instance;
 }
 
 void reportLack(int error) noexcept try {

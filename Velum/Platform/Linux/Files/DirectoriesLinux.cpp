@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Platform/Directories.h"
 #include "Velum/Platform/Linux/Files/XdgFolders.h"
 
@@ -100,8 +101,8 @@ std::optional<std::string> sessionFolder() {
 }
 
 Directories& Directories::shared() {
-  static DirectoriesLinux& instance = *new DirectoriesLinux;  // NOLINT: never destroyed
-  return instance;
+  static NeverDestroyed<DirectoriesLinux> instance;
+  return *instance;
 }
 
 }  // namespace velum

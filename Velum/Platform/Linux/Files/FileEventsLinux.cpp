@@ -12,6 +12,7 @@
 #include <mutex>
 #include <utility>
 
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Linux/Files/PathWatcher.h"
@@ -34,9 +35,8 @@ std::uint32_t inotifyMask(FileEvent events) noexcept {
 }
 
 FileEventsLinux& registry() {
-  static FileEventsLinux& instance =
-      *new FileEventsLinux;  // NOLINT(*-owning-memory): never destroyed
-  return instance;
+  static NeverDestroyed<FileEventsLinux> instance;
+  return *instance;
 }
 
 class WatchLinux final : public FileEvents::Watch {

@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "Velum/Base/AtFork.h"
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/ConsoleLog.h"
@@ -59,9 +60,8 @@ std::string field(std::string_view name, std::string_view value) {
 class JournalSocket final : public ForkParticipant {
  public:
   static JournalSocket& shared() {
-    static JournalSocket& instance =
-        *new JournalSocket;  // NOLINT(*-owning-memory): never destroyed
-    return instance;
+    static NeverDestroyed<JournalSocket> instance;
+    return *instance;
   }
 
   /// False when the journal is not there, or has too much to read already.
@@ -84,6 +84,8 @@ class JournalSocket final : public ForkParticipant {
   }
 
  private:
+  friend class NeverDestroyed<JournalSocket>;
+
   JournalSocket() : ForkParticipant(Stage::leaf) {
     constexpr std::string_view path = "/run/systemd/journal/socket";
     address_.sun_family = AF_UNIX;

@@ -8,6 +8,7 @@
 #include <climits>
 #include <utility>
 
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/Processes/PipeSignalLinux.h"
@@ -70,9 +71,8 @@ class WindowSystemLinux::Tracked final : public Window {
 };
 
 WindowSystem& WindowSystem::shared() {
-  static const auto& instance =
-      *new auto(WindowSystemLinux::make());  // NOLINT(*-owning-memory): never destroyed
-  return *instance;
+  static NeverDestroyed<std::shared_ptr<WindowSystemLinux>> instance(WindowSystemLinux::make());
+  return **instance;
 }
 
 std::shared_ptr<WindowSystemLinux> WindowSystemLinux::make(std::chrono::milliseconds patience) {

@@ -5,6 +5,7 @@
 
 #include <csignal>
 
+#include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Platform/Linux/Dispatch/MainLoop.h"
 
 namespace velum {
@@ -42,8 +43,8 @@ void prepareProcess() noexcept {
 }
 
 Application& Application::shared() {
-  static Application& instance = *new ApplicationLinux;  // NOLINT(*-owning-memory): never destroyed
-  return instance;
+  static NeverDestroyed<ApplicationLinux> instance;
+  return *instance;
 }
 
 }  // namespace velum

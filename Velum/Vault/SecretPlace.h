@@ -42,7 +42,7 @@ struct SecretCall {
   /// The longest that a lock is waited for: less than that, so that its caller hears of it.
   std::chrono::nanoseconds lockLimit{0};
   /// What the service manager hands over to this process.
-  std::optional<std::string> credentialsFolder;
+  std::optional<std::string> credentialsFolder = {};
 
   /// Before a change: one that nobody waits for any more is not begun, for its caller was told
   /// that it failed. Throws SecretFailure.

@@ -108,8 +108,7 @@ std::optional<std::string> SecretServiceLinux::defaultCollection(SecretSession& 
 
 /// What an earlier version stored is marked when it is seen. Who only reads fails for no mark.
 void SecretServiceLinux::noteFound() const {
-  SecretCall call = call_;
-  call.lockLimit = {};
+  const SecretCall call{.deadline = call_.deadline};  // no time to wait for others
   try {
     markService(PrivateFolder(call_.folder.value()), call);
   } catch (const SecretFailure&) {  // NOLINT(bugprone-empty-catch): the next one does it

@@ -31,8 +31,8 @@ constexpr FileEvent operator&(FileEvent a, FileEvent b) noexcept {
   return static_cast<FileEvent>(static_cast<unsigned>(a) & static_cast<unsigned>(b));
 }
 
-/// Watches files and folders for changes (vnode sources on macOS, inotify on Linux). A watch
-/// follows the file that was at the path when it began, not the path.
+/// Watches files and folders for changes. A watch follows the file that was at the path when it
+/// began, not the path.
 ///
 /// A handler is never called twice at once; what happens until it returns is merged into its next
 /// call, so that a slow handler falls behind by one call, whatever the number of changes. The last

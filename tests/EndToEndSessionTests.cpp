@@ -7,8 +7,8 @@
 #include <sys/un.h>
 
 #include "Velum/Platform/Linux/Processes/ProcessLinux.h"
-#include "Velum/Platform/Linux/Processes/UserManagerLinux.h"
-#include "Velum/Platform/Linux/Workspace/ProcessTableLinux.h"
+#include "Velum/Platform/Linux/Processes/UserManager.h"
+#include "Velum/Platform/Linux/Workspace/ProcessTable.h"
 #include "tests/support/RelaunchTest.h"
 
 namespace velum::test {

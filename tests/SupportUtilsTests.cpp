@@ -12,7 +12,7 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Linux/Workspace/FileManagerLinux.h"
+#include "Velum/Platform/Linux/Workspace/FileManager.h"
 #include "Velum/Process.h"
 #include "Velum/SystemUtils.h"
 #include "tests/support/Environment.h"

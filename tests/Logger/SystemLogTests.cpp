@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "Velum/Logger/Handlers/OSLogHandler.h"
-#include "Velum/Platform/Linux/Workspace/OpenAttemptLinux.h"
+#include "Velum/Platform/Linux/Workspace/OpenAttempt.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/HungJournal.h"
 #include "tests/support/PrivateMounts.h"

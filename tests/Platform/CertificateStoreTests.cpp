@@ -16,7 +16,7 @@
 
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Linux/Certificates/CertificateStoreLinux.h"
-#include "Velum/Platform/Linux/Certificates/LockHolderLinux.h"
+#include "Velum/Platform/Linux/Certificates/LockHolder.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"

@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "Velum/Platform/Linux/CodeIdentity/CodeRefusedLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/CodeRefused.h"
 #include "tests/Platform/CodeIdentityTest.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Inspection.h"

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "Velum/Platform/CodeIdentity.h"
-#include "Velum/Platform/Linux/CodeIdentity/PinnedProgramLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/PinnedProgram.h"
 #include "tests/support/CodeSigning.h"
 #include "tests/support/Processes.h"
 #include "tests/support/TemporaryFolder.h"

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "Velum/Platform/Linux/Processes/ControlGroupLinux.h"
+#include "Velum/Platform/Linux/Processes/ControlGroup.h"
 #include "Velum/Platform/Linux/Processes/ProcessLinux.h"
 #include "tests/support/Processes.h"
 

@@ -2,7 +2,7 @@
 
 #include "Velum/Base/String.h"
 #include "Velum/Platform/CertificateStore.h"
-#include "Velum/Platform/Linux/Certificates/CertificatePlaceLinux.h"
+#include "Velum/Platform/Linux/Certificates/CertificatePlace.h"
 #include "tests/fuzz/FuzzTarget.h"
 
 namespace velum::fuzz {

@@ -1,12 +1,12 @@
 // What reads a program's signature, and judges who made it: anybody may put anything there.
 
-#include "Velum/Platform/Linux/CodeIdentity/CodeSignatureLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/CodeSignature.h"
 
 #include <openssl/pem.h>
 
 #include <array>
 
-#include "Velum/Platform/Linux/CodeIdentity/CodeRefusedLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/CodeRefused.h"
 #include "tests/fuzz/FuzzTarget.h"
 
 namespace velum::fuzz {

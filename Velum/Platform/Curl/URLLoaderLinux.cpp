@@ -15,7 +15,7 @@
 #include "Velum/Base/KeepOpenSsl.h"
 #include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Base/SystemError.h"
-#include "Velum/Platform/Linux/Dispatch/WorkerPoolLinux.h"
+#include "Velum/Platform/Linux/Dispatch/WorkerPool.h"
 #include "Velum/Platform/Thread.h"
 
 namespace velum {

@@ -12,7 +12,7 @@
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/AbsolutePath.h"
-#include "Velum/Platform/Linux/Certificates/CertificatePlaceLinux.h"
+#include "Velum/Platform/Linux/Certificates/CertificatePlace.h"
 #include "Velum/Platform/Linux/Certificates/NssDatabase.h"
 #include "Velum/Platform/Linux/Files/XdgFolders.h"
 

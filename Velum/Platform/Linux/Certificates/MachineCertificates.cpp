@@ -26,7 +26,7 @@
 #include "Velum/Logger/DeferredLog.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/ChildIo.h"
-#include "Velum/Platform/Linux/Certificates/CertificatePlaceLinux.h"
+#include "Velum/Platform/Linux/Certificates/CertificatePlace.h"
 #include "Velum/Platform/Tool.h"
 
 namespace velum {

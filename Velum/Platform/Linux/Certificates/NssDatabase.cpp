@@ -27,7 +27,7 @@
 #include "Velum/Concurrency/UnfairLock.h"
 #include "Velum/Files/LockedFile.h"
 #include "Velum/Files/UniqueFd.h"
-#include "Velum/Platform/Linux/Certificates/CertificatePlaceLinux.h"
+#include "Velum/Platform/Linux/Certificates/CertificatePlace.h"
 
 namespace velum {
 namespace {

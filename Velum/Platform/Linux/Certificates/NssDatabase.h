@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "Velum/Platform/CertificateStore.h"
-#include "Velum/Platform/Linux/Certificates/TrustLinux.h"
+#include "Velum/Platform/Linux/Certificates/Trust.h"
 
 namespace velum {
 

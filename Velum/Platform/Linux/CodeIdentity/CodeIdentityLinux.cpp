@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "Velum/Base/LazyValue.h"
-#include "Velum/Platform/Linux/CodeIdentity/CodeRefusedLinux.h"
-#include "Velum/Platform/Linux/CodeIdentity/CodeSignatureLinux.h"
-#include "Velum/Platform/Linux/CodeIdentity/PinnedProgramLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/CodeRefused.h"
+#include "Velum/Platform/Linux/CodeIdentity/CodeSignature.h"
+#include "Velum/Platform/Linux/CodeIdentity/PinnedProgram.h"
 
 namespace velum {
 namespace {

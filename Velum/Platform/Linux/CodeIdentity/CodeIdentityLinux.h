@@ -3,7 +3,7 @@
 #include <string>
 
 #include "Velum/Platform/CodeIdentity.h"
-#include "Velum/Platform/Linux/CodeIdentity/SigningRootsLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/SigningRoots.h"
 
 namespace velum {
 

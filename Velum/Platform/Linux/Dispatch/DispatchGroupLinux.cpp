@@ -7,7 +7,7 @@
 #include "Velum/Base/Deadline.h"
 #include "Velum/Base/Fatal.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/Platform/Linux/Dispatch/WorkerPoolLinux.h"
+#include "Velum/Platform/Linux/Dispatch/WorkerPool.h"
 #include "Velum/Platform/Thread.h"
 
 namespace velum {

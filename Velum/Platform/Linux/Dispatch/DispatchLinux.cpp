@@ -14,7 +14,7 @@
 #include "Velum/Platform/Linux/Dispatch/DispatchQueueLinux.h"
 #include "Velum/Platform/Linux/Dispatch/MainLoop.h"
 #include "Velum/Platform/Linux/Dispatch/PerProcess.h"
-#include "Velum/Platform/Linux/Dispatch/WorkerPoolLinux.h"
+#include "Velum/Platform/Linux/Dispatch/WorkerPool.h"
 #include "Velum/Platform/Thread.h"
 
 namespace velum {

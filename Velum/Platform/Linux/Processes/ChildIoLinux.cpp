@@ -13,7 +13,7 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/Platform/ChildIo.h"
-#include "Velum/Platform/Linux/Processes/PipeSignalLinux.h"
+#include "Velum/Platform/Linux/Processes/PipeSignal.h"
 
 namespace velum {
 namespace {

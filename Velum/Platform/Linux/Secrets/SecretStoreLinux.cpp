@@ -11,7 +11,7 @@
 #include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/Files/XdgFolders.h"
-#include "Velum/Platform/Linux/Processes/UserBusLinux.h"
+#include "Velum/Platform/Linux/Processes/UserBus.h"
 #include "Velum/Platform/Linux/Secrets/SecretChoiceLinux.h"
 #include "Velum/Platform/Linux/Secrets/SecretServiceLinux.h"
 #include "Velum/Platform/Linux/Secrets/SecretWorkersLinux.h"

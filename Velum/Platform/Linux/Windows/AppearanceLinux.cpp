@@ -13,7 +13,7 @@
 #include "Velum/Files/ReadFile.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/Files/XdgFolders.h"
-#include "Velum/Platform/Linux/Processes/UserBusLinux.h"
+#include "Velum/Platform/Linux/Processes/UserBus.h"
 
 namespace velum {
 namespace {

@@ -11,7 +11,7 @@
 #include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Linux/Processes/PipeSignalLinux.h"
+#include "Velum/Platform/Linux/Processes/PipeSignal.h"
 #include "Velum/Platform/Linux/Windows/AppearanceLinux.h"
 #include "Velum/Platform/Thread.h"
 

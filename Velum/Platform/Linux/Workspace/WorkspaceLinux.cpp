@@ -19,9 +19,9 @@
 #include "Velum/Files/AbsolutePath.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/Processes/ProcessLinux.h"
-#include "Velum/Platform/Linux/Processes/UserManagerLinux.h"
-#include "Velum/Platform/Linux/Workspace/FileManagerLinux.h"
-#include "Velum/Platform/Linux/Workspace/OpenAttemptLinux.h"
+#include "Velum/Platform/Linux/Processes/UserManager.h"
+#include "Velum/Platform/Linux/Workspace/FileManager.h"
+#include "Velum/Platform/Linux/Workspace/OpenAttempt.h"
 
 namespace velum {
 namespace {

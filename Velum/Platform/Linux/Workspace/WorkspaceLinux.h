@@ -11,8 +11,8 @@
 
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/Platform/Linux/Workspace/OpenAttemptLinux.h"
-#include "Velum/Platform/Linux/Workspace/ProcessTableLinux.h"
+#include "Velum/Platform/Linux/Workspace/OpenAttempt.h"
+#include "Velum/Platform/Linux/Workspace/ProcessTable.h"
 #include "Velum/Platform/Workspace.h"
 
 namespace velum {

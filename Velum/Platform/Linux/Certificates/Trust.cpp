@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Certificates/TrustLinux.h"
+#include "Velum/Platform/Linux/Certificates/Trust.h"
 
 #include <algorithm>
 #include <string>

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/CodeIdentity/PinnedProgramLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/PinnedProgram.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -19,7 +19,7 @@
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/FileIdentity.h"
 #include "Velum/Files/ReadFile.h"
-#include "Velum/Platform/Linux/CodeIdentity/CodeRefusedLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/CodeRefused.h"
 
 namespace velum {
 namespace {

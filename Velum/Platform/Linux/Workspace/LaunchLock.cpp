@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Workspace/LaunchLockLinux.h"
+#include "Velum/Platform/Linux/Workspace/LaunchLock.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>

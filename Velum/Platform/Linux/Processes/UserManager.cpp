@@ -1,10 +1,10 @@
-#include "Velum/Platform/Linux/Processes/UserManagerLinux.h"
+#include "Velum/Platform/Linux/Processes/UserManager.h"
 
 #include <cerrno>
 #include <cstdint>
 
 #include "Velum/Base/SystemError.h"
-#include "Velum/Platform/Linux/Processes/UserBusLinux.h"
+#include "Velum/Platform/Linux/Processes/UserBus.h"
 
 namespace velum {
 namespace {

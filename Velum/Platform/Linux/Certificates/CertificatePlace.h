@@ -9,7 +9,7 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/Platform/CertificateStore.h"
-#include "Velum/Platform/Linux/Certificates/LockHolderLinux.h"
+#include "Velum/Platform/Linux/Certificates/LockHolder.h"
 
 namespace velum {
 

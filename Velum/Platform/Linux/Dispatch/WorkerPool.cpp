@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Dispatch/WorkerPoolLinux.h"
+#include "Velum/Platform/Linux/Dispatch/WorkerPool.h"
 
 #include <pthread.h>
 

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/CodeIdentity/SigningRootsLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/SigningRoots.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -19,7 +19,7 @@
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/ReadFile.h"
 #include "Velum/Files/UniqueFd.h"
-#include "Velum/Platform/Linux/CodeIdentity/CodeRefusedLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/CodeRefused.h"
 
 namespace velum {
 namespace {

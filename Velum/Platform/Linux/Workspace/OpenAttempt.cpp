@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Workspace/OpenAttemptLinux.h"
+#include "Velum/Platform/Linux/Workspace/OpenAttempt.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -20,10 +20,10 @@
 #include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/ChildIo.h"
-#include "Velum/Platform/Linux/Processes/ControlGroupLinux.h"
+#include "Velum/Platform/Linux/Processes/ControlGroup.h"
 #include "Velum/Platform/Linux/Processes/ProcessLinux.h"
-#include "Velum/Platform/Linux/Processes/UserBusLinux.h"
-#include "Velum/Platform/Linux/Processes/UserManagerLinux.h"
+#include "Velum/Platform/Linux/Processes/UserBus.h"
+#include "Velum/Platform/Linux/Processes/UserManager.h"
 #include "Velum/Platform/Spawn.h"
 
 namespace velum {

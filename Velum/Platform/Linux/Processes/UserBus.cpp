@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Processes/UserBusLinux.h"
+#include "Velum/Platform/Linux/Processes/UserBus.h"
 
 #include <fmt/format.h>
 #include <sys/stat.h>

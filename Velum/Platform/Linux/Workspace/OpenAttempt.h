@@ -12,8 +12,8 @@
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/Platform/Linux/Processes/UserManagerLinux.h"
-#include "Velum/Platform/Linux/Workspace/LaunchLockLinux.h"
+#include "Velum/Platform/Linux/Processes/UserManager.h"
+#include "Velum/Platform/Linux/Workspace/LaunchLock.h"
 #include "Velum/Platform/Workspace.h"
 
 namespace velum {

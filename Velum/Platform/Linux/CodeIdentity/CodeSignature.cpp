@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/CodeIdentity/CodeSignatureLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/CodeSignature.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -10,7 +10,7 @@
 #include <new>
 
 #include "Velum/Base/KeepOpenSsl.h"
-#include "Velum/Platform/Linux/CodeIdentity/CodeRefusedLinux.h"
+#include "Velum/Platform/Linux/CodeIdentity/CodeRefused.h"
 
 namespace velum {
 namespace {

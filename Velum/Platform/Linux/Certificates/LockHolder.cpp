@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Certificates/LockHolderLinux.h"
+#include "Velum/Platform/Linux/Certificates/LockHolder.h"
 
 #include <fmt/format.h>
 #include <sys/stat.h>

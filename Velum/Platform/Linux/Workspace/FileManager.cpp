@@ -1,7 +1,7 @@
-#include "Velum/Platform/Linux/Workspace/FileManagerLinux.h"
+#include "Velum/Platform/Linux/Workspace/FileManager.h"
 
 #include "Velum/Base/SystemError.h"
-#include "Velum/Platform/Linux/Processes/UserBusLinux.h"
+#include "Velum/Platform/Linux/Processes/UserBus.h"
 
 namespace velum {
 namespace {

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "Velum/Platform/Bundle.h"
-#include "Velum/Platform/Linux/Processes/ControlGroupLinux.h"
+#include "Velum/Platform/Linux/Processes/ControlGroup.h"
 #include "Velum/Platform/Linux/Processes/ProcessLinux.h"
-#include "Velum/Platform/Linux/Workspace/LaunchLockLinux.h"
+#include "Velum/Platform/Linux/Workspace/LaunchLock.h"
 
 namespace velum {
 

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Workspace/ProcessTableLinux.h"
+#include "Velum/Platform/Linux/Workspace/ProcessTable.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Processes/ControlGroupLinux.h"
+#include "Velum/Platform/Linux/Processes/ControlGroup.h"
 
 #include <dirent.h>
 #include <fcntl.h>

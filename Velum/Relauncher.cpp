@@ -21,6 +21,7 @@
 #include "Velum/Base/Deadline.h"
 #include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Base/Termination.h"
 #include "Velum/Files/AbsolutePath.h"
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/ChildIo.h"
@@ -82,8 +83,7 @@ std::string endHelper(pid_t helper) {
   ::kill(helper, SIGKILL);  // it may have ended by itself, which then stands in its status
   int status = 0;
   if (retryInterrupted([&] { return ::waitpid(helper, &status, 0); }) != helper) return "ended";
-  return WIFSIGNALED(status) ? fmt::format("was ended by signal {}", WTERMSIG(status))
-                             : fmt::format("ended with status {}", WEXITSTATUS(status));
+  return Termination::ofWaitStatus(status).text();
 }
 
 /// The descriptor named by the variable, when a byte can be written to it.

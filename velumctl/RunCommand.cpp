@@ -33,11 +33,10 @@ struct RunCommandOptions {
   bool json = false;
 };
 
-void check(const std::string& path, int status, bool isSignal) {
-  if (isSignal) throw Failure(fmt::format("{} was ended by signal {}", path, status));
-  if (status != 0) {
-    throw Failure(fmt::format("{} ended with status {}; see its output", path, status));
-  }
+void check(const std::string& path, const velum::Termination& end) {
+  if (end == velum::Termination{}) return;
+  const bool isExit = end.reason == velum::Termination::Reason::exit;
+  throw Failure(fmt::format("{} {}{}", path, end.text(), isExit ? "; see its output" : ""));
 }
 
 // Prints the records of the run as they are logged, until that fails or a signal comes.
@@ -92,8 +91,7 @@ void runLogged(const std::string& path, velum::RunOptions options) {
   // NOLINTNEXTLINE(cert-err*,misc-throw-by-value-catch-by-reference): the one that was caught
   if (printed->error()) throw *printed->error();
   if (!process) throw Failure(fmt::format("{} can't be started; the line above says why", path));
-  const velum::Termination end = process->waitUntilExit();
-  check(path, end.status, end.reason == velum::Termination::Reason::uncaughtSignal);
+  check(path, process->waitUntilExit());
 }
 
 velum::CliResult collected(const std::string& path, const velum::RunOptions& options) {
@@ -116,7 +114,8 @@ void runCollected(const std::string& path, const velum::RunOptions& options) {
   object[result.isSignal ? "signal" : "status"] = result.status;
   object["output"] = velum::repairedUtf8(result.output ? result.output->view() : "");
   std::cout << object.dump() << '\n';
-  check(path, result.status, result.isSignal);
+  using Reason = velum::Termination::Reason;
+  check(path, {result.status, result.isSignal ? Reason::uncaughtSignal : Reason::exit});
 }
 
 void run(const RunCommandOptions& given) {

@@ -126,9 +126,7 @@ void runOnChange(const std::string& tool, const std::vector<std::string>& comman
   }
   const auto end = velum::Termination::ofWaitStatus(velum::reapChild(pid));
   if (end == velum::Termination{} || Interruption::isAsked()) return;
-  const bool isSignal = end.reason == velum::Termination::Reason::uncaughtSignal;
-  std::cerr << fmt::format("velumctl: {} {} {}\n", tool,
-                           isSignal ? "was ended by signal" : "ended with status", end.status);
+  std::cerr << fmt::format("velumctl: {} {}\n", tool, end.text());
 }
 
 void startWatch(const WatchOptions& options, velum::DirectoryMonitor& monitor) {

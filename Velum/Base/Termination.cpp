@@ -9,4 +9,9 @@ Termination Termination::ofWaitStatus(int waitStatus) noexcept {
   return {WEXITSTATUS(waitStatus), Reason::exit};
 }
 
+std::string Termination::text() const {
+  return (reason == Reason::exit ? "ended with status " : "was ended by signal ") +
+         std::to_string(status);
+}
+
 }  // namespace velum

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace velum {
 
@@ -13,6 +14,8 @@ struct Termination {
 
   /// From what wait(2) told.
   static Termination ofWaitStatus(int waitStatus) noexcept;
+  /// "ended with status 3", "was ended by signal 9".
+  std::string text() const;
   bool operator==(const Termination&) const = default;
 };
 

@@ -235,7 +235,7 @@ TEST_F(WorkspaceTest, SaysWhyAnApplicationDidNotOpen) {
   EXPECT_EQ(errorOf(bundle_), "") << "a launcher that hands over is a success";
   ::unsetenv("SAMPLE_APP_EXIT");
   ::setenv("SAMPLE_APP_SIGNAL", "11", 1);
-  EXPECT_THAT(errorOf(bundle_), HasSubstr("was killed by signal 11 (Segmentation fault)"));
+  EXPECT_THAT(errorOf(bundle_), HasSubstr("was ended by signal 11 (Segmentation fault)"));
   std::filesystem::permissions(program(), std::filesystem::perms::owner_read);
   EXPECT_EQ(errorOf(bundle_), program() + ": Permission denied");
   std::filesystem::remove(program());

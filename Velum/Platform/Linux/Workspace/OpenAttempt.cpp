@@ -18,6 +18,7 @@
 #include "Velum/Base/Deadline.h"
 #include "Velum/Base/String.h"
 #include "Velum/Base/SystemError.h"
+#include "Velum/Base/Termination.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Linux/Processes/ControlGroup.h"
@@ -91,13 +92,11 @@ std::vector<std::string> environmentFor(const Bundle& bundle) {
 
 /// Why a process ended, when that was not in order.
 std::optional<std::string> failureOf(int status) {
-  if (WIFSIGNALED(status)) {
-    const int number = WTERMSIG(status);
-    const char* const name = ::sigdescr_np(number);
-    return fmt::format("was killed by signal {} ({})", number, name != nullptr ? name : "unknown");
-  }
-  if (WEXITSTATUS(status) == 0) return std::nullopt;
-  return fmt::format("ended with status {}", WEXITSTATUS(status));
+  const Termination end = Termination::ofWaitStatus(status);
+  if (end == Termination{}) return std::nullopt;
+  if (end.reason == Termination::Reason::exit) return end.text();
+  const char* const name = ::sigdescr_np(end.status);
+  return fmt::format("{} ({})", end.text(), name != nullptr ? name : "unknown");
 }
 
 }  // namespace

@@ -1,54 +1,71 @@
 #pragma once
 
-#include <algorithm>
 #include <cmath>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
-#include <string_view>
+#include <type_traits>
+#include <utility>
 
 #include "Velum/Base/SecretBytes.h"
+#include "Velum/Json/JsonString.h"
 
 namespace velum {
 
 /// Text that leaves no copy in freed memory.
 using SecretText = std::basic_string<char, std::char_traits<char>, WipingAllocator<char>>;
 
-/// How the platform's own encoder writes a slash in a string. JSON allows it unescaped as well.
-inline constexpr std::string_view escapedJsonSlash = "\\/";
-
 namespace detail {
-inline void requireFiniteNumbers(const nlohmann::json& value) {
-  if (value.is_number_float() && !std::isfinite(value.get<double>())) {
-    throw std::domain_error("a number is not finite");
-  }
-  if (!value.is_structured()) return;
-  for (const auto& element : value) requireFiniteNumbers(element);
+
+template <class Text>
+void appendJsonElement(Text& out, const std::string& text) {
+  // The library's own error for it, which has no public constructor.
+  if (!appendJsonString(out, text)) static_cast<void>(nlohmann::json("\xFF").dump());
 }
+
+template <class Text>
+void appendJsonElement(Text& out, const nlohmann::json& value) {
+  auto separate = [&out, isFirst = true]() mutable {
+    if (!std::exchange(isFirst, false)) out.push_back(',');
+  };
+  if (const auto* text = value.get_ptr<const std::string*>()) {
+    appendJsonElement(out, *text);
+  } else if (const auto* array = value.get_ptr<const nlohmann::json::array_t*>()) {
+    out.push_back('[');
+    for (const auto& element : *array) {
+      separate();
+      appendJsonElement(out, element);
+    }
+    out.push_back(']');
+  } else if (const auto* object = value.get_ptr<const nlohmann::json::object_t*>()) {
+    out.push_back('{');
+    for (const auto& [key, element] : *object) {
+      separate();
+      appendJsonElement(out, key);
+      out.push_back(':');
+      appendJsonElement(out, element);
+    }
+    out.push_back('}');
+  } else {
+    if (value.is_number_float() && !std::isfinite(value.get<double>())) {
+      throw std::domain_error("a number is not finite");  // the library would write null
+    }
+    std::string scalar = value.dump();
+    out.append(scalar);
+    if constexpr (!std::is_same_v<Text, std::string>) wipe(scalar);  // else `out` shows it too
+  }
+}
+
 }  // namespace detail
 
-/// The value as JSON in the form that the platform's own encoder writes and others compare byte by
-/// byte: no spaces, every slash as "\/", other text unescaped UTF-8. Throws when JSON can't
-/// express it: text that is no UTF-8, numbers that are not finite.
+/// The value as JSON without blanks, its texts in the form of appendJsonString. Throws when JSON
+/// can't express it: text that is no UTF-8, numbers that are not finite.
 template <class Text = std::string>
 Text jsonText(const nlohmann::json& value) {
-  detail::requireFiniteNumbers(value);  // the library would write null
-  constexpr std::size_t onHeap = 64;    // short texts would lie in the object, which nothing wipes
-  Text plain;
-  plain.reserve(onHeap);
-  // What dump() does, but into any kind of text.
-  nlohmann::detail::serializer<nlohmann::json>(nlohmann::detail::output_adapter<char, Text>(plain),
-                                               ' ')
-      .dump(value, false, false, 0);
+  constexpr std::size_t onHeap = 64;  // short texts would lie in the object, which nothing wipes
   Text text;
-  text.reserve(std::max(plain.size(), onHeap));
-  for (const char unit : plain) {
-    if (unit == '/') {  // stands in strings only
-      text.append(escapedJsonSlash);
-    } else {
-      text.push_back(unit);
-    }
-  }
+  text.reserve(onHeap);
+  detail::appendJsonElement(text, value);
   return text;
 }
 

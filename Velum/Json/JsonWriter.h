@@ -9,13 +9,10 @@
 
 namespace velum {
 
-/// Appends `text` as a JSON string, in the form of jsonText. False when it is no UTF-8; then
-/// nothing is appended.
-bool appendJsonString(std::string& out, std::string_view text);
-
 /// Writes one JSON object straight into a text, its members in the order of the calls, without
-/// blanks, in the form of jsonText. For records with known keys, which need no tree of values.
-/// Throws std::invalid_argument for a text that is no UTF-8; what is in the text then is of no use.
+/// blanks, its texts in the form of appendJsonString. For records with known keys, which need no
+/// tree of values. Throws std::invalid_argument for a text that is no UTF-8; what is in the text
+/// then is of no use.
 class JsonObjectWriter {
  public:
   explicit JsonObjectWriter(std::string& out) : out_(out) { out_.push_back('{'); }

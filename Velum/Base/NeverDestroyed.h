@@ -12,7 +12,7 @@ template <class Value>
 class NeverDestroyed {
  public:
   template <class... Arguments>
-  explicit NeverDestroyed(Arguments&&... arguments) {
+  explicit NeverDestroyed(Arguments&&... arguments) {  // NOLINT(*-member-init): just below
     ::new (&memory_) Value(std::forward<Arguments>(arguments)...);
   }
   NeverDestroyed(const NeverDestroyed&) = delete;

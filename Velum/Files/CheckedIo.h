@@ -9,11 +9,9 @@
 
 #include "Velum/Files/UniqueFd.h"
 
-namespace velum {
-
 /// System calls that throw SystemError with the message "caller: call (arguments)". Interrupted
 /// calls are repeated. `caller` is the calling routine's full name.
-namespace checked {
+namespace velum::checked {
 
 /// open(2), always with O_CLOEXEC.
 UniqueFd open(const std::string& path, int flags, mode_t mode, std::string_view caller);
@@ -29,6 +27,4 @@ std::int64_t lseek(int fd, std::int64_t offset, int whence, std::string_view cal
 /// The size in bytes of the file at `path`.
 std::int64_t fileSize(const std::string& path, std::string_view caller);
 
-}  // namespace checked
-
-}  // namespace velum
+}  // namespace velum::checked

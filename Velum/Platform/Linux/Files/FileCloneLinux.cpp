@@ -72,9 +72,9 @@ class Replacement {
     const std::string temporary = folder_ + TemporaryFile::anyName(name_);
     if (!giveName(temporary)) throw lastSystemError("link");
     if (::rename(temporary.c_str(), target_.c_str()) == 0) return;
-    const SystemError error = lastSystemError("rename");
+    const int error = errno;
     ::unlink(temporary.c_str());
-    throw error;
+    throw SystemError(error, "rename");
   }
 
   static constexpr mode_t ownerOnly = 0600;

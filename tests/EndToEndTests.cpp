@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -25,7 +26,8 @@ TEST_F(EndToEnd, OpensTheApplicationAgainAfterItQuit) {
   EXPECT_EQ(next().name, "quit");
   const Event started = next();
   EXPECT_EQ(started.name, "started");
-  EXPECT_EQ(started.parent, helper);
+  // Nothing stands between them. (One that starts slowly outlives the helper, and we adopt it.)
+  EXPECT_TRUE(started.parent == helper || started.parent == ::getpid()) << started.parent;
   EXPECT_EQ(exitStatus(helper), 0);
   EXPECT_FALSE(hasEnded(started.pid, std::chrono::milliseconds(0))) << "it outlives the helper";
 
@@ -70,7 +72,8 @@ TEST_F(EndToEnd, AnApplicationMayDieOnceItsHelperIsArmed) {
   EXPECT_EQ(exitStatus(application), 128 + SIGKILL);
   pid_t helper = 0;
   ASSERT_EQ(::read(pipe.reader.get(), &helper, sizeof helper), ssize_t{sizeof helper});
-  EXPECT_EQ(next().parent, helper);
+  const pid_t parent = next().parent;
+  EXPECT_TRUE(parent == helper || parent == ::getpid()) << parent;
   EXPECT_EQ(exitStatus(helper), 0);
 }
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "Velum/Platform/Linux/CodeIdentity/CodeRefused.h"
-#include "tests/Platform/CodeIdentityTest.h"
+#include "tests/Platform/Linux/CodeIdentityTest.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Inspection.h"
 #include "tests/support/PrivateMounts.h"

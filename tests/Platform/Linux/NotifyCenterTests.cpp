@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/Platform/NotifyCenterTest.h"
+#include "tests/Platform/Linux/NotifyCenterTest.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Inspection.h"
 #include "tests/support/Waiting.h"

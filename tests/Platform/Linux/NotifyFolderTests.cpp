@@ -20,7 +20,7 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
-#include "tests/Platform/NotifyCenterTest.h"
+#include "tests/Platform/Linux/NotifyCenterTest.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Inspection.h"
 #include "tests/support/RecordingLogHandler.h"

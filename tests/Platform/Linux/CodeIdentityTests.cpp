@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "tests/Platform/CodeIdentityTest.h"
+#include "tests/Platform/Linux/CodeIdentityTest.h"
 
 namespace velum::test {
 namespace {

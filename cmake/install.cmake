@@ -15,8 +15,31 @@ if(TARGET velumctl)
   install(FILES velumctl/completions/_velumctl
     DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 endif()
-install(DIRECTORY Velum DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-  FILES_MATCHING PATTERN "*.h" PATTERN Linux EXCLUDE PATTERN Curl EXCLUDE)
+
+# What applications may include: the services, the Logger, and what these headers stand on. (A test
+# compiles each of the installed ones alone.) The rest may change without asking anybody.
+set(headers_of_. AES CertUtils DirectoryMonitor FileUtils IPCDarwinMessage KeyChain KeyChainData
+  KeyChainStorage KeychainSearch KeyStorage KeyStorageProtocol Process Relauncher SecureDefaults
+  SecureStorage SupportUtils SystemInfo SystemUtils Telemetry UIUtils URLSession)
+set(headers_of_Base AtFork ByteBuffer ByteView Fatal LazyValue ProcessFlag Progress RawValue
+  SecretBytes String SystemError Termination)
+set(headers_of_Concurrency ForkSafeLock SyncAsync ThreadLocal UnfairLock)
+set(headers_of_Files AtomicFile FileIdentity FileStamp UniqueFd)
+set(headers_of_HTTP BodySource HTTPHeaders URLError URLRequest URLResponse)
+set(headers_of_Json Json JsonString)
+set(headers_of_Logger FileLogManager LogHandler Logger LogLevel LogManager LogRecord LogSaving
+  LogSearch LogSplitter)
+set(headers_of_Logger/Handlers FileLogHandler NSLogHandler OSLogHandler StdoutLogHandler)
+set(headers_of_Platform CertificateStore ChildIo CodeIdentity Dispatch FileEvents HardwareRegistry
+  Keychains NotifyCenter SecretStatus SecretStore Spawn SystemLog Thread Tool URLLoader UserDefaults
+  WindowSystem Workspace)
+set(headers_of_PropertyList PropertyList)
+set(headers_of_Sealing StorageError)
+foreach(folder . Base Concurrency Files HTTP Json Logger Logger/Handlers Platform PropertyList
+    Sealing)
+  list(TRANSFORM headers_of_${folder} REPLACE ".+" "Velum/${folder}/\\0.h" OUTPUT_VARIABLE paths)
+  install(FILES ${paths} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Velum/${folder})
+endforeach()
 
 # Below lib whatever the libraries' folder is called: there systemd-tmpfiles looks.
 install(FILES packaging/velum.conf DESTINATION lib/tmpfiles.d)

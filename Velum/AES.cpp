@@ -10,7 +10,7 @@ namespace {
 
 using detail::CipherContext;
 
-const EVP_CIPHER* cipher(std::size_t keySize) {
+const EVP_CIPHER* fetched(std::size_t keySize) {
   static constinit detail::FetchedCipher aes128("AES-128-CBC");
   static constinit detail::FetchedCipher aes192("AES-192-CBC");
   static constinit detail::FetchedCipher aes256("AES-256-CBC");
@@ -24,6 +24,12 @@ const EVP_CIPHER* cipher(std::size_t keySize) {
     default:
       throw AESError("Invalid key length", static_cast<std::int64_t>(keySize));
   }
+}
+
+const EVP_CIPHER* cipher(std::size_t keySize) {
+  const EVP_CIPHER* const known = fetched(keySize);
+  if (known == nullptr) throw AESError("Cipher not available", AESError::memoryFailure);
+  return known;
 }
 
 constexpr std::array<std::uint8_t, AES::blockSize> noVector{};

@@ -48,7 +48,7 @@ class AES {
  public:
   static constexpr std::size_t blockSize = 16;
 
-  /// Throws AESError for a key of another length.
+  /// Throws AESError for a key of another length, and where the system has no such cipher.
   explicit AES(ByteView key);
   AES(AES&&) noexcept;
   AES& operator=(AES&&) noexcept;

@@ -4,10 +4,8 @@
 
 #include <algorithm>
 #include <new>
-#include <string>
 
 #include "Velum/Base/AtFork.h"
-#include "Velum/Base/Fatal.h"
 #include "Velum/Base/KeepOpenSsl.h"
 
 namespace velum::detail {
@@ -69,7 +67,7 @@ bool CipherContext::update(ByteView in, std::uint8_t* out, std::size_t& written)
 const EVP_CIPHER* FetchedCipher::get() {
   if (const EVP_CIPHER* const known = cipher_.load(std::memory_order_acquire)) return known;
   EVP_CIPHER* const fresh = EVP_CIPHER_fetch(nullptr, name_, nullptr);
-  if (fresh == nullptr) fatal("The cryptographic library has no " + std::string(name_));
+  if (fresh == nullptr) return nullptr;
   const EVP_CIPHER* first = nullptr;
   if (cipher_.compare_exchange_strong(first, fresh, std::memory_order_acq_rel)) return fresh;
   EVP_CIPHER_free(fresh);  // another thread was faster

@@ -66,7 +66,7 @@ class FetchedCipher {
   /// `name` must live as long.
   constexpr explicit FetchedCipher(const char* name) noexcept : name_(name) {}
 
-  /// Stops the process when the library does not have it.
+  /// Null when the library has none, or no memory for it.
   const EVP_CIPHER* get();
 
  private:

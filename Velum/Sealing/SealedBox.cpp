@@ -16,7 +16,9 @@ using detail::CipherContext;
 std::unique_ptr<CipherContext> context(CipherContext::Direction direction, ByteView key) {
   static constinit detail::FetchedCipher cipher("AES-256-GCM");
   if (key.size() != SealedBox::keySize) throw StorageError("incorrectKeySize");
-  return std::make_unique<CipherContext>(cipher.get(), direction, key, nullptr);
+  const EVP_CIPHER* const known = cipher.get();
+  if (known == nullptr) throw StorageUnavailable("The cryptographic library has no AES-256-GCM");
+  return std::make_unique<CipherContext>(known, direction, key, nullptr);
 }
 
 }  // namespace
@@ -67,8 +69,10 @@ void SealedBox::open(ByteView box, std::span<std::uint8_t> plain) {
   const auto ciphertext = box.subspan(nonceSize, plain.size());
   std::size_t written = 0;
   int rest = 0;
-  if (!decryption_->restart(box.data()) || !decryption_->authenticate(along_) ||
-      !decryption_->update(ciphertext, plain.data(), written) ||
+  if (!decryption_->restart(box.data()) || !decryption_->authenticate(along_)) {
+    throw StorageUnavailable("The content could not be opened");
+  }
+  if (!decryption_->update(ciphertext, plain.data(), written) ||
       EVP_CIPHER_CTX_ctrl(decryption_->get(), EVP_CTRL_AEAD_SET_TAG, tagSize, tag.data()) != 1 ||
       EVP_DecryptFinal_ex(decryption_->get(), tag.data(), &rest) != 1) {
     wipe(plain.data(), plain.size());

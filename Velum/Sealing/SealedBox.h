@@ -20,7 +20,8 @@ class RandomPool;
 /// change is noticed. A sealed box is a random nonce of 12 bytes, the ciphertext, as long as the
 /// plaintext, and a tag of 16 bytes. What is authenticated along stands elsewhere, such as a file's
 /// mark: a box opens with the same bytes only. An object is for one thread at a time; key material
-/// is wiped with it. Failures throw StorageError.
+/// is wiped with it. Failures throw StorageError; those that tell nothing of the box,
+/// StorageUnavailable.
 class SealedBox {
  public:
   static constexpr std::size_t keySize = 32;

@@ -26,9 +26,9 @@ SecretBytes checkedKey(SecretBytes key, const std::string& path) {
   return key;
 }
 
-/// Neither a key nor a seal can be made without randomness.
+/// What can't be made without randomness or the cipher: keys, seals, and what is under a seal.
 template <class Make>
-SecretBytes made(Make make) {
+auto made(Make make) {
   try {
     return make();
   } catch (const StorageError&) {
@@ -71,7 +71,7 @@ Vault::Content Vault::load() const {
   content.key = key();
   const std::string path = folder_.pathOf(fileName);
   if (!content.key) failDamaged(path, "can't be opened: its key is missing");
-  const auto plaintext = openVault(*sealed, *content.key);
+  const auto plaintext = made([&] { return openVault(*sealed, *content.key); });
   if (!plaintext) failDamaged(path, "is damaged or of another key");
   auto table = decodeVaultTable(*plaintext);
   if (!table) failDamaged(path, "is of an unknown form");

@@ -113,6 +113,8 @@ std::optional<SecretBytes> openVault(std::span<const std::uint8_t> sealed,
   }
   try {
     return SealedBox(key, header).open(sealed.subspan(header.size()));
+  } catch (const StorageUnavailable&) {
+    throw;
   } catch (const StorageError&) {
     return std::nullopt;
   }

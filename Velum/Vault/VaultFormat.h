@@ -27,7 +27,8 @@ std::optional<VaultTable> decodeVaultTable(std::span<const std::uint8_t> bytes);
 /// along. `key` has `SealedBox::keySize` bytes. Throws StorageError, as SealedBox does.
 SecretBytes sealVault(std::span<const std::uint8_t> plaintext, std::span<const std::uint8_t> key);
 
-/// The plaintext; nothing when anything but `sealVault` with this key made the bytes.
+/// The plaintext; nothing when anything but `sealVault` with this key made the bytes. Throws
+/// StorageUnavailable.
 std::optional<SecretBytes> openVault(std::span<const std::uint8_t> sealed,
                                      std::span<const std::uint8_t> key);
 

@@ -24,7 +24,7 @@ namespace {
 
 constexpr mode_t ownerOnly = 0600;
 constexpr std::string_view suffix = ".new";
-constexpr std::size_t randomLength = 16;
+constexpr std::size_t randomLength = 14;
 
 bool isTemporaryName(std::string_view text, std::string_view name) {
   return text.size() == name.size() + randomLength + suffix.size() + 2 && text[0] == '.' &&
@@ -38,17 +38,21 @@ void removeIfAbandoned(int folder, const char* name) {
       [&] { return ::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC); }));
   struct stat status {};
   if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-      status.st_uid != ::geteuid() || ::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+      (status.st_uid != ::geteuid() && ::geteuid() != 0) ||
+      ::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
     return;
   }
   // A writer that finished meanwhile gave the file another name.
   if (FileIdentity::ofEntry(folder, name) == FileIdentity::of(status)) ::unlinkat(folder, name, 0);
 }
 
-/// Whether an open file was removed; false when that can't be seen.
-bool isRemoved(int file) {
-  struct stat status {};
-  return ::fstat(file, &status) == 0 && status.st_nlink == 0;
+/// Whether a name is certainly not, or no longer, that of an open file. (The number of its names
+/// does not tell: some file systems hide what is removed while it is open.)
+bool isGone(int folder, const std::string& name, int file) {
+  const auto named = FileIdentity::ofEntry(folder, name.c_str());
+  if (!named) return errno == ENOENT;
+  const auto own = FileIdentity::ofFile(file);
+  return own && *own != *named;
 }
 
 }  // namespace
@@ -71,7 +75,7 @@ TemporaryFile::TemporaryFile(int folder, std::string path, std::string name,
     }
     // Whoever tidies up may have come between making and locking it. A file system without locks
     // has nobody tidying up either. What can't be seen is ours: if not, the rename fails.
-    if (!isRemoved(file_->get())) return;
+    if (attempts == mostAttempts || !isGone(folder_, temporaryName_, file_->get())) return;
     file_.reset();
     temporaryName_.clear();
   }

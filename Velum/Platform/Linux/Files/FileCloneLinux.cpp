@@ -19,7 +19,7 @@
 
 #include "Velum/Base/Progress.h"
 #include "Velum/Base/SystemError.h"
-#include "Velum/Files/FileLock.h"
+#include "Velum/Files/LockedFile.h"
 #include "Velum/Files/TemporaryFile.h"
 #include "Velum/Files/UniqueFd.h"
 
@@ -35,14 +35,24 @@ class Replacement {
       : target_(target),
         name_(target.substr(target.find_last_of('/') + 1)),
         folder_(name_ == target ? "./" : target.substr(0, target.size() - name_.size())) {
-    nameless_ = open(folder_ + '.', O_WRONLY | O_TMPFILE);
-    if (nameless_) return;
-    if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) throw lastSystemError("open");
+    int error = 0;
+    // Locked before it has a name, by which the next copy would find what this process, killed, had
+    // left.
+    nameless_.emplace(
+        [&] {
+          UniqueFd file = open(folder_ + '.', O_WRONLY | O_TMPFILE);
+          error = file ? 0 : errno;
+          return file;
+        },
+        std::chrono::nanoseconds(0));
+    if (error == 0) return;
+    if (error != EOPNOTSUPP && error != EISDIR && error != EINVAL) throw SystemError(error, "open");
     place_ = open(folder_, O_PATH | O_DIRECTORY);
+    if (!place_) throw lastSystemError("open");
     named_.emplace(place_.get(), folder_, name_, "Replacement");
   }
 
-  int fd() const noexcept { return named_ ? named_->get() : nameless_.get(); }
+  int fd() const noexcept { return named_ ? named_->get() : nameless_->get(); }
 
   void publish() {
     if (named_) {
@@ -60,14 +70,12 @@ class Replacement {
   }
 
   bool giveName(const std::string& path) const {
-    const std::string source = "/proc/self/fd/" + std::to_string(nameless_.get());
+    const std::string source = "/proc/self/fd/" + std::to_string(nameless_->get());
     return ::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0;
   }
 
-  /// A name can't be given twice, only taken over. Locked before it has one of its own, by which
-  /// the next copy would find what this process, killed, had left.
+  /// A name can't be given twice, only taken over.
   void replaceOld() const {
-    const FileLock alive = FileLock::tryFor(nameless_.get(), std::chrono::nanoseconds(0));
     TemporaryFile::removeAbandoned(open(folder_, O_RDONLY | O_DIRECTORY), name_);
     const std::string temporary = folder_ + TemporaryFile::anyName(name_);
     if (!giveName(temporary)) throw lastSystemError("link");
@@ -82,7 +90,7 @@ class Replacement {
   std::string target_;
   std::string name_;
   std::string folder_;  // with a slash at its end
-  UniqueFd nameless_;
+  std::optional<LockedFile> nameless_;
   UniqueFd place_;  // the folder, where there must be a name at once
   std::optional<TemporaryFile> named_;
 };
@@ -187,6 +195,8 @@ int cloneOf(const std::string& source, const std::string& target, const Progress
   return 0;
 } catch (const SystemError& error) {
   return error.code();
+} catch (const std::bad_alloc&) {
+  return ENOMEM;
 }
 
 }  // namespace

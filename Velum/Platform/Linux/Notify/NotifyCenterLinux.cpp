@@ -44,9 +44,8 @@ class NotifyCenterLinux::ExpectationHandle final : public Expectation {
       : center_(std::move(center)), handle_(std::move(handle)), seen_(center_->expected_) {}
 
   bool wait(std::chrono::nanoseconds timeout) override {
-    const bool isPosted = center_->wait(seen_, timeout);
-    seen_ = center_->expected_;
-    return isPosted;
+    const std::uint64_t latest = center_->wait(seen_, timeout);
+    return std::exchange(seen_, latest) != latest;
   }
 
  private:
@@ -150,7 +149,7 @@ NotifyCenterLinux::Clock::time_point NotifyCenterLinux::readDeadline() {
   return isDone ? Clock::time_point::max() : readQueue_.nextRetry();
 }
 
-bool NotifyCenterLinux::wait(std::uint64_t seen, std::chrono::nanoseconds timeout) {
+std::uint64_t NotifyCenterLinux::wait(std::uint64_t seen, std::chrono::nanoseconds timeout) {
   const auto isDone = [&] { return expected_ != seen; };
   const auto deadline = deadlineAfter(timeout);
   Inotify inotify;
@@ -170,7 +169,7 @@ bool NotifyCenterLinux::wait(std::uint64_t seen, std::chrono::nanoseconds timeou
   }
   const std::lock_guard guard(lock_);
   readQueue_.resume(descriptorLk());
-  return isDone();
+  return expected_;
 }
 
 // On the queue where events are read. While a thread waits, it reads for all.

@@ -62,7 +62,7 @@ class NotifyCenterLinux final : public NotifyCenter,
   int descriptorLk() const noexcept { return watch_.inotify()->fd.get(); }
 
   void read(const DispatchQueue& queue);
-  bool wait(std::uint64_t seen, std::chrono::nanoseconds timeout);
+  std::uint64_t wait(std::uint64_t seen, std::chrono::nanoseconds timeout);
   Clock::time_point readDeadline();
   NotifyNews take(const NotifyWatch::Events& events);
   void watchAgainLk(NotifyNews& news);

@@ -68,7 +68,7 @@ void DirectoryMonitor::handleEvent(std::int32_t descriptor) {
   std::shared_ptr<DirectoryMonitorDelegate> delegate;
   {
     const std::lock_guard guard(lock_);
-    if (descriptor_ == descriptor) delegate = delegate_.lock();
+    if (isStarted_ && descriptor_ == descriptor) delegate = delegate_.lock();
   }
   if (delegate) delegate->directoryMonitorDidObserveChange(*this);
 }

@@ -1,5 +1,6 @@
 #include "bench/support/Process.h"
 
+#include <poll.h>
 #include <sys/wait.h>
 
 #include <array>
@@ -40,7 +41,12 @@ int Process::wait() noexcept {
 }
 
 void awaitReadable(int descriptor, const std::string& what) {
-  if (!velum::test::isReadable(descriptor)) throw velum::SystemError(ETIMEDOUT, what);
+  pollfd waiting{descriptor, POLLIN, 0};
+  constexpr int milliseconds = 10'000;
+  if (velum::retryInterrupted([&] { return ::poll(&waiting, 1, milliseconds); }) != 1 ||
+      (waiting.revents & POLLIN) == 0) {
+    throw velum::SystemError(ETIMEDOUT, what);
+  }
 }
 
 std::unique_ptr<Process> startReady(const std::vector<std::string>& arguments) {

@@ -28,7 +28,7 @@ class Process {
   pid_t id_ = -1;
 };
 
-/// Waits until `descriptor` can be read. Throws after 30 seconds, naming what did not come.
+/// Waits until `descriptor` can be read. Throws after ten seconds, naming what did not come.
 void awaitReadable(int descriptor, const std::string& what);
 
 /// Starts a program that says over VELUM_READY_FD when it is ready, and waits until it does so.

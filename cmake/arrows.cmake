@@ -19,11 +19,11 @@ set(arrows
   "Platform/Linux/Processes -> Base Files Platform Platform/Linux/Files"
   "Platform/Linux/Machine -> Base Files Platform Platform/Linux/Files"
   "Platform/Linux/Notify -> Base Files Platform Concurrency Logger Platform/Linux/Files"
-  "Platform/Linux/Secrets -> Base Files Platform Concurrency Logger Vault Platform/Linux/Files Platform/Linux/Processes"
+  "Platform/Linux/Secrets -> Base Files Platform Logger Vault Platform/Linux/Files Platform/Linux/Processes"
   "Platform/Linux/CodeIdentity -> Base Files Platform Concurrency"
   "Platform/Linux/Certificates -> Base Files PropertyList Platform Concurrency Logger Platform/Linux/Files"
   "Platform/Linux/Windows -> Base Files Platform Concurrency Logger Platform/Linux/Files Platform/Linux/Processes"
-  "Platform/Linux/Workspace -> Base Files PropertyList Platform Concurrency Logger Platform/Linux/Dispatch Platform/Linux/Files Platform/Linux/Processes"
+  "Platform/Linux/Workspace -> Base Files PropertyList Platform Logger Platform/Linux/Dispatch Platform/Linux/Files Platform/Linux/Processes"
   "Platform/Curl -> Base HTTP Platform Concurrency Platform/Linux/Dispatch"
   # The services stand loose in Velum/. They know a system only through the seam.
   ". -> Base Files PropertyList Json Sealing HTTP Platform Concurrency Logger")

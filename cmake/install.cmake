@@ -24,14 +24,14 @@ set(headers_of_. AES CertUtils DirectoryMonitor FileUtils IPCDarwinMessage KeyCh
 set(headers_of_Base AtFork ByteBuffer ByteView Fatal LazyValue ProcessFlag Progress RawValue
   SecretBytes String SystemError Termination)
 set(headers_of_Concurrency ForkSafeLock SyncAsync ThreadLocal UnfairLock)
-set(headers_of_Files AtomicFile FileIdentity FileStamp UniqueFd)
+set(headers_of_Files AtomicFile CheckedIo FileIdentity FileLock FileStamp TemporaryFolder UniqueFd)
 set(headers_of_HTTP BodySource HTTPHeaders URLError URLRequest URLResponse)
 set(headers_of_Json Json JsonString)
 set(headers_of_Logger FileLogManager LogHandler Logger LogLevel LogManager LogRecord LogSaving
   LogSearch LogSplitter)
 set(headers_of_Logger/Handlers FileLogHandler NSLogHandler OSLogHandler StdoutLogHandler)
-set(headers_of_Platform CertificateStore ChildIo CodeIdentity Dispatch FileEvents HardwareRegistry
-  Keychains NotifyCenter SecretStatus SecretStore Spawn SystemLog Thread Tool URLLoader UserDefaults
+set(headers_of_Platform CertificateStore ChildIo CodeIdentity Dispatch FileClone FileEvents
+  HardwareRegistry Keychains NotifyCenter SecretStatus SecretStore Spawn SystemLog Thread Tool URLLoader UserDefaults
   WindowSystem Workspace)
 set(headers_of_PropertyList PropertyList)
 set(headers_of_Sealing StorageError)

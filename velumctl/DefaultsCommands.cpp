@@ -29,8 +29,9 @@ using velum::UserDefaults;
 
 std::unique_ptr<UserDefaults> domainNamed(const std::string& name) {
   auto domain = UserDefaults::domain(name);
-  if (!domain)
+  if (!domain) {
     throw UsageError(fmt::format("\"{}\" is not a domain; name it without a slash", name));
+  }
   return domain;
 }
 

@@ -84,7 +84,8 @@ TEST(Faults, SupportArchive) {
       .mayHide =
           [](const GatedCall& call) {
             // Without its locale, the tool does not mark names that are not plain ASCII.
-            return call.isOneOf({"clone_file", "copy_file_range", "stat", "dup", "sendfile"}) ||
+            return call.isOneOf(
+                       {"flock", "clone_file", "copy_file_range", "stat", "dup", "sendfile"}) ||
                    call.subject.find("/tmp/locale") != std::string::npos ||
                    call.subject.ends_with("/io") ||  // how far it is
                    call.subject.ends_with("/");      // what killed processes left

@@ -34,8 +34,7 @@ class TemporaryFile {
   /// "." + name + "." + random letters + ".new", another one each time. Throws SystemError.
   static std::string anyName(std::string_view name);
   /// Removes the files of such names that belong to this user, for root to anybody, and that nobody
-  /// has locked. `folder`
-  /// is open for reading, or not at all. What can't be removed stays.
+  /// has locked. `folder` is open for reading, or not at all. What can't be removed stays.
   static void removeAbandoned(UniqueFd folder, std::string_view name) noexcept;
 
  private:

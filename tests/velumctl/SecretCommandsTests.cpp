@@ -67,6 +67,14 @@ TEST_F(VelumctlKeychain, SetsListsGetsAndDeletes) {
   EXPECT_EQ(keychain("delete", {"token", "--service", service, "--yes"}).status, 0);
   expectMissing(keychain("get", item));
   EXPECT_EQ(keychain("get", ofGroup).output, "other");
+
+  // A library without the cipher can't tell whether the vault is damaged.
+  writeFile(environment.folder() + "/openssl.cnf",
+            "openssl_conf = a\n[a]\nproviders = b\n[b]\nlegacy = c\n[c]\nactivate = 1\n");
+  const ScopedVariable configuration("OPENSSL_CONF", environment.folder() + "/openssl.cnf");
+  const Result unavailable = keychain("get", ofGroup);
+  EXPECT_EQ(unavailable.status, 1);
+  EXPECT_THAT(unavailable.errors, HasSubstr("(-25291)"));
 }
 
 TEST_F(VelumctlKeychain, AsksBeforeItShowsOrDeletes) {

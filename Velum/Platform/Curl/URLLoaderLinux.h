@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "Velum/Concurrency/ForkSafeLock.h"
-#include "Velum/Platform/Curl/URLExchangeLinux.h"
+#include "Velum/Platform/Curl/URLExchange.h"
 #include "Velum/Platform/URLLoader.h"
 
 namespace velum {

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <thread>
 
-#include "Velum/Platform/Linux/Windows/AppearanceLinux.h"
+#include "Velum/Platform/Linux/Windows/Appearance.h"
 #include "Velum/Platform/WindowSystem.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/SecretService.h"

@@ -6,7 +6,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include "Velum/Platform/Linux/Processes/ProcessLinux.h"
+#include "Velum/Platform/Linux/Processes/ProcessStatus.h"
 #include "Velum/Platform/Linux/Processes/UserManager.h"
 #include "Velum/Platform/Linux/Workspace/ProcessTable.h"
 #include "tests/support/RelaunchTest.h"

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "Velum/Platform/Linux/Processes/ControlGroup.h"
-#include "Velum/Platform/Linux/Processes/ProcessLinux.h"
+#include "Velum/Platform/Linux/Processes/ProcessStatus.h"
 #include "tests/support/Processes.h"
 
 namespace velum::test {

@@ -7,9 +7,9 @@
 #include <thread>
 #include <vector>
 
-#include "Velum/Platform/Linux/Secrets/SecretChoiceLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretChoice.h"
 #include "Velum/Platform/Linux/Secrets/SecretStoreLinux.h"
-#include "Velum/Platform/Linux/Secrets/SecretWorkersLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretWorkers.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Inspection.h"

@@ -9,7 +9,7 @@
 #include <functional>
 #include <future>
 
-#include "Velum/Platform/Linux/Processes/ProcessLinux.h"
+#include "Velum/Platform/Linux/Processes/ProcessStatus.h"
 #include "Velum/Platform/Linux/Workspace/WorkspaceLinux.h"
 #include "tests/support/MainThread.h"
 #include "tests/support/Processes.h"

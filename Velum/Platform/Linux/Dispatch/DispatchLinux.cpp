@@ -11,9 +11,9 @@
 #include "Velum/Base/NeverDestroyed.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/Platform/Linux/Dispatch/DispatchQueueLinux.h"
 #include "Velum/Platform/Linux/Dispatch/MainLoop.h"
 #include "Velum/Platform/Linux/Dispatch/PerProcess.h"
+#include "Velum/Platform/Linux/Dispatch/QueueBase.h"
 #include "Velum/Platform/Linux/Dispatch/WorkerPool.h"
 #include "Velum/Platform/Thread.h"
 

@@ -19,7 +19,7 @@
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/Platform/Linux/Dispatch/DispatchQueueLinux.h"
+#include "Velum/Platform/Linux/Dispatch/QueueBase.h"
 
 namespace velum {
 namespace {

@@ -13,7 +13,7 @@
 #include "Velum/Base/LazyValue.h"
 #include "Velum/Base/String.h"
 #include "Velum/Files/ReadFile.h"
-#include "Velum/Platform/Linux/Machine/PrimaryInterfaceLinux.h"
+#include "Velum/Platform/Linux/Machine/PrimaryInterface.h"
 
 namespace velum {
 namespace {

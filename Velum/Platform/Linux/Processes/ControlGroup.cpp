@@ -13,7 +13,7 @@
 #include <memory>
 
 #include "Velum/Platform/Linux/Files/XdgFolders.h"
-#include "Velum/Platform/Linux/Processes/ProcessLinux.h"
+#include "Velum/Platform/Linux/Processes/ProcessStatus.h"
 
 namespace velum {
 namespace {

@@ -12,9 +12,9 @@
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/Files/XdgFolders.h"
 #include "Velum/Platform/Linux/Processes/UserBus.h"
-#include "Velum/Platform/Linux/Secrets/SecretChoiceLinux.h"
-#include "Velum/Platform/Linux/Secrets/SecretServiceLinux.h"
-#include "Velum/Platform/Linux/Secrets/SecretWorkersLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretChoice.h"
+#include "Velum/Platform/Linux/Secrets/SecretServicePlace.h"
+#include "Velum/Platform/Linux/Secrets/SecretWorkers.h"
 #include "Velum/Vault/Vault.h"
 
 namespace velum {
@@ -76,13 +76,13 @@ void SecretStoreLinux::Answer::log() const {
 
 /// On a worker's thread, which no exception leaves.
 void SecretStoreLinux::perform(const Operation& operation, const SecretServiceCall& call,
-                               SecretServiceLinux& service, Answer& answer) noexcept {
+                               SecretServicePlace& service, Answer& answer) noexcept {
   try {
     if (!call.folder) throw SecretFailure(errSecNotAvailable);
     const PrivateFolder folder(*call.folder);
     service.begin(call);
     const SecretChoice choice = chooseSecretPlace(folder, call, [&] {
-      const bool isPresent = service.probe() == SecretServiceLinux::Presence::present;
+      const bool isPresent = service.probe() == SecretServicePlace::Presence::present;
       return isPresent ? SecretPlaceKind::service : SecretPlaceKind::vault;
     });
     if (choice.isNew) answer.chosen = choice.kind;
@@ -126,7 +126,7 @@ SecretStoreLinux::Threads& SecretStoreLinux::threads() {
 SecretStoreLinux::Answer SecretStoreLinux::run(Operation operation) {
   const SecretServiceCall call = callNow(timeout_);
   const auto answer = std::make_shared<Answer>();
-  auto work = [call, answer, operation = std::move(operation)](SecretServiceLinux& service) {
+  auto work = [call, answer, operation = std::move(operation)](SecretServicePlace& service) {
     perform(operation, call, service, *answer);
   };
   try {

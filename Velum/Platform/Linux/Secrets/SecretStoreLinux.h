@@ -9,7 +9,7 @@
 
 namespace velum {
 
-class SecretServiceLinux;
+class SecretServicePlace;
 struct SecretServiceCall;
 
 /// The store of this process's user: the Secret Service of the user's session; on hosts that have
@@ -60,7 +60,7 @@ class SecretStoreLinux final : public SecretStore {
                      decltype(&SecretPlace::add) how);
   Answer run(Operation operation);
   static void perform(const Operation& operation, const SecretServiceCall& call,
-                      SecretServiceLinux& service, Answer& answer) noexcept;
+                      SecretServicePlace& service, Answer& answer) noexcept;
   Threads& threads();
 
   std::chrono::milliseconds timeout_;

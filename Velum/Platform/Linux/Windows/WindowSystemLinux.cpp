@@ -12,7 +12,7 @@
 #include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Linux/Processes/PipeSignal.h"
-#include "Velum/Platform/Linux/Windows/AppearanceLinux.h"
+#include "Velum/Platform/Linux/Windows/Appearance.h"
 #include "Velum/Platform/Thread.h"
 
 namespace velum {

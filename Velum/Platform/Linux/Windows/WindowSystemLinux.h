@@ -11,7 +11,7 @@
 
 #include "Velum/Base/AtFork.h"
 #include "Velum/Platform/Dispatch.h"
-#include "Velum/Platform/Linux/Windows/X11ConnectionLinux.h"
+#include "Velum/Platform/Linux/Windows/X11Connection.h"
 #include "Velum/Platform/WindowSystem.h"
 
 namespace velum {

@@ -12,7 +12,7 @@
 #include "Velum/Base/StableHash.h"
 #include "Velum/Base/SystemError.h"
 #include "Velum/Platform/Directories.h"
-#include "Velum/Platform/Linux/Processes/ProcessLinux.h"
+#include "Velum/Platform/Linux/Processes/ProcessStatus.h"
 
 namespace velum {
 namespace {

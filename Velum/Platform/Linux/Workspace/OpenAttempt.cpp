@@ -22,7 +22,7 @@
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Linux/Processes/ControlGroup.h"
-#include "Velum/Platform/Linux/Processes/ProcessLinux.h"
+#include "Velum/Platform/Linux/Processes/ProcessStatus.h"
 #include "Velum/Platform/Linux/Processes/UserBus.h"
 #include "Velum/Platform/Linux/Processes/UserManager.h"
 #include "Velum/Platform/Spawn.h"

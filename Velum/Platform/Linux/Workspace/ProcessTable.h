@@ -9,7 +9,7 @@
 
 #include "Velum/Platform/Bundle.h"
 #include "Velum/Platform/Linux/Processes/ControlGroup.h"
-#include "Velum/Platform/Linux/Processes/ProcessLinux.h"
+#include "Velum/Platform/Linux/Processes/ProcessStatus.h"
 #include "Velum/Platform/Linux/Workspace/LaunchLock.h"
 
 namespace velum {

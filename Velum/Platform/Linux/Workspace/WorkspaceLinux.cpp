@@ -18,7 +18,7 @@
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/AbsolutePath.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Linux/Processes/ProcessLinux.h"
+#include "Velum/Platform/Linux/Processes/ProcessStatus.h"
 #include "Velum/Platform/Linux/Processes/UserManager.h"
 #include "Velum/Platform/Linux/Workspace/FileManager.h"
 #include "Velum/Platform/Linux/Workspace/OpenAttempt.h"

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Secrets/SecretServiceLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretServicePlace.h"
 
 #include <fmt/format.h>
 
@@ -6,7 +6,7 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/PrivateFolder.h"
-#include "Velum/Platform/Linux/Secrets/SecretChoiceLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretChoice.h"
 
 namespace velum {
 namespace {
@@ -52,11 +52,11 @@ std::atomic<bool> PromptTurn::isTaken{false};
 
 }  // namespace
 
-bool SecretServiceLinux::isPrompting() noexcept {
+bool SecretServicePlace::isPrompting() noexcept {
   return PromptTurn::isTaken;
 }
 
-SecretSession& SecretServiceLinux::connected() {
+SecretSession& SecretServicePlace::connected() {
   if (!call_.busAddress) throw SecretFailure(errSecNotAvailable);
   if (session_ && (session_->busAddress() != *call_.busAddress || !session_->isCurrent())) {
     session_.reset();
@@ -65,7 +65,7 @@ SecretSession& SecretServiceLinux::connected() {
   return *session_;
 }
 
-SecretSession& SecretServiceLinux::opened() {
+SecretSession& SecretServicePlace::opened() {
   SecretSession& session = connected();
   session.open();
   return session;
@@ -73,7 +73,7 @@ SecretSession& SecretServiceLinux::opened() {
 
 /// Once more where the service was started anew and we had not heard of it.
 template <class Operation>
-auto SecretServiceLinux::perform(Operation operation) {
+auto SecretServicePlace::perform(Operation operation) {
   try {
     return operation(opened());
   } catch (const StaleSession&) {
@@ -82,19 +82,19 @@ auto SecretServiceLinux::perform(Operation operation) {
   }
 }
 
-SecretServiceLinux::Presence SecretServiceLinux::probe() {
+SecretServicePlace::Presence SecretServicePlace::probe() {
   if (!call_.busAddress || !connected().isOffered()) return Presence::absent;
   opened();
   return Presence::present;
 }
 
-void SecretServiceLinux::unlock(SecretSession& session, const std::vector<std::string>& paths) {
+void SecretServicePlace::unlock(SecretSession& session, const std::vector<std::string>& paths) {
   const PromptTurn turn(call_);
   if (!session.unlock(paths)) throw SecretFailure(errSecUserCanceled);
 }
 
 /// Nothing for a user whose secrets were never there.
-std::optional<std::string> SecretServiceLinux::defaultCollection(SecretSession& session) {
+std::optional<std::string> SecretServicePlace::defaultCollection(SecretSession& session) {
   if (auto collection = session.defaultCollection()) return collection;
   const PrivateFolder folder(call_.folder.value());
   if (!folder.has(serviceMarkFileName)) return std::nullopt;
@@ -107,7 +107,7 @@ std::optional<std::string> SecretServiceLinux::defaultCollection(SecretSession& 
 }
 
 /// What an earlier version stored is marked when it is seen. Who only reads fails for no mark.
-void SecretServiceLinux::noteFound() const {
+void SecretServicePlace::noteFound() const {
   const SecretCall call{.deadline = call_.deadline};  // no time to wait for others
   try {
     markService(PrivateFolder(call_.folder.value()), call);
@@ -117,7 +117,7 @@ void SecretServiceLinux::noteFound() const {
 }
 
 /// The items with these attributes, all unlocked. None: there are none indeed.
-std::vector<std::string> SecretServiceLinux::find(SecretSession& session,
+std::vector<std::string> SecretServicePlace::find(SecretSession& session,
                                                   const Attributes& attributes) {
   SecretMatches matches = session.search(attributes);
   if (!matches.unlocked.empty() && matches.locked.empty()) return matches.unlocked;
@@ -133,14 +133,14 @@ std::vector<std::string> SecretServiceLinux::find(SecretSession& session,
   return matches.unlocked;
 }
 
-std::vector<std::string> SecretServiceLinux::existing(SecretSession& session,
+std::vector<std::string> SecretServicePlace::existing(SecretSession& session,
                                                       const SecretName& name) {
   auto items = find(session, attributesOf(name));
   if (items.empty()) throw SecretFailure(errSecItemNotFound);
   return items;
 }
 
-std::string SecretServiceLinux::collectionForNew(SecretSession& session) {
+std::string SecretServicePlace::collectionForNew(SecretSession& session) {
   if (auto collection = defaultCollection(session)) return *collection;
   const PromptTurn turn(call_);
   auto collection = session.createDefaultCollection("Login");
@@ -148,7 +148,7 @@ std::string SecretServiceLinux::collectionForNew(SecretSession& session) {
   return *collection;
 }
 
-SecretBytes SecretServiceLinux::read(const SecretName& name) {
+SecretBytes SecretServicePlace::read(const SecretName& name) {
   return perform([&](SecretSession& session) {
     SecretBytes value = session.secret(existing(session, name).front());
     noteFound();
@@ -156,7 +156,7 @@ SecretBytes SecretServiceLinux::read(const SecretName& name) {
   });
 }
 
-void SecretServiceLinux::add(const SecretName& name, const SecretBytes& value) {
+void SecretServicePlace::add(const SecretName& name, const SecretBytes& value) {
   perform([&](SecretSession& session) {
     const Attributes attributes = attributesOf(name);
     if (!find(session, attributes).empty()) throw SecretFailure(errSecDuplicateItem);
@@ -167,7 +167,7 @@ void SecretServiceLinux::add(const SecretName& name, const SecretBytes& value) {
   });
 }
 
-void SecretServiceLinux::update(const SecretName& name, const SecretBytes& value) {
+void SecretServicePlace::update(const SecretName& name, const SecretBytes& value) {
   perform([&](SecretSession& session) {
     const auto items = existing(session, name);
     markService(PrivateFolder(call_.folder.value()), call_);
@@ -176,7 +176,7 @@ void SecretServiceLinux::update(const SecretName& name, const SecretBytes& value
   });
 }
 
-void SecretServiceLinux::remove(const SecretName& name) {
+void SecretServicePlace::remove(const SecretName& name) {
   perform([&](SecretSession& session) {
     const auto items = existing(session, name);
     call_.requireTime();
@@ -184,7 +184,7 @@ void SecretServiceLinux::remove(const SecretName& name) {
   });
 }
 
-std::vector<SecretName> SecretServiceLinux::list(const std::optional<std::string>& service) {
+std::vector<SecretName> SecretServicePlace::list(const std::optional<std::string>& service) {
   return perform([&](SecretSession& session) {
     Attributes attributes;
     if (service) attributes.emplace_back(serviceAttribute, *service);
@@ -200,7 +200,7 @@ std::vector<SecretName> SecretServiceLinux::list(const std::optional<std::string
   });
 }
 
-std::optional<std::string> SecretServiceLinux::keychain() {
+std::optional<std::string> SecretServicePlace::keychain() {
   return perform([&](SecretSession& session) { return defaultCollection(session); });
 }
 

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Processes/ProcessLinux.h"
+#include "Velum/Platform/Linux/Processes/ProcessStatus.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>

@@ -9,7 +9,7 @@
 
 namespace velum {
 
-class SecretServiceLinux;
+class SecretServicePlace;
 
 /// Runs the store's calls on a thread of its own, so that a caller can go when its time is up: a
 /// call to the service may hang for ever, and an open prompt must not be cancelled (that ends the
@@ -19,7 +19,7 @@ class SecretWorkers {
  public:
   /// Owns all it uses: it may run on, or begin, after the caller went. Must not throw. The
   /// connection is the thread's own.
-  using Work = std::function<void(SecretServiceLinux&)>;
+  using Work = std::function<void(SecretServicePlace&)>;
 
   /// The most threads left to themselves. With so many, calls wait for one to come back.
   static constexpr int maximumAbandoned = 4;

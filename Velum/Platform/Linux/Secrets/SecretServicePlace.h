@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "Velum/Platform/Linux/Secrets/SecretSessionLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretSession.h"
 #include "Velum/Vault/SecretPlace.h"
 
 namespace velum {
@@ -30,7 +30,7 @@ struct SecretServiceCall : SecretCall {
 /// What is locked stays apart from what is missing. A prompt to unlock is only tried where there
 /// is a display, and only one at a time. Operations take as long as the service wants, prompts as
 /// long as the user wants. One thread for all of the object's life.
-class SecretServiceLinux final : public SecretPlace {
+class SecretServicePlace final : public SecretPlace {
  public:
   enum class Presence : std::uint8_t { present, absent };
 

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Curl/URLExchangeLinux.h"
+#include "Velum/Platform/Curl/URLExchange.h"
 
 #include <fmt/format.h>
 

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Secrets/SecretWorkersLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretWorkers.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "Velum/Base/Deadline.h"
-#include "Velum/Platform/Linux/Secrets/SecretServiceLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretServicePlace.h"
 #include "Velum/Platform/Thread.h"
 
 namespace velum {
@@ -61,7 +61,7 @@ SecretWorkers::~SecretWorkers() {
 }
 
 void SecretWorkers::serve(const std::shared_ptr<State>& state) {
-  SecretServiceLinux service;
+  SecretServicePlace service;
   std::unique_lock lock(state->mutex);
   for (;;) {
     state->wake.wait(lock, [&] { return state->isEnding || !state->queue.empty(); });
@@ -89,7 +89,7 @@ SecretWorkers::End SecretWorkers::run(Work work, SecretCall::Clock::time_point d
   state_->wake.notify_one();
   const auto isDone = [&] { return job->stage == Job::Stage::done; };
   if (job->finished.wait_until(lock, deadline, isDone)) return End::done;
-  if (!SecretServiceLinux::isPrompting()) state_->pausedUntil = deadlineAfter(state_->pause);
+  if (!SecretServicePlace::isPrompting()) state_->pausedUntil = deadlineAfter(state_->pause);
   if (job->stage == Job::Stage::queued) {
     std::erase(state_->queue, job);
     return End::late;

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Secrets/SecretSessionLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretSession.h"
 
 // libsecret's calls on object paths: declared apart, exported and unchanged since version 0.18.
 #define SECRET_WITH_UNSTABLE 1

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Secrets/SecretChoiceLinux.h"
+#include "Velum/Platform/Linux/Secrets/SecretChoice.h"
 
 #include <string_view>
 

@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Windows/AppearanceLinux.h"
+#include "Velum/Platform/Linux/Windows/Appearance.h"
 
 #include <algorithm>
 #include <cctype>

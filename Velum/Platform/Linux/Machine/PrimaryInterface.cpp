@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Machine/PrimaryInterfaceLinux.h"
+#include "Velum/Platform/Linux/Machine/PrimaryInterface.h"
 
 #include <net/if_arp.h>
 #include <net/route.h>

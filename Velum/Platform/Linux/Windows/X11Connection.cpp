@@ -1,4 +1,4 @@
-#include "Velum/Platform/Linux/Windows/X11ConnectionLinux.h"
+#include "Velum/Platform/Linux/Windows/X11Connection.h"
 
 #include <poll.h>
 #include <xcb/xcbext.h>

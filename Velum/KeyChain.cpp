@@ -8,6 +8,7 @@
 
 #include "Velum/Base/Fatal.h"
 #include "Velum/Base/LazyValue.h"
+#include "Velum/Json/Json.h"
 #include "Velum/KeychainSearch.h"
 #include "Velum/Logger/Logger.h"
 #include "Velum/Platform/Bundle.h"
@@ -94,6 +95,19 @@ SecretStatus KeyChain::remove(const std::string& key, const Service& service,
 
 std::optional<SecKeychain> KeyChain::keychain(SecPreferencesDomain domain, SecretStore& store) {
   return firstKeychain(domain, store.searchList(domain));
+}
+
+SecretBytes KeyChain::encoded(const nlohmann::json& value) {
+  const auto text = jsonText<SecretText>(value);
+  return {text.begin(), text.end()};
+}
+
+void KeyChain::decode(const SecretBytes& bytes, nlohmann::json& value) {
+  value = parsedJson(bytes);
+}
+
+void KeyChain::wipe(nlohmann::json& value) noexcept {
+  velum::wipe(value);
 }
 
 /// The value may be secret: its type stands for it.

@@ -1,13 +1,12 @@
 #pragma once
 
 #include <exception>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <typeinfo>
 
 #include "Velum/Base/SecretBytes.h"
-#include "Velum/Json/Json.h"
 #include "Velum/Platform/SecretStore.h"
 
 namespace velum {
@@ -42,32 +41,33 @@ class KeyChain {
                              const AccessGroup& accessGroup = {},
                              SecretStore& store = SecretStore::shared());
 
-  /// Saves a value as JSON; errSecInvalidData when JSON can't express it.
-  template <class Value>
+  /// Saves a value as JSON; errSecInvalidData when JSON can't express it. Who calls this or
+  /// `loadObject` includes <nlohmann/json.hpp>; the others are spared its second of compile time.
+  template <class Value, class Json = nlohmann::json>
   static SecretStatus saveObject(const Value& value, const std::string& key,
                                  const Service& service = {}, const AccessGroup& accessGroup = {},
                                  SecretStore& store = SecretStore::shared()) {
-    SecretText text;
+    SecretBytes bytes;
     try {
-      Json json{nlohmann::json(value)};
-      text = jsonText<SecretText>(json.value);
+      bytes = encoded(Wiped<Json>(value).json);
     } catch (const std::exception& error) {
       logEncodeFailure(typeid(Value), key, error);
       return errSecInvalidData;
     }
-    return save(key, SecretBytes(text.begin(), text.end()), service, accessGroup, store);
+    return save(key, bytes, service, accessGroup, store);
   }
 
   /// The value, decoded from JSON. Nothing when it is missing, can't be read or has another form.
-  template <class Value>
+  template <class Value, class Json = nlohmann::json>
   static std::optional<Value> loadObject(const std::string& key, const Service& service = {},
                                          const AccessGroup& accessGroup = {},
                                          SecretStore& store = SecretStore::shared()) {
     const auto bytes = load(key, service, accessGroup, store);
     if (!bytes) return std::nullopt;
     try {
-      Json json{parsedJson(*bytes)};
-      return json.value.template get<Value>();
+      Wiped<Json> decoded(nullptr);
+      decode(*bytes, decoded.json);
+      return decoded.json.template get<Value>();
     } catch (const std::exception& error) {
       logDecodeFailure(key, error);
       return std::nullopt;
@@ -80,15 +80,20 @@ class KeyChain {
 
  private:
   /// A value that is wiped when it goes.
-  struct Json {
-    explicit Json(nlohmann::json content) : value(std::move(content)) {}
-    Json(const Json&) = delete;
-    Json& operator=(const Json&) = delete;
-    ~Json() { wipe(value); }
+  template <class Json>
+  struct Wiped {
+    template <class Value>
+    explicit Wiped(const Value& value) : json(value) {}
+    Wiped(const Wiped&) = delete;
+    Wiped& operator=(const Wiped&) = delete;
+    ~Wiped() { wipe(json); }
 
-    nlohmann::json value;
+    Json json;
   };
 
+  static SecretBytes encoded(const nlohmann::json& value);
+  static void decode(const SecretBytes& bytes, nlohmann::json& value);
+  static void wipe(nlohmann::json& value) noexcept;
   static void logEncodeFailure(const std::type_info& type, const std::string& key,
                                const std::exception& error);
   static void logDecodeFailure(const std::string& key, const std::exception& error);

@@ -26,7 +26,6 @@ set(headers_of_Base AtFork ByteBuffer ByteView Fatal LazyValue ProcessFlag Progr
 set(headers_of_Concurrency ForkSafeLock SyncAsync ThreadLocal UnfairLock)
 set(headers_of_Files AtomicFile CheckedIo FileIdentity FileLock FileStamp TemporaryFolder UniqueFd)
 set(headers_of_HTTP BodySource HTTPHeaders URLError URLRequest URLResponse)
-set(headers_of_Json Json JsonString)
 set(headers_of_Logger FileLogManager LogHandler Logger LogLevel LogManager LogRecord LogSaving
   LogSearch LogSplitter)
 set(headers_of_Logger/Handlers FileLogHandler NSLogHandler OSLogHandler StdoutLogHandler)
@@ -35,7 +34,7 @@ set(headers_of_Platform CertificateStore ChildIo CodeIdentity Dispatch FileClone
   WindowSystem Workspace)
 set(headers_of_PropertyList PropertyList)
 set(headers_of_Sealing StorageError)
-foreach(folder . Base Concurrency Files HTTP Json Logger Logger/Handlers Platform PropertyList
+foreach(folder . Base Concurrency Files HTTP Logger Logger/Handlers Platform PropertyList
     Sealing)
   list(TRANSFORM headers_of_${folder} REPLACE ".+" "Velum/${folder}/\\0.h" OUTPUT_VARIABLE paths)
   install(FILES ${paths} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Velum/${folder})

@@ -5,6 +5,7 @@
 
 #include <limits>
 #include <map>
+#include <nlohmann/json.hpp>
 
 #include "Velum/KeyChainData.h"
 #include "Velum/KeyChainStorage.h"

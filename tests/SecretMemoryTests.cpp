@@ -2,11 +2,10 @@
 // every block it frees.
 
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -18,7 +17,6 @@
 #include "Velum/AES.h"
 #include "Velum/Base/ByteView.h"
 #include "Velum/KeyChain.h"
-#include "Velum/Platform/Linux/Secrets/SecretStoreLinux.h"
 #include "Velum/Sealing/SealedBox.h"
 #include "Velum/Sealing/StorageError.h"
 #include "Velum/SecureStorage.h"
@@ -38,20 +36,29 @@ constexpr std::string_view encodedPart("\x70\xB9\x67\x09\x70\xB9", 6);
 
 std::atomic<int> findings{0};
 
+// Before each block, as long as alignment asks.
+union BlockSize {
+  std::size_t value;
+  std::max_align_t alignment;
+};
+
 void release(void* memory) noexcept {
   if (memory == nullptr) return;
-  const std::string_view block(static_cast<const char*>(memory), ::malloc_usable_size(memory));
+  auto* const size = static_cast<BlockSize*>(memory) - 1;  // NOLINT(*-pointer-arithmetic)
+  const std::string_view block(static_cast<const char*>(memory), size->value);
   for (const std::string_view word : {shortPart, widePart, encodedPart}) {
     if (block.find(word) != std::string_view::npos) ++findings;
   }
-  std::free(memory);  // NOLINT(*-no-malloc)
+  std::free(size);  // NOLINT(*-no-malloc)
 }
 
 void* allocate(std::size_t size) {
   // Cleared, so that nothing is found but what was written to it.
-  void* const memory = std::calloc(1, std::max<std::size_t>(size, 1));  // NOLINT(*-no-malloc)
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
+  auto* const block =
+      static_cast<BlockSize*>(std::calloc(1, sizeof(BlockSize) + size));  // NOLINT(*-no-malloc)
+  if (block == nullptr) throw std::bad_alloc();
+  block->value = size;
+  return block + 1;  // NOLINT(*-pointer-arithmetic)
 }
 
 }  // namespace
@@ -77,8 +84,6 @@ void operator delete[](void* memory, std::size_t /*size*/) noexcept {
 
 namespace velum {
 namespace {
-
-constexpr std::chrono::seconds patient(60);
 
 class SecretMemory : public testing::Test {
  protected:
@@ -119,7 +124,7 @@ class SecretMemory : public testing::Test {
   }
 
   test::SecretEnvironment environment;
-  SecretStoreLinux store{patient};
+  SecretStore& store = SecretStore::shared();
 };
 
 TEST_F(SecretMemory, TheSearchFindsWhatIsNotWiped) {

@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Velum/Platform/Linux/Secrets/SecretChoice.h"
@@ -279,10 +278,11 @@ TEST(SecretStore, TellsARefusedPromptFromOneThatNobodyAnswers) {
       << "the service did not bear how its prompt was left";
 }
 
-TEST(SecretStore, NoticesThatTheServiceIsGoneAndBackAgain) {
+TEST(SecretStore, RefusesAForkedChildAndNoticesThatTheServiceIsGoneAndBack) {
   SecretServiceEnvironment environment;
   SecretStoreLinux store(patient);
   ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess);
+  test::inChild([&] { EXPECT_EQ(store.copyMatching(token).status, errSecNotAvailable); });
   const auto before = test::openDescriptors();
   for (int round = 0; round < 3; ++round) {
     environment.service().kill();
@@ -296,19 +296,6 @@ TEST(SecretStore, NoticesThatTheServiceIsGoneAndBackAgain) {
   EXPECT_EQ(store.copyMatching(token).status, errSecNotAvailable);
   EXPECT_FALSE(hasVault(environment));
   EXPECT_EQ(recordedChoice(environment), "service\n");
-}
-
-TEST(SecretStore, ServesManyThreads) {
-  SecretServiceEnvironment environment;
-  SecretStoreLinux store(patient);
-  std::vector<std::thread> threads;
-  for (const char* name : {"a", "b", "c", "d"}) {
-    threads.emplace_back([&store, query = SecretQuery{"com.example.vpn", name, {}, false}] {
-      EXPECT_EQ(store.add(query, secretBytes(query.account)), errSecSuccess);
-      for (int round = 0; round < 5; ++round) EXPECT_EQ(valueOf(store, query), query.account);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
 }
 
 TEST(SecretStore, LeavesAHungServiceInTimeAndComesBackToIt) {
@@ -329,14 +316,6 @@ TEST(SecretStore, LeavesAHungServiceInTimeAndComesBackToIt) {
   SecretStoreLinux another(patient);
   EXPECT_EQ(another.copyMatching({"late", "late", {}, false}).status, errSecItemNotFound)
       << "a call that was reported as failed was done later";
-}
-
-TEST(SecretStore, RefusesTheServiceInAForkedChildInsteadOfHanging) {
-  SecretServiceEnvironment environment;
-  SecretStoreLinux store(patient);
-  ASSERT_EQ(store.add(token, secretBytes("value")), errSecSuccess);
-  test::inChild([&] { EXPECT_EQ(store.copyMatching(token).status, errSecNotAvailable); });
-  EXPECT_EQ(valueOf(store, token), "value");
 }
 
 TEST(SecretChoice, HoldsWhenTheServiceComes) {
@@ -376,7 +355,7 @@ TEST(SecretChoice, IsNotMadeWhileItIsUncertain) {
   EXPECT_FALSE(hasVault(environment));
 }
 
-TEST(SecretChoice, IsThatOfTheFirst) {
+TEST(SecretChoice, IsThatOfTheFirstOrUnreadable) {
   const test::SecretEnvironment environment;
   const PrivateFolder folder(environment.storeFolder());
   SecretCall call;
@@ -386,6 +365,9 @@ TEST(SecretChoice, IsThatOfTheFirst) {
     return SecretPlaceKind::service;
   });
   EXPECT_EQ(choice.kind, SecretPlaceKind::vault);
+  folder.replace(secretChoiceFileName, secretBytes("vau"));
+  EXPECT_EQ(SecretStoreLinux(patient).add(token, secretBytes("x")), errSecDecode);
+  EXPECT_FALSE(hasVault(environment));
 }
 
 TEST(SecretWorkers, ServeOthersWhileSomeHang) {

@@ -1,5 +1,6 @@
 #include "Velum/CertUtils.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -13,6 +14,8 @@ namespace velum {
 namespace {
 
 using test::CapturedLog;
+using testing::ElementsAre;
+using testing::HasSubstr;
 
 /// A store with the keychain "common" only, whose every operation ends with `status`.
 class FakeCertificateStore final : public CertificateStore {
@@ -52,14 +55,6 @@ class CertUtilsTest : public testing::Test {
  protected:
   using Texts = std::vector<std::string>;
 
-  /// The records since the last call.
-  Texts records() {
-    Texts texts = log_.texts();
-    texts.erase(texts.begin(), texts.begin() + static_cast<std::ptrdiff_t>(seen_));
-    seen_ += texts.size();
-    return texts;
-  }
-
   static const SecCertificate& certificate() {
     static const SecCertificate& made =
         *new SecCertificate(test::TestCertificates().authority("a", "/O=Acme/CN=Acme Root"));
@@ -68,102 +63,87 @@ class CertUtilsTest : public testing::Test {
 
   static constexpr auto common = SecPreferencesDomain::common;
   FakeCertificateStore store_;
-
- private:
-  CapturedLog log_;
-  std::size_t seen_ = 0;
+  const CapturedLog log_;
 };
 
-TEST_F(CertUtilsTest, TouchesNoKeychainWhenTheDomainHasNone) {
-  for (const auto domain : {SecPreferencesDomain::dynamic, SecPreferencesDomain::user}) {
-    const std::string number = domain == SecPreferencesDomain::user ? "0" : "3";
-    const std::string reason =
-        "There is no keychain for domain SecPreferencesDomain(rawValue: " + number + ")";
-    EXPECT_EQ(CertUtils::addCertificate(certificate(), "n", domain, store_).number,
-              errSecNoSuchKeychain);
-    EXPECT_EQ(records().back(), "E: (CertUtils: addCertificate(_:named:toDomain:)) " + reason);
-    EXPECT_EQ(CertUtils::removeCertificate("n", domain, store_).number, errSecNoSuchKeychain);
-    const Texts texts = records();
-    EXPECT_EQ(texts.back(), "E: (CertUtils: removeCertificate(named:fromDomain:)) " + reason);
-    // A search that failed is reported as such, too.
-    EXPECT_EQ(texts.size(), domain == SecPreferencesDomain::user ? 2U : 1U);
-  }
-  EXPECT_EQ(store_.calls, Texts());
-}
-
-TEST_F(CertUtilsTest, AddsToAndRemovesFromTheDomainsFirstKeychain) {
-  EXPECT_TRUE(CertUtils::addCertificate(certificate(), "n", common, store_).isSuccess());
-  EXPECT_EQ(records(), Texts());
-  EXPECT_TRUE(CertUtils::removeCertificate("n", common, store_).isSuccess());
-  const std::string begin = "I: (CertUtils) Deleting certs from system keychain by name: n";
-  EXPECT_EQ(records(), Texts{begin});
-
+TEST_F(CertUtilsTest, ChangesTheDomainsFirstKeychainAndSaysWhyItCouldNot) {
+  const auto add = [&](const auto& place) {
+    return CertUtils::addCertificate(certificate(), "n", place, store_).number;
+  };
+  const auto remove = [&](const auto& place) {
+    return CertUtils::removeCertificate("n", place, store_).number;
+  };
+  EXPECT_EQ(add(common), errSecSuccess);
+  EXPECT_EQ(remove(common), errSecSuccess);
   store_.status = {errSecDuplicateItem};
-  EXPECT_EQ(CertUtils::addCertificate(certificate(), "n", SecKeychain{"k"}, store_).number,
-            errSecDuplicateItem);
-  EXPECT_EQ(records(), Texts{"E: (CertUtils: addCertificate(_:named:toKeychain:)) Failed to add "
-                             "certificate \"n\". The specified item already exists in the "
-                             "keychain."});
+  EXPECT_EQ(add(SecKeychain{"k"}), errSecDuplicateItem);
   store_.status = {errSecIO, "the tool's own words"};
-  EXPECT_EQ(CertUtils::removeCertificate("n", SecKeychain{"k"}, store_).number, errSecIO);
-  EXPECT_EQ(records(), (Texts{begin,
-                              "E: (CertUtils: removeCertificate(named:fromKeychain:)) "
-                              "Failed to delete certificate \"n\". the tool's own words"}));
+  EXPECT_EQ(remove(SecKeychain{"k"}), errSecIO);
+  EXPECT_EQ(add(SecPreferencesDomain::dynamic), errSecNoSuchKeychain);
+  EXPECT_EQ(remove(SecPreferencesDomain::user), errSecNoSuchKeychain);  // whose search fails
   EXPECT_EQ(store_.calls,
             (Texts{"add n to common", "remove n from common", "add n to k", "remove n from k"}));
+  const std::string begin = "I: (CertUtils) Deleting certs from system keychain by name: n";
+  const std::string none = "There is no keychain for domain SecPreferencesDomain(rawValue: ";
+  EXPECT_THAT(log_.texts(),
+              ElementsAre(begin,
+                          "E: (CertUtils: addCertificate(_:named:toKeychain:)) Failed to add "
+                          "certificate \"n\". The specified item already exists in the keychain.",
+                          begin,
+                          "E: (CertUtils: removeCertificate(named:fromKeychain:)) Failed to delete "
+                          "certificate \"n\". the tool's own words",
+                          "E: (CertUtils: addCertificate(_:named:toDomain:)) " + none + "3)",
+                          HasSubstr("Failed searching for keychain in SecPref"),
+                          "E: (CertUtils: removeCertificate(named:fromDomain:)) " + none + "0)"));
 }
 
 TEST_F(CertUtilsTest, SaysWhyTrustSettingsCantBeCopied) {
+  const auto isTrusted = [&] {
+    return CertUtils::isCertificateTrusted(certificate(), common, store_);
+  };
+  store_.status = {errSecNoTrustSettings};
+  EXPECT_FALSE(isTrusted());
+  store_.status = {};
+  EXPECT_FALSE(isTrusted());
+  PropertyList::Array mixed{PropertyList(std::int64_t{1}), PropertyList()};
+  store_.settings = PropertyList(std::move(mixed));
+  EXPECT_FALSE(isTrusted());
   const std::string tag = "E: (CertUtils: copyTrustSettings(for:inDomain:)) ";
   const std::string untrusted =
       "E: (CertUtils: isCertificateTrusted(_:inDomain:)) Failed to get trust settings for Acme "
       "Root";
-  store_.status = {errSecNoTrustSettings};
-  EXPECT_FALSE(CertUtils::isCertificateTrusted(certificate(), common, store_));
-  EXPECT_EQ(records(), (Texts{tag + "SecTrustSettingsCopyTrustSettings failed: No trust settings "
-                                    "were found.",
-                              untrusted}));
-  store_.status = {};
-  EXPECT_FALSE(CertUtils::isCertificateTrusted(certificate(), common, store_));
-  EXPECT_EQ(records(), (Texts{tag + "Failed to coerce unset to [[String:AnyObject]]", untrusted}));
-  PropertyList::Array mixed{PropertyList(std::int64_t{1}), PropertyList()};
-  store_.settings = PropertyList(std::move(mixed));
-  EXPECT_EQ(CertUtils::copyTrustSettings(certificate(), common, store_), std::nullopt);
-  EXPECT_EQ(records(), Texts{tag + "Failed to coerce [1, []] to [[String:AnyObject]]"});
+  EXPECT_THAT(
+      log_.texts(),
+      ElementsAre(tag + "SecTrustSettingsCopyTrustSettings failed: No trust settings were "
+                        "found.",
+                  untrusted, tag + "Failed to coerce unset to [[String:AnyObject]]", untrusted,
+                  tag + "Failed to coerce [1, []] to [[String:AnyObject]]", untrusted));
 }
 
 TEST_F(CertUtilsTest, TrustsWhatEverySettingTrustsAsRoot) {
   using Dictionary = PropertyList::Dictionary;
-  const auto isTrusted = [this](const std::vector<Dictionary>& settings) {
-    PropertyList::Array list;
-    for (const Dictionary& setting : settings) list.emplace_back(setting);
-    store_.settings = PropertyList(std::move(list));
-    EXPECT_EQ(CertUtils::copyTrustSettings(certificate(), common, store_), settings);
-    return CertUtils::isCertificateTrusted(certificate(), common, store_);
-  };
   const auto result = [](auto value) {
     Dictionary setting;
     setting.emplace("kSecTrustSettingsResult", PropertyList(value));
     return setting;
   };
   const Dictionary root = result(std::int64_t{1});
-  EXPECT_TRUE(isTrusted({}));
-  EXPECT_TRUE(isTrusted({root, root}));
-  EXPECT_FALSE(isTrusted({root, {}}));
-  EXPECT_FALSE(isTrusted({root, result(std::int64_t{2})}));
-  EXPECT_FALSE(isTrusted({result((std::int64_t{1} << 32) + 1)}));
-  EXPECT_FALSE(isTrusted({result(std::string("1"))}));
-  EXPECT_FALSE(isTrusted({result(true)}));
-  EXPECT_EQ(records(), Texts());
-}
-
-TEST_F(CertUtilsTest, SetsToAlwaysTrusted) {
+  for (const auto& [settings, isTrusted] : {std::pair(std::vector<Dictionary>{}, true),
+                                            {{root, root}, true},
+                                            {{root, {}}, false},
+                                            {{root, result(std::int64_t{2})}, false},
+                                            {{result((std::int64_t{1} << 32) + 1)}, false},
+                                            {{result(std::string("1"))}, false},
+                                            {{result(true)}, false}}) {
+    store_.settings = PropertyList(PropertyList::Array(settings.begin(), settings.end()));
+    EXPECT_EQ(CertUtils::copyTrustSettings(certificate(), common, store_), settings);
+    EXPECT_EQ(CertUtils::isCertificateTrusted(certificate(), common, store_), isTrusted);
+  }
   EXPECT_EQ(CertUtils::setTrustSettings(certificate(), common, store_).number, errSecSuccess);
   EXPECT_TRUE(CertUtils::isCertificateTrusted(certificate(), common, store_));
-  EXPECT_EQ(records(), Texts());
   store_.status = {-1};
   EXPECT_EQ(CertUtils::setTrustSettings(certificate(), common, store_).number, -1);
-  EXPECT_EQ(records(), Texts{"I: (CertUtils) Error set trust settings: -1"});
+  EXPECT_THAT(log_.texts(), ElementsAre("I: (CertUtils) Error set trust settings: -1"));
 }
 
 }  // namespace

@@ -207,6 +207,11 @@ TEST_F(SecureDefaultsTest, ReportsARepairThatFailsOnceAndTrustsTheCopy) {
     EXPECT_FALSE(defaults.setString("newer", "key")) << "the copy can't be written";
     EXPECT_EQ(copy->object("key"), text("right"));
   }
+  SecureDefaults other("com.example", sealedCopy(folder / "copy", copyKey));
+  EXPECT_TRUE(other.setInteger(7, "others"));
+  EXPECT_TRUE(defaults.setInteger(3, "own"));
+  EXPECT_EQ(sealedCopy(folder / "copy")->object("others"), list(std::int64_t{7}))
+      << "what was refused is written over what others stored";
   EXPECT_EQ(defaults.string("key"), "right");
   expectOneReport();
   EXPECT_EQ(domain(), copy->dictionaryRepresentation());
@@ -335,45 +340,31 @@ TEST_F(SecureDefaultsTest, ValuesTheFormatRewritesAreNotTakenForChanged) {
   EXPECT_EQ(copy->object("deep"), std::nullopt);
 }
 
-// Runs in a process of its own, which is started with the marker as an argument.
-TEST_F(SecureDefaultsTest, DISABLED_IsSilentInTheChild) {
+// Runs in a process of its own, which is started with arguments.
+TEST_F(SecureDefaultsTest, DISABLED_InAChildWithArguments) {
   ASSERT_TRUE(defaults.setString("right", "key"));
   outsider->setObject("key", text("wrong"));
   EXPECT_EQ(defaults.string("key"), "right");
   expectOneReport();
   EXPECT_EQ(domain(), copy->dictionaryRepresentation());
-  writeFile(std::getenv("VELUM_TEST_RECORDS"), testing::PrintToString(log->texts()));
+  EXPECT_TRUE(defaults.setString("stored", "name"));
+  EXPECT_EQ(defaults.string("name"), "argument");
+  EXPECT_EQ(outsider->object("name"), text("argument"));
+  EXPECT_EQ(domain()->at("name"), text("stored"));
+  const bool isSilent = UserDefaults::argumentDomain().at("SecureDefaults:silent") == text("YES");
+  EXPECT_EQ(log->texts().empty(), isSilent);
 }
 
-TEST_F(SecureDefaultsTest, TheMarkerSilencesTheRecordAndNothingElse) {
-  const std::string records = folder / "records";
-  const test::ScopedVariable variable("VELUM_TEST_RECORDS", records);
-  for (const char* value : {"YES", "NO"}) {
-    fs::remove(records);
+TEST_F(SecureDefaultsTest, ArgumentsOverrideValuesAndTheMarkerSilencesTheRecordAlone) {
+  EXPECT_THAT(UserDefaults::argumentDomain(), IsEmpty());
+  for (const std::string silent : {"YES", "NO"}) {
     const pid_t pid = test::startShell(
-        "exec /proc/$PPID/exe --gtest_also_run_disabled_tests "
-        "--gtest_filter='*DISABLED_IsSilentInTheChild' -SecureDefaults:silent " +
-        std::string(value));
-    EXPECT_EQ(test::exitStatus(pid), 0);
-    EXPECT_EQ(readFile(records) == "{}", value == std::string("YES")) << readFile(records);
+        "exec '" + testing::internal::GetArgvs().at(0) +
+        "' --gtest_also_run_disabled_tests --gtest_filter='*DISABLED_InAChildWithArguments' "
+        "-name argument -SecureDefaults:silent " +
+        silent);
+    EXPECT_EQ(test::exitStatus(pid), 0) << silent;
   }
-}
-
-TEST_F(SecureDefaultsTest, WhatWasRefusedIsNotWrittenOverWhatOthersStored) {
-  SecureDefaults other("com.example", sealedCopy(folder / "copy", copyKey));
-  EXPECT_TRUE(defaults.setInteger(1, "own"));
-  EXPECT_TRUE(other.setInteger(1, "others"));
-  {
-    const test::NoRoom noRoom;
-    EXPECT_FALSE(defaults.setInteger(2, "own"));
-  }
-  EXPECT_TRUE(other.setInteger(7, "others"));
-  EXPECT_EQ(defaults.integer("own"), 1);
-  EXPECT_TRUE(defaults.setInteger(3, "own"));
-  SecureDefaults later("com.example", sealedCopy(folder / "copy", copyKey));
-  EXPECT_EQ(later.integer("others"), 7);
-  EXPECT_EQ(later.integer("own"), 3);
-  EXPECT_THAT(reasons, IsEmpty());
 }
 
 TEST_F(SecureDefaultsTest, ProcessesMayShareASealedCopy) {

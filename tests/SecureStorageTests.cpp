@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <functional>
+#include <vector>
 
 #include "Velum/Base/ByteView.h"
 #include "Velum/Sealing/SealedBox.h"
@@ -56,48 +58,34 @@ TEST_F(SecureStorageTest, MakesKeyAndFileWithTheFirstWrite) {
   const CapturedLog log;
   const Dictionary content{{"name", text("hidden value")}};
   const mode_t mask = ::umask(0);
-  {
-    const auto storage = make();
-    EXPECT_TRUE(log.has("Storage Key doesn't exist."));
-    storage->load();
-    EXPECT_TRUE(log.has("File " + path + " doesn't exist"));
-    EXPECT_FALSE(key->value);
-    storage->setObject(text("hidden value"), "name");
-  }
+  const auto storage = make();
+  EXPECT_TRUE(log.has("Storage Key doesn't exist."));
+  EXPECT_EQ(storage->load(), StorageState::missing);
+  EXPECT_TRUE(log.has("File " + path + " doesn't exist"));
+  EXPECT_FALSE(key->value);
+  storage->setObject(text("hidden value"), "name");
   ::umask(mask);
   ASSERT_TRUE(key->value);
   EXPECT_EQ(key->value->size(), 32U);
   EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
   EXPECT_THAT(names(), UnorderedElementsAre("settings.sealed", "settings.sealed.lock"));
   EXPECT_EQ(stored(), content);
-
-  // The file is the nonce, the ciphertext and the tag of the property list, and nothing else.
+  // The file is the sealed property list, and nothing else.
   const std::string box = readFile(path);
-  const std::string plain = PropertyList(content).binary();
-  EXPECT_EQ(box.size(), plain.size() + 28);
-  EXPECT_EQ(textView(SealedBox(*key->value).open(byteView(box))), plain);
-
-  // The same content again: another nonce.
-  make()->reset(content);
-  EXPECT_NE(readFile(path).substr(0, 12), box.substr(0, 12));
-  EXPECT_EQ(stored(), content);
-
+  EXPECT_EQ(textView(SealedBox(*key->value).open(byteView(box))), PropertyList(content).binary());
   EXPECT_FALSE(log.has("hidden"));
   make()->deleteData();
   EXPECT_FALSE(fs::exists(path));
 }
 
 TEST_F(SecureStorageTest, ThrowsAwayAFileWhoseKeyIsMissing) {
+  const CapturedLog log;
   make()->setObject(text("value"), "name");
-  {
-    const auto storage = make();
-    key->value.reset();
-    const CapturedLog log;
-    storage->load();
-    EXPECT_TRUE(log.has("No secure key found"));
-    EXPECT_TRUE(storage->isEmpty());
-    EXPECT_TRUE(fs::exists(path));
-  }
+  const auto before = make();
+  key->value.reset();
+  EXPECT_EQ(before->load(), StorageState::missing);
+  EXPECT_TRUE(log.has("No secure key found"));
+  EXPECT_TRUE(fs::exists(path));
   const auto storage = make();
   EXPECT_FALSE(fs::exists(path));
   storage->setObject(text("new"), "name");
@@ -105,43 +93,39 @@ TEST_F(SecureStorageTest, ThrowsAwayAFileWhoseKeyIsMissing) {
 }
 
 TEST_F(SecureStorageTest, KeepsAFileWhoseKeyIsOutOfReach) {
+  const CapturedLog log;
   make()->setObject(text("old"), "old");
   const std::string before = readFile(path);
   const auto oldKey = key->value;
-  {
-    const CapturedLog log;
-    key->status = errSecInteractionNotAllowed;
-    const auto storage = make();
-    storage->load();
-    storage->setObject(text("new"), "new");
-    EXPECT_EQ(readFile(path), before);
-    EXPECT_EQ(key->value, oldKey);
-    EXPECT_EQ(log.count("Failed to load stored cache: The key can't be read"), 1U);
-    EXPECT_EQ(log.count("Failed to store cache: The key can't be read"), 1U);
+  key->status = errSecInteractionNotAllowed;
+  const auto storage = make();
+  EXPECT_EQ(storage->load(), StorageState::unavailable);
+  EXPECT_FALSE(storage->setObject(text("new"), "new"));
+  EXPECT_EQ(readFile(path), before);
+  EXPECT_EQ(key->value, oldKey);
+  EXPECT_EQ(log.count("Failed to load stored cache: The key can't be read"), 1U);
+  EXPECT_EQ(log.count("Failed to store cache: The key can't be read"), 1U);
+  key->status = errSecSuccess;
+  EXPECT_TRUE(storage->store());
+  EXPECT_EQ(stored(), (Dictionary{{"new", text("new")}, {"old", text("old")}}));
 
-    key->status = errSecSuccess;
-    storage->store();
-    EXPECT_EQ(stored(), (Dictionary{{"new", text("new")}, {"old", text("old")}}));
-  }
   // The same without a file: no new key.
   fs::remove(path);
   key->value.reset();
   key->status = errSecInteractionNotAllowed;
-  make()->setObject(text("new"), "new");
+  EXPECT_FALSE(make()->setObject(text("new"), "new"));
   EXPECT_FALSE(key->value);
-  EXPECT_FALSE(fs::exists(path));
 }
 
 TEST_F(SecureStorageTest, WritesNothingWithoutAKeyThatIsKept) {
   const CapturedLog log;
   key->refusesToStore = true;
   const auto storage = make();
-  storage->setObject(text("value"), "name");
+  EXPECT_FALSE(storage->setObject(text("value"), "name"));
   EXPECT_EQ(log.count("Failed to store the key for settings"), 2U);  // and as what store() says
-  EXPECT_TRUE(log.has("Failed to store cache: Failed to store the key for settings"));
   EXPECT_FALSE(fs::exists(path));
   key->refusesToStore = false;
-  storage->store();
+  EXPECT_TRUE(storage->store());
   EXPECT_EQ(stored(), (Dictionary{{"name", text("value")}}));
 }
 
@@ -191,29 +175,24 @@ TEST_F(SecureStorageTest, TakesKeyAndFileOfAnotherThatWasFasterByAMoment) {
   EXPECT_EQ(stored(), (Dictionary{{"ours", text("2")}}));
 }
 
-TEST_F(SecureStorageTest, RefusesWhatIsNotAFileOfItsOwn) {
+TEST_F(SecureStorageTest, RefusesAndReplacesWhatIsNotAFileOfItsOwn) {
   key->value = SealedBox::newKey();
-  const auto isRefused = [&] {
-    const CapturedLog log;
-    make()->load();
-    fs::remove(path);
-    return log.count("Failed to load stored cache: " + path) == 1;
-  };
-  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-  EXPECT_TRUE(isRefused());
-  fs::create_directory(path);
-  EXPECT_TRUE(isRefused());
-  writeFile(path, "");
-  fs::resize_file(path, 100'000'000'000);  // sparse
-  EXPECT_TRUE(isRefused());
   const std::string victim = folder / "victim";
   writeFile(victim, "precious");
-  fs::create_symlink(victim, path);
-  EXPECT_TRUE(isRefused());
-  fs::create_symlink(victim, path);
-  make()->setObject(text("value"), "name");
+  const std::vector<std::function<void()>> plants{
+      [&] { ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0); },
+      [&] { (writeFile(path, ""), fs::resize_file(path, 100'000'000'000)); },  // sparse
+      [&] { fs::create_symlink(victim, path); },
+  };
+  for (const auto& plant : plants) {
+    fs::remove(path);
+    plant();
+    const auto storage = make();
+    EXPECT_EQ(storage->load(), StorageState::damaged);
+    EXPECT_TRUE(storage->setObject(text("value"), "name"));
+    EXPECT_EQ(stored(), (Dictionary{{"name", text("value")}}));
+  }
   EXPECT_EQ(readFile(victim), "precious");
-  EXPECT_EQ(stored(), (Dictionary{{"name", text("value")}}));
 }
 
 TEST_F(SecureStorageTest, TheLastOfSeveralWritersWinsWhole) {

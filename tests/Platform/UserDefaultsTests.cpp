@@ -1,17 +1,19 @@
 #include "Velum/Platform/UserDefaults.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
+#include <utility>
+#include <vector>
 
+#include "Velum/Files/UniqueFd.h"
+#include "Velum/PropertyList/DefaultsArguments.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/Environment.h"
-#include "tests/support/Processes.h"
+#include "tests/support/Inspection.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum {
@@ -46,30 +48,23 @@ TEST_F(UserDefaultsTest, SetsADamagedFileAside) {
   }
 }
 
-TEST_F(UserDefaultsTest, RefusesWhatCouldNotBeReadAgain) {
-  ASSERT_TRUE(defaults->setObject("key", text("value")));
+TEST_F(UserDefaultsTest, ClosesWhatItMakesToOthersAndWritesThroughNoPlantedLink) {
+  const mode_t mask = ::umask(0);
+  EXPECT_TRUE(defaults->setObject("key", text("value")));
+  ::umask(mask);
+  for (const auto& [made, mode] : {std::pair("", 0700),
+                                   {"/com.example", 0700},
+                                   {"/com.example/defaults.plist", 0600},
+                                   {"/com.example/defaults.plist.lock", 0600}}) {
+    EXPECT_EQ(test::modeOf(folder / "config" + made), mode) << made;
+  }
   PropertyList deep;
   for (int level = 0; level < 600; ++level) {
     deep = PropertyList(PropertyList::Array{std::move(deep)});
   }
-  EXPECT_FALSE(defaults->setObject("deep", std::move(deep)));
+  EXPECT_FALSE(defaults->setObject("deep", std::move(deep))) << "could not be read again";
   EXPECT_EQ(defaults->object("key"), text("value"));
-}
 
-TEST_F(UserDefaultsTest, ClosesWhatItMakesToOthers) {
-  const mode_t mask = ::umask(0);
-  EXPECT_TRUE(defaults->setObject("key", text("value")));
-  ::umask(mask);
-  for (const std::string& made : {folder / "config", folder / "config/com.example"}) {
-    EXPECT_EQ(fs::status(made).permissions(), fs::perms::owner_all) << made;
-  }
-  for (const std::string& made : {file, file + ".lock"}) {
-    EXPECT_EQ(fs::status(made).permissions(), fs::perms(0600)) << made;
-  }
-}
-
-TEST_F(UserDefaultsTest, WritesThroughNoPlantedLink) {
-  ASSERT_TRUE(defaults->setObject("key", text("value")));
   const std::string victim = folder / "victim";
   writeFile(victim, "precious");
   fs::remove(file);
@@ -106,13 +101,33 @@ TEST_F(UserDefaultsTest, RegisteredDefaultsStandBackBehindStoredOnes) {
   EXPECT_FALSE(defaults->persistentDomain()->contains("other"));
 
   EXPECT_TRUE(UserDefaults::standard().setObject("key", text("value")));
-  const std::string program = fs::read_symlink("/proc/self/exe").filename().string();
-  EXPECT_EQ(UserDefaults::domain(program)->object("key"), text("value"));
+  EXPECT_EQ(UserDefaults::domain("UserDefaultsTests")->object("key"), text("value"));
 }
 
-// Runs in a process of its own, started with the arguments below.
-TEST(UserDefaultsArguments, DISABLED_AreReadInTheChild) {
+// Who is started with arguments finds them: see SecureDefaultsTests.
+TEST(DefaultsArguments, AreNamesThatBeginWithADashAndTheValuesBehindThem) {
   using Entries = PropertyList::Dictionary;
+  const std::vector<std::string_view> arguments{"-name",
+                                                "plain (text",
+                                                "-flag",
+                                                "-list",
+                                                R"(( a, "b c", ))",
+                                                "-nested",
+                                                R"({k = <0f BD>; "q \"" = "line\nfeed";})",
+                                                "value without a key",
+                                                "-xml",
+                                                "<plist><integer>7</integer></plist>",
+                                                "-number",
+                                                "-5",
+                                                "-twice",
+                                                "1",
+                                                "-twice",
+                                                "2",
+                                                "-empty",
+                                                "",
+                                                "--long",
+                                                "x",
+                                                "-last"};
   const Entries expected{
       {"name", text("plain (text")},
       {"list", PropertyList(PropertyList::Array{text("a"), text("b c")})},
@@ -123,25 +138,7 @@ TEST(UserDefaultsArguments, DISABLED_AreReadInTheChild) {
       {"twice", text("2")},
       {"empty", text("")},
   };
-  EXPECT_EQ(UserDefaults::argumentDomain(), expected);
-  const auto defaults = UserDefaults::domain("com.example");
-  EXPECT_TRUE(defaults->setObject("name", text("stored")));
-  EXPECT_EQ(defaults->object("name"), text("plain (text"));
-  EXPECT_EQ(defaults->persistentDomain()->at("name"), text("stored"));
-}
-
-TEST_F(UserDefaultsTest, ArgumentsOverrideWhatIsStored) {
-  EXPECT_THAT(UserDefaults::argumentDomain(), testing::IsEmpty());
-  // Not even a name that looks like an option is one.
-  fs::create_symlink(fs::read_symlink("/proc/self/exe"), folder / "-sh");
-  EXPECT_EQ(test::exitStatus(test::startShell(
-                "PATH='" + folder.path() + "'; -sh --gtest_also_run_disabled_tests " +
-                R"(--gtest_filter='UserDefaultsArguments.*' -name 'plain (text' -flag \
-                   -list '( a, "b c", )' -nested '{k = <0f BD>; "q \"" = "line\nfeed";}' \
-                   'value without a key' -xml '<plist><integer>7</integer></plist>' \
-                   -number -5 -twice 1 -twice 2 -empty '' --long x -last)")),
-            0);
-  EXPECT_EQ(defaults->object("name"), text("stored")) << "the child ran nothing";
+  EXPECT_EQ(defaultsFromArguments(arguments), expected);
 }
 
 }  // namespace

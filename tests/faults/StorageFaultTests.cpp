@@ -9,6 +9,7 @@
 #include "Velum/SecureStorage.h"
 #include "tests/faults/FaultTest.h"
 #include "tests/support/CapturedLog.h"
+#include "tests/support/MemoryKey.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum::test {
@@ -74,7 +75,7 @@ TEST(Faults, AtomicFile) {
 
 TEST(Faults, UserDefaults) {
   std::unique_ptr<UserDefaults> defaults;
-  FaultyOperation operation{
+  failEveryCall({
       .enter =
           [&](const std::string& folder) {
             enterSession(folder);
@@ -86,15 +87,7 @@ TEST(Faults, UserDefaults) {
       .mayHide = isOfNoMatter,
       .isDurable = true,
       .lock = "/defaults.plist.lock",
-  };
-  failEveryCall(operation);
-
-  operation.prepare = [] {};  // the first value of all
-  operation.verify = [&](Outcome outcome) {
-    const auto value = defaults->object("key");
-    if (value || outcome == Outcome::succeeded) expectContent(textOf(value), outcome);
-  };
-  failEveryCall(operation);
+  });
 }
 
 TEST(Faults, Vault) {
@@ -139,45 +132,12 @@ TEST(Faults, Vault) {
   failEveryCall(operation);
 }
 
-/// A key that every process of the test knows.
-class CommonKey final : public KeyChainDataProtocol {
- public:
-  SecretResult read() override {
-    return {.status = errSecSuccess, .data = SecretBytes(SealedBox::keySize, 7)};
-  }
-  bool store(const std::optional<SecretBytes>& /*value*/) override { return false; }
-};
-
+/// With a key that every process of the test knows.
 std::shared_ptr<SecureStorage> sealed(const std::string& folder) {
-  auto storage = std::make_shared<SecureStorage>(std::make_shared<CommonKey>(), folder + "/sealed",
-                                                 /*writeDelay=*/0);
+  auto storage = std::make_shared<SecureStorage>(
+      std::make_shared<MemoryKey>(SecretBytes(SealedBox::keySize, 7)), folder + "/sealed", 0);
   storage->load();
   return storage;
-}
-
-TEST(Faults, SealedStorage) {
-  std::string folder;
-  std::shared_ptr<SecureStorage> storage;
-  failEveryCall({
-      .enter =
-          [&](const std::string& path) {
-            folder = path;
-            storage = sealed(folder);
-          },
-      .prepare = [&] { storage->setObject(text(oldContent), "key"); },
-      .run =
-          [&] {
-            const CapturedLog log;
-            storage->setObject(text(newContent), "key");
-            storage->store();  // writes what the first attempt could not
-            return !log.has("Failed");
-          },
-      // Read anew, as the next process does.
-      .verify =
-          [&](Outcome outcome) { expectContent(textOf(sealed(folder)->object("key")), outcome); },
-      .mayHide = isOfNoMatter,
-      .isDurable = true,
-  });
 }
 
 TEST(Faults, GuardedSettings) {

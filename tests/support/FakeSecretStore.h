@@ -37,7 +37,6 @@ class FakeSecretStore final : public SecretStore {
     const std::lock_guard guard(mutex_);
     return items_;
   }
-  void setSearchList(SecKeychainList list) { searchList_ = std::move(list); }
 
   SecretResult copyMatching(const SecretQuery& query) override {
     const std::lock_guard guard(mutex_);
@@ -54,15 +53,10 @@ class FakeSecretStore final : public SecretStore {
     return write("update", query, &value);
   }
   SecretStatus remove(const SecretQuery& query) override { return write("remove", query, nullptr); }
-  SecretList list(const std::optional<std::string>& service) override {
-    const std::lock_guard guard(mutex_);
-    SecretList found{.status = readStatus_, .items = {}};
-    for (const auto& item : items_) {
-      if (!service || item.query.service == *service) found.items.push_back(item.query);
-    }
-    return found;
+  SecretList list(const std::optional<std::string>& /*service*/) override { return {}; }
+  SecKeychainList searchList(SecPreferencesDomain /*domain*/) override {
+    return {.status = readStatus_, .keychains = {{"first"}, {"second"}}};
   }
-  SecKeychainList searchList(SecPreferencesDomain /*domain*/) override { return searchList_; }
 
  private:
   void set(SecretStatus read, SecretStatus write) {
@@ -98,7 +92,6 @@ class FakeSecretStore final : public SecretStore {
   std::vector<Call> calls_;
   SecretStatus readStatus_ = errSecSuccess;
   SecretStatus writeStatus_ = errSecSuccess;
-  SecKeychainList searchList_;
 };
 
 }  // namespace velum::test

@@ -64,7 +64,7 @@ TEST_F(VelumctlKeychain, SetsListsGetsAndDeletes) {
   EXPECT_THAT(keychain("list", {}).output, HasSubstr(service + "\ttoken\tte^[^Iam\n"));
   EXPECT_THAT(keychain("list", {"--service", "other"}).output, IsEmpty());
 
-  EXPECT_EQ(keychain("delete", {"token", "--service", service, "--yes"}).status, 0);
+  EXPECT_EQ(keychain("delete", item + Strings{"--yes"}).status, 0);
   expectMissing(keychain("get", item));
   EXPECT_EQ(keychain("get", ofGroup).output, "other");
 
@@ -77,29 +77,11 @@ TEST_F(VelumctlKeychain, SetsListsGetsAndDeletes) {
   EXPECT_THAT(unavailable.errors, HasSubstr("(-25291)"));
 }
 
-TEST_F(VelumctlKeychain, AsksBeforeItShowsOrDeletes) {
+TEST_F(VelumctlKeychain, DoesNotShowWhatIsTypedAndAsksBeforeItShowsOrDeletes) {
   const SecretEnvironment environment;
   const Strings item{"token", "--service", service};
-  EXPECT_EQ(keychain("set", {"token", "--service", service, "--stdin"}, "hidden gem").status, 0);
-  for (const std::string command : {"get", "delete"}) {
-    for (const std::string answer : {"n\n", "\n", "y\n"}) {
-      const Result result = answered(Strings{"keychain", command} + item, answer);
-      EXPECT_EQ(result.output.find("hidden gem") != std::string::npos,
-                command == "get" && answer == "y\n");
-      EXPECT_EQ(result.status, answer == "y\n" ? 0 : 1);
-    }
-  }
-  expectMissing(keychain("get", item));
-  // Bytes that are no text are not sent to a terminal, whatever the answer.
-  EXPECT_EQ(keychain("set", {"token", "--service", service, "--stdin"}, "\x1B[2J gem").status, 0);
-  auto program = onTerminal({"keychain", "get", "token", "--service", service, "--yes"});
-  EXPECT_THAT(program.readToEnd(), AllOf(HasSubstr("is not text"), Not(HasSubstr("gem"))));
-}
-
-TEST_F(VelumctlKeychain, DoesNotShowWhatIsTyped) {
-  const SecretEnvironment environment;
   const auto type = [&](const std::string& first, const std::string& again) {
-    auto program = onTerminal({"keychain", "set", "token", "--service", service});
+    auto program = onTerminal(Strings{"keychain", "set"} + item);
     program.readUntil("Secret: ");
     program.type(first);
     if (!again.empty()) {
@@ -112,9 +94,23 @@ TEST_F(VelumctlKeychain, DoesNotShowWhatIsTyped) {
   EXPECT_EQ(type("hidden gem\n", "hidden gems\n"), 1);
   EXPECT_EQ(type("hidden gem\x03", ""), 1);
   EXPECT_EQ(type("\x04", ""), 1);
-  expectMissing(keychain("get", {"token", "--service", service}));
+  expectMissing(keychain("get", item));
   EXPECT_EQ(type("hidden gem\n", "hidden gem\n"), 0);
-  EXPECT_EQ(keychain("get", {"token", "--service", service}).output, "hidden gem");
+  EXPECT_EQ(keychain("get", item).output, "hidden gem");
+
+  for (const std::string command : {"get", "delete"}) {
+    for (const std::string answer : {"n\n", "\n", "y\n"}) {
+      const Result result = answered(Strings{"keychain", command} + item, answer);
+      EXPECT_EQ(result.output.find("hidden gem") != std::string::npos,
+                command == "get" && answer == "y\n");
+      EXPECT_EQ(result.status, answer == "y\n" ? 0 : 1);
+    }
+  }
+  expectMissing(keychain("get", item));
+  // Bytes that are no text are not sent to a terminal, whatever the answer.
+  EXPECT_EQ(keychain("set", item + Strings{"--stdin"}, "\x1B[2J gem").status, 0);
+  auto program = onTerminal(Strings{"keychain", "get", "--yes"} + item);
+  EXPECT_THAT(program.readToEnd(), AllOf(HasSubstr("is not text"), Not(HasSubstr("gem"))));
 }
 
 class VelumctlDefaults : public VelumctlTest {
@@ -233,49 +229,35 @@ TEST_F(VelumctlDefaults, DumpsStoragesAfterItAsked) {
   EXPECT_EQ(readFile(sealedFile_), damaged) << "kept for inspection";
 }
 
-class VelumctlEncryption : public VelumctlTest {
- protected:
-  std::string keyFile_ = folder_ / "key";
-  std::string plain_ = folder_ / "plain";
-  std::string blob_ = folder_ / "blob";
-};
+using VelumctlEncryption = VelumctlTest;
 
-TEST_F(VelumctlEncryption, RoundTripsFilesAndStreams) {
-  writeFile(keyFile_, std::string(32, '\xA5'));
-  for (const std::string& text : {std::string(), secretText(), std::string(300'000, 'x')}) {
-    writeFile(plain_, text);
-    ASSERT_EQ(run({"encrypt", plain_, "--key-file", keyFile_, "--output", blob_}).status, 0);
-    EXPECT_EQ(std::filesystem::status(blob_).permissions(), std::filesystem::perms(0600));
-    EXPECT_EQ(run({"decrypt", blob_, "--key-file", keyFile_}).output, text);
-    // Standard output is a pipe here, and stays one.
-    const std::string streamed =
-        run({"encrypt", "--key-file", keyFile_, "--output", "/dev/stdout"}, text).output;
-    EXPECT_EQ(run({"decrypt", "-", "--key-file", keyFile_}, streamed).output, text);
-    EXPECT_EQ(run({"decrypt", blob_, "--key-fd", "0"}, readFile(keyFile_)).output, text);
-  }
-}
-
-TEST_F(VelumctlEncryption, FailsWithoutOutput) {
-  writeFile(keyFile_, std::string(32, 'k'));
-  writeFile(plain_, "text");
-  ASSERT_EQ(run({"encrypt", plain_, "--key-file", keyFile_, "--output", blob_}).status, 0);
-  const std::string blob = readFile(blob_);
-  writeFile(blob_, blob.substr(0, 31));
-  const Result result = run({"decrypt", blob_, "--key-file", keyFile_, "--output", plain_});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.errors, AllOf(HasSubstr("damaged"), Not(HasSubstr("text"))));
-  EXPECT_EQ(readFile(plain_), "text");
-  for (const std::size_t size : {0U, 15U, 33U, 5000U}) {
-    writeFile(keyFile_, std::string(size, 'k'));
-    EXPECT_EQ(run({"encrypt", plain_, "--key-file", keyFile_}).status, 1);
-  }
-  writeFile(keyFile_, std::string(32, 'k'));
-  auto program = onTerminal({"encrypt", plain_, "--key-file", keyFile_});
+TEST_F(VelumctlEncryption, RoundTripsFilesAndStreamsOrFailsWithoutOutput) {
+  const std::string plain = folder_ / "plain";
+  const std::string blob = folder_ / "blob";
+  const Strings key{"--key-file", folder_ / "key"};
+  const std::string keyBytes(32, '\xA5');
+  const std::string text(300'000, 'x');
+  writeFile(key[1], keyBytes);
+  writeFile(plain, text);
+  ASSERT_EQ(run(Strings{"encrypt", plain, "--output", blob} + key).status, 0);
+  EXPECT_EQ(std::filesystem::status(blob).permissions(), std::filesystem::perms(0600));
+  EXPECT_EQ(run({"decrypt", blob, "--key-fd", "0"}, keyBytes).output, text);
+  // Standard output is a pipe here, and stays one.
+  const std::string streamed =
+      run(Strings{"encrypt", "--output", "/dev/stdout"} + key, text).output;
+  EXPECT_EQ(run(Strings{"decrypt", "-"} + key, streamed).output, text);
+  EXPECT_THAT(answered(Strings{"decrypt", blob} + key, "n\n").output, Not(HasSubstr("xxx")));
+  auto program = onTerminal(Strings{"encrypt", plain} + key);
   EXPECT_THAT(program.readToEnd(), HasSubstr("--output"));
   EXPECT_EQ(WEXITSTATUS(program.wait()), 2);
-  writeFile(blob_, blob);
-  EXPECT_THAT(answered({"decrypt", blob_, "--key-file", keyFile_}, "n\n").output,
-              Not(HasSubstr("text")));
+
+  writeFile(blob, streamed.substr(0, 31));
+  const Result result = run(Strings{"decrypt", blob, "--output", plain} + key);
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.errors, HasSubstr("damaged"));
+  EXPECT_EQ(readFile(plain), text);
+  writeFile(key[1], keyBytes + '\n');
+  EXPECT_THAT(run(Strings{"encrypt", plain} + key).errors, HasSubstr("the key has 33 bytes"));
 }
 
 }  // namespace

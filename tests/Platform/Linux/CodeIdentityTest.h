@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Velum/Platform/CodeIdentity.h"
 #include "Velum/Platform/Linux/CodeIdentity/PinnedProgram.h"
@@ -25,13 +26,15 @@ inline constexpr const char* sleeper = "/bin/sleep";
 /// A process that runs `path`, a copy of the sleeper, until the test ends.
 class Running {
  public:
-  explicit Running(const std::string& path) {
+  explicit Running(const std::string& path) : Running({path, "600"}, SpawnOptions::nullDevice) {}
+  /// Any other program with its arguments.
+  Running(const std::vector<std::string>& arguments, int input) {
     SpawnOptions options;
-    options.executable = path;
-    options.arguments = {"sleep", "600"};
+    options.executable = arguments.at(0);
+    options.arguments = arguments;
+    options.standardStreams[0] = input;
     pid_ = spawn(options);
   }
-  explicit Running(pid_t pid) : pid_(pid) {}
   Running(const Running&) = delete;
   Running& operator=(const Running&) = delete;
   ~Running() { end(); }

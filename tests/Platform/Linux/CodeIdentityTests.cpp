@@ -1,5 +1,7 @@
 // Which signatures count.
 
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tests/Platform/Linux/CodeIdentityTest.h"
@@ -52,25 +54,21 @@ TEST_F(CodeIdentityTest, ComparesTheTeamByteForByte) {
   }
   expectReason(verdict(process.pid(), ""), "no team");
 
-  struct Case {
-    std::vector<std::string> units;
-    int type;
-    const char* expected;
+  using Units = std::vector<std::string>;
+  const std::vector<std::tuple<Units, int, const char*>> cases{
+      {Units{"X" + name}, V_ASN1_UTF8STRING, "another team"},
+      {Units{name, name}, V_ASN1_UTF8STRING, "more than one"},
+      {Units{"Other", name}, V_ASN1_UTF8STRING, "more than one"},
+      {Units{}, V_ASN1_UTF8STRING, "no organisational unit"},
+      {Units{""}, V_ASN1_UTF8STRING, "another team"},
+      {Units{name + std::string("\0.example", 9)}, V_ASN1_UTF8STRING, "another team"},
+      {Units{name}, V_ASN1_PRINTABLESTRING, "valid"},
+      {Units{name}, V_ASN1_BMPSTRING, "another team"},  // other characters altogether
+      {Units{"\0R\0008\0K\0002\0Z\0P\0005\0W\0Q\0N"s}, V_ASN1_BMPSTRING, "valid"},
   };
-  const std::vector<Case> cases{
-      {{"X" + name}, V_ASN1_UTF8STRING, "another team"},
-      {{name, name}, V_ASN1_UTF8STRING, "more than one"},
-      {{"Other", name}, V_ASN1_UTF8STRING, "more than one"},
-      {{}, V_ASN1_UTF8STRING, "no organisational unit"},
-      {{""}, V_ASN1_UTF8STRING, "another team"},
-      {{name + std::string("\0.example", 9)}, V_ASN1_UTF8STRING, "another team"},
-      {{name}, V_ASN1_PRINTABLESTRING, "valid"},
-      {{name}, V_ASN1_BMPSTRING, "another team"},  // other characters altogether
-      {{std::string("\0R\0008\0K\0002\0Z\0P\0005\0W\0Q\0N", 20)}, V_ASN1_BMPSTRING, "valid"},
-  };
-  for (const Case& one : cases) {
-    const auto signer = makerWith({.units = one.units, .unitType = one.type});
-    expectReason(verdictOn(process, signatureBy(signer)), one.expected);
+  for (const auto& [units, type, expected] : cases) {
+    const auto signer = makerWith({.units = units, .unitType = type});
+    expectReason(verdictOn(process, signatureBy(signer)), expected);
   }
   signBeside(signatureBy(makerWith({.units = {name + std::string(1, '\0')}})));
   expectReason(verdict(process.pid(), name + std::string(1, '\0')), "another team");
@@ -86,25 +84,18 @@ TEST_F(CodeIdentityTest, RefusesWhatIsNoSoundSignatureOfThisContent) {
     return makeSignature(content, {&maker()}, digest, flags);
   };
   const auto second = makerWith({.name = "Second", .units = {team}, .rsaBits = 2048});
-  struct Case {
-    std::string signature;
-    const char* expected;
-  };
-  const std::vector<Case> cases{
-      {"", "damaged"},
-      {sound.substr(0, sound.size() - 1), "damaged"},
-      {sound + '\0', "bytes follow"},
-      {makeSignature(content + "x", {&maker()}), "content differs"},
-      {signedWith(EVP_sha256(), 0), "not detached"},
-      {signedWith(EVP_sha1(), CMS_DETACHED), "digest"},
-      {signedWith(EVP_sha256(), CMS_DETACHED | CMS_NOATTR), "not made with the key"},
-      {signedWith(EVP_sha256(), CMS_DETACHED | CMS_NOCERTS), "lacks the signer's certificate"},
-      {makeSignature(content, {&maker(), &second}), "exactly one signer"},
-      {std::string((1U << 20U) + 1, '0'), "File too large"},
-  };
-  for (const Case& one : cases) {
-    expectReason(verdictOn(process, one.signature), one.expected,
-                 std::to_string(&one - cases.data()));
+  for (const auto& [signature, expected] :
+       {std::pair(""s, "damaged"),
+        {sound.substr(0, sound.size() - 1), "damaged"},
+        {sound + '\0', "bytes follow"},
+        {makeSignature(content + "x", {&maker()}), "content differs"},
+        {signedWith(EVP_sha256(), 0), "not detached"},
+        {signedWith(EVP_sha1(), CMS_DETACHED), "digest"},
+        {signedWith(EVP_sha256(), CMS_DETACHED | CMS_NOATTR), "not made with the key"},
+        {signedWith(EVP_sha256(), CMS_DETACHED | CMS_NOCERTS), "lacks the signer's certificate"},
+        {makeSignature(content, {&maker(), &second}), "exactly one signer"},
+        {std::string((1U << 20U) + 1, '0'), "File too large"}}) {
+    expectReason(verdictOn(process, signature), expected);
   }
   // The last byte is one of the key's signature over everything else.
   std::string flipped = sound;
@@ -139,11 +130,7 @@ TEST_F(CodeIdentityTest, TrustsOnlyChainsForCodeSigningThatEndInTheRoots) {
     deep = makeIdentity({.name = "Level " + std::to_string(level), .isAuthority = true}, &deep);
   }
 
-  struct Case {
-    SigningIdentity signer;
-    const char* expected;
-  };
-  const std::vector<Case> cases{
+  const std::vector<std::pair<SigningIdentity, const char*>> cases{
       {maker(), "valid"},
       {below(step({.isAuthority = true})), "valid"},
       {below(step({.isAuthority = true, .extendedKeyUsage = "codeSigning"})), "valid"},
@@ -168,30 +155,25 @@ TEST_F(CodeIdentityTest, TrustsOnlyChainsForCodeSigningThatEndInTheRoots) {
       {makerWith({.units = {team}, .digest = EVP_sha1()}),
        "not trusted: CA signature digest algorithm too weak"},
   };
-  for (const Case& one : cases) {
-    expectReason(verdictOn(process, signatureBy(one.signer)), one.expected,
-                 std::to_string(&one - cases.data()));
+  for (const auto& [signer, expected] : cases) {
+    expectReason(verdictOn(process, signatureBy(signer)), expected, expected);
   }
 }
 
 TEST_F(CodeIdentityTest, LooksAtDatesOnlyWhenStrict) {
   const Running process(program_);
   constexpr long day = 86400;
-  signBeside(signatureBy(makerWith({.units = {team}, .begin = -2 * day, .end = -day})));
-  EXPECT_EQ(verdict(process.pid()), "valid");
-  expectReason(verdict(process.pid(), team, {.strictValidity = true}), "has expired");
-  signBeside(signatureBy(makerWith({.units = {team}, .begin = day, .end = 2 * day})));
-  EXPECT_EQ(verdict(process.pid()), "valid");
-  expectReason(verdict(process.pid(), team, {.strictValidity = true}), "not yet valid");
-  signBeside(signatureBy(maker()));
-  EXPECT_EQ(verdict(process.pid(), team, {.strictValidity = true}), "valid");
-
   const auto oldRoot =
       makeIdentity({.name = "Old", .isAuthority = true, .begin = -2 * day, .end = -day});
   addRoot("old.pem", oldRoot.pem());
-  signBeside(signatureBy(makeIdentity({.units = {team}}, &oldRoot)));
-  EXPECT_EQ(verdict(process.pid()), "valid");
-  expectReason(verdict(process.pid(), team, {.strictValidity = true}), "has expired");
+  for (const auto& [signer, strictly] :
+       {std::pair(maker(), "valid"),
+        {makerWith({.units = {team}, .begin = -2 * day, .end = -day}), "has expired"},
+        {makerWith({.units = {team}, .begin = day, .end = 2 * day}), "not yet valid"},
+        {makeIdentity({.units = {team}}, &oldRoot), "has expired"}}) {
+    EXPECT_EQ(verdictOn(process, signatureBy(signer)), "valid") << strictly;
+    expectReason(verdict(process.pid(), team, {.strictValidity = true}), strictly);
+  }
 }
 
 }  // namespace

@@ -84,15 +84,12 @@ TEST_F(SecureDefaultsTest, KeepsEveryTypeInBothPlaces) {
   using namespace std::chrono_literals;
   const PropertyList::Date moment{1'800'000'000s + 250ms};
   const PropertyList::Data bytes{0, 255};
-  EXPECT_TRUE(defaults.setBool(true, "bool"));
-  EXPECT_TRUE(defaults.setInteger(-7, "integer"));
-  EXPECT_TRUE(defaults.setDouble(0.5, "double"));
-  EXPECT_TRUE(defaults.setString("t\u20ACxt", "string"));
-  EXPECT_TRUE(defaults.setData(bytes, "data"));
-  EXPECT_TRUE(defaults.setDate(moment, "date"));
-  EXPECT_TRUE(defaults.setArray({text("a")}, "array"));
-  EXPECT_TRUE(defaults.setDictionary({{"k", list(false)}}, "dictionary"));
-  EXPECT_TRUE(defaults.setUrl("https://example.com/?q=1", "url"));
+  EXPECT_TRUE(defaults.setBool(true, "bool") && defaults.setInteger(-7, "integer") &&
+              defaults.setDouble(0.5, "double") && defaults.setString("t\u20ACxt", "string") &&
+              defaults.setData(bytes, "data") && defaults.setDate(moment, "date") &&
+              defaults.setArray({text("a")}, "array") &&
+              defaults.setDictionary({{"k", list(false)}}, "dictionary") &&
+              defaults.setUrl("https://example.com/?q=1", "url"));
   EXPECT_FALSE(defaults.setUrl("/no/scheme", "url"));
 
   SecureDefaults later("com.example", copy);

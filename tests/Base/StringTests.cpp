@@ -50,13 +50,8 @@ TEST(StrippedHeaders, AppendsToWhatIsThere) {
 
 const std::string replaced = "\xEF\xBF\xBD";
 
-struct Utf8Case {
-  std::string text;
-  std::string repaired;
-};
-
 TEST(Utf8, RepairsEachIllFormedSequenceOnce) {
-  const std::vector<Utf8Case> cases{
+  const std::vector<std::pair<std::string, std::string>> cases{
       {"\x80", replaced},
       {"\xC0\xAF", replaced + replaced},                                // overlong
       {"\xE0\x80\xBF", replaced + replaced + replaced},                 // overlong

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -107,27 +108,13 @@ TEST_F(UserDefaultsTest, RegisteredDefaultsStandBackBehindStoredOnes) {
 // Who is started with arguments finds them: see SecureDefaultsTests.
 TEST(DefaultsArguments, AreNamesThatBeginWithADashAndTheValuesBehindThem) {
   using Entries = PropertyList::Dictionary;
-  const std::vector<std::string_view> arguments{"-name",
-                                                "plain (text",
-                                                "-flag",
-                                                "-list",
-                                                R"(( a, "b c", ))",
-                                                "-nested",
-                                                R"({k = <0f BD>; "q \"" = "line\nfeed";})",
-                                                "value without a key",
-                                                "-xml",
-                                                "<plist><integer>7</integer></plist>",
-                                                "-number",
-                                                "-5",
-                                                "-twice",
-                                                "1",
-                                                "-twice",
-                                                "2",
-                                                "-empty",
-                                                "",
-                                                "--long",
-                                                "x",
-                                                "-last"};
+  std::istringstream bars(
+      R"(-name|plain (text|-flag|-list|( a, "b c", )|-nested|{k = <0f BD>; "q \"" = "line\nfeed";}|)"
+      "value without a key|-xml|<plist><integer>7</integer></plist>|-number|-5|-twice|1|-twice|2|"
+      "-empty||--long|x|-last");
+  std::vector<std::string> texts;
+  for (std::string word; std::getline(bars, word, '|');) texts.push_back(word);
+  const std::vector<std::string_view> arguments(texts.begin(), texts.end());
   const Entries expected{
       {"name", text("plain (text")},
       {"list", PropertyList(PropertyList::Array{text("a"), text("b c")})},

@@ -13,5 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto again = PropertyList::read(written);
   // Compared as bytes, because a number that is none equals nothing, not even itself.
   velum::fuzz::require(again && again->binary() == written);
+  const auto readable = list->readableBinary();
+  velum::fuzz::require(!readable || PropertyList::read(*readable));
   return 0;
 }

@@ -113,18 +113,17 @@ TEST_F(CodeIdentityTest, RefusesProcessesWithoutAProgramOfTheirOwn) {
   }
   Running process(program_);
   EXPECT_EQ(verdict(process.pid()), "valid");
-  process.kill();
+  process.signal(SIGKILL);
   ASSERT_TRUE(hasEnded(process.pid()));  // and is a zombie
   expectReason(verdict(process.pid()), "has ended");
-  process.end();
-  expectReason(verdict(process.pid()), "no such process");
 
   // A script is run by a program that nobody of the team has signed, whatever stands beside it.
-  writeFile(folder_ / "script", "#!/bin/sh\nread line\n");
+  const std::string fifo = folder_ / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  writeFile(folder_ / "script", "#!/bin/sh\nread line <'" + fifo + "'");
   ::chmod((folder_ / "script").c_str(), 0755);
   writeFile(folder_ / "script.p7s", makeSignature(readFile(folder_ / "script"), {&maker()}));
-  const Pipe input;
-  const Running script({folder_ / "script"}, input.reader.get());
+  const auto script = RunningProgram::piped({folder_ / "script"});
   expectReason(verdict(script.pid()), "not signed");
 
   if (::geteuid() == 0 && fs::exists("/proc/2/comm") && readFile("/proc/2/cmdline").empty()) {
@@ -199,17 +198,18 @@ TEST_F(CodeIdentityTest, NoticesWhatChangesWhileItLooks) {
   ::chmod(program_.c_str(), 0700);
   expectReason(reason(program), "changed while");
   const PinnedProgram ending(process.pid(), UINT64_MAX);
-  process.kill();
+  process.signal(SIGKILL);
   ASSERT_TRUE(hasEnded(process.pid()));
   expectReason(reason(ending), "ended while");
-  process.end();
+  process.wait();
   expectReason(reason(ending), "ended while");
 
-  const Pipe input;
-  const Running other({"/bin/sh", "-c", "read line; exec \"$0\" 600", program_},
-                      input.reader.get());
+  const std::string fifo = folder_ / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const auto other = RunningProgram::piped(
+      {"/bin/sh", "-c", "read line <'" + fifo + "'; exec \"$0\" 600", program_});
   const PinnedProgram shell(other.pid(), UINT64_MAX);
-  ASSERT_EQ(::write(input.writer.get(), "\n", 1), 1);
+  writeFile(fifo, "\n");
   ASSERT_TRUE(eventually([&] { return verdict(other.pid()) == "valid"; }));
   expectReason(reason(shell), "another program");
 }

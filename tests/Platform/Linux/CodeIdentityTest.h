@@ -8,13 +8,13 @@
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "Velum/Platform/CodeIdentity.h"
 #include "Velum/Platform/Linux/CodeIdentity/PinnedProgram.h"
 #include "tests/support/CodeSigning.h"
 #include "tests/support/Processes.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/velumctl/RunningProgram.h"
 
 namespace velum::test {
 
@@ -24,33 +24,9 @@ inline constexpr const char* team = "R8K2ZP5WQN";
 inline constexpr const char* sleeper = "/bin/sleep";
 
 /// A process that runs `path`, a copy of the sleeper, until the test ends.
-class Running {
+class Running : public RunningProgram {
  public:
-  explicit Running(const std::string& path) : Running({path, "600"}, SpawnOptions::nullDevice) {}
-  /// Any other program with its arguments.
-  Running(const std::vector<std::string>& arguments, int input) {
-    SpawnOptions options;
-    options.executable = arguments.at(0);
-    options.arguments = arguments;
-    options.standardStreams[0] = input;
-    pid_ = spawn(options);
-  }
-  Running(const Running&) = delete;
-  Running& operator=(const Running&) = delete;
-  ~Running() { end(); }
-
-  pid_t pid() const { return pid_; }
-  void kill() const { ::kill(pid_, SIGKILL); }
-  void end() {
-    if (ended_) return;
-    ended_ = true;
-    kill();
-    retryInterrupted([&] { return ::waitpid(pid_, nullptr, 0); });
-  }
-
- private:
-  pid_t pid_ = -1;
-  bool ended_ = false;
+  explicit Running(const std::string& path) : RunningProgram(piped({path, "600"})) {}
 };
 
 /// A program, folders for what it is trusted by, and whoever signs it.

@@ -191,9 +191,7 @@ TEST(KeyChainData, SaysWhenItCantStore) {
 
   store.takeCalls();
   KeyChainData empty("", store);
-  EXPECT_FALSE(empty.store(secretBytes("v")));
-  EXPECT_FALSE(empty.store(std::nullopt));
-  EXPECT_FALSE(empty.data());
+  EXPECT_FALSE(empty.store(secretBytes("v")) || empty.data());
   EXPECT_THAT(store.takeCalls(), IsEmpty());
 }
 

@@ -9,7 +9,6 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -19,17 +18,14 @@ namespace detail {
 inline void require(bool isDone, const char* what) {
   if (!isDone) throw std::runtime_error(what);
 }
-inline std::string text(BIO* bio) {
+/// What `write` writes.
+template <class Write>
+std::string written(const char* what, const Write& write) {
+  const std::unique_ptr<BIO, int (*)(BIO*)> bio(BIO_new(BIO_s_mem()), BIO_free);
+  require(bio && write(bio.get()) == 1, what);
   char* bytes = nullptr;
-  const long size = BIO_get_mem_data(bio, &bytes);
+  const long size = BIO_get_mem_data(bio.get(), &bytes);
   return {bytes, static_cast<std::size_t>(size)};
-}
-using Bio = std::unique_ptr<BIO, int (*)(BIO*)>;
-inline Bio bioOf(std::string_view bytes) {
-  return {BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())), BIO_free};
-}
-inline Bio emptyBio() {
-  return {BIO_new(BIO_s_mem()), BIO_free};
 }
 }  // namespace detail
 
@@ -55,16 +51,13 @@ struct SigningIdentity {
   std::vector<std::shared_ptr<X509>> chain;
 
   std::string pem() const {
-    const detail::Bio bio = detail::emptyBio();
-    detail::require(PEM_write_bio_X509(bio.get(), certificate.get()) == 1, "PEM_write_bio_X509");
-    return detail::text(bio.get());
+    return detail::written("PEM_write_bio_X509",
+                           [this](BIO* bio) { return PEM_write_bio_X509(bio, certificate.get()); });
   }
   std::string keyPem() const {
-    const detail::Bio bio = detail::emptyBio();
-    detail::require(
-        PEM_write_bio_PrivateKey(bio.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) == 1,
-        "PEM_write_bio_PrivateKey");
-    return detail::text(bio.get());
+    return detail::written("PEM_write_bio_PrivateKey", [this](BIO* bio) {
+      return PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+    });
   }
 };
 
@@ -139,7 +132,8 @@ inline std::string makeSignature(const std::string& content,
                                  unsigned flags = CMS_DETACHED) {
   using detail::require;
   flags |= CMS_BINARY | CMS_NOSMIMECAP | CMS_PARTIAL;
-  const detail::Bio input = detail::bioOf(content);
+  const std::unique_ptr<BIO, int (*)(BIO*)> input(
+      BIO_new_mem_buf(content.data(), static_cast<int>(content.size())), BIO_free);
   const std::unique_ptr<CMS_ContentInfo, void (*)(CMS_ContentInfo*)> message(
       CMS_sign(nullptr, nullptr, nullptr, input.get(), flags), CMS_ContentInfo_free);
   require(message != nullptr, "CMS_sign");
@@ -150,9 +144,7 @@ inline std::string makeSignature(const std::string& content,
     for (const auto& above : signer->chain) CMS_add1_cert(message.get(), above.get());
   }
   require(CMS_final(message.get(), input.get(), nullptr, flags) == 1, "CMS_final");
-  const detail::Bio output = detail::emptyBio();
-  require(i2d_CMS_bio(output.get(), message.get()) == 1, "i2d_CMS_bio");
-  return detail::text(output.get());
+  return detail::written("i2d_CMS_bio", [&](BIO* bio) { return i2d_CMS_bio(bio, message.get()); });
 }
 
 }  // namespace velum::test

@@ -35,13 +35,17 @@ using Labels = std::multiset<std::string>;
 constexpr auto user = SecPreferencesDomain::user;
 constexpr auto common = SecPreferencesDomain::common;
 
-PropertyList::Array setting(std::optional<std::string> policy, std::int64_t result) {
-  PropertyList::Dictionary entries;
-  if (policy) entries.emplace("kSecTrustSettingsPolicyName", PropertyList(std::move(*policy)));
-  entries.emplace("kSecTrustSettingsResult", PropertyList(result));
+/// Rules, each for one use or for all.
+PropertyList settings(
+    const std::vector<std::pair<std::optional<std::string>, std::int64_t>>& rules) {
   PropertyList::Array list;
-  list.emplace_back(std::move(entries));
-  return list;
+  for (const auto& [policy, result] : rules) {
+    PropertyList::Dictionary entries;
+    if (policy) entries.emplace("kSecTrustSettingsPolicyName", PropertyList(*policy));
+    entries.emplace("kSecTrustSettingsResult", PropertyList(result));
+    list.emplace_back(std::move(entries));
+  }
+  return PropertyList(std::move(list));
 }
 
 const PropertyList always{PropertyList::Array{}};
@@ -105,7 +109,7 @@ TEST_F(UserCertificates, AreFoundByTheWholeLabelOnly) {
                 .status,
             0);
   EXPECT_EQ(labels(), (Labels{"Büro", "by hand"}));
-  EXPECT_EQ(store_.copyTrustSettings(second, user).settings, PropertyList(setting("sslServer", 1)));
+  EXPECT_EQ(store_.copyTrustSettings(second, user).settings, settings({{"sslServer", 1}}));
   EXPECT_TRUE(store_.remove("by hand", keychain()).isSuccess());
   EXPECT_EQ(labels(), Labels{"Büro"});
 }
@@ -119,38 +123,32 @@ TEST_F(UserCertificates, KeepTrustSettingsAsTheStoresOwnToolsShowThem) {
   add(root, "root");
   EXPECT_TRUE(noSettings());
 
-  PropertyList::Array mixed = setting("sslServer", 1);
-  mixed.push_back(setting("SMIME", 3).front());
-  mixed.push_back(setting("CodeSigning", 2).front());
-  PropertyList::Array itself;
-  for (const char* use : {"sslServer", "sslClient", "SMIME", "CodeSigning"}) {
-    itself.push_back(setting(use, 2).front());
-  }
   const std::vector<std::pair<PropertyList, std::string>> cases{
       {always, "CT,C,C\n"},
-      {PropertyList(setting("sslServer", 1)), "C,,\n"},
-      {PropertyList(setting("sslServer", 3)), "p,,\n"},
-      {PropertyList(setting("sslClient", 1)), "T,,\n"},
-      {PropertyList(mixed), "C,p,P\n"},
-      {PropertyList(itself), "P,P,P\n"},  // an authority, but not for what it issues
+      {settings({{"sslServer", 1}}), "C,,\n"},
+      {settings({{"sslServer", 3}}), "p,,\n"},
+      {settings({{"sslClient", 1}}), "T,,\n"},
+      {settings({{"sslServer", 1}, {"SMIME", 3}, {"CodeSigning", 2}}), "C,p,P\n"},
+      // An authority, but not for what it issues.
+      {settings({{"sslServer", 2}, {"sslClient", 2}, {"SMIME", 2}, {"CodeSigning", 2}}), "P,P,P\n"},
   };
-  for (const auto& [settings, flags] : cases) {
-    EXPECT_EQ(set(root, settings), errSecSuccess) << flags;
-    EXPECT_EQ(store_.copyTrustSettings(root, user).settings, settings) << flags;
+  for (const auto& [rules, flags] : cases) {
+    EXPECT_EQ(set(root, rules), errSecSuccess) << flags;
+    EXPECT_EQ(store_.copyTrustSettings(root, user).settings, rules) << flags;
     EXPECT_EQ(shownFlags(), flags);
   }
   // What can't be kept changes nothing, for a rule that is left out would be no rule.
-  PropertyList::Array forOneHost = setting("sslServer", 1);
-  std::get<PropertyList::Dictionary>(forOneHost.front().value)
+  PropertyList forOneHost = settings({{"sslServer", 1}});
+  std::get<PropertyList::Dictionary>(std::get<PropertyList::Array>(forOneHost.value)[0].value)
       .emplace("kSecTrustSettingsPolicyString", PropertyList(std::string("example.com")));
   for (const PropertyList& bad :
-       {PropertyList(forOneHost), PropertyList(setting("eapServer", 1)),
-        PropertyList(setting("SMIME", 4)), PropertyList(), PropertyList(PropertyList::Array(1))}) {
+       {forOneHost, settings({{"eapServer", 1}}), settings({{"SMIME", 4}}), PropertyList(),
+        PropertyList(PropertyList::Array(1))}) {
     EXPECT_EQ(set(root, bad), errSecParam);
   }
   EXPECT_EQ(shownFlags(), "P,P,P\n");
 
-  EXPECT_EQ(set(root, PropertyList(setting({}, 3))), errSecSuccess);  // for every use
+  EXPECT_EQ(set(root, settings({{std::nullopt, 3}})), errSecSuccess);  // for every use
   EXPECT_EQ(shownFlags(), "p,p,p\n");
   EXPECT_EQ(set(root, std::nullopt), errSecSuccess);
   EXPECT_TRUE(noSettings());
@@ -212,7 +210,7 @@ TEST_F(UserCertificates, LeaveAnotherDatabaseOfThisProcessAlone) {
     EXPECT_EQ(labels(), Labels());
     EXPECT_EQ(store_.copyTrustSettings(root, user).status.number, errSecNoTrustSettings);
     add(root, "mine");
-    EXPECT_EQ(set(root, PropertyList(setting({}, 3))), errSecSuccess);
+    EXPECT_EQ(set(root, settings({{std::nullopt, 3}})), errSecSuccess);
     EXPECT_EQ(labels(), Labels{"mine"});
     EXPECT_TRUE(store_.remove("mine", keychain()).isSuccess());
     CERTCertificate* const found = CERT_FindCertByNickname(CERT_GetDefaultCertDB(), "root");
@@ -281,7 +279,7 @@ TEST_F(MachineCertificatesTest, AreWhatTlsClientsTrust) {
   EXPECT_TRUE(isTrusted());
   EXPECT_EQ(store_.copyTrustSettings(root, SecPreferencesDomain::system).settings, always);
   EXPECT_TRUE(store_.setTrustSettings(root, common, always).isSuccess());
-  EXPECT_EQ(store_.setTrustSettings(root, common, PropertyList(setting({}, 3))).number,
+  EXPECT_EQ(store_.setTrustSettings(root, common, settings({{std::nullopt, 3}})).number,
             errSecUnimplemented);
   EXPECT_EQ(store_.add(root, "again", keychain()).number, errSecDuplicateItem);
   EXPECT_EQ(labels(), Labels{"../Büro (1)"});

@@ -87,7 +87,7 @@ namespace {
 
 class SecretMemory : public testing::Test {
  protected:
-  ~SecretMemory() override { EXPECT_EQ(findings.exchange(0), 0) << "freed with a secret in it"; }
+  void TearDown() override { EXPECT_EQ(findings.exchange(0), 0) << "freed with a secret in it"; }
 
   /// A secret of `words` words.
   static SecretBytes secret(std::size_t words = 1) {

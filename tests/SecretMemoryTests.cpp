@@ -168,6 +168,7 @@ TEST_F(SecretMemory, IsWipedByStorages) {
   {
     SecureStorage storage(key, path, 0);
     storage.setObject(nested(), "nested");
+    storage.setObject(nested(), "nested");
     storage.setObject(text(shortWord), "text");
     storage.setObject(text(secretText(5)), "text");
     storage.setObject(std::nullopt, "text");

@@ -294,6 +294,17 @@ TEST_F(SecureDefaultsTest, AnOldFileThatIsPutBackIsNeitherBelievedNorMadeOfficia
   }
 }
 
+TEST_F(SecureDefaultsTest, FinishesTheWriteOfAKilledProcessButNoChangeOfOthersSince) {
+  ASSERT_TRUE(defaults.setString("old", "key"));
+  const Entries note{{"key", list(PropertyList::Array{text("old")})}};
+  ASSERT_TRUE(copy->setObjects(
+      {{"key", text("new")}, {std::string(SecureDefaults::pendingKey), list(note)}}));
+  outsider->setObject("key", text("wrong"));
+  EXPECT_EQ(defaults.string("key"), "new");
+  expectOneReport();
+  EXPECT_EQ(domain(), (Entries{{"key", text("new")}}));
+}
+
 TEST_F(SecureDefaultsTest, TheHandlerMayReadAndWrite) {
   ASSERT_TRUE(defaults.setString("right", "key"));
   int calls = 0;

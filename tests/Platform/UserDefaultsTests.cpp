@@ -102,7 +102,8 @@ TEST_F(UserDefaultsTest, RegisteredDefaultsStandBackBehindStoredOnes) {
   EXPECT_FALSE(defaults->persistentDomain()->contains("other"));
 
   EXPECT_TRUE(UserDefaults::standard().setObject("key", text("value")));
-  EXPECT_EQ(UserDefaults::domain("UserDefaultsTests")->object("key"), text("value"));
+  const std::string program = fs::path(testing::internal::GetArgvs().at(0)).filename();
+  EXPECT_EQ(UserDefaults::domain(program)->object("key"), text("value"));
 }
 
 // Who is started with arguments finds them: see SecureDefaultsTests.

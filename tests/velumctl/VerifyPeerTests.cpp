@@ -37,10 +37,10 @@ class VelumctlVerifyPeer : public VelumctlTest {
 
   /// With the key NAME.key and the certificate NAME.pem.
   Result sign(const std::string& name, const Strings& more = {}) const {
-    return execute(Strings{VELUM_SOURCE_DIR "/scripts/sign-code", "--key",
-                           folder_ / (name + ".key"), "--certificate", folder_ / (name + ".pem"),
-                           "--chain", folder_ / "step.pem"} +
-                   more + Strings{program_});
+    return execute(Strings{VELUM_SOURCE_DIR "/scripts/sign-code"} +
+                   Strings{"--key", folder_ / (name + ".key")} +
+                   Strings{"--certificate", folder_ / (name + ".pem")} +
+                   Strings{"--chain", folder_ / "step.pem"} + more + Strings{program_});
   }
 
   Result verify(int pid, Strings more = {}) const {

@@ -12,7 +12,6 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +20,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <stdexcept>
 
@@ -115,9 +115,6 @@ const std::map<int, CallKind>& callKinds() {
   return kinds;
 }
 
-/// A number that no other descriptor has: sending on it is not gated, for it hands over the gate.
-constexpr int transportNumber = 777;
-
 std::vector<sock_filter> filterProgram() {
   constexpr std::uint16_t load = BPF_LD | BPF_W | BPF_ABS;
   constexpr std::uint16_t equal = BPF_JMP | BPF_JEQ | BPF_K;
@@ -126,11 +123,6 @@ std::vector<sock_filter> filterProgram() {
   std::vector<sock_filter> program{
       {load, 0, 0, static_cast<std::uint32_t>(offsetof(seccomp_data, arch))},
       {equal, 1, 0, architecture},
-      {leave, 0, 0, SECCOMP_RET_ALLOW},
-      {load, 0, 0, number},
-      {equal, 0, 3, SYS_sendmsg},
-      {load, 0, 0, static_cast<std::uint32_t>(offsetof(seccomp_data, args))},
-      {equal, 0, 1, transportNumber},
       {leave, 0, 0, SECCOMP_RET_ALLOW},
       {load, 0, 0, number},
   };
@@ -167,14 +159,16 @@ struct Message {
   msghdr header{};
 };
 
-void sendDescriptor(int fd) {
+/// By a call that is not gated, for it hands over the gate.
+void sendDescriptor(int socket, int fd) {
   Message message;
   cmsghdr* const ancillary = CMSG_FIRSTHDR(&message.header);
   ancillary->cmsg_level = SOL_SOCKET;
   ancillary->cmsg_type = SCM_RIGHTS;
   ancillary->cmsg_len = CMSG_LEN(sizeof fd);
   std::memcpy(CMSG_DATA(ancillary), &fd, sizeof fd);
-  if (::sendmsg(transportNumber, &message.header, 0) != 1) ::_exit(78);
+  mmsghdr one{message.header, 0};
+  if (::sendmmsg(socket, &one, 1, 0) != 1) ::_exit(78);
 }
 
 /// The sent descriptor; none when the sender ended before.
@@ -190,32 +184,28 @@ UniqueFd receiveDescriptor(int socket) {
 }
 
 std::string textAt(pid_t thread, std::uint64_t address) {
-  constexpr std::uint64_t pageSize = 4096;  // or a multiple of it
   std::array<char, 512> text{};
-  // Page by page: the next one may not be there.
-  for (std::size_t size = 0; size < text.size() - 1 && std::strlen(text.data()) == size;) {
-    const std::uint64_t next = address + size;
-    const std::size_t most = std::min(text.size() - 1 - size, pageSize - next % pageSize);
-    const iovec to{text.data() + size, most};
-    const iovec from{reinterpret_cast<void*>(next), most};  // NOLINT(*-int-to-ptr)
-    if (::process_vm_readv(thread, &to, 1, &from, 1, 0) < 0) return "?";
-    size += most;
-  }
-  return text.data();
+  const UniqueFd memory(
+      ::open(("/proc/" + std::to_string(thread) + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
+  // It may end before the next page, which need not be there.
+  const ssize_t size =
+      ::pread(memory.get(), text.data(), text.size() - 1, static_cast<off_t>(address));
+  return size > 0 ? text.data() : "?";
+}
+
+/// Where a link in the thread's folder of /proc leads to.
+std::string linkOf(pid_t thread, const std::string& name) {
+  std::error_code error;
+  const auto link = "/proc/" + std::to_string(thread) + '/' + name;
+  return std::filesystem::read_symlink(link, error).native();
 }
 
 std::string fileOf(pid_t thread, int fd) {
-  std::array<char, 256> target{};
-  const std::string link = "/proc/" + std::to_string(thread) + "/fd/" + std::to_string(fd);
-  if (::readlink(link.c_str(), target.data(), target.size() - 1) < 0) return "?";
-  return target.data();
+  return linkOf(thread, "fd/" + std::to_string(fd));
 }
 
 std::string programOf(pid_t thread) {
-  std::array<char, 512> target{};
-  const std::string link = "/proc/" + std::to_string(thread) + "/exe";
-  const ssize_t size = ::readlink(link.c_str(), target.data(), target.size());
-  return {target.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
+  return linkOf(thread, "exe");
 }
 
 /// A sanitizer asks a pipe whether memory can be read, at any moment.
@@ -235,18 +225,15 @@ bool GatedCall::isOneOf(std::initializer_list<const char*> names) const {
   return std::ranges::find(names, name) != names.end();
 }
 
-struct CallGate::Shared {
-  std::atomic<bool> isArmed{false};
-};
-
 /// Answers the calls of one process.
 class CallGate::Supervisor {
  public:
-  Supervisor(UniqueFd listener, pid_t process, const Shared& shared, const Injection& injection,
-             const CallPredicate& isSpared, const std::string& program, GatedRun& run)
+  Supervisor(UniqueFd listener, pid_t process, const std::atomic<bool>& isArmed,
+             const Injection& injection, const CallPredicate& isSpared, const std::string& program,
+             GatedRun& run)
       : listener_(std::move(listener)),
         process_(process),
-        shared_(shared),
+        isArmed_(isArmed),
         injection_(injection),
         isSpared_(isSpared),
         program_(program.empty() ? programOf(process) : program),
@@ -276,7 +263,7 @@ class CallGate::Supervisor {
   void answer() {
     seccomp_notif call{};
     if (::ioctl(listener_.get(), SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) return;  // was interrupted
-    const int error = shared_.isArmed ? decide(call) : 0;
+    const int error = isArmed_ ? decide(call) : 0;
     if (error == Injection::kill) {
       const auto caller = static_cast<pid_t>(call.pid);
       if (isProcessMeant_) ::kill(process_, SIGKILL);
@@ -347,7 +334,7 @@ class CallGate::Supervisor {
 
   const UniqueFd listener_;
   const pid_t process_;
-  const Shared& shared_;
+  const std::atomic<bool>& isArmed_;
   const Injection& injection_;
   const CallPredicate& isSpared_;
   const std::string program_;
@@ -355,9 +342,7 @@ class CallGate::Supervisor {
   GatedRun& run_;
 };
 
-CallGate::CallGate()
-    : shared_(new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
-                          MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Shared) {
+CallGate::CallGate() {
   std::array<int, 2> ends{};
   if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
     throw std::runtime_error("socketpair");
@@ -366,22 +351,12 @@ CallGate::CallGate()
   childs_.reset(ends[1]);
 }
 
-CallGate::~CallGate() {
-  ::munmap(shared_, sizeof *shared_);
-}
-
 void CallGate::enter() {
-  ::dup3(childs_.get(), transportNumber, O_CLOEXEC);
-  childs_.reset();
   ours_.reset();
-  UniqueFd listener = installFilter();
+  const UniqueFd listener = installFilter();
   if (!listener) ::_exit(79);
-  sendDescriptor(listener.get());
-  ::close(transportNumber);
-}
-
-void CallGate::arm(bool isArmed) noexcept {
-  shared_->isArmed = isArmed;
+  sendDescriptor(childs_.get(), listener.get());
+  childs_.reset();
 }
 
 GatedRun CallGate::run(const std::function<void()>& child, const Injection& injection,
@@ -392,7 +367,7 @@ GatedRun CallGate::run(const std::function<void()>& child, const Injection& inje
   childs_.reset();
   UniqueFd listener = receiveDescriptor(ours_.get());
   if (listener) {
-    Supervisor(std::move(listener), process.pid(), *shared_, injection, isSpared, program, run)
+    Supervisor(std::move(listener), process.pid(), *isArmed_, injection, isSpared, program, run)
         .serve();
   }
   run.status = run.isHung ? process.kill() : process.wait();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/mman.h>
 #include <sys/types.h>
 
 #include <array>
@@ -14,6 +15,23 @@
 #include "Velum/Files/UniqueFd.h"
 
 namespace velum::test {
+
+/// A value in memory that a process has in common with those it forks.
+template <class Value>
+class SharedWithChild {
+ public:
+  SharedWithChild()
+      : value_(new (::mmap(nullptr, sizeof(Value), PROT_READ | PROT_WRITE,
+                           MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Value()) {}
+  SharedWithChild(const SharedWithChild&) = delete;
+  SharedWithChild& operator=(const SharedWithChild&) = delete;
+  ~SharedWithChild() { ::munmap(value_, sizeof(Value)); }
+  Value& operator*() const { return *value_; }
+  Value* operator->() const { return value_; }
+
+ private:
+  Value* value_;
+};
 
 /// A system call that a gated process is about to make.
 struct GatedCall {
@@ -56,13 +74,10 @@ struct GatedRun {
 class CallGate {
  public:
   CallGate();
-  CallGate(const CallGate&) = delete;
-  CallGate& operator=(const CallGate&) = delete;
-  ~CallGate();
 
   /// In the child: from now on its calls come to the gate, where only armed ones are counted.
   void enter();
-  void arm(bool isArmed) noexcept;
+  void arm(bool isArmed) noexcept { *isArmed_ = isArmed; }
 
   /// Forks `child`, which calls `enter`, and serves its calls until it ends or the time is up.
   /// Calls that are spared pass uncounted, as do those of other programs than `program`, by default
@@ -74,11 +89,10 @@ class CallGate {
   static bool isSupported();
 
  private:
-  struct Shared;
   class Supervisor;
 
-  Shared* shared_;  // mapped into the child as well
-  UniqueFd ours_;   // of the socket that brings the gate's descriptor here
+  SharedWithChild<std::atomic<bool>> isArmed_;
+  UniqueFd ours_;  // of the socket that brings the gate's descriptor here
   UniqueFd childs_;
 };
 

@@ -1,10 +1,8 @@
 #include "tests/faults/FaultTest.h"
 
-#include <sys/mman.h>
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <map>
@@ -14,6 +12,7 @@
 #include "Velum/Logger/Logger.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"
+#include "tests/support/Inspection.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Waiting.h"
 
@@ -31,15 +30,11 @@ Names filesBelow(const std::string& folder) {
   return names;
 }
 
-std::size_t openDescriptors() {
-  return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), {}));
-}
-
 /// What a child tells its parent, in memory that they share.
 struct Notes {
   using Text = std::array<char, 16 * 1024>;
   bool isSuccess;
-  std::size_t descriptors;
+  std::ptrdiff_t descriptors;
   Text filesBefore;
   Text filesAfterRun;
 
@@ -54,20 +49,6 @@ struct Notes {
     for (std::string line; std::getline(lines, line);) result.insert(line);
     return result;
   }
-};
-
-class SharedNotes {
- public:
-  SharedNotes()
-      : notes_(static_cast<Notes*>(::mmap(nullptr, sizeof(Notes), PROT_READ | PROT_WRITE,
-                                          MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {}
-  SharedNotes(const SharedNotes&) = delete;
-  SharedNotes& operator=(const SharedNotes&) = delete;
-  ~SharedNotes() { ::munmap(notes_, sizeof(Notes)); }
-  Notes* operator->() const { return notes_; }
-
- private:
-  Notes* notes_;
 };
 
 class Harness {
@@ -108,7 +89,7 @@ class Harness {
     Names filesBefore;
     Names filesAfterRun;
     Names filesAtTheEnd;
-    std::size_t descriptors;
+    std::ptrdiff_t descriptors;
     std::string problems;
   };
 
@@ -167,10 +148,10 @@ class Harness {
 
   Played play(const Injection& injection) const {
     const TemporaryFolder folder;
-    const SharedNotes notes;
+    const SharedWithChild<Notes> notes;
     CallGate gate;
     Played played{};
-    played.run = gate.run(guarded([&] { playInChild(folder.path(), gate, notes); }), injection,
+    played.run = gate.run(guarded([&] { playInChild(folder.path(), gate, *notes); }), injection,
                           operation_.isSpared, operation_.program);
     played.isSuccess = notes->isSuccess;
     if (played.run.error == Injection::kill && operation_.program.empty()) {
@@ -207,22 +188,22 @@ class Harness {
     };
   }
 
-  void playInChild(const std::string& folder, CallGate& gate, const SharedNotes& notes) const {
+  void playInChild(const std::string& folder, CallGate& gate, Notes& notes) const {
     operation_.enter(folder);
     operation_.prepare();
-    Notes::put(filesBelow(folder), notes->filesBefore);
+    Notes::put(filesBelow(folder), notes.filesBefore);
     gate.enter();
     gate.arm(true);
     const bool isSuccess = operation_.run();
     gate.arm(false);
-    notes->isSuccess = isSuccess;
+    notes.isSuccess = isSuccess;
     if (operation_.isSettled) eventually(operation_.isSettled, std::chrono::seconds(2));
-    Notes::put(filesBelow(folder), notes->filesAfterRun);
+    Notes::put(filesBelow(folder), notes.filesAfterRun);
     operation_.verify(isSuccess ? Outcome::succeeded : Outcome::failed);
     tryAgain();
     // Threads may be about to close some.
     eventually([&] { return openDescriptors() <= descriptors_; }, std::chrono::seconds(2));
-    notes->descriptors = openDescriptors();
+    notes.descriptors = openDescriptors();
   }
 
   void tryAgain() const {
@@ -277,8 +258,8 @@ class Harness {
   }
 
   const FaultyOperation& operation_;
-  Names knownFiles_;                    // before, after and at the end of a play without a fault
-  std::size_t descriptors_ = SIZE_MAX;  // at the end, as many as without a fault
+  Names knownFiles_;  // before, after and at the end of a play without a fault
+  std::ptrdiff_t descriptors_ = PTRDIFF_MAX;  // at the end, as many as without a fault
   std::size_t failures_ = 0;
   std::size_t kills_ = 0;
   std::vector<std::string> reports_;

@@ -1,11 +1,15 @@
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <cstddef>
 #include <filesystem>
 #include <iterator>
+#include <set>
 #include <string>
+
+#include "tests/support/TemporaryFolder.h"
 
 namespace velum::test {
 
@@ -18,6 +22,26 @@ inline int modeOf(const std::string& path) {
 /// How many descriptors this process has.
 inline std::ptrdiff_t openDescriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+/// Descriptors that a child must not share: what its parent reads, or whose lock it holds. (Pairs
+/// of sockets by which a library of the parent's wakes its own threads harm nobody.)
+inline std::multiset<std::string> descriptorsNotToShare() {
+  std::multiset<std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    const std::string target = std::filesystem::read_symlink(entry.path(), error);
+    const std::string number = entry.path().filename();
+    sockaddr_storage own{};
+    socklen_t size = sizeof own;
+    auto* const generic = reinterpret_cast<sockaddr*>(&own);  // NOLINT: as sockets want it
+    const bool isSocket =
+        ::getsockname(std::stoi(number), generic, &size) == 0 && own.ss_family != AF_UNIX;
+    const bool isLocked =
+        readFile("/proc/self/fdinfo/" + number).find("\nlock:") != std::string::npos;
+    if (isSocket || isLocked || target.starts_with("anon_inode:inotify")) found.insert(target);
+  }
+  return found;
 }
 
 }  // namespace velum::test

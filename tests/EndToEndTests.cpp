@@ -1,13 +1,13 @@
-// The real helper beside a real application that quits in every way we know of.
+// The real helper beside a real application that quits in every way we know of, with whatever
+// becomes of its bundle meanwhile.
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <regex>
 #include <sstream>
 
 #include "Velum/Relauncher.h"
@@ -15,6 +15,10 @@
 
 namespace velum::test {
 namespace {
+
+using ::testing::Contains;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 class EndToEnd : public RelaunchTest {};
 
@@ -77,26 +81,6 @@ TEST_F(EndToEnd, AnApplicationMayDieOnceItsHelperIsArmed) {
   EXPECT_EQ(exitStatus(helper), 0);
 }
 
-TEST_F(EndToEnd, MakesItsOwnWhatItWasStartedWith) {
-#ifdef VELUM_THREAD_SANITIZER
-  GTEST_SKIP() << "this sanitizer writes a file of its own before the helper begins";
-#endif
-  // What the starter closed, ignored and limited.
-  helperCommand = {"/bin/sh", "-c", "trap '' CHLD; ulimit -f 0; exec \"$@\" 0<&- 1>&- 2>&-", "sh",
-                   VELUM_RELAUNCHER};
-  const pid_t application = startApplication();
-  const pid_t helper = startHelper(bundle, application, {"SAMPLE_APP_EXIT=0"});
-  for (const char* stream : {"0", "1", "2"}) {
-    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(helper) + "/fd/" + stream),
-              "/dev/null");
-  }
-  ::kill(application, SIGKILL);
-  EXPECT_EQ(exitStatus(helper), 0);
-  EXPECT_EQ(next().name, "started");
-  EXPECT_EQ(next().name, "quit");
-  EXPECT_TRUE(isQuiet()) << "how the new instance ended was not known";
-}
-
 TEST_F(EndToEnd, OpensTheApplicationWhileSomebodyHoldsTheLog) {
   const pid_t application = startApplication();
   const pid_t helper = startHelper(bundle, application);
@@ -107,56 +91,6 @@ TEST_F(EndToEnd, OpensTheApplicationWhileSomebodyHoldsTheLog) {
   ASSERT_EQ(::flock(file.get(), LOCK_UN), 0);
   EXPECT_EQ(exitStatus(helper), 0);
   EXPECT_TRUE(isLogged("Process " + std::to_string(application) + " has ended"));
-}
-
-// From the end of the application to the new process: one call for each process of the machine, and
-// others, but for those by which the helper looks at other applications that happen to run.
-TEST_F(EndToEnd, NeedsFewSystemCalls) {
-#ifdef VELUM_SANITIZED
-  GTEST_SKIP() << "sanitizers make system calls of their own";
-#endif
-  const std::string strace = "/usr/bin/strace";
-  const std::string trace = folder / "trace";
-  constexpr std::string_view preparation = "/journal/stdout";  // the last of it
-  if (exitStatus(start(strace, {"-qo", trace, "true"}, {})) != 0) {
-    GTEST_SKIP() << "tracing is not permitted here";
-  }
-  helperCommand = {strace, "-D", "-qqyo", trace, "-s256", VELUM_RELAUNCHER};
-  // The second time, there is a record of the first.
-  for (int round = 0; round < 2; ++round) {
-    const pid_t application = startApplication();
-    const pid_t helper = startHelper(bundle, application);
-    EXPECT_TRUE(eventually([&] {  // it has prepared everything and sleeps
-      const std::string calls = readFile(trace);
-      const std::size_t last = calls.rfind('\n') + 1;
-      return calls.find(preparation) != std::string::npos &&
-             calls.find("epoll_wait(", last) == last;
-    })) << readFile(trace);
-    ::kill(application, SIGKILL);
-    const Event started = next();
-    EXPECT_EQ(exitStatus(helper), 0);
-    const std::regex foreign("/proc/(?!" + std::to_string(helper) +
-                             R"(/)[0-9]| \(deleted\)|\.app\b|/Contents)");
-    const std::string all = readFile(trace);
-    const std::size_t end = all.find(", -1) = 1\n", all.find(preparation));
-    std::istringstream calls(all.substr(end, all.find("\nclone", end) - end));
-    int looks = 0;
-    std::string others;
-    std::string call;
-    for (std::getline(calls, call); std::getline(calls, call);) {
-      const bool isOfOthers =
-          call.find(bundle) == std::string::npos && std::regex_search(call, foreign);
-      if (call.starts_with("readlinkat(")) {
-        ++looks;
-      } else if (!isOfOthers) {
-        others += call + '\n';
-      }
-    }
-    EXPECT_GT(looks, 0);
-    EXPECT_LE(std::ranges::count(others, '\n'), 35) << others;
-    ::kill(started.pid, SIGKILL);
-    EXPECT_TRUE(exitStatus(started.pid));
-  }
 }
 
 TEST_F(EndToEnd, RefusesAWrongNumberOfArguments) {
@@ -174,28 +108,37 @@ TEST_F(EndToEnd, StopsAtOnceAtWhatIsNoProcessId) {
   EXPECT_FALSE(isLogged("Looking for")) << log();
 }
 
-TEST_F(EndToEnd, SleepsWhileItWaits) {
-#ifdef VELUM_THREAD_SANITIZER
-  GTEST_SKIP() << "the thread sanitizer keeps a thread of its own busy";
-#endif
-  const pid_t other = startShell("exec sleep 1000");
-  const pid_t helper = startHelper(bundle, other);
-  const auto switches = [helper] {
-    long total = 0;
-    for (const auto& thread :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(helper) + "/task")) {
-      std::istringstream status(readFile(thread.path() / "status"));
-      for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("voluntary_ctxt_switches:")) total += std::stol(line.substr(24));
-      }
-    }
-    return total;
-  };
-  // What it does right after it is armed comes to rest first.
-  EXPECT_FALSE(hasEnded(helper, std::chrono::milliseconds(200)));
-  const long before = switches();
-  EXPECT_FALSE(hasEnded(helper, std::chrono::milliseconds(500)));
-  EXPECT_LE(switches() - before, 1);
+TEST_F(EndToEnd, GivesTheApplicationNothingOfTheHelper) {
+  ::setenv("VELUM_TEST_OWN", "kept", 1);
+  relaunch(bundle, {"SAMPLE_APP_REPORT=" + (folder / "report")});
+  const Event started = next();
+  std::vector<std::string> lines;
+  std::istringstream report(readFile(folder / "report"));
+  for (std::string line; std::getline(report, line);) {
+    lines.push_back(line);
+    EXPECT_THAT(line, Not(HasSubstr("VELUM_READY_FD")));
+  }
+  EXPECT_EQ(started.session, started.pid);
+  EXPECT_THAT(lines, Contains("cwd /"));
+  EXPECT_THAT(lines, Contains("argument " + program()));
+  EXPECT_THAT(lines, Contains("environment VELUM_BUNDLE_PATH=" + bundle));
+  EXPECT_THAT(lines, Contains("environment VELUM_TEST_OWN=kept"));
+  EXPECT_FALSE(hasEnded(started.pid, std::chrono::milliseconds(0)));
+  EXPECT_THAT(Family::children().size(), 2U) << "the killed one and the new one";
+}
+
+TEST_F(EndToEnd, OpensTheNewerProgramOnceTheBundleIsBack) {
+  const pid_t application = startApplication();
+  const pid_t helper = startHelper(bundle, application);
+  makeScript("#!/bin/sh\necho newer >> \"$SAMPLE_APP_EVENTS\"\nexec sleep 1000\n");
+  std::filesystem::rename(bundle, folder / "away");
+  ::kill(application, SIGKILL);
+  EXPECT_TRUE(eventually([this] { return isLogged("left: 9"); }));
+  EXPECT_TRUE(isLogged("Not opened: ")) << log();
+  std::filesystem::rename(folder / "away", bundle);
+  EXPECT_EQ(events.next(), "newer");
+  EXPECT_EQ(exitStatus(helper), 0);
+  EXPECT_TRUE(isQuiet());
 }
 
 }  // namespace

@@ -89,6 +89,14 @@ class RelaunchTest : public ::testing::Test {
     return helper;
   }
 
+  /// Ends the application while a helper watches it, which is to succeed.
+  void relaunch(const std::string& path, const std::vector<std::string>& helperEnvironment = {}) {
+    const pid_t application = startApplication();
+    const pid_t helper = startHelper(path, application, helperEnvironment);
+    ::kill(application, SIGKILL);
+    EXPECT_EQ(exitStatus(helper), 0) << log();
+  }
+
   /// The next event; one without a name when there is none in time.
   Event next(std::chrono::milliseconds timeout = deadline) {
     std::istringstream line(events.next(timeout).value_or(""));
@@ -122,8 +130,6 @@ class RelaunchTest : public ::testing::Test {
     writeFile(program(), script);
     std::filesystem::permissions(program(), std::filesystem::perms::owner_all);
   }
-
-  static constexpr auto recursively = std::filesystem::copy_options::recursive;
 
   /// Starts the helper; its arguments follow.
   std::vector<std::string> helperCommand{VELUM_RELAUNCHER};

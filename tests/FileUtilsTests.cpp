@@ -12,7 +12,6 @@
 
 #include "Velum/Files/CheckedIo.h"
 #include "Velum/Files/TemporaryFolder.h"
-#include "Velum/Platform/FileClone.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Errors.h"
@@ -135,15 +134,6 @@ TEST_F(FileUtilsTest, DeletesFilesAndFoldersAndLogsWhatItCannot) {
   FileUtils::deleteFile(folder / "sub");
   EXPECT_THAT(log.texts(), ElementsAre("E: (FileUtils: deleteFile(_:)) Error deleting " +
                                        folder / "sub" + " with error: No such file or directory"));
-}
-
-TEST_F(FileUtilsTest, ClonesOverAnExistingFileAndSaysWhatFailed) {
-  const std::string from = make("from");
-  const std::string to = make("to");
-  cloneFile(from, to);
-  EXPECT_EQ(test::readFile(to), "from");
-  EXPECT_EQ(errorOf([&] { cloneFile(folder / "missing", to); }, ENOENT),
-            "clonefile(_:to:), copyfile (" + folder / "missing" + ", " + to + ")");
 }
 
 TEST_F(FileUtilsTest, MakesUniqueTemporaryFolders) {

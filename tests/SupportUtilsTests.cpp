@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <systemd/sd-bus.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -12,15 +11,14 @@
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/Logger/Logger.h"
-#include "Velum/Platform/Linux/Workspace/FileManager.h"
 #include "Velum/Process.h"
 #include "Velum/SystemUtils.h"
 #include "tests/support/Environment.h"
 #include "tests/support/Errors.h"
+#include "tests/support/FakeWorkspace.h"
 #include "tests/support/Inspection.h"
 #include "tests/support/Processes.h"
 #include "tests/support/RecordingLogHandler.h"
-#include "tests/support/SecretService.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum::test {
@@ -55,27 +53,16 @@ class FakeLogManager final : public LogManagerProtocol {
   bool isEmpty = false;
 };
 
-class FakeWorkspace final : public Workspace {
+/// Cancels when the record comes that ends with a text.
+class CancellingLog final : public LogHandlerProtocol {
  public:
-  std::vector<RunningApplication> runningApplications() override { return {}; }
-  void addObserver(WorkspaceObserver&, std::string_view, pid_t) override {}
-  void removeObserver(WorkspaceObserver&, std::string_view) override {}
-  bool isOrphaned(pid_t) override { return false; }
-  void openApplication(const std::string&, const OpenConfiguration&, OpenCompletion) override {}
-  void activateFileViewer(const std::vector<std::string>& paths) override { showing(paths); }
+  void logWithLevel(LogLevel /*level*/, LogDate /*date*/, std::string_view text) override {
+    if (text.ends_with(end)) known.get()->cancel();
+  }
 
-  std::function<void(const std::vector<std::string>&)> showing;
-};
-
-/// Calls `onRecord` for every record.
-class LogHook final : public LogHandlerProtocol {
- public:
-  explicit LogHook(std::function<void(std::string_view)> onRecord)
-      : onRecord_(std::move(onRecord)) {}
-  void logWithLevel(LogLevel, LogDate, std::string_view text) override { onRecord_(text); }
-
- private:
-  std::function<void(std::string_view)> onRecord_;
+  std::string end;
+  std::promise<std::shared_ptr<Progress>> progress;
+  std::shared_future<std::shared_ptr<Progress>> known{progress.get_future()};
 };
 
 class SupportArchive : public ::testing::Test {
@@ -180,12 +167,6 @@ TEST_F(SupportArchive, HoldsTheLogsAndEveryKindOfItem) {
   EXPECT_EQ(logManager_.options.maxSize, 31'457'280);
 }
 
-TEST_F(SupportArchive, ReplacesNoFolderWithContent) {
-  writeFile(destination_ + "/precious", "content");
-  EXPECT_EQ(create({}), "Directory not empty");
-  EXPECT_EQ(readFile(destination_ + "/precious"), "content");
-}
-
 TEST_F(SupportArchive, RefusesItemsWithoutNameOrOfUnknownKind) {
   writeFile(destination_, "old");
   EXPECT_EQ(create({{"", std::string("text")}}), textOf(Case::emptyItemName));
@@ -261,11 +242,12 @@ TEST_F(SupportArchive, FailsWithTheLogsAndWithoutAWritableDestination) {
   EXPECT_EQ(create({}), "Too many levels of symbolic links");
   destination_ = folder_ / "live.log";
   EXPECT_EQ(create({}), "File exists");
-}
-
-TEST_F(SupportArchive, SaysThatNoRecordWasOfItsTime) {
+  logManager_.saving = [] {};
   logManager_.isEmpty = true;
-  EXPECT_EQ(create({}), "");
+  destination_ = folder_ / "full";
+  writeFile(destination_ + "/precious", "content");
+  EXPECT_EQ(create({}), "Directory not empty");
+  EXPECT_EQ(readFile(destination_ + "/precious"), "content");
   EXPECT_THAT(log_->texts(), Contains(StartsWith("W: (SupportUtils) No record of the log is of")));
 }
 
@@ -280,13 +262,11 @@ TEST_F(SupportArchive, StopsAtEachStepWhenCancelled) {
   EXPECT_EQ(lastRecord(), "I: (SupportUtils) Log archiving cancelled");
 
   for (const std::string last : {"a", "b"}) {
-    std::promise<std::shared_ptr<Progress>> progress;
-    const auto known = progress.get_future().share();
-    Logger::shared().setHandlers({std::make_shared<LogHook>([=](std::string_view text) {
-      if (text.ends_with("/support/" + last)) known.get()->cancel();
-    })});
+    const auto canceller = std::make_shared<CancellingLog>();
+    canceller->end = "/support/" + last;
+    Logger::shared().setHandlers({canceller});
     end = start({{"a", std::string("x")}, {"b", std::string("x")}});
-    progress.set_value(progress_);
+    canceller->progress.set_value(progress_);
     EXPECT_EQ(textOf(end.get()), textOf(Case::cancelled)) << "after " << last;
     EXPECT_EQ(progress_->completedUnitCount(), last == "a" ? 2 : 3);
   }
@@ -335,77 +315,6 @@ TEST_F(SupportArchive, ShowsItselfButDoesNotHangWithTheFileViewer) {
   EXPECT_THAT(lastRecord(), EndsWith(" timed out for 0.5 secs."));
   end.set_value();
   over.get_future().wait();
-}
-
-/// A bus of its own, perhaps.
-class FileViewer : public SupportArchive {
- protected:
-  FileViewer() { services_.workspace = &Workspace::shared(); }
-
-  ScopedVariable address_{"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (folder_ / "bus")};
-};
-
-/// A file manager that shows what it is told by keeping it.
-class FileManager {
- public:
-  FileManager() {
-    // NOLINTNEXTLINE(modernize-avoid-c-arrays): the macros initialize nothing else
-    static const sd_bus_vtable methods[] = {
-        SD_BUS_VTABLE_START(0),
-        SD_BUS_METHOD("ShowItems", "ass", "", &FileManager::showItems, SD_BUS_VTABLE_UNPRIVILEGED),
-        SD_BUS_VTABLE_END};
-    constexpr const char* name = "org.freedesktop.FileManager1";
-    EXPECT_GE(sd_bus_open_user(&bus_), 0);
-    EXPECT_GE(sd_bus_add_object_vtable(bus_, nullptr, "/org/freedesktop/FileManager1", name,
-                                       &methods[0], this),
-              0);
-    EXPECT_GE(sd_bus_request_name(bus_, name, 0), 0);
-  }
-  FileManager(const FileManager&) = delete;
-  FileManager& operator=(const FileManager&) = delete;
-  ~FileManager() { sd_bus_flush_close_unref(bus_); }
-
-  /// Serves until it was told something.
-  std::vector<std::string> waitUntilTold() {
-    while (uris_.empty()) {
-      const int processed = sd_bus_process(bus_, nullptr);
-      constexpr std::uint64_t limit = std::chrono::microseconds(deadline).count();
-      if (processed < 0 || (processed == 0 && sd_bus_wait(bus_, limit) <= 0)) return {"no call"};
-    }
-    return uris_;
-  }
-
- private:
-  static int showItems(sd_bus_message* message, void* context, sd_bus_error* /*error*/) {
-    auto& self = *static_cast<FileManager*>(context);
-    const char* uri = nullptr;
-    sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "s");
-    while (sd_bus_message_read(message, "s", &uri) > 0) self.uris_.emplace_back(uri);
-    return sd_bus_reply_method_return(message, "");
-  }
-
-  sd_bus* bus_ = nullptr;
-  std::vector<std::string> uris_;
-};
-
-TEST_F(FileViewer, IsToldTheUriOfTheArchive) {
-  const PrivateBus bus(folder_.path());
-  FileManager fileManager;
-  destination_ = folder_ / "a b\xC3\xA9%#.zip";
-  auto end = start({}, true);
-  EXPECT_THAT(fileManager.waitUntilTold(),
-              ElementsAre("file://" + folder_.path() + "/a%20b%C3%A9%25%23.zip"));
-  EXPECT_EQ(textOf(end.get()), "");
-  EXPECT_EQ(lastRecord(), "I: (SupportUtils) Log archive was written to: " + destination_);
-}
-
-TEST_F(FileViewer, MayBeMissing) {
-  EXPECT_EQ(create({}, true), "");
-  EXPECT_THAT(lastRecord(), AllOf(StartsWith("E: (Workspace: activateFileViewer) Can't show "),
-                                  HasSubstr(destination_)));
-  const PrivateBus bus(folder_.path());
-  EXPECT_EQ(create({}, true), "");
-  EXPECT_THAT(lastRecord(), HasSubstr("org.freedesktop.FileManager1"));
 }
 
 }  // namespace

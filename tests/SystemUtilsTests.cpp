@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <thread>
 
-#include "Velum/Base/LineSplitter.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Environment.h"
@@ -23,6 +22,7 @@ using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
 
 class Tools : public ::testing::Test {
  protected:
@@ -52,12 +52,6 @@ TEST_F(CliUtil, ReturnsStatusAndMergedOutput) {
   EXPECT_TRUE(killed.isSignal);
   EXPECT_TRUE(Family::children().empty());
   EXPECT_EQ(lastRecord(), "");
-}
-
-TEST_F(CliUtil, LeavesTheTerminalAlone) {
-  // Field 6 of the process's state is its session.
-  EXPECT_EQ(shell("cat; set -- $(cat /proc/$$/stat); [ $6 = $$ ] && echo own").output->view(),
-            "own\n");
 }
 
 TEST_F(CliUtil, ReturnsNoOutputUnlessAsked) {
@@ -115,16 +109,6 @@ TEST_F(CliUtil, WorksWithoutStandardStreamsAndWithIgnoredChildren) {
 
 class Archives : public Tools {
  protected:
-  /// The names of an archive's entries, sorted.
-  static std::vector<std::string> names(const std::string& archive) {
-    const CliResult result = SystemUtil::cliUtil("/usr/bin/unzip", {"-Z1", archive}, {}, true);
-    std::vector<std::string> names;
-    LineSplitter lines;
-    lines.feed(result.output->view(), [&](std::string_view name) { names.emplace_back(name); });
-    std::ranges::sort(names);
-    return names;
-  }
-
   std::string archive(const std::vector<ZipEntry>& entries, std::string_view name = "a.zip") const {
     writeZip(folder_ / name, entries);
     return folder_ / name;
@@ -151,16 +135,18 @@ TEST_F(Archives, HoldTheFolderOrOnlyItsContents) {
     const std::string source = folder_ / name;
     writeFile(source + "/sub/file", "content");
     EXPECT_EQ(SystemUtil::compressFolder(source + "/", "zip", false), source + ".zip");
-    EXPECT_THAT(names(fs::path(source + ".zip").string()), ::testing::SizeIs(3)) << name;
     EXPECT_EQ(SystemUtil::compressFolder(source, "contents", true), source + ".contents");
+    fs::remove_all(target_);
     ASSERT_TRUE(SystemUtil::uncompress(source + ".zip", target_));
+    ASSERT_TRUE(SystemUtil::uncompress(source + ".contents", target_));
     EXPECT_EQ(readFile(target_ + "/" + name + "/sub/file"), "content");
+    EXPECT_THAT(extracted(),
+                UnorderedElementsAre("sub", "sub/file", name, name + "/sub", name + "/sub/file"));
     EXPECT_EQ(readFile(source + "/sub/file"), "content");
     constexpr std::size_t flags = 7;  // the second byte of those of the first entry
     constexpr int isUtf8 = 1 << 3;
     EXPECT_EQ((readFile(source + ".zip").at(flags) & isUtf8) != 0, name == "\xC3\xA9");
   }
-  EXPECT_THAT(names(folder_ / "plain.contents"), ElementsAre("sub/", "sub/file"));
 }
 
 TEST_F(Archives, AreNotMadeOfWhatIsNoFolderOrHasNoName) {

@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -20,50 +19,24 @@
 #include "Velum/Logger/Handlers/FileLogHandler.h"
 #include "Velum/Platform/Thread.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/FileCallHooks.h"
 #include "tests/support/LogRecords.h"
 #include "tests/support/Processes.h"
 #include "tests/support/RecordingSystemLog.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Waiting.h"
 
-namespace {
-// Called while the log is locked, before a rotated copy takes its name, and each time that the lock
-// is refused.
-std::function<void(const char* target)> onNaming;
-std::function<void()> onRefusal;
-}  // namespace
-
-// Stand before the C library's.
-extern "C" int rename(const char* from, const char* to) noexcept {
-  if (onNaming) onNaming(to);
-  return static_cast<int>(::syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
-}
-extern "C" int linkat(int fromFolder, const char* from, int toFolder, const char* to,
-                      int flags) noexcept {
-  const bool isFree = ::access(to, F_OK) != 0;  // else it takes the name over
-  if (onNaming && isFree && !std::filesystem::path(to).filename().string().starts_with('.'))
-    onNaming(to);
-  return static_cast<int>(::syscall(SYS_linkat, fromFolder, from, toFolder, to, flags));
-}
-extern "C" int flock(int fd, int operation) noexcept {
-  const int result = static_cast<int>(::syscall(SYS_flock, fd, operation));
-  if (result != 0 && errno == EWOULDBLOCK && onRefusal) {
-    onRefusal();
-    errno = EWOULDBLOCK;
-  }
-  return result;
-}
-
 namespace velum {
 namespace {
 
 using namespace std::chrono_literals;
+using test::onNaming;
+using test::onRefusal;
 namespace fs = std::filesystem;
 
 constexpr const char* subsystem = "com.example.vpn";
 constexpr int processes = 8;
 constexpr int threadsEach = 4;
-constexpr std::size_t allThreads = 32;
 
 constexpr RotationPolicy neverChecked{.firstCheck = 1h};
 
@@ -141,6 +114,15 @@ class FileLogHandlerStressTest : public ::testing::Test {
     return writers;
   }
 
+  // Rotates a log until that is told; `meanwhile` the copy is made, but has no name yet.
+  void rotate(const char* told, const std::function<void()>& meanwhile) {
+    const auto log = std::make_shared<test::RecordingSystemLog>();
+    onNaming = [&](const char*) { meanwhile(); };
+    test::writeFile(path, "old\n");
+    const auto handler = open({.maxSize = 1, .firstCheck = 0ns}, log);
+    ASSERT_TRUE(log->waitFor(told));
+  }
+
   // Takes in a file; every record must be whole and, when numbered, be the next of its thread or
   // come later than those of the same file before it.
   void collect(const std::string& file) {
@@ -161,8 +143,8 @@ class FileLogHandlerStressTest : public ::testing::Test {
     }
   }
 
-  void expectAllOf(std::size_t threads, int records) const {
-    EXPECT_EQ(seen.size(), threads);
+  void expectAll(int records) const {
+    EXPECT_EQ(seen.size(), std::size_t{processes * threadsEach});
     for (const auto& [thread, numbers] : seen) {
       EXPECT_EQ(numbers.size(), static_cast<std::size_t>(records)) << "of thread " << thread;
     }
@@ -198,7 +180,7 @@ TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileManyProcessesWriteAndRotate) 
   }
   collect(path);
   EXPECT_GE(generations, 1);
-  expectAllOf(allThreads, records);
+  expectAll(records);
 }
 
 TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileTheFileIsDeletedAndRenamedAgainAndAgain) {
@@ -228,7 +210,7 @@ TEST_F(FileLogHandlerStressTest, LosesNoRecordWhileTheFileIsDeletedAndRenamedAga
 
   for (int i = 0; i < removed; ++i) collect(folder / fmt::format("kept.{}", i));
   if (fs::exists(path)) collect(path);
-  expectAllOf(allThreads, records);
+  expectAll(records);
   EXPECT_GE(removed, 10);
 }
 
@@ -279,30 +261,17 @@ TEST_F(FileLogHandlerStressTest, WritesWithoutTheLockOfWhoNeverReleasesItButDoes
 }
 
 TEST_F(FileLogHandlerStressTest, EmptiesNoFileThatIsMovedAwayBeforeItIsCopied) {
-  const auto log = std::make_shared<test::RecordingSystemLog>();
-  onNaming = [&](const char*) {
+  rotate("Reopened the log file on removal", [&] {
     EXPECT_EQ(::link(path.c_str(), (folder / "moved").c_str()), 0);
     EXPECT_EQ(::unlink(path.c_str()), 0);
-  };
-  RotationPolicy policy;
-  policy.firstCheck = 0ns;
-  policy.maxSize = 1;
-  test::writeFile(path, "old\n");
-  const auto handler = open(policy, log);
-  ASSERT_TRUE(log->waitFor("Reopened the log file on removal"));
+  });
   EXPECT_TRUE(test::readFile(folder / "moved").starts_with("old\n"));
 }
 
 TEST_F(FileLogHandlerStressTest, RotatesWhatOthersWroteWithoutTheLockMeanwhile) {
-  const auto log = std::make_shared<test::RecordingSystemLog>();
   const auto other = open(neverChecked, nullptr, 0ns);
-  onNaming = [&](const char*) {  // the copy is made already
-    other->logWithLevel(LogLevel::info, std::chrono::system_clock::now(), "late");
-  };
-  constexpr RotationPolicy policy{.maxSize = 1, .firstCheck = 0ns};
-  test::writeFile(path, "old\n");
-  const auto handler = open(policy, log);
-  ASSERT_TRUE(log->waitFor("Log file has been rotated"));
+  rotate("Log file has been rotated",
+         [&] { other->logWithLevel(LogLevel::info, std::chrono::system_clock::now(), "late"); });
   const std::string text = test::readFile(folder / "name.1.log");
   EXPECT_TRUE(text.starts_with("old\n") && text.ends_with("] late\n")) << text;
 }

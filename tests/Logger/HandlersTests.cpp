@@ -11,6 +11,7 @@
 #include "Velum/Logger/Handlers/StdoutLogHandler.h"
 #include "Velum/Platform/Thread.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Processes.h"
 #include "tests/support/RecordingSystemLog.h"
 
 namespace velum {
@@ -20,19 +21,16 @@ constexpr const char* tricky = "I: (main) 100% %s %@ %n";
 
 // What `body` writes to `descriptor`, as a reader of a pipe gets it.
 std::string writtenTo(int descriptor, const std::function<void()>& body) {
-  std::array<int, 2> ends{};
-  EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-  const UniqueFd reader(ends[0]);
-  UniqueFd writer(ends[1]);
+  test::Pipe pipe;
   test::ChildProcess child([&] {
-    ::dup2(writer.get(), descriptor);
+    ::dup2(pipe.writer.get(), descriptor);
     body();
     ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), descriptor);
   });
-  writer.reset();
+  pipe.writer.reset();
   std::string all;
   std::array<char, 512> buffer{};
-  for (ssize_t size = 0; (size = ::read(reader.get(), buffer.data(), buffer.size())) > 0;) {
+  for (ssize_t size = 0; (size = ::read(pipe.reader.get(), buffer.data(), buffer.size())) > 0;) {
     all.append(buffer.data(), static_cast<std::size_t>(size));
   }
   EXPECT_EQ(child.wait(), 0);

@@ -27,7 +27,9 @@ class FileCloneTest : public ::testing::Test {
 
   static int codeOf(const std::string& from, const std::string& to,
                     const Progress* progress = nullptr) {
-    return test::errorOf([&] { cloneFile(from, to, progress); }).code();
+    const SystemError error = test::errorOf([&] { cloneFile(from, to, progress); });
+    EXPECT_EQ(error.message(), "clonefile(_:to:), copyfile (" + from + ", " + to + ")");
+    return error.code();
   }
 
   test::TemporaryFolder folder;

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -14,15 +15,10 @@
 namespace velum::test {
 namespace {
 
-using ::testing::AllOf;
 using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::Not;
 
 std::string linkTarget(const std::string& path) {
-  std::array<char, 4096> target{};
-  const ssize_t size = ::readlink(path.c_str(), target.data(), target.size());
-  return {target.data(), size > 0 ? static_cast<std::size_t>(size) : 0};
+  return std::filesystem::read_symlink(path).native();
 }
 
 /// Runs the sample program, which writes down what it was born with, and returns those lines.
@@ -58,25 +54,18 @@ TEST_F(Spawn, GivesOnlyWhatIsNamed) {
   const std::vector<std::string> lines = report(options);
   ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 
-  EXPECT_THAT(lines, ::testing::IsSupersetOf({
-                         "argument sample",
-                         "argument an argument",
-                         "cwd /usr",
-                         "SigBlk: 0000000000000000",
-                         "SigIgn: 0000000000000000",
-                     }));
-  std::vector<std::string> descriptors;
-  std::vector<std::string> environment;
-  std::string pid;
-  for (const std::string& line : lines) {
-    if (line.starts_with("descriptor")) descriptors.push_back(line);
-    if (line.starts_with("environment")) environment.push_back(line);
-    if (line.starts_with("pid ")) pid = line.substr(4);
-  }
-  EXPECT_THAT(descriptors, ElementsAre("descriptor 0 /dev/null", "descriptor 1 /dev/null",
-                                       "descriptor 2 /dev/null"));
-  EXPECT_EQ(environment.size(), 2U);
-  EXPECT_THAT(lines, Contains("sid " + pid));
+  const auto count = [&lines](const char* kind) {
+    return std::ranges::count_if(lines, [=](const auto& line) { return line.starts_with(kind); });
+  };
+  EXPECT_THAT(lines, ::testing::IsSupersetOf({"argument sample", "argument an argument", "cwd /usr",
+                                              "SigBlk: 0000000000000000",
+                                              "SigIgn: 0000000000000000", "descriptor 0 /dev/null",
+                                              "descriptor 1 /dev/null", "descriptor 2 /dev/null"}));
+  EXPECT_EQ(count("descriptor"), 3);
+  EXPECT_EQ(count("environment"), 2);
+  const auto pid = std::ranges::find_if(lines, [](const auto& l) { return l.starts_with("pid "); });
+  ASSERT_NE(pid, lines.end());
+  EXPECT_THAT(lines, Contains("sid " + pid->substr(4)));
 }
 
 TEST_F(Spawn, DescriptorsMayCross) {
@@ -102,13 +91,6 @@ TEST_F(Spawn, HandsNoTextToAShell) {
   writeFile(options.executable, "exit 0\n");
   std::filesystem::permissions(options.executable, std::filesystem::perms::owner_all);
   EXPECT_THROW(spawn(options), SystemError);
-}
-
-TEST(Environment, LeavesNamesOut) {
-  ::setenv("VELUM_TEST_KEPT", "a=b", 1);
-  ::setenv("VELUM_TEST", "1", 1);
-  const std::vector<std::string> environment = environmentWithout({"VELUM_TEST"});
-  EXPECT_THAT(environment, AllOf(Contains("VELUM_TEST_KEPT=a=b"), Not(Contains("VELUM_TEST=1"))));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstdio>
+#include <regex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,24 +20,17 @@ struct ReadRecords {
 };
 
 /// Takes the content of a log file of `subsystem` apart.
-inline ReadRecords readRecords(std::string_view content, std::string_view subsystem) {
+inline ReadRecords readRecords(std::string_view content, const std::string& subsystem) {
   ReadRecords result;
-  const std::string bracketed = "[" + std::string(subsystem) + "] ";
+  const std::regex pattern("\x1E[-\\d]{10} [:\\d]{8}\\.\\d{3} +(\\d+):([0-9a-f]+) +\\[" +
+                           subsystem + "\\] (.*)\n");
   while (!content.empty()) {
     const std::string piece(content.substr(0, content.find('\x1E', 1)));
     content.remove_prefix(piece.size());
-    ReadRecord record;
-    int ids = 0;
-    constexpr const char* format = "\x1E%*4d-%*2d-%*2d %*2d:%*2d:%*2d.%*3d %5d:%8x%n";
-    const int fields = std::sscanf(piece.c_str(), format, &record.process, &record.thread, &ids);
-    const std::size_t text = piece.find(bracketed);
-    const bool isWhole = fields == 2 && ids > 0 && text != std::string::npos &&
-                         piece.find_first_not_of(' ', static_cast<std::size_t>(ids)) == text &&
-                         piece.back() == '\n' && piece.find('\n') == piece.size() - 1;
-    if (isWhole) {
-      const std::size_t begin = text + bracketed.size();
-      record.text = piece.substr(begin, piece.size() - 1 - begin);
-      result.whole.push_back(std::move(record));
+    std::smatch match;
+    if (std::regex_match(piece, match, pattern)) {
+      const auto thread = std::stoul(match[2], nullptr, 16);
+      result.whole.push_back({std::stoi(match[1]), static_cast<unsigned>(thread), match[3]});
     } else {
       result.broken.push_back(piece);
     }

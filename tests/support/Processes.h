@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +19,7 @@
 #include <vector>
 
 #include "Velum/Files/UniqueFd.h"
+#include "Velum/Platform/ChildIo.h"
 #include "Velum/Platform/Spawn.h"
 #include "tests/support/Waiting.h"
 
@@ -37,8 +37,7 @@ inline bool isReadable(int descriptor, std::chrono::milliseconds timeout = deadl
 
 /// Waits until the process has ended, reaped or not.
 inline bool hasEnded(pid_t pid, std::chrono::milliseconds timeout = deadline) {
-  const UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
-  return !process || isReadable(process.get(), timeout);
+  return isReadable(exitDescriptor(pid).get(), timeout);
 }
 
 /// The exit status of a child, 128 and the number for one that a signal ended; nothing when it
@@ -78,15 +77,8 @@ class Family {
   }
 };
 
-struct Pipe {
-  Pipe() {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
-    reader.reset(ends[0]);
-    writer.reset(ends[1]);
-  }
-  UniqueFd reader;
-  UniqueFd writer;
+struct Pipe : PipeEnds {
+  Pipe() : PipeEnds(makePipe()) {}
 };
 
 /// A FIFO that other processes write lines to. Reading waits for them.

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "tests/support/RunningProgram.h"
 #include "tests/support/TemporaryFolder.h"
-#include "tests/velumctl/RunningProgram.h"
 
 namespace velum::test {
 
@@ -26,19 +25,10 @@ class VelumctlTest : public testing::Test {
   /// Runs any program to its end.
   Result execute(const Strings& arguments, const std::string& input = {}) const {
     writeFile(folder_ / "input", input);
-    const auto opened = [this](const char* name, int flags) {
-      return UniqueFd(::open((folder_ / name).c_str(), flags | O_CLOEXEC, 0600));
-    };
-    const UniqueFd in = opened("input", O_RDONLY);
-    const UniqueFd out = opened("output", O_WRONLY | O_CREAT | O_TRUNC);
-    const UniqueFd error = opened("errors", O_WRONLY | O_CREAT | O_TRUNC);
-    SpawnOptions options;
-    options.executable = arguments.at(0);
-    options.arguments = arguments;
-    options.standardStreams = {in.get(), out.get(), error.get()};
-    int status = 0;
-    const pid_t pid = spawn(options);
-    retryInterrupted([&] { return ::waitpid(pid, &status, 0); });
+    constexpr const char* script = R"(exec "$@" <"$0/input" >"$0/output" 2>"$0/errors")";
+    auto program =
+        RunningProgram::piped(Strings{"/bin/sh", "-c", script, folder_.path()} + arguments);
+    const int status = program.wait();
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(folder_ / "output"),
             readFile(folder_ / "errors")};
   }

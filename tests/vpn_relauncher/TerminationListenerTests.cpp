@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tests/support/CapturedLog.h"
+#include "tests/support/FakeWorkspace.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum::test {
@@ -18,38 +19,6 @@ using testing::Pair;
 
 constexpr pid_t quitting = 4711;
 constexpr const char* identifier = "com.quillon.example.sample";
-
-/// A workspace whose list of applications and opening results the test sets.
-class FakeWorkspace final : public Workspace {
- public:
-  std::vector<RunningApplication> runningApplications() override { return running; }
-  void addObserver(WorkspaceObserver& added, std::string_view keyPath, pid_t process) override {
-    observer = &added;
-    observed.emplace_back(keyPath, process);
-  }
-  void removeObserver(WorkspaceObserver& removed, std::string_view keyPath) override {
-    if (observer == &removed && keyPath == runningApplicationsKeyPath) observer = nullptr;
-  }
-  bool isOrphaned(pid_t launcher) override { return orphaned && launcher == quitting; }
-  void activateFileViewer(const std::vector<std::string>& /*paths*/) override {}
-  void openApplication(const std::string& path, const OpenConfiguration& configuration,
-                       OpenCompletion completion) override {
-    EXPECT_FALSE(configuration.createsNewApplicationInstance);
-    opened.push_back(path);
-    completion(openError);
-  }
-
-  void run(pid_t process, const std::optional<std::string>& bundle = std::nullopt) {
-    running.emplace_back(process, [bundle](pid_t) { return bundle; });
-  }
-
-  std::vector<RunningApplication> running;
-  std::vector<std::pair<std::string, pid_t>> observed;
-  std::vector<std::string> opened;
-  std::optional<std::string> openError;
-  WorkspaceObserver* observer = nullptr;
-  bool orphaned = false;
-};
 
 /// A main queue on which time passes when the test says so.
 class FakeQueue final : public DispatchQueue {
@@ -119,7 +88,7 @@ TEST_F(TerminationListenerTest, WaitsUntilTheInstanceIsGoneThenOpensItOnce) {
 
 TEST_F(TerminationListenerTest, RelaunchesFromTheConstructorWhenOrphaned) {
   workspace_.run(quitting, identifier);  // may still be shutting down, and does not count
-  workspace_.orphaned = true;
+  workspace_.orphanedBy = quitting;
   auto subject = listener();
   EXPECT_THAT(workspace_.opened, ElementsAre(bundle_));
   subject.observeValue("runningApplications");

@@ -8,12 +8,15 @@
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <thread>
 
 #include "Velum/Platform/Linux/Processes/ProcessStatus.h"
 #include "Velum/Platform/Linux/Workspace/WorkspaceLinux.h"
+#include "tests/support/CapturedLog.h"
 #include "tests/support/MainThread.h"
 #include "tests/support/Processes.h"
 #include "tests/support/SampleBundle.h"
+#include "tests/support/SecretService.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace velum::test {
@@ -124,19 +127,6 @@ TEST_F(WorkspaceTest, ObserversMayLeaveInsideTheirCall) {
   onMain([&] { workspace().removeObserver(second, keyPath); });
 }
 
-TEST_F(WorkspaceTest, KnowsAnApplicationByItsProgram) {
-  SpawnOptions options;
-  options.executable = program();
-  options.arguments = {program()};
-  const pid_t application = spawn(options);
-  ASSERT_TRUE(events_.next());
-  EXPECT_EQ(onMain([&] { return identifierOf(application); }), identifier_);
-  // A replaced program still runs.
-  std::filesystem::remove(program());
-  std::filesystem::copy(VELUM_SAMPLE_BUNDLE "/Contents/MacOS/sample_app", program());
-  EXPECT_EQ(onMain([&] { return identifierOf(application); }), identifier_);
-}
-
 TEST_F(WorkspaceTest, CountsNoApplicationOfAnotherUser) {
   if (::geteuid() != 0) GTEST_SKIP() << "nobody else sees into the processes of others";
   std::filesystem::permissions(folder_.path(), std::filesystem::perms::all);
@@ -243,6 +233,46 @@ TEST_F(WorkspaceTest, SaysWhyAnApplicationDidNotOpen) {
   std::filesystem::permissions(program(), std::filesystem::perms::owner_all);
   EXPECT_EQ(errorOf(bundle_), program() + ": No such file or directory");
   EXPECT_THAT(Family::children(), ::testing::IsEmpty());
+}
+
+/// A bus of its own, perhaps.
+class FileViewer : public ::testing::Test {
+ protected:
+  TemporaryFolder folder_;
+  ScopedVariable address_{"DBUS_SESSION_BUS_ADDRESS", "unix:path=" + (folder_ / "bus")};
+  CapturedLog log_;
+};
+
+TEST_F(FileViewer, IsToldTheUriOfAFile) {
+  const PrivateBus bus(folder_.path());
+  const BusPointer fileManager = bus.connect();
+  EXPECT_GE(sd_bus_request_name(fileManager.get(), "org.freedesktop.FileManager1", 0), 0);
+  std::thread asker(
+      [this] { Workspace::shared().activateFileViewer({folder_ / "a b\xC3\xA9%#.zip"}); });
+  std::string uri;
+  EXPECT_TRUE(eventually([&] {
+    sd_bus_message* message = nullptr;
+    if (sd_bus_process(fileManager.get(), &message) == 0) sd_bus_wait(fileManager.get(), 10'000);
+    const char* text = nullptr;
+    if (sd_bus_message_is_method_call(message, "org.freedesktop.FileManager1", "ShowItems") > 0 &&
+        sd_bus_message_read(message, "as", 1, &text) > 0) {
+      uri = text;
+      sd_bus_reply_method_return(message, "");
+    }
+    sd_bus_message_unref(message);
+    return !uri.empty();
+  }));
+  asker.join();
+  EXPECT_EQ(uri, "file://" + folder_.path() + "/a%20b%C3%A9%25%23.zip");
+  EXPECT_TRUE(log_.texts().empty());
+}
+
+TEST_F(FileViewer, MayBeMissing) {
+  Workspace::shared().activateFileViewer({folder_ / "a.zip"});
+  EXPECT_TRUE(log_.has("E: (Workspace: activateFileViewer) Can't show " + folder_ / "a.zip"));
+  const PrivateBus bus(folder_.path());
+  Workspace::shared().activateFileViewer({folder_ / "a.zip"});
+  EXPECT_TRUE(log_.has("org.freedesktop.FileManager1"));
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <pty.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -19,7 +18,7 @@
 
 #include "Velum/Files/UniqueFd.h"
 #include "Velum/Platform/Spawn.h"
-#include "tests/support/Waiting.h"
+#include "tests/support/Processes.h"
 
 namespace velum::test {
 
@@ -30,53 +29,39 @@ inline Strings operator+(Strings first, const Strings& more) {
   return first;
 }
 
-/// This process's environment with some variables changed: "NAME=value", or "NAME" to remove it.
-inline Strings environmentWith(const Strings& changes) {
-  Strings names;
-  for (const std::string& change : changes) names.push_back(change.substr(0, change.find('=')));
-  Strings result = environmentWithout(names);
-  std::ranges::copy_if(changes, std::back_inserter(result), [](const std::string& change) {
-    return change.find('=') != std::string::npos;
-  });
-  return result;
-}
-
 /// A running program and the other end of its output; killed when nobody waited for it.
 class RunningProgram {
  public:
   /// Connected by a pipe to its standard output; standard error and input are /dev/null.
   static RunningProgram piped(const Strings& arguments) {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-      throw std::system_error(errno, std::generic_category());
-    }
-    UniqueFd reader(ends[0]);
-    const UniqueFd writer(ends[1]);
+    Pipe pipe;
     SpawnOptions options;
     options.executable = arguments.at(0);
     options.arguments = arguments;
-    options.standardStreams[1] = writer.get();
-    return {spawn(options), std::move(reader)};
+    options.standardStreams[1] = pipe.writer.get();
+    return {spawn(options), std::move(pipe.reader)};
   }
 
-  /// On a terminal of its own: 80 columns, 24 lines, which it leads a session on.
+  /// On a terminal of its own: 80 columns, 24 lines, which it leads a session on. In this
+  /// process's environment with some variables changed: "NAME=value", or "NAME" to remove it.
   static RunningProgram onTerminal(const Strings& arguments, const Strings& environment) {
-    Strings argumentTexts = arguments;
-    Strings variableTexts = environmentWith(environment);
-    const auto pointers = [](Strings& texts) {
-      std::vector<char*> result;
-      std::ranges::transform(texts, std::back_inserter(result), [](auto& t) { return t.data(); });
-      result.push_back(nullptr);
-      return result;
-    };
-    const auto argumentList = pointers(argumentTexts);
-    const auto variableList = pointers(variableTexts);
+    Strings command{"/usr/bin/env"};
+    for (const std::string& change : environment) {
+      if (change.find('=') == std::string::npos) command = command + Strings{"-u", change};
+    }
+    std::ranges::copy_if(environment, std::back_inserter(command), [](const std::string& change) {
+      return change.find('=') != std::string::npos;
+    });
+    command = command + arguments;
+    std::vector<char*> pointers;
+    for (std::string& argument : command) pointers.push_back(argument.data());
+    pointers.push_back(nullptr);
     winsize size{.ws_row = 24, .ws_col = 80, .ws_xpixel = 0, .ws_ypixel = 0};
     int terminal = -1;
     const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, &size);
     if (pid == 0) {
       ::signal(SIGINT, SIG_DFL);  // who runs the tests in the background ignores it
-      ::execve(argumentList[0], argumentList.data(), variableList.data());
+      ::execv(pointers[0], pointers.data());
       ::_exit(127);
     }
     ::fcntl(terminal, F_SETFD, FD_CLOEXEC);
@@ -103,8 +88,7 @@ class RunningProgram {
   bool hasPrinted(std::string_view text, std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
     while (output_.find(text) == std::string::npos && std::chrono::steady_clock::now() < end) {
-      pollfd readable{fd_.get(), POLLIN, 0};
-      if (::poll(&readable, 1, 50) <= 0) continue;
+      if (!isReadable(fd_.get(), std::chrono::milliseconds(50))) continue;
       std::array<char, 65536> bytes{};
       const ssize_t got =
           retryInterrupted([&] { return ::read(fd_.get(), bytes.data(), bytes.size()); });

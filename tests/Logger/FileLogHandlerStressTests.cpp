@@ -21,7 +21,6 @@
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FileCallHooks.h"
 #include "tests/support/LogRecords.h"
-#include "tests/support/Processes.h"
 #include "tests/support/RecordingSystemLog.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Waiting.h"
@@ -39,15 +38,6 @@ constexpr int processes = 8;
 constexpr int threadsEach = 4;
 
 constexpr RotationPolicy neverChecked{.firstCheck = 1h};
-
-struct Pipe : test::Pipe {
-  void send() const { ASSERT_EQ(::write(writer.get(), "x", 1), 1); }
-  /// False when nothing came in time.
-  bool receive() const {
-    char byte = 0;
-    return test::isReadable(reader.get()) && ::read(reader.get(), &byte, 1) == 1;
-  }
-};
 
 class FileLogHandlerStressTest : public ::testing::Test {
  protected:
@@ -98,8 +88,8 @@ class FileLogHandlerStressTest : public ::testing::Test {
       writers.emplace_back([&, this] {
         auto log = std::make_shared<test::RecordingSystemLog>();
         auto handler = open(policy, log);
-        ready.send();
-        ASSERT_TRUE(go.receive());
+        ++*opened;
+        ASSERT_TRUE(test::eventually([this] { return *opened == processes; }));
         writeFromThreads(*handler, threadsEach, records, pause);
         const std::weak_ptr<FileLogHandler> remains = handler;
         handler.reset();
@@ -109,8 +99,6 @@ class FileLogHandlerStressTest : public ::testing::Test {
         }
       });
     }
-    for (int i = 0; i < processes; ++i) EXPECT_TRUE(ready.receive());
-    for (int i = 0; i < processes; ++i) go.send();
     return writers;
   }
 
@@ -152,8 +140,7 @@ class FileLogHandlerStressTest : public ::testing::Test {
 
   test::TemporaryFolder folder;
   std::string path = folder / "name.log";
-  Pipe ready;
-  Pipe go;
+  test::SharedWithChild<std::atomic<int>> opened;  // by so many processes
   std::map<unsigned, std::set<int>> seen;
 };
 

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <array>
 #include <functional>
 #include <regex>
 
@@ -11,30 +10,22 @@
 #include "Velum/Logger/Handlers/StdoutLogHandler.h"
 #include "Velum/Platform/Thread.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/Processes.h"
 #include "tests/support/RecordingSystemLog.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace velum {
 namespace {
 
 constexpr const char* tricky = "I: (main) 100% %s %@ %n";
 
-// What `body` writes to `descriptor`, as a reader of a pipe gets it.
+// What `body` writes to `descriptor`, in a process of its own.
 std::string writtenTo(int descriptor, const std::function<void()>& body) {
-  test::Pipe pipe;
-  test::ChildProcess child([&] {
-    ::dup2(pipe.writer.get(), descriptor);
+  const test::TemporaryFolder folder;
+  test::inChild([&] {
+    ::dup2(::open((folder / "written").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), descriptor);
     body();
-    ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), descriptor);
   });
-  pipe.writer.reset();
-  std::string all;
-  std::array<char, 512> buffer{};
-  for (ssize_t size = 0; (size = ::read(pipe.reader.get(), buffer.data(), buffer.size())) > 0;) {
-    all.append(buffer.data(), static_cast<std::size_t>(size));
-  }
-  EXPECT_EQ(child.wait(), 0);
-  return all;
+  return test::readFile(folder / "written");
 }
 
 TEST(StdoutLogHandler, PrintsTheTextAndALineFeedAtOnce) {

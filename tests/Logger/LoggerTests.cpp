@@ -94,7 +94,8 @@ TEST_F(LoggerTest, LogsOnTheSharedLoggerWithThePlaceOfTheCall) {
   const unsigned line = __LINE__ + 1;
   logTrace({"routine()"});
   logInfo({"routine()"}, "{} of {}", 1, "two");
-  logVerbose({"routine()"}, "dropped");
+  Logger::shared().log(
+      LogLevel::verbose, [] { return ADD_FAILURE(), "built for nothing"; }, "file", "f", 1);
   logWarning({"dir/other.cpp", "routine()"}, "{{}}");
   EXPECT_EQ(log.texts(), (std::vector<std::string>{
                              "D: (LoggerTests: routine()) TRACE LINE " + std::to_string(line),

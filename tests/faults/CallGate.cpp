@@ -24,8 +24,6 @@
 #include <map>
 #include <stdexcept>
 
-#include "tests/support/ChildProcess.h"
-
 namespace velum::test {
 namespace {
 
@@ -97,8 +95,7 @@ const std::map<int, CallKind>& callKinds() {
       {SYS_eventfd2, {"eventfd", Subject::none, 0, making}},
       {SYS_memfd_create, {"memfd_create", Subject::none, 0, making}},
       {SYS_pidfd_open, {"pidfd_open", Subject::none, 0, {EMFILE, ENOMEM}}},
-#ifdef SYS_open  // the elder architectures
-      {SYS_open, {"open", Subject::path, 0, opening}},
+#ifdef SYS_rename  // the elder architectures
       {SYS_rename, {"rename", Subject::path, 0, naming}},
       {SYS_link, {"link", Subject::path, 0, naming}},
       {SYS_symlink, {"link", Subject::path, 1, naming}},
@@ -106,9 +103,6 @@ const std::map<int, CallKind>& callKinds() {
       {SYS_rmdir, {"unlink", Subject::path, 0, looking}},
       {SYS_mkdir, {"mkdir", Subject::path, 0, naming}},
       {SYS_readlink, {"readlink", Subject::path, 0, looking}},
-      {SYS_stat, {"stat", Subject::path, 0, looking}},
-      {SYS_lstat, {"stat", Subject::path, 0, looking}},
-      {SYS_vfork, {"clone", Subject::none, 0, {EAGAIN, ENOMEM}}},
       {SYS_dup2, {"dup", Subject::descriptor, 0, {EMFILE}}},
 #endif
   };

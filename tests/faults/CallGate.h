@@ -1,6 +1,5 @@
 #pragma once
 
-#include <sys/mman.h>
 #include <sys/types.h>
 
 #include <array>
@@ -13,25 +12,9 @@
 #include <vector>
 
 #include "Velum/Files/UniqueFd.h"
+#include "tests/support/ChildProcess.h"
 
 namespace velum::test {
-
-/// A value in memory that a process has in common with those it forks.
-template <class Value>
-class SharedWithChild {
- public:
-  SharedWithChild()
-      : value_(new (::mmap(nullptr, sizeof(Value), PROT_READ | PROT_WRITE,
-                           MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Value()) {}
-  SharedWithChild(const SharedWithChild&) = delete;
-  SharedWithChild& operator=(const SharedWithChild&) = delete;
-  ~SharedWithChild() { ::munmap(value_, sizeof(Value)); }
-  Value& operator*() const { return *value_; }
-  Value* operator->() const { return value_; }
-
- private:
-  Value* value_;
-};
 
 /// A system call that a gated process is about to make.
 struct GatedCall {

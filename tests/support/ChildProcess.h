@@ -1,12 +1,14 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <functional>
+#include <new>
 
 #include "Velum/Files/UniqueFd.h"
 
@@ -56,6 +58,23 @@ class ChildProcess {
   }
 
   pid_t pid_ = -1;
+};
+
+/// A value in memory that a process has in common with those it forks.
+template <class Value>
+class SharedWithChild {
+ public:
+  SharedWithChild()
+      : value_(new (::mmap(nullptr, sizeof(Value), PROT_READ | PROT_WRITE,
+                           MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Value()) {}
+  SharedWithChild(const SharedWithChild&) = delete;
+  SharedWithChild& operator=(const SharedWithChild&) = delete;
+  ~SharedWithChild() { ::munmap(value_, sizeof(Value)); }
+  Value& operator*() const { return *value_; }
+  Value* operator->() const { return value_; }
+
+ private:
+  Value* value_;
 };
 
 /// Runs `body` in a process of its own, for what can't be undone in this one; its failures and

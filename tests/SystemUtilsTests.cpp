@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <thread>
 
@@ -12,7 +13,6 @@
 #include "tests/support/Environment.h"
 #include "tests/support/Processes.h"
 #include "tests/support/TemporaryFolder.h"
-#include "tests/support/ZipWriter.h"
 
 namespace velum::test {
 namespace {
@@ -105,6 +105,35 @@ TEST_F(CliUtil, WorksWithoutStandardStreamsAndWithIgnoredChildren) {
       EXPECT_EQ(result.status, 255);
     }
   });
+}
+
+/// What an archive says of one entry; names and types that no zip tool would write included. The
+/// content of a link is what it leads to. Every entry has mode 0 but for its type, files 0600.
+struct ZipEntry {
+  std::string name;
+  std::string content;
+  std::uint32_t type = S_IFREG;
+};
+
+/// Writes a zip archive of uncompressed entries.
+void writeZip(const std::string& path, const std::vector<ZipEntry>& entries) {
+  constexpr const char* script = R"(
+import sys, warnings, zipfile
+warnings.simplefilter('ignore')
+with zipfile.ZipFile(sys.argv[1], 'w') as archive:
+  for name, content, kind in zip(*[iter(sys.argv[2:])] * 3):
+    entry = zipfile.ZipInfo(name)
+    entry.create_system = 3  # Unix
+    archive.writestr(entry, content)
+    entry.external_attr = int(kind) << 16
+)";
+  std::vector<std::string> arguments{"-c", script, path};
+  for (const ZipEntry& entry : entries) {
+    const std::uint32_t mode = entry.type == S_IFREG ? 0600U : 0U;
+    arguments.insert(arguments.end(),
+                     {entry.name, entry.content, std::to_string(entry.type | mode)});
+  }
+  ASSERT_EQ(SystemUtil::cliUtil("/usr/bin/python3", arguments).status, 0);
 }
 
 class Archives : public Tools {

@@ -220,6 +220,8 @@ TEST_F(FileLogHandlerStressTest, WaitsForTheLockOfOthersWhileThisProcessForks) {
   ASSERT_EQ(::flock(other.get(), LOCK_UN), 0);
   writer.join();
   EXPECT_NE(test::readFile(path).find("late"), std::string::npos);
+  test::inChild([&] { writeNumbered(*handler, 1, 0us); });
+  EXPECT_EQ(test::readRecords(test::readFile(path), subsystem).whole.size(), 2U) << "the child's";
 }
 
 TEST_F(FileLogHandlerStressTest, WritesWithoutTheLockOfWhoNeverReleasesItButDoesNotRotate) {

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <filesystem>
 #include <functional>
+#include <future>
 
 #include "Velum/Base/SystemError.h"
 #include "Velum/Files/FileLock.h"
@@ -162,7 +163,12 @@ TEST_F(FileLogHandlerTest, DecidesBySizeAndAgeWhetherToRotate) {
 
 TEST_F(FileLogHandlerTest, ReopensAfterDeletionAndAfterRenamingWhateverOtherNameTheFileHas) {
   const auto handler = open(path, neverChecked);
+  std::promise<void> isLinked;
+  auto watch = FileEvents::shared().watch(path, FileEvent::link, DispatchQueue::serial("test"),
+                                          [&](FileEvent) { isLinked.set_value(); });
   fs::create_hard_link(path, folder / "other");  // is no removal
+  isLinked.get_future().wait();
+  watch.reset();
   write(*handler, "first");
   ASSERT_EQ(::unlink(path.c_str()), 0);
   ASSERT_TRUE(systemLog->waitFor(reopened));

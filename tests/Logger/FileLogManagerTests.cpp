@@ -327,6 +327,8 @@ TEST_F(FileLogManagerTest, ResetsToOneRecordUnderItsWriters) {
       testing::MatchesRegex("\x1E.* \\[Velum\\] I: \\(FileLogManager\\) Log has been reset\n"));
   ASSERT_EQ(::write(writer.get(), "next", 4), 4);
   EXPECT_THAT(readFile(log_), testing::EndsWith("reset\nnext"));
+  FileLogManager(log_).resetLog();  // without a rotated file
+  EXPECT_THAT(readFile(log_), testing::EndsWith("reset\n"));
 }
 
 TEST_F(FileLogManagerTest, NeverReplacesAFileOfTheLog) {

@@ -126,20 +126,16 @@ class Harness {
 
   /// All of a short operation; of a long one the first two and the last of equal calls.
   std::vector<std::size_t> chosenCalls(const std::vector<GatedCall>& calls) const {
-    std::map<std::string, std::vector<std::size_t>> groups;
-    for (std::size_t index = 0; index < calls.size(); ++index) {
-      const bool isShort = calls.size() <= operation_.mostCalls;
-      groups[isShort ? "all" : calls[index].text()].push_back(index);
-    }
+    const bool isShort = calls.size() <= operation_.mostCalls;
+    std::map<std::string, std::size_t> equal;
+    for (const GatedCall& call : calls) ++equal[call.text()];
+    std::map<std::string, std::size_t> seen;
     std::vector<std::size_t> chosen;
-    for (const auto& [text, indexes] : groups) {
-      if (text != "all" && indexes.size() > 3) {
-        chosen.insert(chosen.end(), {indexes[0], indexes[1], indexes.back()});
-      } else {
-        chosen.insert(chosen.end(), indexes.begin(), indexes.end());
-      }
+    for (std::size_t index = 0; index < calls.size(); ++index) {
+      const std::string text = calls[index].text();
+      const std::size_t number = ++seen[text];
+      if (isShort || number <= 2 || number == equal[text]) chosen.push_back(index);
     }
-    std::ranges::sort(chosen);
     const std::size_t step = chosen.size() / operation_.mostCalls + 1;
     std::vector<std::size_t> even;
     for (std::size_t i = 0; i < chosen.size(); i += step) even.push_back(chosen[i]);

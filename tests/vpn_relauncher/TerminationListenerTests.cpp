@@ -8,7 +8,6 @@
 
 #include "tests/support/CapturedLog.h"
 #include "tests/support/FakeWorkspace.h"
-#include "tests/support/TemporaryFolder.h"
 
 namespace velum::test {
 namespace {
@@ -18,7 +17,7 @@ using testing::IsEmpty;
 using testing::Pair;
 
 constexpr pid_t quitting = 4711;
-constexpr const char* identifier = "com.quillon.example.sample";
+constexpr const char* identifier = "com.quillon.example.sample";  // of that bundle
 
 /// A main queue on which time passes when the test says so.
 class FakeQueue final : public DispatchQueue {
@@ -42,21 +41,12 @@ class FakeQueue final : public DispatchQueue {
 
 class TerminationListenerTest : public testing::Test {
  protected:
-  void SetUp() override {
-    writeFile(folder_ / "Sample.app/Contents/Info.plist",
-              std::string(R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)") +
-                  "<key>CFBundleIdentifier</key><string>" + identifier +
-                  "</string></dict></plist>");
-    bundle_ = folder_ / "Sample.app";
-  }
-
   TerminationListener listener() {
     return {bundle_, quitting, workspace_, queue_,
             [this](int status) { exits_.push_back(status); }};
   }
 
-  TemporaryFolder folder_;
-  std::string bundle_;
+  std::string bundle_ = VELUM_SAMPLE_BUNDLE;
   FakeWorkspace workspace_;
   FakeQueue queue_;
   std::vector<int> exits_;
@@ -108,7 +98,7 @@ TEST_F(TerminationListenerTest, LeavesAnotherRunningInstanceAlone) {
 
 TEST_F(TerminationListenerTest, OpensWhatHasNoIdentifierWhateverRuns) {
   workspace_.run(100, identifier);
-  bundle_ = folder_ / "missing.app";
+  bundle_ = "/missing.app";
   auto subject = listener();
   subject.observeValue("runningApplications");
   EXPECT_THAT(workspace_.opened, ElementsAre(bundle_));

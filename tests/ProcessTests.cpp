@@ -187,7 +187,9 @@ TEST_F(ProcessRun, EndsWithAllItStartedWhenAsked) {
       EXPECT_EQ(::getsid(tool), tool);
       return Family::children().empty() || log_->texts().size() < 2;
     };
-    EXPECT_THAT(outputOf(script + "sleep 1000 & echo; while sleep 1; do :; done", options),
+    // What it started outlives the signal, whether or not it does itself.
+    const std::string stubborn = "(trap '' TERM; echo; exec sleep 1000) & ";
+    EXPECT_THAT(outputOf(script + stubborn + "while sleep 1; do :; done", options),
                 ElementsAre(""));
     EXPECT_EQ(process_->termination(), (Termination{script.empty() ? SIGTERM : SIGKILL,
                                                     Termination::Reason::uncaughtSignal}));

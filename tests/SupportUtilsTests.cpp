@@ -221,10 +221,12 @@ TEST_F(SupportArchive, LetsNothingOutOfItsFolder) {
   EXPECT_EQ(readFile(folder_ / "victim/file"), "untouched");
 }
 
-TEST_F(SupportArchive, FailsWithoutATemporaryFolder) {
-  const ScopedVariable none("TMPDIR", folder_ / "none");
-  EXPECT_EQ(create({}), textOf(Case::createTempFolderFailed));
-  EXPECT_THAT(lastRecord(), HasSubstr("Failed to create temporary archive folder. "));
+TEST_F(SupportArchive, FailsWithoutATemporaryFolderOrAName) {
+  {
+    const ScopedVariable none("TMPDIR", folder_ / "none");
+    EXPECT_EQ(create({}), textOf(Case::createTempFolderFailed));
+    EXPECT_THAT(lastRecord(), HasSubstr("Failed to create temporary archive folder. "));
+  }
   for (const std::string name : {"", "/", "..", "\xff.zip", "..zip", "...zip"}) {
     destination_ = name;
     EXPECT_EQ(create({}), textOf(Case::createTempFolderFailed)) << name;
@@ -272,6 +274,7 @@ TEST_F(SupportArchive, StopsAtEachStepWhenCancelled) {
   }
   EXPECT_FALSE(fs::exists(fs::path(destination_).parent_path()));
 
+  Logger::shared().setHandlers({log_});
   writeFile(folder_ / "tree/leaf", "a leaf");
   for (const std::string& path : {folder_ / "tree", std::string("/proc/version")}) {
     const auto copy = [&] {
@@ -279,6 +282,7 @@ TEST_F(SupportArchive, StopsAtEachStepWhenCancelled) {
                              progress_.get());
     };
     EXPECT_EQ(errorOf(copy).code(), ECANCELED) << "while it copies";
+    EXPECT_EQ(lastRecord(), "I: (SupportUtils) Log archiving cancelled") << "an error is logged";
   }
 }
 

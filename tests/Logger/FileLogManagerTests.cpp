@@ -294,10 +294,13 @@ TEST_F(FileLogManagerTest, ReadsLittleMoreThanTheRangeOfALargeLog) {
 
   // A record that begins before the end of what is read first, and has its date behind it.
   const std::size_t fill = 65'536 - record(noon, app, "").size();
+  const std::size_t fillOfSplit = 262'144 - record(noon, tool, "").size();
   for (const std::size_t before : {1U, 19U}) {
     const std::string cut = record(noon + 1h, app, "cut");
     live(record(noon, app, std::string(fill - before, 'x')) + cut);
     EXPECT_EQ(save({.startDate = noon + 1h, .endDate = {}, .maxSize = {}}).at(app), cut);
+    live(record(noon, tool, std::string(fillOfSplit - before, 'x')) + cut);
+    EXPECT_TRUE(save({}).at(app).ends_with(cut));  // behind the rotated file's
   }
 
   LogReader reader(folder_ / "name.1.log", "test");

@@ -4,17 +4,16 @@
 
 #include <array>
 #include <atomic>
-#include <fstream>
 #include <latch>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <vector>
 
 #include "Velum/Concurrency/ForkSafeLock.h"
 #include "Velum/Platform/Thread.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Inspection.h"
 #include "tests/support/Waiting.h"
 
 namespace velum {
@@ -24,28 +23,20 @@ TEST(UnfairLock, LetsOneThreadInAtATime) {
   constexpr int turns = 5000;
   UnfairLock lock;
   int total = 0;
-  std::vector<std::thread> workers;
-  for (int i = 0; i < 8; ++i) {
-    workers.emplace_back([&] {
-      for (int turn = 0; turn < turns; ++turn) {
-        const std::lock_guard guard(lock);
-        const int before = total;
-        if (turn % 500 == 0) std::this_thread::yield();
-        total = before + 1;
-      }
-    });
+  {
+    std::vector<std::jthread> workers;
+    for (int i = 0; i < 8; ++i) {
+      workers.emplace_back([&] {
+        for (int turn = 0; turn < turns; ++turn) {
+          const std::lock_guard guard(lock);
+          const int before = total;
+          if (turn % 500 == 0) std::this_thread::yield();
+          total = before + 1;
+        }
+      });
+    }
   }
-  for (auto& worker : workers) worker.join();
   EXPECT_EQ(total, 8 * turns);
-}
-
-/// Returns once `thread` of this process sleeps.
-bool fallsAsleep(const std::atomic<std::uint32_t>& thread) {
-  return test::eventually([&] {
-    std::ifstream file("/proc/self/task/" + std::to_string(thread.load()) + "/stat");
-    std::string line;
-    return std::getline(file, line) && line.find(") S ") != std::string::npos;
-  });
 }
 
 // One unlock wakes one of them, who has to know that there are more.
@@ -66,7 +57,9 @@ TEST(UnfairLock, ForgetsNoneOfThoseWhoSleep) {
         passed.count_down();
       });
     }
-    for (const auto& id : waiting) ASSERT_TRUE(fallsAsleep(id));
+    for (const auto& id : waiting) {
+      ASSERT_TRUE(test::eventually([&] { return test::isAsleep(id); }));
+    }
     EXPECT_EQ(inside, 0);
     lock->unlock();
     ASSERT_TRUE(test::eventually([&] { return passed.try_wait(); })) << "one sleeps on";
@@ -88,13 +81,11 @@ TEST(UnfairLock, TriesWithoutWaiting) {
 
 #ifndef NDEBUG
 TEST(UnfairLock, StopsDebugBuildsThatMisuseIt) {
-  EXPECT_DEATH(
-      {
-        UnfairLock lock;
-        lock.lock();
-        lock.lock();
-      },
-      "a thread locked it twice");
+  const auto twice = [](UnfairLock once) {
+    once.lock();
+    once.lock();
+  };
+  EXPECT_DEATH(twice(UnfairLock()), "a thread locked it twice");
   EXPECT_DEATH(UnfairLock().unlock(), "not held by this thread");
   EXPECT_DEATH(UnfairLock().assertHeld(), "not held by this thread");
   UnfairLock lock;

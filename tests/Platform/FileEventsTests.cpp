@@ -92,39 +92,6 @@ TEST_F(FileEventsTest, TellsEachWatcherOfOneFileOnlyWhatItAskedFor) {
   EXPECT_EQ(attribute, 0U);
 }
 
-TEST_F(FileEventsTest, TellsEverybodyToLookAgainWhenEventsWereLost) {
-  test::writeFile(path, "x");
-  test::writeFile(folder / "busy", "x");
-  test::ChildProcess watching([this] {
-    Seen seen{0};
-    Seen seenOfPath{0};
-    Seen busy{0};
-    const auto quiet = watch(path, FileEvent::deleted | FileEvent::renamed, seen);
-    const auto quietPath = FileEvents::shared().watchPath(
-        path, DispatchQueue::concurrent("paths"),
-        [&](FileEvent event) { seenOfPath |= static_cast<unsigned>(event); });
-    const auto other = watch(folder / "busy", FileEvent::attribute | FileEvent::written, busy);
-    test::writeFile(folder / "ready", "");
-    EXPECT_TRUE(happens(seen, FileEvent::deleted));
-    EXPECT_EQ(seen, static_cast<unsigned>(FileEvent::deleted | FileEvent::renamed));
-    EXPECT_TRUE(happens(seenOfPath, FileEvent::deleted));
-    EXPECT_FALSE(quietPath->isOutdated());
-  });
-  ASSERT_TRUE(test::eventually([&] { return fs::exists(folder / "ready"); }));
-  // More than the kernel's queue holds, while nobody empties it.
-  ::kill(watching.pid(), SIGSTOP);
-  retryInterrupted([&] { return ::waitpid(watching.pid(), nullptr, WUNTRACED); });
-  const int capacity = std::stoi(test::readFile("/proc/sys/fs/inotify/max_queued_events"));
-  const UniqueFd writer(::open((folder / "busy").c_str(), O_WRONLY | O_CLOEXEC));
-  // Events of different kinds in turn, because equal ones are merged.
-  for (int i = 0; i < capacity; ++i) {
-    ASSERT_EQ(::pwrite(writer.get(), "y", 1, 0), 1);
-    ASSERT_EQ(::fchmod(writer.get(), i % 2 == 0 ? 0600 : 0640), 0);
-  }
-  ::kill(watching.pid(), SIGCONT);
-  EXPECT_EQ(watching.wait(), 0);
-}
-
 TEST_F(FileEventsTest, WatchesAnewInAForkedChildWhileTheParentKeepsItsEvents) {
   test::writeFile(path, "x");
   Seen seen{0};

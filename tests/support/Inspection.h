@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <iterator>
 #include <set>
@@ -42,6 +43,12 @@ inline std::multiset<std::string> descriptorsNotToShare() {
     if (isSocket || isLocked || target.starts_with("anon_inode:inotify")) found.insert(target);
   }
   return found;
+}
+
+/// Whether that thread of this process sleeps.
+inline bool isAsleep(std::uint32_t thread) {
+  return readFile("/proc/self/task/" + std::to_string(thread) + "/stat").find(") S ") !=
+         std::string::npos;
 }
 
 }  // namespace velum::test

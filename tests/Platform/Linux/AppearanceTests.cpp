@@ -37,9 +37,7 @@ class SettingsPortal {
     thread_.join();
   }
 
-  static constexpr int silent = -1;
-  static constexpr int unknown = -2;
-  static constexpr int misplaced = -3;
+  enum : int { silent = -1, unknown = -2, misplaced = -3 };
   std::atomic<int> scheme{0};
 
  private:
@@ -66,7 +64,7 @@ class SettingsPortal {
 class Appearance : public ::testing::Test {
  protected:
   void writeSettings(const std::string& text) const {
-    test::writeFile(environment_.folder() + "/.config/gtk-3.0/settings.ini", text);
+    test::writeFile(environment_.folder() + "/.config/gtk-3.0/settings.ini", "[Settings]\n" + text);
   }
   static bool isDark() { return WindowSystem::shared().isDarkMode(); }
 
@@ -77,20 +75,21 @@ class Appearance : public ::testing::Test {
 
 TEST_F(Appearance, FollowsTheThemeWhereThereIsNoPortal) {
   EXPECT_FALSE(isDark());
-  for (const auto* name : {"Adwaita-dark", "Adwaita:dark", "Yaru-Dark-compact", "dark"}) {
-    const ScopedVariable theme("GTK_THEME", name);
-    EXPECT_TRUE(isDark()) << name;
+  for (const char* settings : {"gtk-theme-name = Arc-Dark\r\n#gtk-theme-name=Arc\n",
+                               "gtk-theme-name=Arc\ngtk-application-prefer-dark-theme=1"}) {
+    writeSettings(settings);
+    EXPECT_TRUE(isDark()) << settings;
   }
-  writeSettings("[Settings]\ngtk-theme-name = Arc-Dark\r\n#gtk-theme-name=Arc\n");
-  EXPECT_TRUE(isDark());
-  for (const auto* name : {"Adwaita", "Arc-Darker", "Darkness"}) {
-    const ScopedVariable theme("GTK_THEME", name);  // comes before the file
-    EXPECT_FALSE(isDark()) << name;
+  for (const char* light : {"Adwaita", "Arc-Darker", "Darkness"}) {
+    const ScopedVariable theme("GTK_THEME", light);  // comes before the file
+    EXPECT_FALSE(isDark()) << light;
   }
-  writeSettings("[Settings]\ngtk-theme-name=Arc\ngtk-application-prefer-dark-theme=1");
-  EXPECT_TRUE(isDark());
-  writeSettings("[Settings]\ngtk-theme-name=Arc\ngtk-application-prefer-dark-theme=0\n==\n");
+  writeSettings("gtk-theme-name=Arc\ngtk-application-prefer-dark-theme=0\n==\n");
   EXPECT_FALSE(isDark());
+  for (const char* dark : {"Adwaita-dark", "Adwaita:dark", "Yaru-Dark-compact", "dark"}) {
+    const ScopedVariable theme("GTK_THEME", dark);
+    EXPECT_TRUE(isDark()) << dark;
+  }
 }
 
 TEST_F(Appearance, FollowsTheDesktopsPortal) {

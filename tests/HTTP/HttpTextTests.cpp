@@ -101,9 +101,9 @@ TEST(MultipartBody, TakesRegularFilesOnly) {
   const auto code = [](const std::string& path) {
     return errorOf([&] { MultipartBody().appendFile("f", "f", "text/plain", path); }).code();
   };
-  EXPECT_EQ(code(folder / "fifo"), EINVAL);
-  EXPECT_EQ(code(folder.path()), EINVAL);
-  EXPECT_EQ(code("/dev/zero"), EINVAL);
+  for (const std::string& path : {folder / "fifo", folder.path(), std::string("/dev/zero")}) {
+    EXPECT_EQ(code(path), EINVAL) << path;
+  }
   EXPECT_EQ(code(folder / "missing"), ENOENT);
 }
 
@@ -114,11 +114,9 @@ TEST(BodyParts, NoticesAFileOfAnotherSize) {
   BodyParts body;
   body.appendFile(path);
   body.append("end");
-  for (const std::string changed : {"1234", "123456", ""}) {
+  for (const std::string changed : {"1234", "123456"}) {
     writeFile(path, changed);
     EXPECT_THROW(body.open(), BodyChanged) << changed;
-  }
-  for (const std::string changed : {"1234", "123456"}) {  // after the begin
     writeFile(path, "12345");
     const auto stream = body.open();
     std::string buffer(3, '\0');

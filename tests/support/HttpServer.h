@@ -1,8 +1,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <array>
@@ -34,12 +32,15 @@ class HttpServer {
       options.arguments.insert(options.arguments.end(), {certificate(), folder_ / "key.pem"});
     }
     PipeEnds input = makePipe();
-    PipeEnds output = makePipe();
-    options.standardStreams = {input.reader.get(), output.writer.get(), STDERR_FILENO};
+    options.standardStreams = {input.reader.get(), SpawnOptions::nullDevice, STDERR_FILENO};
     pid_ = spawn(options);
     keepsRunning_ = std::move(input.writer);
-    output.writer.reset();
-    readPorts(output.reader.get());
+    std::string line;
+    if (!eventually([&] { return (line = readFile(folder_ / "ports")).ends_with('\n'); })) {
+      throw std::runtime_error("http_server.py does not listen");
+    }
+    std::istringstream words(line);
+    for (std::string word; words >> word;) ports_.push_back(word);
   }
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
@@ -48,18 +49,20 @@ class HttpServer {
     reapChild(pid_);
   }
 
-  std::string url(const std::string& path) const { return "http://127.0.0.1:" + ports_[0] + path; }
-  /// The same server under another origin.
-  std::string otherUrl(const std::string& path) const {
-    return "http://127.0.0.1:" + ports_[1] + path;
+  std::string url(const std::string& path, std::size_t port = 0) const {
+    return "http://127.0.0.1:" + ports_.at(port) + path;
   }
+  /// The same server under another origin.
+  std::string otherUrl(const std::string& path) const { return url(path, 1); }
+  /// Where nobody listens.
+  std::string closedUrl(const std::string& path) const { return url(path, 2); }
   /// Its certificate is for this address only.
   std::string tlsUrl(const std::string& path, const std::string& host = "127.0.0.1") const {
-    return "https://" + host + ":" + ports_.at(2) + path;
+    return "https://" + host + ":" + ports_.at(3) + path;
   }
   /// Two that demand a certificate of the client's, in TLS 1.3 and 1.2.
   std::array<std::string, 2> demandingUrls() const {
-    return {"https://127.0.0.1:" + ports_.at(3) + "/", "https://127.0.0.1:" + ports_.at(4) + "/"};
+    return {"https://127.0.0.1:" + ports_.at(4) + "/", "https://127.0.0.1:" + ports_.at(5) + "/"};
   }
   std::string certificate() const { return folder_ / "certificate.pem"; }
   /// What was sent to /store last.
@@ -74,47 +77,11 @@ class HttpServer {
                                   "certificate.pem");
     if (exitStatus(tool) != 0) throw std::runtime_error("openssl req");
   }
-  void readPorts(int output) {
-    std::string line;
-    while (line.find('\n') == std::string::npos) {
-      std::array<char, 256> buffer{};
-      if (!isReadable(output)) throw std::runtime_error("http_server.py says nothing");
-      const ssize_t got = ::read(output, buffer.data(), buffer.size());
-      if (got <= 0) throw std::runtime_error("http_server.py has ended");
-      line.append(buffer.data(), static_cast<std::size_t>(got));
-    }
-    std::istringstream words(line);
-    for (std::string word; words >> word;) ports_.push_back(word);
-  }
 
   TemporaryFolder folder_;
   pid_t pid_ = -1;
   UniqueFd keepsRunning_;
   std::vector<std::string> ports_;
-};
-
-/// The URL of a port on which nobody listens as long as the object lives.
-class ClosedPort {
- public:
-  ClosedPort() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);  // NOLINT: as sockets want it
-    if (::bind(socket_.get(), generic, size) != 0 ||
-        ::getsockname(socket_.get(), generic, &size) != 0) {
-      throw std::runtime_error("no free port");
-    }
-    port_ = ntohs(address.sin_port);
-  }
-  std::string url(const std::string& path = "/") const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
-  }
-
- private:
-  UniqueFd socket_;
-  int port_ = 0;
 };
 
 }  // namespace velum::test

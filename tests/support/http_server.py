@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """A server that misbehaves on request, for tests: http_server.py FOLDER [CERTIFICATE KEY].
 
-Prints the ports it listens on at 127.0.0.1, two for HTTP and, with a certificate, three for HTTPS,
-on one line. Those ask for a certificate of the client; the last two demand it, the very last one in
-TLS 1.2. Ends when its standard input does.
+Writes its ports at 127.0.0.1 into FOLDER/ports, on one line: two for HTTP, one on which nobody
+listens and, with a certificate, three for HTTPS. Those ask for a certificate of the client; the last
+two demand it, the very last one in TLS 1.2. Ends when its standard input does.
 """
 
 import gzip
@@ -72,6 +72,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.wfile.write(body)
 
     def reset(self):
+        self.wfile.write(broken["half"])
         linger = struct.pack("ii", 1, 0)
         self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, linger)
         self.hang_up()
@@ -113,7 +114,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
                     self.wfile.write(then)
                 self.connection.recv(1)
             case "/reset":
-                self.wfile.write(broken["half"])
                 self.reset()
             case "/redirect":
                 self.answer(int(query["status"]), headers=[("Location", query["to"])])
@@ -170,7 +170,9 @@ def listen(context=None):
     return str(server.server_port)
 
 
-ports = [listen(), listen()]
+closed = socket.socket()
+closed.bind(("127.0.0.1", 0))
+ports = [listen(), listen(), closed.getsockname()[1]]
 if len(sys.argv) > 2:
     for verify, newest in [(ssl.CERT_OPTIONAL, ssl.TLSVersion.TLSv1_3),
                            (ssl.CERT_REQUIRED, ssl.TLSVersion.TLSv1_3),
@@ -180,5 +182,6 @@ if len(sys.argv) > 2:
         tls.verify_mode = verify
         tls.maximum_version = newest
         ports.append(listen(tls))
-print(*ports, flush=True)
+with open(os.path.join(folder, "ports"), "w") as file:
+    print(*ports, file=file)
 sys.stdin.buffer.read()

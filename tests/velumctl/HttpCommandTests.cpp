@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -8,6 +7,7 @@
 
 #include "tests/support/Environment.h"
 #include "tests/support/HttpServer.h"
+#include "tests/support/Inspection.h"
 #include "tests/velumctl/VelumctlTest.h"
 
 namespace velum::test {
@@ -37,14 +37,13 @@ class HttpCommand : public VelumctlTest {
 TEST_F(HttpCommand, SendsWhatItIsGiven) {
   const std::string url = server_.url("/echo");
   EXPECT_EQ(echoed({url})["method"], "GET");
-  writeFile(folder_ / "headers", "X-Two: 2\r\n\nAuthorization: Bearer hidden\n");
+  writeFile(folder_ / "headers", "\r\nAuthorization: Bearer hidden\r\n");
   const json seen = echoed(
       {url, "--header", "X-One:1", "--header", "@" + folder_ / "headers", "--data-file", "-"},
       "from input");
   EXPECT_EQ(seen["method"], "POST");
   EXPECT_EQ(seen["body"], "from input");
   EXPECT_EQ(seen["headers"]["x-one"], "1");
-  EXPECT_EQ(seen["headers"]["x-two"], "2");
   EXPECT_EQ(seen["headers"]["authorization"], "Bearer hidden");
   writeFile(folder_ / "data", "from file");
   EXPECT_EQ(echoed({url, "--method", "PUT", "--data-file", folder_ / "data"})["body"], "from file");
@@ -52,6 +51,8 @@ TEST_F(HttpCommand, SendsWhatItIsGiven) {
       echoed({url, "--form", "one=1=1", "--file", "two=@" + folder_ / "data"})["body"];
   EXPECT_THAT(form, HasSubstr("name=\"one\"\r\n\r\n1=1\r\n"));
   EXPECT_THAT(form, HasSubstr("name=\"two\"; filename=\"data\"\r\n"));
+  EXPECT_THAT(form, testing::EndsWith("from file\r\n--" + form.substr(4, form.find('\r', 4) - 4) +
+                                      "--\r\n"));
 }
 
 TEST_F(HttpCommand, TellsStatusesAndFailuresByItsOwnStatus) {
@@ -60,9 +61,7 @@ TEST_F(HttpCommand, TellsStatusesAndFailuresByItsOwnStatus) {
   EXPECT_EQ(refused.output, "status");
   EXPECT_EQ(refused.errors, "velumctl: the server answered with status 404\n");
   EXPECT_EQ(send({server_.url("/flaky"), "--retries", "3"}).status, 0);
-  const ClosedPort closed;
-  EXPECT_THAT(send({closed.url("/?hidden"), "--retries", "2"}).errors, HasSubstr("-1004"));
-  EXPECT_EQ(send({server_.url("/never"), "--timeout", "0.2"}).status, 1);
+  EXPECT_THAT(send({server_.url("/never"), "--timeout", "0.2"}).errors, HasSubstr("-1001"));
   EXPECT_EQ(send({server_.url("/"), "--data-file", folder_ / "missing"}).status, 1);
   for (const Strings& option :
        {Strings{"--header", "hidden"}, {"--form", "hidden"}, {"--file", "a=hidden"}}) {
@@ -83,9 +82,7 @@ TEST_F(HttpCommand, PrintsForProgramsWithoutSecrets) {
   EXPECT_EQ(object["url"], server_.url("/echo"));
   EXPECT_THAT(object["headers"].dump(), HasSubstr(R"(["Set-Cookie","stripped"])"));
   EXPECT_THAT(readFile(folder_ / "body"), HasSubstr("token=hidden"));
-  struct stat status {};
-  ASSERT_EQ(::stat((folder_ / "body").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777U, 0600U);
+  EXPECT_EQ(modeOf(folder_ / "body"), 0600);
   // Nothing is sent without a place for the answer, and without an answer the place stays as it
   // was.
   EXPECT_EQ(send({server_.url("/store"), "--data-file", folder_ / "body", "--output",
@@ -94,11 +91,10 @@ TEST_F(HttpCommand, PrintsForProgramsWithoutSecrets) {
             1);
   EXPECT_EQ(server_.stored(), "");
   for (const char* file : {"body", "none"}) {
-    EXPECT_EQ(send({server_.url("/empty"), "--output", folder_ / file}).status, 1);
+    EXPECT_EQ(send({url, "--max-size", "10", "--output", folder_ / file}).status, 1);
   }
-  EXPECT_EQ(send({url, "--max-size", "10", "--output", folder_ / "body"}).status, 1);
   EXPECT_THAT(readFile(folder_ / "body"), HasSubstr("token=hidden"));
-  EXPECT_NE(::access((folder_ / "none").c_str(), F_OK), 0);
+  EXPECT_EQ(modeOf(folder_ / "none"), -1);
   const Result whole = send({server_.url("/status/500"), "--json"});
   EXPECT_EQ(json::parse(whole.output, nullptr, false)["body"], "status");
 }

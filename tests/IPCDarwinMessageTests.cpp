@@ -1,6 +1,5 @@
 #include "Velum/IPCDarwinMessage.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -8,13 +7,15 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "Velum/Logger/Logger.h"
+#include "tests/support/CapturedLog.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Processes.h"
-#include "tests/support/RecordingLogHandler.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Waiting.h"
 
@@ -22,7 +23,6 @@ namespace velum {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 
 constexpr auto prefix = "com.example.test";
 
@@ -63,20 +63,19 @@ class IPCDarwinMessageTest : public ::testing::Test {
 TEST_F(IPCDarwinMessageTest, ARequestReturnsFalseWithoutItsAnswer) {
   const auto answering = responder("status", "other");
   inProcess([] {
-    const auto handler = std::make_shared<test::RecordingLogHandler>();
-    Logger::shared().setHandlers({handler});
-    Logger::shared().setLogLevel(LogLevel::verbose);
-    EXPECT_FALSE(IPCDarwinMessage::sendRequest("status", "id", 50ms));
-    EXPECT_FALSE(IPCDarwinMessage::sendRequest("nobody", "id", 0ms));
-    EXPECT_TRUE(IPCDarwinMessage::sendRequest("status", "other", test::deadline));
-    IPCDarwinMessage::sendResponse("status", "other");
+    const test::CapturedLog log;
     const std::string source = "(IPCDarwinMessage: sendRequest(_:responseId:)) ";
-    const std::string calling = "V: " + source + "calling sendRequest";
-    const std::string failed = "D: " + source + "After waiting, result: false";
-    EXPECT_THAT(handler->texts(), ElementsAre(calling, failed, calling, failed, calling,
-                                              "D: " + source + "After waiting, result: true",
-                                              "V: (IPCDarwinMessage: sendResponse(_:id:)) "
-                                              "calling sendResponse"));
+    for (const auto& [message, id, timeout] :
+         {std::tuple("status", "id", 50ms), {"nobody", "id", 0ms}, {"status", "other", 60'000ms}}) {
+      const bool isAnswered = std::string_view(id) == "other";
+      EXPECT_EQ(IPCDarwinMessage::sendRequest(message, id, timeout), isAnswered);
+      EXPECT_EQ(log.texts().back(),
+                "D: " + source + "After waiting, result: " + (isAnswered ? "true" : "false"));
+    }
+    IPCDarwinMessage::sendResponse("status", "other");
+    EXPECT_EQ(log.count("V: " + source + "calling sendRequest"), 3U);
+    EXPECT_EQ(log.texts().back(),
+              "V: (IPCDarwinMessage: sendResponse(_:id:)) calling sendResponse");
   });
 }
 
@@ -85,10 +84,9 @@ TEST_F(IPCDarwinMessageTest, UsesTheAgreedNames) {
     auto& center = NotifyCenter::shared(NotifyCenter::Scope::user);
     std::atomic<int> requests{0};
     std::atomic<int> responses{0};
-    const auto request =
-        center.addObserver("com.example.test.DARWIN_NOTIFICATION.go", [&] { ++requests; });
-    const auto response =
-        center.addObserver("com.example.test.DARWIN_NOTIFICATION.go.1.2", [&] { ++responses; });
+    const std::string name = "com.example.test.DARWIN_NOTIFICATION.go";
+    const auto request = center.addObserver(name, [&] { ++requests; });
+    const auto response = center.addObserver(name + ".1.2", [&] { ++responses; });
     IPCDarwinMessage::sendResponse("go", "1.2");
     EXPECT_TRUE(test::eventually([&] { return responses == 1; }));
     EXPECT_EQ(requests, 0);
@@ -99,50 +97,49 @@ TEST_F(IPCDarwinMessageTest, UsesTheAgreedNames) {
 
 TEST_F(IPCDarwinMessageTest, AnyResponseWakesEveryWaiter) {
   inProcess([] {
-    constexpr int waiters = 5;
-    std::atomic<int> asked{0};
-    for (int i = 0; i < waiters; ++i) {
-      IPCDarwinMessage::addListener("ask" + std::to_string(i), [&] { ++asked; });
+    const std::vector<std::string> messages{"a", "b", "c", "d", "e"};
+    std::atomic<std::size_t> asked{0};
+    std::atomic<std::size_t> answered{0};
+    {
+      std::vector<std::jthread> threads;
+      for (const auto& message : messages) {
+        IPCDarwinMessage::addListener(message, [&] { ++asked; });
+        threads.emplace_back([&] {
+          if (IPCDarwinMessage::sendRequest(message, "id", test::deadline)) ++answered;
+        });
+      }
+      EXPECT_TRUE(test::eventually([&] { return asked == messages.size(); }));
+      EXPECT_EQ(answered, 0U);
+      IPCDarwinMessage::sendResponse("c", "id");
     }
-    std::atomic<int> answered{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < waiters; ++i) {
-      threads.emplace_back([i, &answered] {
-        if (IPCDarwinMessage::sendRequest("ask" + std::to_string(i), "id", test::deadline)) {
-          ++answered;
-        }
-      });
-    }
-    EXPECT_TRUE(test::eventually([&] { return asked == waiters; }));
-    EXPECT_EQ(answered, 0);
-    IPCDarwinMessage::sendResponse("ask3", "id");
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(answered, waiters);
+    EXPECT_EQ(answered, messages.size());
   });
 }
 
 TEST_F(IPCDarwinMessageTest, AListenerIsReplacedAndRemoved) {
   inProcess([] {
-    std::atomic<int> first{0};
-    std::atomic<int> second{0};
-    const auto ask = [] { IPCDarwinMessage::sendRequest("ask", "id", 0ms); };
-    IPCDarwinMessage::addListener("ask", [&] { ++first; });
-    ask();
-    EXPECT_TRUE(test::eventually([&] { return first == 1; }));
-    IPCDarwinMessage::addListener("ask", [&] {
-      ++second;
-      IPCDarwinMessage::removeListener("ask");  // in its own handler
-    });
-    ask();
-    EXPECT_TRUE(test::eventually([&] { return second == 1; }));
+    std::string heard;  // by the queue of handlers, one by one
+    std::atomic<std::size_t> count{0};
+    const auto listen = [&](const std::string& message, char letter) {
+      IPCDarwinMessage::addListener(message, [&, letter] {
+        heard += letter;
+        if (letter == '2') IPCDarwinMessage::removeListener("ask");  // in its own handler
+        ++count;
+      });
+    };
+    const auto isHeard = [&](const std::string& message, std::size_t wanted) {
+      IPCDarwinMessage::sendRequest(message, "id", 0ms);
+      return test::eventually([&] { return count == wanted; });
+    };
+    listen("ask", '1');
+    EXPECT_TRUE(isHeard("ask", 1));
+    listen("ask", '2');
+    EXPECT_TRUE(isHeard("ask", 2));
     EXPECT_TRUE(IPCDarwinMessageQueue::shared().wait(test::deadline));
-    ask();
-    std::atomic<int> last{0};
-    IPCDarwinMessage::addListener("last", [&] { ++last; });
-    IPCDarwinMessage::sendRequest("last", "id", 0ms);
-    EXPECT_TRUE(test::eventually([&] { return last == 1; }));
-    EXPECT_EQ(first, 1);
-    EXPECT_EQ(second, 1);
+    IPCDarwinMessage::sendRequest("ask", "id", 0ms);
+    listen("last", '3');
+    EXPECT_TRUE(isHeard("last", 3));
+    EXPECT_EQ(heard, "123");
   });
 }
 
@@ -174,16 +171,13 @@ TEST_F(IPCDarwinMessageTest, HandlersRunOneByOneAndMayAskThemselves) {
 
 TEST_F(IPCDarwinMessageTest, FailuresOfTheNotificationsAreLogged) {
   inProcess([this] {
-    const auto handler = std::make_shared<test::RecordingLogHandler>();
-    Logger::shared().setHandlers({handler});
+    const test::CapturedLog log;
     test::writeFile(folder / "velum/notify", "in the way");
     ::chmod((folder / "velum").c_str(), 0700);
     EXPECT_FALSE(IPCDarwinMessage::sendRequest("status", "id"));
     IPCDarwinMessage::sendResponse("status", "id");
     EXPECT_FALSE(IPCDarwinMessage::addListener("status", [] {}));
-    const auto records = handler->records();
-    ASSERT_EQ(records.size(), 3U);
-    for (const auto& record : records) EXPECT_EQ(record.level, LogLevel::error) << record.text;
+    EXPECT_EQ(log.count("E: (IPCDarwinMessage: "), 3U);
   });
 }
 

@@ -60,14 +60,16 @@ TEST_F(VelumctlNotify, AnswersRequests) {
 }
 
 TEST_F(VelumctlNotify, SaysWhatIsWrong) {
-  EXPECT_EQ(run({"notify", "wait"}).status, 2);
-  EXPECT_EQ(run({"notify", "wait", "a", "b"}).status, 2);
-  EXPECT_EQ(run({"notify", "wait", "a", "--timeout", "-1"}).status, 2);
-  EXPECT_EQ(run({"request", "status", "--id", "1"}).status, 2);
-  EXPECT_EQ(run({"respond", "status", "--prefix", "1"}).status, 2);
   writeFile(folder_ / "velum/notify", "in the way");
-  EXPECT_EQ(run({"notify", "listen", "name"}).status, 1);
-  EXPECT_EQ(run({"respond", "status", "--id", "1", "--prefix", "p"}).status, 1);
+  const std::vector<std::pair<Strings, int>> cases{
+      {{"notify", "wait"}, 2},
+      {{"notify", "wait", "a", "b"}, 2},
+      {{"notify", "wait", "a", "--timeout", "-1"}, 2},
+      {{"request", "status", "--id", "1"}, 2},
+      {{"respond", "status", "--prefix", "1"}, 2},
+      {{"notify", "listen", "name"}, 1},
+      {{"respond", "status", "--id", "1", "--prefix", "p"}, 1}};
+  for (const auto& [arguments, status] : cases) EXPECT_EQ(run(arguments).status, status);
 }
 
 }  // namespace

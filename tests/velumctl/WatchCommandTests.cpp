@@ -17,11 +17,6 @@ class VelumctlWatch : public VelumctlTest {
   static RunningProgram watching(const Strings& arguments) {
     return start(Strings{"watch"} + arguments);
   }
-  static int exitStatus(RunningProgram& program) {
-    const int status = program.wait();
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
   std::string path_ = folder_ / "watched";
 };
 
@@ -36,9 +31,9 @@ TEST_F(VelumctlWatch, PrintsChangesUntilInterruptedWhateverBecomesOfThePath) {
   EXPECT_TRUE(prints(json, "\"path\":\"" + path_ + "\",\"exists\":true}\n", change));
   json.closeOutput();
   writeFile(path_ + "/c", "");
-  EXPECT_EQ(exitStatus(json), 0) << "its reader has gone";
+  EXPECT_EQ(json.wait(), 0) << "its reader has gone";
   watch.signal(SIGHUP);
-  EXPECT_EQ(exitStatus(watch), 0);
+  EXPECT_EQ(watch.wait(), 0);
   EXPECT_GT(watch.readToEnd().rfind(" changed "), watch.readToEnd().rfind(" missing "));
 }
 
@@ -55,12 +50,12 @@ TEST_F(VelumctlWatch, RunsACommandAfterChanges) {
       {path_, "--exec", "sh", "-c", "echo --json \"$0\" >> " + ran + "; exit 3", "--help"});
   EXPECT_TRUE(hasRun("--json --help\n--json --help\n")) << "its failure ends nothing";
   watch.signal(SIGQUIT);
-  EXPECT_EQ(exitStatus(watch), 0);
+  EXPECT_EQ(watch.wait(), 0);
   RunningProgram busy =
       watching({path_, "--exec", "sh", "-c", "echo x > " + ran + "; exec sleep 600"});
   EXPECT_TRUE(hasRun("x"));
   busy.signal(SIGTERM);
-  EXPECT_EQ(exitStatus(busy), 0) << "it waits for the command";
+  EXPECT_EQ(busy.wait(), 0) << "it waits for the command";
 }
 
 TEST_F(VelumctlWatch, SaysWhatIsWrong) {

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <latch>
@@ -32,7 +32,6 @@ class Signal {
  public:
   void raise() { count_.release(); }
   bool wait() { return count_.try_acquire_for(test::deadline); }
-  bool isRaised() { return count_.try_acquire(); }
 
  private:
   std::counting_semaphore<> count_{0};
@@ -53,8 +52,8 @@ TEST(DispatchQueue, RunsSerialWorkOneByOneInOrder) {
     });
   }
   ASSERT_TRUE(group.wait(test::deadline));
-  ASSERT_EQ(order.size(), static_cast<std::size_t>(items));
-  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+  EXPECT_EQ(order.size(), static_cast<std::size_t>(items));
+  EXPECT_TRUE(std::ranges::is_sorted(order));
 }
 
 TEST(DispatchQueue, DelaysWorkAtLeastAsLongAsAskedInTheOrderOfTheDelays) {
@@ -62,19 +61,16 @@ TEST(DispatchQueue, DelaysWorkAtLeastAsLongAsAskedInTheOrderOfTheDelays) {
   const auto start = Clock::now();
   std::vector<int> order;
   Signal done;
-  queue->asyncAfter(std::chrono::nanoseconds::max(), [&] { order.push_back(3); });
-  queue->asyncAfter(-1s, [&] { order.push_back(0); });
-  queue->asyncAfter(20ms, [&] {
-    EXPECT_GE(Clock::now() - start, 20ms);
-    order.push_back(1);
-  });
-  queue->asyncAfter(40ms, [&] {
-    EXPECT_GE(Clock::now() - start, 40ms);
-    order.push_back(2);
-    done.raise();
-  });
+  queue->asyncAfter(std::chrono::nanoseconds::max(), [&] { order.push_back(99); });
+  for (const int delay : {40, 20, -1}) {
+    queue->asyncAfter(delay * 1ms, [&, delay] {
+      EXPECT_GE(Clock::now() - start, delay * 1ms);
+      order.push_back(delay);
+      if (delay == 40) done.raise();
+    });
+  }
   ASSERT_TRUE(done.wait());
-  EXPECT_EQ(order, (std::vector{0, 1, 2}));
+  EXPECT_EQ(order, (std::vector{-1, 20, 40}));
 }
 
 // In fresh processes, because the threads a pool once has it keeps.
@@ -91,15 +87,15 @@ TEST(DispatchQueue, StarvesNothingWhenManyItemsBlock) {
     });
     if (HasFailure()) return;
   }
-  Signal unblock;
+  std::latch unblock(1);
   DispatchGroup group;
   for (int i = 0; i < 4; ++i) {
-    group.async(*DispatchQueue::serial("blocked"), [&] { EXPECT_TRUE(unblock.wait()); });
+    group.async(*DispatchQueue::serial("blocked"), [&] { unblock.wait(); });
   }
   Signal timer;
   DispatchQueue::serial("free")->asyncAfter(1ms, [&] { timer.raise(); });
   EXPECT_TRUE(timer.wait());
-  for (int i = 0; i < 4; ++i) unblock.raise();
+  unblock.count_down();
   EXPECT_TRUE(group.wait(test::deadline));
 }
 
@@ -147,20 +143,19 @@ TEST(DispatchQueue, GoesOnWithFewThreadsWhenNoMoreCanBeMade) {
 }
 
 TEST(DispatchQueue, AsksAgainForItsFirstThread) {
-  const auto begin = [](DispatchGroup& group, const Work& work) {
+  DispatchGroup group;
+  const auto begin = [&](const Work& work) {
     const NoThreads limit;
     if (limit.isInForce()) group.async(DispatchQueue::global(), work);
     return limit.isInForce();
   };
   test::inChild([&] {
-    DispatchGroup group;
-    if (!begin(group, [] {})) GTEST_SKIP() << "can't limit threads here";
+    if (!begin([] {})) GTEST_SKIP() << "can't limit threads here";
     EXPECT_TRUE(group.wait(test::deadline)) << "who waits asks again";
   });
   if (HasFailure() || IsSkipped()) return;
   test::inChild([&] {
-    DispatchGroup group;
-    EXPECT_TRUE(begin(group, [] { ::_exit(0); }));
+    EXPECT_TRUE(begin([] { ::_exit(0); }));
     Application::shared().run();  // asks again as well
   });
 }
@@ -198,16 +193,19 @@ TEST(DispatchQueue, KeepsTheOrderOfItsOwnThreadAndOthers) {
 void forkInsideAnItem(DispatchQueue& queue) {
   static int parent = 0;
   parent = ::getpid();
-  const auto isParent = [] { return ::getpid() == parent; };
   const test::Pipe events;
   const test::Pipe ending;  // the child learns from it that the parent is through
   constexpr int expected = 100;
   std::atomic<int> received{0};
-  Signal all;
+  Signal done;
+  const auto isParents = [&done] {
+    if (::getpid() != parent) ::_exit(2);
+    done.raise();
+  };
   const auto source = DispatchSource::readable(events.reader.get(), queue, [&] {
     char byte = 0;
-    if (!isParent()) ::_exit(2);
-    if (::read(events.reader.get(), &byte, 1) == 1 && ++received == expected) all.raise();
+    isParents();
+    if (::read(events.reader.get(), &byte, 1) == 1) ++received;
   });
   std::atomic<pid_t> child{0};
   std::unique_ptr<DispatchSource> childsOwn;
@@ -222,24 +220,16 @@ void forkInsideAnItem(DispatchQueue& queue) {
       childsOwn = DispatchSource::readable(ending.reader.get(), queue, [] { ::_exit(0); });
     });
   });
-  queue.async([&] {
-    if (!isParent()) ::_exit(3);
-    all.raise();
-  });
-  queue.asyncAfter(10ms, [&] {
-    if (!isParent()) ::_exit(4);
-    all.raise();
-  });
+  queue.async(isParents);
+  queue.asyncAfter(10ms, isParents);
   ASSERT_TRUE(test::eventually([&] { return child > 0; }));
   for (int i = 0; i < expected; ++i) {
     ASSERT_EQ(::write(events.writer.get(), "x", 1), 1);
     ASSERT_TRUE(test::eventually([&] { return received > i; })) << "the child took event " << i;
   }
-  for (int i = 0; i < 3; ++i) ASSERT_TRUE(all.wait());
+  for (int i = 0; i < expected + 2; ++i) ASSERT_TRUE(done.wait());
   ASSERT_EQ(::write(ending.writer.get(), "x", 1), 1);
-  int status = -1;
-  EXPECT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0) << "of the child, which runs its own queues from then on";
+  EXPECT_EQ(test::exitStatus(child), 0) << "of the child, which runs its own queues from then on";
 }
 
 TEST(DispatchQueue, ChildForkedInsideAnItemLeavesTheParentsWorkAlone) {
@@ -265,10 +255,9 @@ TEST(DispatchGroup, WaitsForAllAndReportsATimeOut) {
 
 TEST(DispatchGroup, IsLeftByWorkThatCannotBeHandedIn) {
   struct Full final : DispatchQueue {
-    const std::string& label() const noexcept override { return label_; }
+    const std::string& label() const noexcept override { std::terminate(); }
     void async(Work) override { throw std::bad_alloc(); }
     void asyncAfter(std::chrono::nanoseconds, Work) override {}
-    std::string label_;
   } queue;
   DispatchGroup group;
   EXPECT_THROW(group.async(queue, [] {}), std::bad_alloc);
@@ -375,10 +364,8 @@ TEST(DispatchSource, RefusesWhatCannotBeWatched) {
   EXPECT_THROW(DispatchSource::readable(-1, DispatchQueue::global(), [] {}), SystemError);
   EXPECT_THROW(DispatchSource::childExit(1, DispatchQueue::global(), [](int) {}), SystemError)
       << "a process, but no child";
-  test::ChildProcess child([] {});
-  const int pid = child.pid();
-  child.wait();
-  EXPECT_THROW(DispatchSource::childExit(pid, DispatchQueue::global(), [](int) {}), SystemError);
+  EXPECT_THROW(DispatchSource::childExit(test::noProcess, DispatchQueue::global(), [](int) {}),
+               SystemError);
 }
 
 }  // namespace

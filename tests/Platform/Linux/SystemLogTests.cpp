@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <array>
-#include <csignal>
 #include <filesystem>
+#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -17,6 +17,7 @@
 #include "tests/support/HungJournal.h"
 #include "tests/support/PrivateMounts.h"
 #include "tests/support/Processes.h"
+#include "tests/support/SecretService.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Waiting.h"
 
@@ -28,18 +29,12 @@ namespace fs = std::filesystem;
 constexpr const char* daemonPath = "/lib/systemd/systemd-journald";
 constexpr const char* socketPath = test::journalSocketPath;
 
-// Starts a program whose output goes to `output`; it ends with its parent at the latest.
-pid_t start(const std::string& command, const std::string& output) {
-  return test::startShell("exec setpriv --pdeathsig KILL -- " + command + " >'" + output +
-                          "' 2>&1");
-}
-
 // The fields asked for of the records of `identifier`, in the order they were written.
 std::vector<std::string> journalLines(const std::string& identifier, const std::string& field,
                                       const std::string& output) {
-  test::exitStatus(start("journalctl -a -q -D /run/log/journal -o cat --output-fields=" + field +
-                             " SYSLOG_IDENTIFIER=" + identifier,
-                         output));
+  test::exitStatus(
+      test::startShell("exec journalctl -a -q -D /run/log/journal -o cat --output-fields=" + field +
+                       " SYSLOG_IDENTIFIER=" + identifier + " >'" + output + "' 2>&1"));
   std::vector<std::string> lines;
   std::istringstream text(test::readFile(output));
   for (std::string line; std::getline(text, line);) lines.push_back(line);
@@ -59,10 +54,8 @@ TEST(SystemLog, WritesRecordsToTheJournalWithPriorityIdentifierAndCategory) {
     test::mountMemory("/etc/systemd", "size=1m");
     test::writeFile("/etc/systemd/journald.conf",
                     "[Journal]\nStorage=volatile\nAudit=no\nReadKMsg=no\nForwardToWall=no\n");
-    const test::Family family;
-    const pid_t daemon = start(daemonPath, folder / "daemon");
-    ASSERT_TRUE(test::eventually([] { return fs::exists(socketPath); }))
-        << test::readFile(folder / "daemon");
+    std::optional<test::Daemon> daemon(std::in_place, std::vector<std::string>{daemonPath});
+    ASSERT_TRUE(test::eventually([] { return fs::exists(socketPath); }));
 
     OSLogHandler byDefault("com.example.vpn");
     OSLogHandler other("com.example.vpn", "other");
@@ -92,10 +85,9 @@ TEST(SystemLog, WritesRecordsToTheJournalWithPriorityIdentifierAndCategory) {
     EXPECT_EQ(streamed("PRIORITY"), Lines{"6"});
 
     // The next journal gets the next record, even one that no datagram has room for.
-    ::kill(daemon, SIGKILL);
-    test::exitStatus(daemon);
+    daemon.reset();
     fs::remove(socketPath);
-    start(daemonPath, folder / "daemon");
+    daemon.emplace(std::vector<std::string>{daemonPath});
     ASSERT_TRUE(test::eventually([] { return fs::exists(socketPath); }));
     byDefault.logWithLevel(LogLevel::info, {}, std::string(2'000'000, 'x') + "\nlast");
     EXPECT_TRUE(test::eventually([&] { return lines("MESSAGE").back() == "last"; }));

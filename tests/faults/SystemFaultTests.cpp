@@ -126,155 +126,147 @@ TEST(Faults, NotificationPost) {
   std::shared_ptr<NotifyCenterLinux> center;
   std::unique_ptr<NotifyCenter::Observer> observer;
   std::counting_semaphore<> told{0};
-  const auto isTold = [&] {
-    try {
-      center->post("name");
-    } catch (const SystemError&) {
-      return false;
-    }
-    return told.try_acquire_for(deadline);
-  };
-  FaultyOperation operation{
+  failEveryCall({
       .enter =
           [&](const std::string& folder) {
             center = NotifyCenterLinux::make(folder + "/notify", NotifyFolder::Sharing::user);
             observer = center->addObserver("name", [&] { told.release(); });
           },
-      .run = isTold,
+      .run =
+          [&] {
+            try {
+              center->post("name");
+            } catch (const SystemError&) {
+              return false;
+            }
+            return told.try_acquire_for(deadline);
+          },
       .verify = [](Outcome) {},
       .mayHide = [](const GatedCall&) { return true; },  // it was told
-  };
-  failEveryCall(operation);
+  });
 }
 
-TEST(Faults, UserCertificates) {
-  const TestCertificates certificates;
-  const SecCertificate first = certificates.authority("first", "/CN=first");
-  const SecCertificate second = certificates.authority("second", "/CN=second");
-  std::unique_ptr<CertificateStoreLinux> store;
-  const auto keychain = [&] {
-    return store->searchList(SecPreferencesDomain::user).keychains.at(0);
-  };
-  const auto labels = [&] {
-    std::set<std::string> found;
-    const CertificateList list = store->list(keychain());
-    EXPECT_TRUE(list.status.isSuccess()) << list.status.text();
-    for (const CertificateItem& item : list.items) found.insert(item.label);
-    return found;
-  };
-  FaultyOperation operation{
-      .enter =
-          [&](const std::string& folder) {
-            ::setenv("HOME", folder.c_str(), 1);
-            store = std::make_unique<CertificateStoreLinux>();
-          },
-      .prepare = [&] { EXPECT_TRUE(store->add(first, "first", keychain()).isSuccess()); },
-      .run = [&] { return store->add(second, "second", keychain()).isSuccess(); },
-      .verify =
-          [&](Outcome outcome) {
-            const auto found = labels();
-            EXPECT_TRUE(found.contains("first"));
-            EXPECT_TRUE(outcome != Outcome::succeeded || found.contains("second"));
-          },
-      .again =
-          [&] {
-            const auto number = store->add(second, "second", keychain()).number;
-            return number == errSecSuccess || number == errSecDuplicateItem;
-          },
-      // What the library can do without, it does without; the certificate is there all the same.
-      .mayHide = [](const GatedCall&) { return true; },
-      .mayGiveUp = [](const GatedCall&) { return true; },
-      .mayRemain = [](const std::string& name) { return name.ends_with("-journal"); },
-      // The library's own initialisation is not meant.
-      .isSpared =
-          [](const GatedCall& call) { return call.subject.find("nssdb/") == std::string::npos; },
-  };
-  failEveryCall(operation);
+/// A keychain that holds one certificate; another is added, and then the first is removed.
+struct Certificates {
+  explicit Certificates(SecPreferencesDomain domain_) : domain(domain_) {}
 
-  operation.run = [&] { return store->remove("first", keychain()).isSuccess(); };
-  operation.again = [&] {
-    const auto number = store->remove("first", keychain()).number;
-    return number == errSecSuccess || number == errSecItemNotFound;
+  SecKeychain keychain() const { return store->searchList(domain).keychains.at(0); }
+  bool add(const SecCertificate& certificate, const char* label) const {
+    return store->add(certificate, label, keychain()).isSuccess();
+  }
+  /// The operation adds the second one.
+  void failEveryCall(FaultyOperation operation, std::function<void(Outcome)> verifyRemoved) const {
+    operation.prepare = [this] { EXPECT_TRUE(add(first, "first")); };
+    operation.again = [this] {
+      const auto number = store->add(second, "second", keychain()).number;
+      return number == errSecSuccess || number == errSecDuplicateItem;
+    };
+    test::failEveryCall(operation);
+    operation.run = [this] { return store->remove("first", keychain()).isSuccess(); };
+    operation.again = [this] {
+      const auto number = store->remove("first", keychain()).number;
+      return number == errSecSuccess || number == errSecItemNotFound;
+    };
+    operation.verify = std::move(verifyRemoved);
+    test::failEveryCall(operation);
+  }
+
+  SecPreferencesDomain domain;
+  TestCertificates made;
+  SecCertificate first = made.authority("first", "/CN=first");
+  SecCertificate second = made.authority("second", "/CN=second");
+  std::unique_ptr<CertificateStoreLinux> store;
+};
+
+TEST(Faults, UserCertificates) {
+  Certificates certificates(SecPreferencesDomain::user);
+  const auto has = [&](const char* label) {
+    const CertificateList list = certificates.store->list(certificates.keychain());
+    EXPECT_TRUE(list.status.isSuccess()) << list.status.text();
+    return std::ranges::find(list.items, label, &CertificateItem::label) != list.items.end();
   };
-  operation.verify = [&](Outcome outcome) {
-    EXPECT_TRUE(outcome != Outcome::succeeded || !labels().contains("first"));
-  };
-  failEveryCall(operation);
+  certificates.failEveryCall(
+      {
+          .enter =
+              [&](const std::string& folder) {
+                ::setenv("HOME", folder.c_str(), 1);
+                certificates.store = std::make_unique<CertificateStoreLinux>();
+              },
+          .run = [&] { return certificates.add(certificates.second, "second"); },
+          .verify =
+              [&](Outcome outcome) {
+                EXPECT_TRUE(has("first"));
+                EXPECT_TRUE(outcome != Outcome::succeeded || has("second"));
+              },
+          // What the library can do without, it does without; the certificate is there all the
+          // same.
+          .mayHide = [](const GatedCall&) { return true; },
+          .mayGiveUp = [](const GatedCall&) { return true; },
+          .mayRemain = [](const std::string& name) { return name.ends_with("-journal"); },
+          // The library's own initialisation is not meant.
+          .isSpared =
+              [](const GatedCall& call) {
+                return call.subject.find("nssdb/") == std::string::npos;
+              },
+      },
+      [&](Outcome outcome) { EXPECT_TRUE(outcome != Outcome::succeeded || !has("first")); });
 }
 
 /// With a tool of the test's own, which is quick; the real one is tried elsewhere.
 TEST(Faults, MachineCertificates) {
-  const TestCertificates certificates;
-  const SecCertificate first = certificates.authority("first", "/CN=first");
-  const SecCertificate second = certificates.authority("second", "/CN=second");
-  std::unique_ptr<CertificateStoreLinux> store;
+  Certificates certificates(SecPreferencesDomain::common);
   std::string root;
-  const auto keychain = [&] {
-    return store->searchList(SecPreferencesDomain::common).keychains.at(0);
-  };
   /// Whether it is in the list of the machine's programs.
   const auto isTrusted = [&](const SecCertificate& certificate) {
     const std::string list = readFile(root + "/etc/ssl/certs/ca-certificates.crt");
     return list.find(certificate.pem()) != std::string::npos;
   };
-  FaultyOperation operation{
-      .enter =
-          [&](const std::string& folder) {
-            root = folder;
-            fs::create_directories(root + "/etc/ssl/certs");
-            fs::create_directories(root + "/usr/local/share");
-            const std::string tool = root + "/tool";
-            if (!fs::exists(tool)) {
-              writeFile(tool, "#!/bin/sh\ncd '" + root +
-                                  "' && for file in usr/local/share/ca-certificates/*.crt; do\n"
-                                  "[ ! -f \"$file\" ] || cat \"$file\"; done >list.$$ || exit 1\n"
-                                  "exec mv list.$$ etc/ssl/certs/ca-certificates.crt\n");
-              ::chmod(tool.c_str(), 0755);
-            }
-            store = std::make_unique<CertificateStoreLinux>(root, tool);
-            warmUp();
-          },
-      .prepare = [&] { EXPECT_TRUE(store->add(first, "first", keychain()).isSuccess()); },
-      .run = [&] { return store->add(second, "second", keychain()).isSuccess(); },
-      .verify =
-          [&](Outcome outcome) {
-            EXPECT_TRUE(isTrusted(first));
-            if (outcome == Outcome::killed) return;
-            EXPECT_EQ(isTrusted(second), outcome == Outcome::succeeded);
-            for (const CertificateItem& item : store->list(keychain()).items) {
-              EXPECT_TRUE(isTrusted(item.certificate)) << "it is listed, and nobody trusts it";
-            }
-          },
-      .again =
-          [&] {
-            const auto number = store->add(second, "second", keychain()).number;
-            return number == errSecSuccess || number == errSecDuplicateItem;
-          },
-      .mayHide =
-          [](const GatedCall& call) {
-            return call.isOneOf({"flock", "stat", "mkdir", "unlink", "getdents"}) ||
-                   call.text().starts_with("read (pipe:");  // what the tool says
-          },
-      // Looking for what killed processes left; and a tool that can't be watched is killed.
-      .isTidying =
-          [](const GatedCall& call) {
-            return call.isOneOf({"pidfd_open"}) ||
-                   (call.name == "open" &&
-                    (call.subject.ends_with("/ca-certificates") || call.subject.ends_with("/.")));
-          },
-      .mayRemain = [](const std::string& name) { return name.starts_with("list."); },
-  };
-  failEveryCall(operation);
-
-  operation.run = [&] { return store->remove("first", keychain()).isSuccess(); };
-  operation.again = [&] {
-    const auto number = store->remove("first", keychain()).number;
-    return number == errSecSuccess || number == errSecItemNotFound;
-  };
-  operation.verify = [&](Outcome outcome) {
-    EXPECT_TRUE(outcome == Outcome::killed || isTrusted(first) == (outcome != Outcome::succeeded));
-  };
-  failEveryCall(operation);
+  certificates.failEveryCall(
+      {
+          .enter =
+              [&](const std::string& folder) {
+                root = folder;
+                fs::create_directories(root + "/etc/ssl/certs");
+                fs::create_directories(root + "/usr/local/share");
+                const std::string tool = root + "/tool";
+                if (!fs::exists(tool)) {
+                  writeFile(tool, "#!/bin/sh\ncd '" + root +
+                                      "' && for file in usr/local/share/ca-certificates/*.crt; do\n"
+                                      "[ ! -f \"$file\" ] || cat \"$file\"; done >list.$$ || exit "
+                                      "1\nexec mv list.$$ etc/ssl/certs/ca-certificates.crt\n");
+                  ::chmod(tool.c_str(), 0755);
+                }
+                certificates.store = std::make_unique<CertificateStoreLinux>(root, tool);
+                warmUp();
+              },
+          .run = [&] { return certificates.add(certificates.second, "second"); },
+          .verify =
+              [&](Outcome outcome) {
+                EXPECT_TRUE(isTrusted(certificates.first));
+                if (outcome == Outcome::killed) return;
+                EXPECT_EQ(isTrusted(certificates.second), outcome == Outcome::succeeded);
+                for (const auto& item : certificates.store->list(certificates.keychain()).items) {
+                  EXPECT_TRUE(isTrusted(item.certificate)) << "it is listed, and nobody trusts it";
+                }
+              },
+          .mayHide =
+              [](const GatedCall& call) {
+                return call.isOneOf({"flock", "stat", "mkdir", "unlink", "getdents"}) ||
+                       call.text().starts_with("read (pipe:");  // what the tool says
+              },
+          // Looking for what killed processes left; and a tool that can't be watched is killed.
+          .isTidying =
+              [](const GatedCall& call) {
+                return call.isOneOf({"pidfd_open"}) ||
+                       (call.name == "open" && (call.subject.ends_with("/ca-certificates") ||
+                                                call.subject.ends_with("/.")));
+              },
+          .mayRemain = [](const std::string& name) { return name.starts_with("list."); },
+      },
+      [&](Outcome outcome) {
+        EXPECT_TRUE(outcome == Outcome::killed ||
+                    isTrusted(certificates.first) == (outcome != Outcome::succeeded));
+      });
 }
 
 }  // namespace

@@ -204,20 +204,20 @@ TEST_F(DirectoryMonitorTest, MayBeStoppedStartedAndGivenUpByItsDelegate) {
   watched.monitor->stopMonitoring();
   settle();
   // The last reference goes while the delegate runs, here and on another thread.
-  std::promise<void> isIn;
-  std::promise<void> isGone;
+  std::latch isIn(1);
+  std::latch isGone(1);
   watched.delegate->action = [&](IDirectoryMonitor& monitor) {
-    isIn.set_value();
-    isGone.get_future().wait();
+    isIn.count_down();
+    isGone.wait();
     monitor.stopMonitoring();
   };
   ASSERT_TRUE(watched.monitor->startMonitoring());
   const std::weak_ptr<DirectoryMonitor> weak = watched.monitor;
   EXPECT_TRUE(watched.isTold([&] {
     touch(path);
-    isIn.get_future().wait();
+    isIn.wait();
     watched.monitor.reset();
-    isGone.set_value();
+    isGone.count_down();
   }));
   EXPECT_TRUE(eventually([&] { return weak.expired(); }));
 }

@@ -60,10 +60,10 @@ TEST(Mac, IsTheLastInterfacesAndSkipsThoseWithoutAParent) {
   const CapturedLog log;
   FakeRegistry registry;
   EXPECT_EQ(SystemInfo::readMac(registry), std::nullopt);
-  std::vector<EthernetInterface> found{{.address = Bytes{0, 1, 2, 3, 4, 5}},
+  std::vector<EthernetInterface> found{{.address = Bytes{0, 1, 0x0F, 0xA0, 4, 5}},
                                        {.status = -536870208}};
   registry.interfaces = found;
-  EXPECT_EQ(SystemInfo::readMac(registry), "000102030405");
+  EXPECT_EQ(SystemInfo::readMac(registry), "00010fa00405");
   EXPECT_THAT(log.texts(), ElementsAre("E: (SystemInfo: GetMACAddress(_:)) "
                                        "IORegistryEntryGetParentEntry returned -536870208"));
   found.push_back({.address = Bytes{0xAB, 0xFF}});

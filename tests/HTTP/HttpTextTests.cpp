@@ -32,11 +32,6 @@ TEST(UrlQuery, EscapesItemsInOrderAndKeepsMissingValues) {
   EXPECT_EQ(escapedQueryItems({{"b ", "1/2"}, {"a", std::nullopt}, {"a", ""}}), escaped);
 }
 
-TEST(HexText, GivesTwoLowerCaseDigitsForEachByte) {
-  EXPECT_EQ(hexText(std::string("\0\x0F\xA0\xFF", 4)), "000fa0ff");
-  EXPECT_EQ(hexText(""), "");
-}
-
 TEST(HttpHeaders, FindAndReplaceNamesInAnyCase) {
   HTTPHeaders headers{{"Accept", "a"}, {"X", "1"}, {"ACCEPT", "b"}};
   EXPECT_EQ(headers.value("accept"), "a");

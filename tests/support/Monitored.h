@@ -6,7 +6,6 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
-#include <future>
 #include <memory>
 #include <string>
 #include <vector>

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <xcb/xcb.h>
 #include <xcb/xcb_ewmh.h>
@@ -25,20 +26,15 @@ namespace velum::test {
 class XServer {
  public:
   XServer() {
-    Pipe number;
+    const UniqueFd number(
+        ::open((folder_ / "number").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     server_ = std::make_unique<Daemon>(
         std::vector<std::string>{"Xvfb", "-displayfd", "1", "-screen", "0", "640x480x24",
                                  "-nolisten", "tcp", "-noreset"},
-        "", number.writer.get());
-    number.writer.reset();
+        "", number.get());
     std::string text;
-    while (text.find('\n') == std::string::npos && isReadable(number.reader.get())) {
-      std::array<char, 16> buffer{};
-      const ssize_t size = ::read(number.reader.get(), buffer.data(), buffer.size());
-      if (size <= 0) break;
-      text.append(buffer.data(), static_cast<std::size_t>(size));
-    }
-    EXPECT_TRUE(text.ends_with('\n')) << "no X server";
+    EXPECT_TRUE(eventually([&] { return (text = readFile(folder_ / "number")).ends_with('\n'); }))
+        << "no X server";
     variable_.emplace("DISPLAY", ':' + text.substr(0, text.find('\n')));
   }
   XServer(const XServer&) = delete;
@@ -54,6 +50,7 @@ class XServer {
   void signal(int number) const { server_->signal(number); }
 
  private:
+  TemporaryFolder folder_;
   std::unique_ptr<Daemon> server_;
   std::optional<ScopedVariable> variable_;
 };

@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>

@@ -7,9 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string>
 #include <thread>

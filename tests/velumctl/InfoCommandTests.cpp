@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-#include <string>
 
 #include "Velum/SystemInfo.h"
 #include "Velum/Telemetry.h"

@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <string>
-#include <utility>
 
 #include "tests/support/TemporaryFolder.h"
 #include "tests/velumctl/VelumctlTest.h"

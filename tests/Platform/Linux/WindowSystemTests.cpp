@@ -1,7 +1,6 @@
 #include "Velum/Platform/WindowSystem.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <tuple>

@@ -31,7 +31,7 @@ class IPCDarwinMessageTest : public ::testing::Test {
  protected:
   IPCDarwinMessageTest() { ::setenv("XDG_RUNTIME_DIR", folder.path().c_str(), 1); }
 
-  void inProcess(const std::function<void()>& body) const {
+  static void inProcess(const std::function<void()>& body) {
     test::inChild([&] {
       install();
       body();

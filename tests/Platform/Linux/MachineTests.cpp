@@ -45,7 +45,7 @@ class LinuxMachine : public testing::Test {
   }
   /// Each route is "interface destination flags metric mask".
   void writeRoutes(const std::vector<std::string>& routes) const {
-    static const std::regex words("(\\S+) (\\S+) (\\S+) (\\S+) (\\S+)");
+    static const std::regex words(R"((\S+) (\S+) (\S+) (\S+) (\S+))");
     std::string table = "Iface\tDestination\tGateway\tFlags\tRefCnt\tUse\tMetric\tMask\n";
     for (const std::string& route : routes) {
       table += std::regex_replace(route, words, "$1\t$2\t010200C0\t$3\t0\t0\t$4\t$5\t0\t0\t0\n");

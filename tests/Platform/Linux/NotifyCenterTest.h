@@ -41,10 +41,9 @@ class NotifyCenterTest : public ::testing::Test {
     notify.make();
     for (std::size_t group = 0; group < NotifyFolder::groups; ++group) notify.makeGroup(group);
   }
-  // Another name, of the same group.
-  static std::string neighbourOf(std::string_view name) {
+  // Another name, of the same group: a number, the first from `number` on.
+  static std::string neighbourOf(std::string_view name, int number = 0) {
     const std::size_t group = NotifyFolder::groupOf(NotifyFolder::fileName(name));
-    int number = 0;
     while (NotifyFolder::groupOf(NotifyFolder::fileName(std::to_string(number))) != group) ++number;
     return std::to_string(number);
   }

@@ -209,6 +209,15 @@ TEST_F(Windows, AreActivatedWithTheTimeOfTheUsersLastEvent) {
   client_.setUserTime(id, serverTime + 200);
   message = activate();
   EXPECT_EQ(message.data.data32[1], serverTime + 200) << "none while it was prohibited";
+
+  const xcb_window_t late = client_.create({.title = "Late"});
+  const auto hidden = window(late);
+  onMain([&] {
+    WindowSystem::shared().willShow(*hidden);
+    WindowSystem::shared().activateIgnoringOtherApps();
+  });
+  client_.map(late);
+  EXPECT_EQ(watcher.waitForMessage(client_.atoms()._NET_ACTIVE_WINDOW).window, late);
 }
 
 TEST_F(Windows, AreSeenByAForkedChildAndStillByItsParent) {

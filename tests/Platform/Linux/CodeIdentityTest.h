@@ -13,8 +13,8 @@
 #include "Velum/Platform/Linux/CodeIdentity/PinnedProgram.h"
 #include "tests/support/CodeSigning.h"
 #include "tests/support/Processes.h"
+#include "tests/support/RunningProgram.h"
 #include "tests/support/TemporaryFolder.h"
-#include "tests/velumctl/RunningProgram.h"
 
 namespace velum::test {
 

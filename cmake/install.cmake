@@ -37,7 +37,8 @@ set(headers_of_Sealing StorageError)
 foreach(folder . Base Concurrency Files HTTP Logger Logger/Handlers Platform PropertyList
     Sealing)
   list(TRANSFORM headers_of_${folder} REPLACE ".+" "Velum/${folder}/\\0.h" OUTPUT_VARIABLE paths)
-  install(FILES ${paths} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Velum/${folder})
+  cmake_path(SET destination NORMALIZE ${CMAKE_INSTALL_INCLUDEDIR}/Velum/${folder})
+  install(FILES ${paths} DESTINATION ${destination})
 endforeach()
 
 # Below lib whatever the libraries' folder is called: there systemd-tmpfiles looks.
